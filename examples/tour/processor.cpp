@@ -1,0 +1,5 @@
+#include <cstdio>
+
+#include "sections.h"
+
+void tour::show_processor() { std::printf("\nProcessor\n"); }

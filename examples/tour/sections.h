@@ -1,0 +1,8 @@
+// The sections of the tour, in the order in which it shows them.
+#pragma once
+
+namespace tour {
+
+void show_processor();
+
+}  // namespace tour

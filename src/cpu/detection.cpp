@@ -1,0 +1,163 @@
+#include "cpu/detection.h"
+
+#include <cstdlib>
+
+#include "cpu/isa_names.h"
+
+ksomd::FeatureSet __orvex_cpu_feature_indicator;
+ksomd::FeatureSet __orvex_vendor_feature_indicator;
+
+namespace ksomd {
+namespace {
+
+constexpr std::uint32_t bit(unsigned number) {
+  return 1u << number;
+}
+
+constexpr bool all_of(std::uint32_t value, std::uint32_t mask) {
+  return (value & mask) == mask;
+}
+
+// XCR0 bits: the register states that the system preserves.
+constexpr std::uint32_t ymm_state = bit(1) | bit(2);
+constexpr std::uint32_t bound_state = bit(3) | bit(4);
+constexpr std::uint32_t zmm_state = bit(5) | bit(6) | bit(7);
+constexpr std::uint32_t tile_state = bit(17) | bit(18);
+constexpr std::uint32_t apx_state = bit(19);
+
+// The CPUID leaves that report features, each read once, and the conditions that hold.
+class Snapshot {
+ public:
+  explicit Snapshot(const Processor& processor);
+
+  bool reports(const Report& report) const {
+    return (reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum &&
+           holds(report.condition);
+  }
+
+ private:
+  std::uint32_t reg(Leaf leaf, Register reg) const;
+  bool holds(Condition condition) const {
+    return all_of(conditions_, bit(static_cast<unsigned>(condition)));
+  }
+  void set(Condition condition, bool holds) {
+    conditions_ |= holds ? bit(static_cast<unsigned>(condition)) : 0;
+  }
+  void read(const Processor& processor, Leaf leaf, std::uint32_t number, std::uint32_t subleaf) {
+    leaves_[static_cast<int>(leaf)] = processor.leaf(number, subleaf);
+  }
+
+  CpuidResult leaves_[leaf_count] = {};  // a leaf that may not be read stays 0: it reports nothing
+  std::uint32_t conditions_ = 0;
+};
+
+Snapshot::Snapshot(const Processor& processor) {
+  read(processor, Leaf::Basic1, 1, 0);
+  read(processor, Leaf::Basic7, 7, 0);
+  read(processor, Leaf::Basic7Sub1, 7, 1);
+  read(processor, Leaf::Extended1, 0x80000001, 0);
+  read(processor, Leaf::Extended8, 0x80000008, 0);
+  read(processor, Leaf::Trace14, 0x14, 0);
+
+  const bool xgetbv_enabled = all_of(reg(Leaf::Basic1, Register::Ecx), bit(27));
+  const std::uint32_t xcr0 = xgetbv_enabled ? processor.xcr0(processor.self) : 0;
+  const bool ymm = all_of(xcr0, ymm_state);
+  const bool tmm = all_of(xcr0, tile_state);
+  set(Condition::None, true);
+  set(Condition::Fxsave, all_of(reg(Leaf::Basic1, Register::Edx), bit(24)));
+  set(Condition::Ymm, ymm);
+  set(Condition::Zmm, ymm && all_of(xcr0, zmm_state));
+  set(Condition::Tmm, tmm);
+  set(Condition::BoundRegisters, ymm && all_of(xcr0, bound_state));
+  set(Condition::Avx, ymm && all_of(reg(Leaf::Basic1, Register::Ecx), bit(28)));
+  set(Condition::Avx2, ymm && all_of(reg(Leaf::Basic7, Register::Ebx), bit(5)));
+  set(Condition::AmxTile, tmm && all_of(reg(Leaf::Basic7, Register::Edx), bit(24)));
+  set(Condition::KeyLocker, all_of(reg(Leaf::Basic7, Register::Ecx), bit(23)));
+  set(Condition::Avx10, all_of(reg(Leaf::Basic7Sub1, Register::Edx), bit(19)));
+  set(Condition::Apx, all_of(xcr0, apx_state));
+
+  if (holds(Condition::KeyLocker)) {
+    read(processor, Leaf::KeyLocker19, 0x19, 0);
+  }
+  if (holds(Condition::AmxTile)) {
+    read(processor, Leaf::Tile1E, 0x1E, 1);
+  }
+  if (holds(Condition::Avx10)) {
+    read(processor, Leaf::Avx10_24, 0x24, 0);
+  }
+}
+
+std::uint32_t Snapshot::reg(Leaf leaf, Register reg) const {
+  const CpuidResult& result = leaves_[static_cast<int>(leaf)];
+  switch (reg) {
+    case Register::Eax:
+      return result.eax;
+    case Register::Ebx:
+      return result.ebx;
+    case Register::Ecx:
+      return result.ecx;
+    case Register::Edx:
+      return result.edx;
+  }
+  __builtin_unreachable();
+}
+
+// Adds what the processor reports to the set; 0, or the first failure to add a feature.
+int add_reported_features(const Processor& processor, FeatureSet& features) {
+  const Snapshot snapshot(processor);
+  for (int id = 1; id < isa_id_count; ++id) {
+    const Report& report = feature_table::rows[id].report;
+    if (report.reported == Reported::ByCpuid && snapshot.reports(report)) {
+      if (const int status = __orvex_set_feature(features, id); status != 0) {
+        return status;
+      }
+    }
+  }
+  return 0;
+}
+
+// Readers look at word 0 first: it goes last.
+void publish(FeatureSet& set, const FeatureSet& features) {
+  __atomic_store_n(&set[1], features[1], __ATOMIC_RELEASE);
+  __atomic_store_n(&set[0], features[0], __ATOMIC_RELEASE);
+}
+
+}  // namespace
+
+Detection detect_features(const Processor& processor, const char* disabled_names,
+                          bool check_vendor) {
+  constexpr int generic_id = 1;
+  Detection detection{0, check_vendor ? Publish::Both : Publish::General, {}};
+  detection.status = __orvex_set_feature(detection.features, generic_id);
+  if (detection.status != 0 || processor.leaf(0).eax == 0) {
+    return detection;
+  }
+  if (check_vendor && !processor.vendor_is(genuine_vendor)) {
+    detection.publish = Publish::GateOnly;
+    return detection;
+  }
+  detection.status = add_reported_features(processor, detection.features);
+
+  FeatureSet disabled = {};
+  add_disabled_features(disabled_names, disabled);
+  detection.features[0] &= ~disabled[0];
+  detection.features[1] &= ~disabled[1];
+  return detection;
+}
+
+}  // namespace ksomd
+
+int __orvex_cpu_features_detect(int check_vendor) {
+  const ksomd::Detection detection = ksomd::detect_features(
+      ksomd::hardware_processor, std::getenv("ORVEX_ISA_DISABLE"), check_vendor != 0);
+  if (detection.status != 0) {
+    return detection.status;
+  }
+  if (detection.publish != ksomd::Publish::General) {
+    ksomd::publish(__orvex_vendor_feature_indicator, detection.features);
+  }
+  if (detection.publish != ksomd::Publish::GateOnly) {
+    ksomd::publish(__orvex_cpu_feature_indicator, detection.features);
+  }
+  return 0;
+}

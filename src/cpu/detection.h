@@ -1,0 +1,28 @@
+// Detection of the processor's features, as a function of the processor.
+#pragma once
+
+#include "cpu/feature_set.h"
+#include "cpu/processor.h"
+
+namespace ksomd {
+
+// Where a detection's result belongs.
+enum class Publish {
+  General,   // the general set
+  Both,      // the vendor-gated set, then the general one
+  GateOnly,  // the vendor-gated set: the processor is another vendor's
+};
+
+struct Detection {
+  int status;  // 0, or what __orvex_set_feature found wrong; then nothing is to be published
+  Publish publish;
+  FeatureSet features;
+};
+
+// Detects the features of `processor`, less those that `disabled_names` (the value of the disable
+// variable, or null) names. With `check_vendor`, a processor whose vendor string is not
+// "GenuineOrvex" has bit 0 alone.
+Detection detect_features(const Processor& processor, const char* disabled_names,
+                          bool check_vendor);
+
+}  // namespace ksomd

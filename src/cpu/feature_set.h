@@ -1,0 +1,57 @@
+// A set of processor features, and the two process-wide ones.
+#pragma once
+
+#include <cstdint>
+
+namespace ksomd {
+
+// 128 bits: bit b lies in word b / 64 at position b mod 64.
+using FeatureSet = std::uint64_t[2];
+
+}  // namespace ksomd
+
+extern "C" {
+
+// The features of this processor, whatever its vendor. Both words are 0 until the first detection;
+// word 0 is never 0 after it, since bit 0 is always set. Word 1 is published before word 0.
+[[gnu::visibility("hidden")]] extern ksomd::FeatureSet __orvex_cpu_feature_indicator;
+
+// The same on a "GenuineOrvex" processor, bit 0 alone on any other. Only the feature start-up
+// check reads it.
+[[gnu::visibility("hidden")]] extern ksomd::FeatureSet __orvex_vendor_feature_indicator;
+
+// Fill the general set; fill both sets, the general one only if the vendor is "GenuineOrvex".
+// Result 0; anything else: the name table and the detection disagree, and nothing was stored.
+// Both leave every argument and scratch register as they found it, vector and mask registers at
+// their full width included; only the result register and the flags change.
+int __orvex_cpu_features_init(void);
+int __orvex_cpu_features_init_vendor(void);
+
+// Detection itself, in the ordinary calling convention.
+int __orvex_cpu_features_detect(int check_vendor);
+
+}  // extern "C"
+
+namespace ksomd {
+
+inline std::uint64_t load_feature_word(const std::uint64_t& word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+
+// Word 0 of the general set, filled first if nobody has. Every dispatching routine reads the set
+// this way: one load and one compare once it is filled.
+inline std::uint64_t feature_word() {
+  std::uint64_t word = load_feature_word(__orvex_cpu_feature_indicator[0]);
+  while (word == 0) [[unlikely]] {
+    __orvex_cpu_features_init();
+    word = load_feature_word(__orvex_cpu_feature_indicator[0]);
+  }
+  return word;
+}
+
+// Whether every feature of `mask`, a mask of word 0, is present.
+inline bool has_features(std::uint64_t mask) {
+  return (feature_word() & mask) == mask;
+}
+
+}  // namespace ksomd

@@ -1,0 +1,169 @@
+// The two entries that fill the feature sets. Dispatching code calls them in the middle of
+// forwarding its caller's arguments, so they keep every argument and scratch register: the
+// general ones on the stack, the vector and mask registers at full width in an XSAVE image, or
+// in an FXSAVE image where the system does not enable XSAVE.
+//
+//   rbp ->  saved registers, the return address above them
+//   rbp-8   components saved by XSAVE; 0: FXSAVE
+//           (alignment)
+//           register image, aligned to 64
+//   rsp ->  64 bytes: outgoing stack arguments of the call
+
+// x87, SSE, AVX, mask registers, both parts of the 512-bit state, and the APX registers: what a
+// called C routine may change. The tile state is left out: nothing below touches it, and its
+// image alone is 8 KiB.
+#define PRESERVED_COMPONENTS 0x800E7
+#define LAST_COMPONENT 19
+#define LEGACY_IMAGE_SIZE 576   // legacy region and XSAVE header
+#define XSAVE_HEADER 512
+#define PAGE_SIZE 4096
+
+#ifdef _WIN32
+#define FIRST_ARGUMENT ecx
+#else
+#define FIRST_ARGUMENT edi
+#endif
+
+        .intel_syntax noprefix
+        .text
+
+.macro save_callee_saved register
+        push \register
+#ifdef _WIN32
+        .seh_pushreg \register
+#else
+        .cfi_adjust_cfa_offset 8
+        .cfi_rel_offset \register, 0
+#endif
+.endm
+
+.macro save_scratch register
+        push \register
+#ifdef _WIN32
+        .seh_stackalloc 8
+#else
+        .cfi_adjust_cfa_offset 8
+#endif
+.endm
+
+.macro fill_entry name, check_vendor
+        .globl \name
+        .p2align 4
+#ifdef _WIN32
+        .def \name
+        .scl 2
+        .type 32
+        .endef
+        .seh_proc \name
+#else
+        .hidden \name
+        .type \name, @function
+#endif
+\name:
+#ifndef _WIN32
+        .cfi_startproc
+#endif
+        save_callee_saved rbp
+        save_callee_saved rbx
+        save_callee_saved rsi
+        save_callee_saved rdi
+        save_scratch rcx
+        save_scratch rdx
+        save_scratch r8
+        save_scratch r9
+        save_scratch r10
+        save_scratch r11
+        mov rbp, rsp
+#ifdef _WIN32
+        .seh_setframe rbp, 0
+        .seh_endprologue
+#else
+        .cfi_def_cfa_register rbp
+#endif
+        // esi: the components to save; edi: the size of the image that holds them
+        mov eax, 1
+        cpuid
+        xor esi, esi
+        mov edi, LEGACY_IMAGE_SIZE
+        bt ecx, 27
+        jnc 3f
+        xor ecx, ecx
+        xgetbv
+        mov esi, eax
+        and esi, PRESERVED_COMPONENTS
+        mov r8d, 2
+1:      bt esi, r8d
+        jnc 2f
+        mov eax, 0xD
+        mov ecx, r8d
+        cpuid
+        add eax, ebx
+        cmp edi, eax
+        cmovb edi, eax
+2:      inc r8d
+        cmp r8d, LAST_COMPONENT
+        jbe 1b
+3:      push rsi
+        // Touch the stack page by page on the way down, as its growth wants it.
+4:      cmp edi, PAGE_SIZE
+        jb 5f
+        sub rsp, PAGE_SIZE
+        or qword ptr [rsp], 0
+        sub edi, PAGE_SIZE
+        jmp 4b
+5:      sub rsp, rdi
+        and rsp, -64
+        sub rsp, 64
+
+        test esi, esi
+        jz 6f
+        xor edx, edx
+        .irp offset, 0, 8, 16, 24, 32, 40, 48, 56
+        mov qword ptr [rsp + 64 + XSAVE_HEADER + \offset], rdx
+        .endr
+        mov eax, esi
+        xsave64 [rsp + 64]
+        jmp 7f
+6:      fxsave64 [rsp + 64]
+
+7:      mov FIRST_ARGUMENT, \check_vendor
+        call __orvex_cpu_features_detect
+        mov ebx, eax
+
+        mov eax, dword ptr [rbp - 8]
+        test eax, eax
+        jz 8f
+        xor edx, edx
+        xrstor64 [rsp + 64]
+        jmp 9f
+8:      fxrstor64 [rsp + 64]
+
+9:      mov eax, ebx
+        mov rsp, rbp
+        pop r11
+        pop r10
+        pop r9
+        pop r8
+        pop rdx
+        pop rcx
+        pop rdi
+        pop rsi
+        pop rbx
+        pop rbp
+#ifdef _WIN32
+        ret
+        .seh_endproc
+#else
+        .cfi_def_cfa rsp, 8
+        ret
+        .cfi_endproc
+        .size \name, . - \name
+#endif
+.endm
+
+        fill_entry __orvex_cpu_features_init, 0
+        fill_entry __orvex_cpu_features_init_vendor, 1
+
+#ifndef _WIN32
+        .section .note.GNU-stack, "", @progbits
+#endif

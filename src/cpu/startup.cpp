@@ -1,0 +1,297 @@
+#include "cpu/startup.h"
+
+#include <immintrin.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "cpu/feature_table.h"
+#include "cpu/fp_mode.h"
+#include "cpu/isa_names.h"
+#include "ksomd/processor.h"
+#include "msg/messages.h"
+
+namespace ksomd {
+namespace {
+
+struct HardwareMxcsr {
+  static std::uint32_t read() { return _mm_getcsr(); }
+  static void write(std::uint32_t value) { _mm_setcsr(value); }
+  static std::uint32_t supported() {
+    alignas(16) std::uint32_t image[128] = {};
+    _fxsave64(image);
+    constexpr int mxcsr_mask = 28 / 4;
+    return image[mxcsr_mask];
+  }
+};
+
+using Report = void (*)(std::uint32_t message);
+
+// A processor level: the features of word 0 that it requires, what it guarantees of MXCSR, and how
+// a processor below it is reported. A level without a report lets such a processor pass.
+struct Level {
+  std::uint64_t required;
+  Guarantees known;
+  Report report;
+  std::uint32_t message;
+};
+
+constexpr Guarantees daz = KSOMD_DENORMALS_ARE_ZERO;
+constexpr Guarantees daz_17 = KSOMD_DENORMALS_ARE_ZERO | KSOMD_MXCSR_BIT_17;
+constexpr Report processor_report = __libkso_fatal_processor;
+constexpr Report system_report = __libkso_fatal_system;
+
+constexpr std::uint64_t set_none = feature_mask("X87", "CMOV", "MMX", "SSE");
+constexpr std::uint64_t set_B = set_none | feature_mask("SSE2");
+constexpr std::uint64_t set_P = set_B | feature_mask("SSE3");
+constexpr std::uint64_t set_T = set_P | feature_mask("SSSE3");
+constexpr std::uint64_t set_S = set_T | feature_mask("SSE4_1");
+constexpr std::uint64_t set_H = set_S | feature_mask("SSE4_2", "POPCNT");
+constexpr std::uint64_t set_G = set_H | feature_mask("AVX");
+constexpr std::uint64_t set_I = set_G | feature_mask("F16C");
+
+constexpr Level level_none{set_none, 0, nullptr, 0};
+constexpr Level level_B{set_B, daz, processor_report, 44};
+constexpr Level level_N{set_B, daz, processor_report, 45};
+constexpr Level level_P{set_P, daz, processor_report, 43};
+constexpr Level level_T{set_T, daz, processor_report, 42};
+constexpr Level level_L{set_T | feature_mask("MOVBE"), daz, processor_report, 48};
+constexpr Level level_S{set_S, daz, processor_report, 46};
+constexpr Level level_H{set_H, daz_17, processor_report, 47};
+constexpr Level level_G{set_G, daz_17, system_report, 50};
+constexpr Level level_I{set_I, daz_17, system_report, 51};
+constexpr Level level_E{set_I | feature_mask("MOVBE", "FMA", "BMI", "LZCNT", "AVX2"), daz_17,
+                        system_report, 52};
+
+constexpr std::uint32_t default_flags = KSOMD_FLUSH_TO_ZERO | KSOMD_DENORMALS_ARE_ZERO;
+
+void verify(const Level& level, std::uint32_t flags) {
+  if (has_features(level.required)) {
+    __orvex_set_fp_mode(level.known, flags);
+  } else if (level.report != nullptr) {
+    level.report(level.message);
+  }
+}
+
+[[noreturn]] void report(const Level& level) {
+  level.report(level.message);
+  __builtin_unreachable();
+}
+
+// Text that grows in a buffer of fixed size; the caller keeps within it.
+class List {
+ public:
+  explicit List(char* text) : end_(text), start_(text) { *end_ = '\0'; }
+  std::size_t length() const { return static_cast<std::size_t>(end_ - start_); }
+  void append(const char* text) {
+    const std::size_t length = std::strlen(text);
+    std::memcpy(end_, text, length + 1);
+    end_ += length;
+  }
+
+ private:
+  char* end_;
+  char* start_;
+};
+
+// One message between two empty lines, then the end of the process.
+[[noreturn]] void fail_check(std::uint32_t message, const char* argument = nullptr) {
+  __libkso_print(1, 0, 0);
+  __libkso_print(1, message, argument == nullptr ? 0 : 1, argument);
+  __libkso_print(1, 0, 0);
+  std::exit(1);
+}
+
+}  // namespace
+
+bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[feature_list_size]) {
+  constexpr const char* separator = ", ";
+  List text(list);
+  const char* pending = nullptr;
+  for (std::int32_t id = 1; id < isa_id_count; ++id) {
+    if (__orvex_test_feature(missing, id) != 1) {
+      continue;
+    }
+    const char* name = __orvex_feature_name(id);
+    if (name == nullptr || *name == '\0') {
+      return false;
+    }
+    if (text.length() == 0) {
+      text.append(name);
+      continue;
+    }
+    if (pending != nullptr) {
+      // There must still be room for the joiner and this name, should it turn out to be the last.
+      const std::size_t closed = text.length() + std::strlen(separator) + std::strlen(pending) +
+                                 std::strlen(joiner) + std::strlen(name);
+      if (closed > feature_list_size - 1) {
+        break;
+      }
+      text.append(separator);
+      text.append(pending);
+    }
+    pending = name;
+  }
+  if (pending != nullptr) {
+    text.append(joiner);
+    text.append(pending);
+  }
+  return true;
+}
+
+FeatureVerdict judge_features(const FeatureSet& vendor_set, std::int32_t index, std::uint64_t mask,
+                              const char* joiner, char (&list)[feature_list_size]) {
+  constexpr std::uint64_t generic_alone = feature_mask("GENERIC_QX32");
+  if (index == 0) {
+    mask &= ~feature_mask("SHSTK");
+  }
+  if (load_feature_word(vendor_set[0]) == generic_alone) {
+    return FeatureVerdict::OtherVendor;
+  }
+  if (index != 0 && index != 1) {
+    return FeatureVerdict::BadIndex;
+  }
+  FeatureSet missing = {};
+  missing[index] = mask & ~load_feature_word(vendor_set[index]);
+  if (missing[index] == 0) {
+    return FeatureVerdict::Present;
+  }
+  if (!list_features(missing, joiner, list) || *list == '\0') {
+    return FeatureVerdict::Unnamed;
+  }
+  return FeatureVerdict::Missing;
+}
+
+}  // namespace ksomd
+
+using namespace ksomd;
+
+void __orvex_set_fp_mode(Guarantees known, std::uint32_t flags) {
+  set_fp_mode(HardwareMxcsr{}, known, flags);
+}
+
+void __orvex_new_feature_proc_init_n(std::int32_t index, std::uint64_t mask) {
+  if (load_feature_word(__orvex_vendor_feature_indicator[0]) == 0 &&
+      (__orvex_cpu_features_init_vendor() != 0 ||
+       load_feature_word(__orvex_vendor_feature_indicator[0]) == 0)) {
+    fail_check(59);
+  }
+  char list[feature_list_size];
+  switch (judge_features(__orvex_vendor_feature_indicator, index, mask, __libkso_format_msg(57, 0),
+                         list)) {
+    case FeatureVerdict::Present:
+      return;
+    case FeatureVerdict::OtherVendor:
+      fail_check(62);
+    case FeatureVerdict::BadIndex:
+    case FeatureVerdict::Unnamed:
+      fail_check(58);
+    case FeatureVerdict::Missing:
+      fail_check(56, list);
+  }
+}
+
+void __orvex_new_feature_proc_init(std::int32_t flags, std::uint64_t mask) {
+  __orvex_new_feature_proc_init_n(0, mask);
+  if ((load_feature_word(__orvex_vendor_feature_indicator[0]) & feature_mask("SSE")) != 0) {
+    __orvex_set_fp_mode(0, static_cast<std::uint32_t>(flags));
+  }
+}
+
+void __orvex_proc_init() {
+  verify(level_none, default_flags);
+}
+void __orvex_proc_init_B() {
+  verify(level_B, default_flags);
+}
+void __orvex_proc_init_N() {
+  verify(level_N, default_flags);
+}
+void __orvex_proc_init_P() {
+  verify(level_P, default_flags);
+}
+void __orvex_proc_init_T() {
+  verify(level_T, default_flags);
+}
+
+void __orvex_new_proc_init(std::uint32_t flags) {
+  verify(level_none, flags);
+}
+void __orvex_new_proc_init_B(std::uint32_t flags) {
+  verify(level_B, flags);
+}
+void __orvex_new_proc_init_N(std::uint32_t flags) {
+  verify(level_N, flags);
+}
+void __orvex_new_proc_init_P(std::uint32_t flags) {
+  verify(level_P, flags);
+}
+void __orvex_new_proc_init_T(std::uint32_t flags) {
+  verify(level_T, flags);
+}
+void __orvex_new_proc_init_L(std::uint32_t flags) {
+  verify(level_L, flags);
+}
+void __orvex_new_proc_init_S(std::uint32_t flags) {
+  verify(level_S, flags);
+}
+void __orvex_new_proc_init_H(std::uint32_t flags) {
+  verify(level_H, flags);
+}
+void __orvex_new_proc_init_G(std::uint32_t flags) {
+  verify(level_G, flags);
+}
+void __orvex_new_proc_init_I(std::uint32_t flags) {
+  verify(level_I, flags);
+}
+void __orvex_new_proc_init_E(std::uint32_t flags) {
+  verify(level_E, flags);
+}
+
+void __orvex_report_B() {
+  report(level_B);
+}
+void __orvex_report_N() {
+  report(level_N);
+}
+void __orvex_report_P() {
+  report(level_P);
+}
+void __orvex_report_T() {
+  report(level_T);
+}
+void __orvex_report_L() {
+  report(level_L);
+}
+void __orvex_report_S() {
+  report(level_S);
+}
+void __orvex_report_H() {
+  report(level_H);
+}
+void __orvex_report_G() {
+  report(level_G);
+}
+void __orvex_report_I() {
+  report(level_I);
+}
+void __orvex_report_E() {
+  report(level_E);
+}
+void __orvex_report_none() {}
+
+void __orvex_fp_mode_default() {
+  __orvex_set_fp_mode(0, default_flags);
+}
+void __orvex_fp_mode_default_daz() {
+  __orvex_set_fp_mode(daz, default_flags);
+}
+void __orvex_fp_mode(std::uint32_t flags) {
+  __orvex_set_fp_mode(0, flags);
+}
+void __orvex_fp_mode_daz(std::uint32_t flags) {
+  __orvex_set_fp_mode(daz, flags);
+}
+void __orvex_fp_mode_daz_17(std::uint32_t flags) {
+  __orvex_set_fp_mode(daz_17, flags);
+}

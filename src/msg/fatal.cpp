@@ -1,0 +1,29 @@
+#include <cstdlib>
+
+#include "ksomd/processor.h"
+#include "msg/messages.h"
+
+void __libkso_fatal_processor(std::uint32_t desc) {
+  // A copy of its own: printing uses the message buffers again.
+  char description[ksomd::message_size];
+  __libkso_print(1, 0, 0);
+  __libkso_print(1, 23, 0);
+  ksomd::copy_message(description, __libkso_format_msg(desc, 0));
+  __libkso_print(1, 24, 1, description);
+  __libkso_print(1, 0, 0);
+  std::exit(1);
+}
+
+void __libkso_fatal_system(std::uint32_t advice) {
+  __libkso_print(1, 0, 0);
+  __libkso_print(1, 49, 0);
+  __libkso_print(1, advice, 0);
+  __libkso_print(1, 0, 0);
+  std::exit(1);
+}
+
+void __orvex_cpu_dispatch_fail() {
+  for (;;) {
+    __asm__ volatile("int3");
+  }
+}

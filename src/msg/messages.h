@@ -1,0 +1,54 @@
+// Numbered messages: the texts, their translation by a catalogue, and the output of the library.
+// All of it goes to standard output. Nothing here is meant for concurrent use: each routine that
+// returns or writes a formatted text has one static buffer of its own.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace ksomd {
+
+inline constexpr std::uint32_t message_count = 63;
+
+// Size of a message buffer: texts are cut to one character less.
+inline constexpr std::size_t message_size = 512;
+
+// The catalogue's text of message n in its static buffer; null without a catalogue or such a text.
+// The first call looks for the catalogue, "kso_msg.dll" in a directory named by the decimal number
+// of the thread's locale; no other call does.
+const char* catalogue_text(std::uint32_t n);
+
+// Copies a text, cut to the buffer's size.
+void copy_message(char (&buffer)[message_size], const char* text);
+
+}  // namespace ksomd
+
+extern "C" {
+
+// Text of message n, from the catalogue if it has one, else the default; "" for n = 0. Valid until
+// the next call.
+const char* __libkso_get_msg(std::uint32_t n);
+
+// The text itself if nargs < 1, its directives untouched; else the text as a printf format applied
+// to the arguments, cut to 511 characters. Valid until the next call.
+const char* __libkso_format_msg(std::uint32_t n, std::int32_t nargs, ...);
+
+// Writes message n, formatted as above, and a line feed; a line feed alone for n = 0. The class of
+// the message is part of every call and changes nothing.
+void __libkso_print(std::int32_t cls, std::uint32_t n, std::int32_t nargs, ...);
+
+// printf to standard output.
+void __libkso_printf(const char* format, ...);
+
+// sprintf: the number of characters written, or -1 if formatting fails.
+std::int32_t __libkso_sprintf(char* buffer, const char* format, ...);
+
+// The program was not built for this processor; `desc` is the message that names the processors it
+// was built for. Ends the process with status 1.
+[[noreturn]] void __libkso_fatal_processor(std::uint32_t desc);
+
+// The processor or the system lacks what the program needs; `advice` is the message that says what.
+// Ends the process with status 1.
+[[noreturn]] void __libkso_fatal_system(std::uint32_t advice);
+
+}  // extern "C"

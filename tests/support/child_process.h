@@ -1,0 +1,56 @@
+// Parts of a test that end the process, or want a fresh one: run as a child of the test program.
+//
+//   KSOMD_CHILD(report) { __libkso_fatal_system(50); return 0; }
+//   TEST(Report, Text) { EXPECT_EQ(run_child("report").output, text_mode("...\n")); }
+#pragma once
+
+#include <ostream>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ksomd::test {
+
+using Arguments = std::vector<std::string>;
+using ChildFunction = int (*)(const Arguments&);
+
+// Registers a function that a child process can run; its result is the exit status.
+struct ChildRegistration {
+  ChildRegistration(const char* name, ChildFunction function);
+};
+
+// NOLINTNEXTLINE(bugprone-macro-parentheses): `name` becomes part of a declaration
+#define KSOMD_CHILD(name)                                                                   \
+  static int child_##name(const ::ksomd::test::Arguments&);                                 \
+  static const ::ksomd::test::ChildRegistration register_child_##name(#name, child_##name); \
+  static int child_##name([[maybe_unused]] const ::ksomd::test::Arguments& arguments)
+
+enum class Ending { Exit, Abort, BreakpointTrap, AccessViolation, IllegalInstruction, Other };
+
+struct ChildResult {
+  Ending ending;
+  int status;          // exit status; what the system reported, if the ending is not Exit
+  std::string output;  // the exact bytes of standard output
+};
+
+// Runs a registered function in a new process of this program, with more environment variables.
+ChildResult run_child(const std::string& name, const Arguments& arguments = {},
+                      const std::vector<std::pair<std::string, std::string>>& environment = {});
+
+// Text as this platform's standard output writes it: line feeds become CR LF on Windows.
+std::string text_mode(const std::string& text);
+
+std::ostream& operator<<(std::ostream& stream, Ending ending);
+
+// For main: runs the child function that the command line asks for and returns its status; -1 if
+// this is not a child.
+int run_as_child(int argc, char** argv);
+
+// What one platform has to supply: starts this program with `command` as its arguments.
+namespace platform {
+ChildResult run_this_program(const Arguments& command,
+                             const std::vector<std::pair<std::string, std::string>>& environment);
+}  // namespace platform
+
+}  // namespace ksomd::test

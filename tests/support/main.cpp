@@ -1,0 +1,11 @@
+#include <gtest/gtest.h>
+
+#include "support/child_process.h"
+
+int main(int argc, char** argv) {
+  if (const int status = ksomd::test::run_as_child(argc, argv); status >= 0) {
+    return status;
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

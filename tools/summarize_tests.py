@@ -1,0 +1,58 @@
+#!/usr/bin/env python3
+"""Adds up the test cases of one or more presets; the last line counts them.
+
+A GoogleTest program counts case by case, by its report; any other test counts as one case, by
+what CTest says of it. A program that ended without a report counts as one failed case.
+"""
+
+import json
+import pathlib
+import sys
+import xml.etree.ElementTree as xml
+
+
+def program_cases(report):
+    """(name, outcome, reason) of every case in a GoogleTest report."""
+    for suite in json.loads(report.read_text())["testsuites"]:
+        for case in suite["testsuite"]:
+            name = f'{suite["name"]}.{case["name"]}'
+            if "failures" in case:
+                yield name, "failed", ""
+            elif case["result"] == "SKIPPED":
+                yield name, "skipped", case.get("skipped", [{}])[0].get("message", "")
+            elif case["result"] == "COMPLETED":
+                yield name, "passed", ""
+
+
+def preset_cases(preset):
+    directory = pathlib.Path("build") / preset
+    results = directory / "ctest.xml"
+    if not results.exists():
+        yield preset, "failed", "nothing ran"
+        return
+    for test in xml.parse(results).getroot().iter("testcase"):
+        name, status = test.get("name"), test.get("status")
+        outcome = {"run": "passed", "fail": "failed"}.get(status, "skipped")
+        report = directory / "tests" / "reports" / f"{name}.json"
+        if not report.exists():
+            yield name, outcome, "" if outcome != "skipped" else "not run"
+            continue
+        cases = [(f"{name}: {case}", *rest) for case, *rest in program_cases(report)]
+        yield from cases
+        if outcome == "failed" and all(case[1] != "failed" for case in cases):
+            yield name, "failed", "ended abnormally"
+
+
+def main():
+    counts = {"passed": 0, "failed": 0, "skipped": 0}
+    for preset in sys.argv[1:]:
+        for name, outcome, reason in preset_cases(preset):
+            counts[outcome] += 1
+            if outcome != "passed":
+                print(f"{outcome} ({preset}): {name}" + (f": {reason.strip()}" if reason else ""))
+    print(", ".join(f"{count} {outcome}" for outcome, count in counts.items()))
+    return 1 if counts["failed"] or not counts["passed"] else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
