@@ -116,8 +116,7 @@ int add_reported_features(const Processor& processor, FeatureSet& features) {
   return 0;
 }
 
-// Readers look at word 0 first: it goes last.
-void publish(FeatureSet& set, const FeatureSet& features) {
+void store(FeatureSet& set, const FeatureSet& features) {
   __atomic_store_n(&set[1], features[1], __ATOMIC_RELEASE);
   __atomic_store_n(&set[0], features[0], __ATOMIC_RELEASE);
 }
@@ -145,19 +144,23 @@ Detection detect_features(const Processor& processor, const char* disabled_names
   return detection;
 }
 
+void publish(const Detection& detection) {
+  if (detection.status != 0) {
+    return;
+  }
+  if (detection.publish != Publish::General) {
+    store(__orvex_vendor_feature_indicator, detection.features);
+  }
+  if (detection.publish != Publish::GateOnly) {
+    store(__orvex_cpu_feature_indicator, detection.features);
+  }
+}
+
 }  // namespace ksomd
 
 int __orvex_cpu_features_detect(int check_vendor) {
   const ksomd::Detection detection = ksomd::detect_features(
       ksomd::hardware_processor, std::getenv("ORVEX_ISA_DISABLE"), check_vendor != 0);
-  if (detection.status != 0) {
-    return detection.status;
-  }
-  if (detection.publish != ksomd::Publish::General) {
-    ksomd::publish(__orvex_vendor_feature_indicator, detection.features);
-  }
-  if (detection.publish != ksomd::Publish::GateOnly) {
-    ksomd::publish(__orvex_cpu_feature_indicator, detection.features);
-  }
-  return 0;
+  ksomd::publish(detection);
+  return detection.status;
 }

@@ -25,4 +25,8 @@ struct Detection {
 Detection detect_features(const Processor& processor, const char* disabled_names,
                           bool check_vendor);
 
+// Stores a detection's features where they belong, unless it failed: the vendor-gated set before
+// the general one, word 1 before word 0, which is what readers look at first.
+void publish(const Detection& detection);
+
 }  // namespace ksomd

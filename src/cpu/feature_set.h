@@ -3,6 +3,14 @@
 
 #include <cstdint>
 
+// Tells the compiler of a routine that keeps its caller's registers, so that nothing is spilled
+// around a call of it.
+#ifdef __clang__
+#define KSOMD_PRESERVES_REGISTERS [[clang::preserve_all]]
+#else
+#define KSOMD_PRESERVES_REGISTERS
+#endif
+
 namespace ksomd {
 
 // 128 bits: bit b lies in word b / 64 at position b mod 64.
@@ -24,8 +32,8 @@ extern "C" {
 // Result 0; anything else: the name table and the detection disagree, and nothing was stored.
 // Both leave every argument and scratch register as they found it, vector and mask registers at
 // their full width included; only the result register and the flags change.
-int __orvex_cpu_features_init(void);
-int __orvex_cpu_features_init_vendor(void);
+KSOMD_PRESERVES_REGISTERS int __orvex_cpu_features_init(void);
+KSOMD_PRESERVES_REGISTERS int __orvex_cpu_features_init_vendor(void);
 
 // Detection itself, in the ordinary calling convention.
 int __orvex_cpu_features_detect(int check_vendor);

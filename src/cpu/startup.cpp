@@ -17,7 +17,7 @@ namespace {
 struct HardwareMxcsr {
   static std::uint32_t read() { return _mm_getcsr(); }
   static void write(std::uint32_t value) { _mm_setcsr(value); }
-  static std::uint32_t supported() {
+  [[gnu::noinline]] static std::uint32_t supported() {
     alignas(16) std::uint32_t image[128] = {};
     _fxsave64(image);
     constexpr int mxcsr_mask = 28 / 4;

@@ -1,0 +1,132 @@
+// What the processor's documentation says of each feature, written down apart from the library's
+// own table, in bit order: the bit, the ISA id, both names, the CPUID leaf, sub-leaf and register,
+// the least value of the field, and what else must hold.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace ksomd::test {
+
+struct GoldenFeature {
+  int bit;
+  int isa_id;
+  std::string_view upper_name, lower_name;
+  std::uint32_t leaf, subleaf;
+  char reg;  // 'a' to 'd'; '-': no register reports it
+  std::uint32_t value;
+  std::string_view needs;
+};
+
+// clang-format off
+inline constexpr GoldenFeature golden_features[] = {
+    {0, 1, "GENERIC_QX32", "", 0, 0, '-', 0, ""},
+    {1, 2, "X87", "", 1, 0, 'd', 0x1, ""},
+    {2, 3, "CMOV", "", 1, 0, 'd', 0x8000, ""},
+    {3, 4, "MMX", "mmx", 1, 0, 'd', 0x800000, ""},
+    {4, 5, "FXSAVE", "", 1, 0, 'd', 0x1000000, ""},
+    {5, 6, "SSE", "sse", 1, 0, 'd', 0x2000000, "fx"},
+    {6, 7, "SSE2", "sse2", 1, 0, 'd', 0x4000000, "fx"},
+    {7, 8, "SSE3", "sse3", 1, 0, 'c', 0x1, "fx"},
+    {8, 9, "SSSE3", "ssse3", 1, 0, 'c', 0x200, "fx"},
+    {9, 10, "SSE4_1", "sse4.1", 1, 0, 'c', 0x80000, "fx"},
+    {10, 11, "SSE4_2", "sse4", 1, 0, 'c', 0x100000, "fx"},
+    {11, 12, "MOVBE", "movbe", 1, 0, 'c', 0x400000, "fx"},
+    {12, 13, "POPCNT", "popcnt", 1, 0, 'c', 0x800000, "fx"},
+    {13, 14, "PCLMULQDQ", "pclmul", 1, 0, 'c', 0x2, "fx"},
+    {14, 15, "AES", "aes", 1, 0, 'c', 0x2000000, "fx"},
+    {15, 17, "F16C", "f16c", 1, 0, 'c', 0x20000000, "ymm"},
+    {16, 16, "AVX", "avx", 1, 0, 'c', 0x10000000, "ymm"},
+    {17, 18, "RDRND", "rdrnd", 1, 0, 'c', 0x40000000, ""},
+    {18, 19, "FMA", "fma", 1, 0, 'c', 0x1000, "ymm"},
+    {19, 20, "BMI", "bmi", 7, 0, 'b', 0x108, ""},
+    {20, 21, "LZCNT", "lzcnt", 0x80000001, 0, 'c', 0x20, ""},
+    {21, 22, "HLE", "hle", 7, 0, 'b', 0x10, ""},
+    {22, 23, "RTM", "rtm", 7, 0, 'b', 0x800, ""},
+    {23, 24, "AVX2", "avx2", 7, 0, 'b', 0x20, "ymm"},
+    {24, 26, "AVX512DQ", "avx512dq", 7, 0, 'b', 0x20000, "zmm"},
+    {25, 27, "PTWRITE", "ptwrite", 0x14, 0, 'b', 0x10, ""},
+    {26, 28, "PLXNI", "", 0, 0, '-', 0, ""},
+    {27, 25, "AVX512F", "avx512f", 7, 0, 'b', 0x10000, "zmm"},
+    {28, 29, "ADX", "adx", 7, 0, 'b', 0x80000, ""},
+    {29, 30, "RDSEED", "rdseed", 7, 0, 'b', 0x40000, ""},
+    {30, 31, "AVX512IFMA52", "avx512ifma", 7, 0, 'b', 0x200000, "zmm"},
+    {32, 33, "AVX512ER", "avx512er", 7, 0, 'b', 0x8000000, "zmm"},
+    {33, 34, "AVX512PF", "avx512pf", 7, 0, 'b', 0x4000000, "zmm"},
+    {34, 35, "AVX512CD", "avx512cd", 7, 0, 'b', 0x10000000, "zmm"},
+    {35, 36, "SHA", "sha", 7, 0, 'b', 0x20000000, "fx"},
+    {36, 37, "MPX", "mpx", 7, 0, 'b', 0x4000, "ymm bnd"},
+    {37, 38, "AVX512BW", "avx512bw", 7, 0, 'b', 0x40000000, "zmm"},
+    {38, 39, "AVX512VL", "avx512vl", 7, 0, 'b', 0x80000000, "zmm"},
+    {39, 40, "AVX512VBMI", "avx512vbmi", 7, 0, 'c', 0x2, "zmm"},
+    {40, 41, "AVX512_4FMAPS", "avx5124fmaps", 7, 0, 'd', 0x8, "zmm"},
+    {41, 42, "AVX512_4VNNIW", "avx5124vnniw", 7, 0, 'd', 0x4, "zmm"},
+    {42, 43, "AVX512_VPOPCNTDQ", "avx512vpopcntdq", 7, 0, 'c', 0x4000, "zmm"},
+    {43, 44, "AVX512_BITALG", "avx512bitalg", 7, 0, 'c', 0x1000, "zmm"},
+    {44, 45, "AVX512_VBMI2", "avx512vbmi2", 7, 0, 'c', 0x40, "zmm"},
+    {45, 46, "GFNI", "gfni", 7, 0, 'c', 0x100, ""},
+    {46, 47, "VAES", "vaes", 7, 0, 'c', 0x200, "avx"},
+    {47, 48, "VPCLMULQDQ", "vpclmulqdq", 7, 0, 'c', 0x400, "avx"},
+    {48, 49, "AVX512_VNNI", "avx512vnni", 7, 0, 'c', 0x800, "zmm"},
+    {49, 50, "CLWB", "clwb", 7, 0, 'b', 0x1000000, ""},
+    {50, 51, "RDPID", "rdpid", 7, 0, 'c', 0x400000, ""},
+    {51, 52, "IBT", "ibt", 7, 0, 'd', 0x100000, ""},
+    {52, 53, "SHSTK", "shstk", 7, 0, 'c', 0x80, ""},
+    {53, 54, "SGX", "sgx", 7, 0, 'b', 0x4, ""},
+    {54, 55, "WBNOINVD", "wbnoinvd", 0x80000008, 0, 'b', 0x200, ""},
+    {55, 56, "PCONFIG", "pconfig", 7, 0, 'd', 0x40000, ""},
+    {56, 57, "AVX512_VP2INTERSECT", "avx512vp2intersect", 7, 0, 'd', 0x100, "zmm"},
+    {60, 58, "AVX512_FP16", "avx512fp16", 7, 0, 'd', 0x800000, "zmm"},
+    {64, 59, "CLDEMOTE", "cldemote", 7, 0, 'c', 0x2000000, ""},
+    {65, 60, "MOVDIRI", "movdiri", 7, 0, 'c', 0x8000000, ""},
+    {66, 61, "MOVDIR64B", "movdir64b", 7, 0, 'c', 0x10000000, ""},
+    {67, 62, "WAITPKG", "waitpkg", 7, 0, 'c', 0x20, ""},
+    {68, 63, "AVX512_BF16", "avx512bf16", 7, 1, 'a', 0x20, "zmm"},
+    {69, 64, "ENQCMD", "enqcmd", 7, 0, 'c', 0x20000000, ""},
+    {70, 65, "AVX_VNNI", "avxvnni", 7, 1, 'a', 0x10, "ymm"},
+    {71, 66, "AMX-TILE", "amx-tile", 7, 0, 'd', 0x1000000, "tmm"},
+    {72, 67, "AMX-INT8", "amx-int8", 7, 0, 'd', 0x2000000, "tile"},
+    {73, 68, "AMX-BF16", "amx-bf16", 7, 0, 'd', 0x400000, "tile"},
+    {74, 69, "KL", "kl", 0x19, 0, 'b', 0x1, "kl"},
+    {75, 70, "WIDE-KL", "wide-kl", 0x19, 0, 'b', 0x4, "kl"},
+    {76, 71, "HRESET", "hreset", 7, 1, 'a', 0x400000, ""},
+    {77, 72, "UINTR", "uintr", 7, 0, 'd', 0x20, ""},
+    {78, 73, "PREFETCHI", "prefetchi", 7, 1, 'd', 0x4000, ""},
+    {79, 74, "AVX_VNNI_INT8", "avxvnniint8", 7, 1, 'd', 0x10, "avx2"},
+    {80, 75, "CMPCCXADD", "cmpccxadd", 7, 1, 'a', 0x80, ""},
+    {81, 76, "AVX_IFMA", "avxifma", 7, 1, 'a', 0x800000, "avx2"},
+    {82, 77, "AVX_NE_CONVERT", "avxneconvert", 7, 1, 'd', 0x20, "avx2"},
+    {83, 78, "RAO_INT", "raoint", 7, 1, 'a', 0x8, ""},
+    {84, 79, "AMX-FP16", "amx-fp16", 7, 1, 'a', 0x200000, "tile"},
+    {85, 80, "AMX-COMPLEX", "amx-complex", 7, 1, 'd', 0x100, "tile"},
+    {86, 81, "SHA512", "sha512", 7, 1, 'a', 0x1, "avx2"},
+    {87, 82, "SM3", "sm3", 7, 1, 'a', 0x2, "avx"},
+    {88, 83, "SM4", "sm4", 7, 1, 'a', 0x4, "avx2"},
+    {89, 84, "AVX_VNNI_INT16", "avxvnniint16", 7, 1, 'd', 0x400, "avx2"},
+    {90, 85, "USER_MSR", "usermsr", 7, 1, 'd', 0x8000, ""},
+    {91, 86, "AVX_10_1", "avx10.1", 0x24, 0, 'b', 1, "avx10"},
+    {92, 87, "AVX_10_2", "avx10.2", 0x24, 0, 'b', 2, "avx10"},
+    {93, 88, "APXF", "apxf", 7, 1, 'd', 0x200000, "apx"},
+    {94, 89, "MSRLIST", "msrlist", 7, 1, 'a', 0x8000000, ""},
+    {95, 90, "WRMSRNS", "wrmsrns", 7, 1, 'a', 0x80000, ""},
+    {96, 91, "PBNDKB", "pbndkb", 7, 1, 'b', 0x2, ""},
+    {97, 92, "AMX-FP8", "amx-fp8", 0x1E, 1, 'a', 0x10, "tile"},
+    {98, 93, "AMX-TF32", "amx-tf32", 0x1E, 1, 'a', 0x40, "tile"},
+    {99, 94, "AMX-TRANSPOSE", "amx-transpose", 0x1E, 1, 'a', 0x20, "tile"},
+    {100, 95, "AMX-MOVRS", "amx-movrs", 0x1E, 1, 'a', 0x100, "tile"},
+    {101, 96, "AMX-AVX512", "amx-avx512", 0x1E, 1, 'a', 0x80, "tile"},
+    {102, 97, "MOVRS", "movrs", 7, 1, 'a', 0x80000000, ""},
+    {103, 98, "INVPCID", "invpcid", 7, 0, 'b', 0x400, ""},
+    {104, 99, "PKU", "pku", 7, 0, 'c', 0x8, ""},
+    {105, 100, "PREFETCHW", "prefetchw", 0x80000001, 0, 'c', 0x100, ""},
+    {106, 101, "CLFLUSHOPT", "clflushopt", 7, 0, 'b', 0x800000, ""},
+    {107, 102, "LAHFSAHF64", "lahfsahf64", 0x80000001, 0, 'c', 0x1, ""},
+    {108, 103, "SERIALIZE", "serialize", 7, 0, 'd', 0x4000, ""},
+    {109, 104, "TSXLDTRK", "tsxldtrk", 7, 0, 'd', 0x10000, ""},
+    {110, 105, "FSRM", "fsrm", 7, 0, 'd', 0x10, ""},
+    {111, 106, "ERMSB", "ermsb", 7, 0, 'b', 0x200, ""},
+    {112, 107, "MWAIT", "mwait", 1, 0, 'c', 0x8, ""},
+};
+// clang-format on
+
+}  // namespace ksomd::test

@@ -1,0 +1,34 @@
+// A processor made of a table of answers.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "cpu/processor.h"
+
+namespace ksomd::test {
+
+struct SyntheticProcessor {
+  struct Answer {
+    std::uint32_t leaf, subleaf;
+    CpuidResult result;
+  };
+  std::vector<Answer> answers;  // a leaf that is not here answers 0
+  std::uint32_t xcr0_low = 0;
+  std::uint32_t number = 0;
+  bool cpuid_exists = true;
+
+  mutable int xgetbv_count = 0;
+  mutable std::vector<std::uint64_t> asked;  // leaf << 32 | subleaf
+
+  CpuidResult& at(std::uint32_t leaf, std::uint32_t subleaf = 0);
+  std::uint32_t& reg(std::uint32_t leaf, std::uint32_t subleaf, char name);
+  void set_vendor(std::string_view name, std::uint32_t highest_leaf = 0x24);
+  bool was_asked(std::uint32_t leaf, std::uint32_t subleaf = 0) const;
+
+  // Valid as long as this object stays where it is.
+  Processor processor() const;
+};
+
+}  // namespace ksomd::test
