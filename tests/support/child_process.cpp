@@ -35,6 +35,7 @@ int run_as_child(int argc, char** argv) {
     std::fprintf(stderr, "no child function for %s\n", argv[1]);
     return 125;
   }
+  platform::prepare_child();
   return found->second(Arguments(argv + 2, argv + argc));
 }
 

@@ -47,8 +47,10 @@ std::ostream& operator<<(std::ostream& stream, Ending ending);
 // this is not a child.
 int run_as_child(int argc, char** argv);
 
-// What one platform has to supply: starts this program with `command` as its arguments.
+// What a platform has to supply: starting this program with `command` as its arguments, and what
+// the child does before anything else.
 namespace platform {
+void prepare_child();
 ChildResult run_this_program(const Arguments& command,
                              const std::vector<std::pair<std::string, std::string>>& environment);
 }  // namespace platform

@@ -48,6 +48,8 @@ std::string text_mode(const std::string& text) {
   return text;
 }
 
+void platform::prepare_child() {}
+
 ChildResult platform::run_this_program(
     const Arguments& command, const std::vector<std::pair<std::string, std::string>>& environment) {
   int ends[2];

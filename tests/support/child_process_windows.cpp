@@ -60,6 +60,12 @@ std::string text_mode(const std::string& text) {
   return result;
 }
 
+// A fault ends the child with the exception's code, and no debugger writes into its output.
+void platform::prepare_child() {
+  SetUnhandledExceptionFilter(
+      [](EXCEPTION_POINTERS*) -> LONG { return EXCEPTION_EXECUTE_HANDLER; });
+}
+
 ChildResult platform::run_this_program(
     const Arguments& command, const std::vector<std::pair<std::string, std::string>>& environment) {
   char program[MAX_PATH];

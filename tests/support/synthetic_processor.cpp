@@ -33,29 +33,28 @@ bool SyntheticProcessor::was_asked(std::uint32_t leaf, std::uint32_t subleaf) co
 }
 
 Processor SyntheticProcessor::processor() const {
-  return Processor{
-      [](const void* self, std::uint32_t leaf, std::uint32_t subleaf) -> CpuidResult {
-        const auto* that = static_cast<const SyntheticProcessor*>(self);
-        that->asked.push_back(std::uint64_t{leaf} << 32 | subleaf);
-        for (const Answer& answer : that->answers) {
-          if (answer.leaf == leaf && answer.subleaf == subleaf) {
-            return answer.result;
-          }
-        }
-        return {};
-      },
-      [](const void* self) -> std::uint32_t {
-        const auto* that = static_cast<const SyntheticProcessor*>(self);
-        ++that->xgetbv_count;
-        return that->xcr0_low;
-      },
-      [](const void* self) -> std::uint32_t {
-        return static_cast<const SyntheticProcessor*>(self)->number;
-      },
-      [](const void* self) -> bool {
-        return static_cast<const SyntheticProcessor*>(self)->cpuid_exists;
-      },
-      this};
+  return Processor{[](const void* self, std::uint32_t leaf, std::uint32_t subleaf) -> CpuidResult {
+                     const auto* that = static_cast<const SyntheticProcessor*>(self);
+                     that->asked.push_back(std::uint64_t{leaf} << 32 | subleaf);
+                     for (const Answer& answer : that->answers) {
+                       if (answer.leaf == leaf && answer.subleaf == subleaf) {
+                         return answer.result;
+                       }
+                     }
+                     return {};
+                   },
+                   [](const void* self) -> std::uint32_t {
+                     const auto* that = static_cast<const SyntheticProcessor*>(self);
+                     ++that->xgetbv_count;
+                     return that->xcr0_low;
+                   },
+                   [](const void* self) -> std::uint32_t {
+                     return static_cast<const SyntheticProcessor*>(self)->number;
+                   },
+                   [](const void* self) -> bool {
+                     return static_cast<const SyntheticProcessor*>(self)->cpuid_exists;
+                   },
+                   this};
 }
 
 }  // namespace ksomd::test
