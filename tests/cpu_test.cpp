@@ -48,19 +48,30 @@ bool state_enabled(SyntheticProcessor& p, std::uint32_t bits) {
 }
 
 bool condition_holds(SyntheticProcessor& p, std::string_view needs) {
+  const auto set = [&p](std::uint32_t leaf, std::uint32_t subleaf, char reg, int bit) {
+    return (p.reg(leaf, subleaf, reg) >> bit & 1) != 0;
+  };
   const bool ymm = state_enabled(p, 0x6);
-  if (needs.empty()) return true;
-  if (needs == "fx") return (p.reg(1, 0, 'd') & fxsave) != 0;
-  if (needs == "ymm") return ymm;
-  if (needs == "ymm bnd") return ymm && state_enabled(p, 0x18);
-  if (needs == "zmm") return ymm && state_enabled(p, 0xE0);
-  if (needs == "avx") return ymm && (p.reg(1, 0, 'c') & 1u << 28) != 0;
-  if (needs == "avx2") return ymm && (p.reg(7, 0, 'b') & 1u << 5) != 0;
-  if (needs == "tmm") return state_enabled(p, 0x60000);
-  if (needs == "tile") return state_enabled(p, 0x60000) && (p.reg(7, 0, 'd') & 1u << 24) != 0;
-  if (needs == "apx") return state_enabled(p, 0x80000);
-  if (needs == "kl") return (p.reg(7, 0, 'c') & 1u << 23) != 0;
-  if (needs == "avx10") return (p.reg(7, 1, 'd') & 1u << 19) != 0;
+  const bool tmm = state_enabled(p, 0x60000);
+  const std::pair<std::string_view, bool> conditions[] = {
+      {"", true},
+      {"fx", set(1, 0, 'd', 24)},
+      {"ymm", ymm},
+      {"ymm bnd", ymm && state_enabled(p, 0x18)},
+      {"zmm", ymm && state_enabled(p, 0xE0)},
+      {"avx", ymm && set(1, 0, 'c', 28)},
+      {"avx2", ymm && set(7, 0, 'b', 5)},
+      {"tmm", tmm},
+      {"tile", tmm && set(7, 0, 'd', 24)},
+      {"apx", state_enabled(p, 0x80000)},
+      {"kl", set(7, 0, 'c', 23)},
+      {"avx10", set(7, 1, 'd', 19)},
+  };
+  for (const auto& [name, holds] : conditions) {
+    if (name == needs) {
+      return holds;
+    }
+  }
   ADD_FAILURE() << "unknown condition " << needs;
   return false;
 }

@@ -3,6 +3,7 @@
 
   - VEX and EVEX instructions stand only in the objects of the processor-specific variants.
   - No object holds a fused multiply-add.
+  - Readers of the feature set reach their feature test after one load and one compare.
   - Each product runs the load-time constructors that it should, and no more.
   - The DLL imports KERNEL32, the C run-time and imagehlp, nothing else.
 """
@@ -15,10 +16,15 @@ import sys
 # Sources that may hold VEX or EVEX instructions: the variants for processors that have them.
 VARIANTS = re.compile(r"/mem/(avx|avx512)[^/]*\.cpp\.o|/matmul/[^/]*_(avx|avx512)\.cpp\.o")
 CONSTRUCTORS = 0
+# Routines that read the feature set on every call: object, and a part of the name.
+READERS = [("startup.cpp", "::verify(")]
 IMPORTS = {"kernel32.dll", "msvcrt.dll", "imagehlp.dll"}
 
-# Bytes of a VEX (C4, C5) or EVEX (62) prefix, which mean nothing else in 64-bit code.
-WIDE = re.compile(r"^\s*[0-9a-f]+:\s+(?:[0-9a-f]{2} )*?(?:c4|c5|62) [0-9a-f ]*\s+(\S+)")
+# Mnemonics of instructions with a VEX or EVEX prefix.
+WIDE = re.compile(
+    r"v(?!err|erw|mcall|mclear|mfunc|mlaunch|mload|mptr|mread|mresume|mrun|msave|mwrite|mx)"
+    r"|k(add|and|mov|not|or|shift|test|unpck|xnor|xor)"
+    r"|(andn|bextr|blsi|blsmsk|blsr|bzhi|mulx|pdep|pext|rorx|sarx|shlx|shrx)[lq]?$")
 FUSED = re.compile(r"\s(vfn?m(add|sub)\S*)")
 
 
@@ -38,10 +44,22 @@ def check_instructions(preset):
             fused = FUSED.search(line)
             if fused:
                 yield f"{path}: fused multiply-add {fused[1]}"
-            mnemonic = line.split("\t")[1].split()[0] if line.count("\t") >= 1 and ":" in line else ""
-            if mnemonic.startswith("v") and not mnemonic.startswith(("verr", "verw", "vm")) \
-                    and not VARIANTS.search(str(path)):
-                yield f"{path}: wide instruction {mnemonic} outside the variants"
+            columns = line.split("\t")
+            if len(columns) > 1 and WIDE.match(columns[1]) and not VARIANTS.search(str(path)):
+                yield f"{path}: wide instruction {columns[1]} outside the variants"
+
+
+def check_reader(preset):
+    """Before the first branch of a reader stand one load of the feature set and one compare."""
+    for name, symbol in READERS:
+        path = next(p for p in objects(preset) if p.name.startswith(name))
+        listing = run("llvm-objdump-22", "-dr", "--no-show-raw-insn", "--demangle", str(path))
+        body = re.search(rf"<[^>]*{re.escape(symbol)}[^>]*>:\n(.*?)\n\n", listing + "\n\n", re.S)[1]
+        before_branch = re.split(r"\tj[a-z]+\t", body)[0]
+        loads = before_branch.count("__orvex_cpu_feature_indicator")
+        compares = len(re.findall(r"\t(?:test|cmp)[a-z]*\t", before_branch))
+        if (loads, compares, before_branch.count("\tcall")) != (1, 1, 0):
+            yield f"{path}: {symbol}: {loads} loads and {compares} compares before its first branch"
 
 
 def check_constructors(preset):
@@ -69,7 +87,8 @@ def check_needed_libraries():
 def main():
     problems = [*check_imports(), *check_needed_libraries()]
     for preset in ("host", "windows"):
-        problems += [*check_instructions(preset), *check_constructors(preset)]
+        problems += [
+            *check_instructions(preset), *check_reader(preset), *check_constructors(preset)]
     for problem in problems:
         print(problem)
     return 1 if problems else 0
