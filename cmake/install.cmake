@@ -1,0 +1,25 @@
+# What `cmake --install` lays out:
+#
+#   include/ksomd/            the headers and the export list
+#   bin/libksomd.dll          lib/libksomd.dll.a  lib/libksomd.a      on Windows
+#   lib/libksomd.so[.N]       lib/libksomd.a                          on Linux
+#   lib/cmake/ksomd/          find_package(ksomd): ksomd::shared and ksomd::static
+#   lib/pkgconfig/ksomd.pc    pkg-config ksomd
+#   share/doc/ksomd/          licence and documents
+include(CMakePackageConfigHelpers)
+
+install(TARGETS ksomd_shared ksomd_static EXPORT ksomd
+  RUNTIME DESTINATION bin LIBRARY DESTINATION lib ARCHIVE DESTINATION lib)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/ksomd DESTINATION include)
+install(FILES ${CMAKE_SOURCE_DIR}/LICENSE ${CMAKE_SOURCE_DIR}/README.md DESTINATION share/doc/ksomd)
+if(EXISTS ${CMAKE_SOURCE_DIR}/docs)
+  install(DIRECTORY ${CMAKE_SOURCE_DIR}/docs/ DESTINATION share/doc/ksomd)
+endif()
+
+install(EXPORT ksomd NAMESPACE ksomd:: DESTINATION lib/cmake/ksomd FILE ksomdConfig.cmake)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ksomdConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ksomdConfigVersion.cmake DESTINATION lib/cmake/ksomd)
+
+configure_file(${CMAKE_SOURCE_DIR}/cmake/ksomd.pc.in ksomd.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ksomd.pc DESTINATION lib/pkgconfig)
