@@ -1,7 +1,11 @@
 // Feature detection, the two feature sets and their fill entries, names and the disable variable.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <barrier>
+#include <chrono>
 #include <random>
+#include <thread>
 
 #include "cpu/detection.h"
 #include "cpu/feature_table.h"
@@ -399,6 +403,25 @@ TEST(Disable, WhatEachValueClears) {
   EXPECT_EQ(detect(p, nullptr), everything);
 }
 
+TEST(Disable, AppliesToTheGatedSetToo) {
+  SyntheticProcessor p = full_processor();
+  p.set_vendor("GenuineOrvex");
+  const Detection detection = detect_features(p.processor(), "avx2", true);
+  EXPECT_EQ(detection.publish, Publish::Both);
+  EXPECT_EQ(detection.features[0] >> 23 & 1, 0u);
+  EXPECT_EQ(detection.features[0] >> 16 & 1, 1u);
+}
+
+TEST(Detection, TenThousandTakeLessThanASecond) {
+  const SyntheticProcessor p = full_processor();
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10000; ++i) {
+    p.asked.clear();
+    detect_features(p.processor(), "avx2,fma", false);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
 // ---- this processor --------------------------------------------------------------------------
 
 KSOMD_CHILD(print_features) {
@@ -432,6 +455,48 @@ TEST(ThisProcessor, TheVariableIsReadAndTheSetsAreFilled) {
   EXPECT_EQ(gated[0], here.features[0]);
   EXPECT_EQ(gated[2],
             hardware_processor.vendor_is(genuine_vendor) ? here.features[0] : std::uint64_t{1});
+}
+
+TEST(ThisProcessor, UselessDisableValuesChangeAndPrintNothing) {
+  const std::string plain = run_child("print_features").output;
+  for (const std::string& value : {std::string(",,,"), std::string("AVX2"), std::string(" avx2 "),
+                                   std::string("x,"), std::string(30000, 'q')}) {
+    expect_exit(run_child("print_features", {}, {{"ORVEX_ISA_DISABLE", value}}), 0, plain);
+  }
+}
+
+std::string_view golden_name(int isa_id) {
+  for (const GoldenFeature& feature : golden_features) {
+    if (feature.isa_id == isa_id) {
+      return feature.upper_name;
+    }
+  }
+  return "";
+}
+
+// Sixteen threads that all find the sets and the name table empty.
+KSOMD_CHILD(race) {
+  std::barrier start(16);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 16; ++i) {
+    threads.emplace_back([&start, &wrong, i] {
+      start.arrive_and_wait();
+      const bool named = std::string_view(__orvex_feature_name(1 + i)) == golden_name(1 + i);
+      const bool filled = (feature_word() & 1) != 0 && __orvex_feature_bit(24) == 23;
+      wrong += named && filled ? 0 : 1;
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  return wrong;
+}
+
+TEST(ThisProcessor, RacingFirstUsersAgree) {
+  for (int round = 0; round < 20; ++round) {
+    expect_exit(run_child("race"), 0, "");
+  }
 }
 
 }  // namespace

@@ -62,6 +62,7 @@ KSOMD_CHILD(print_lines) {
   __libkso_print(0, 0, 3, "ignored");
   __libkso_print(1, 24, 1, "A, B");
   __libkso_print(7, 24, 0);
+  __libkso_print(0, 24, 2, "C", "unused");
   __libkso_print(1, 24, 1, std::string(1000, 'y').c_str());
   __libkso_printf("%d%%|", 5);
   return 0;
@@ -70,7 +71,8 @@ KSOMD_CHILD(print_lines) {
 TEST(Print, OneLineEach) {
   const std::string cut = "The allowed processors are: " + std::string(483, 'y');
   EXPECT_EQ(run_child("print_lines").output,
-            text_mode("\n\nThe allowed processors are: A, B.\nThe allowed processors are: %s.\n" +
+            text_mode("\n\nThe allowed processors are: A, B.\nThe allowed processors are: %s.\n"
+                      "The allowed processors are: C.\n" +
                       cut + "\n5%|"));
 }
 
@@ -79,7 +81,7 @@ TEST(Print, OneLineEach) {
 // catalogue yes|no: some messages as the catalogue has them.
 KSOMD_CHILD(catalogue) {
   use_catalogue(arguments[0] == "yes");
-  for (const std::uint32_t n : {23u, 24u, 27u, 28u, 29u, 49u, 57u}) {
+  for (const std::uint32_t n : {23u, 24u, 27u, 28u, 29u, 30u, 49u, 57u}) {
     std::printf("%u<%s>", n, __libkso_get_msg(n));
   }
   std::printf("0<%s>", __libkso_get_msg(0));
@@ -94,19 +96,20 @@ TEST(Catalogue, TranslatesWhatItHolds) {
   for (int i = 0; i < 511; ++i) {
     long_text += static_cast<char>('a' + i % 26);
   }
-  EXPECT_EQ(run_child("catalogue", {"yes"}).output,
-            text_mode("23<Translated: not this processor.>"
-                      "24<Translated: 100%% of %s.>"
-                      "27<Translated: %d\n>"
-                      "28<NTDLL module not found>"
-                      "29<RtlCaptureContext function not found in ntdll.dll>"
-                      "49<" +
-                      long_text +
-                      ">"
-                      "57< plus >"
-                      "0<>"
-                      "24<Translated: 100% of it.>"
-                      "23<Translated: not this processor.>"));
+  expect_exit(run_child("catalogue", {"yes"}), 0,
+              text_mode("23<Translated: not this processor.>"
+                        "24<Translated: 100%% of %s.>"
+                        "27<Translated: %d\n>"
+                        "28<NTDLL module not found>"
+                        "29<RtlCaptureContext function not found in ntdll.dll>"
+                        "30<>"
+                        "49<" +
+                        long_text +
+                        ">"
+                        "57< plus%% >"
+                        "0<>"
+                        "24<Translated: 100% of it.>"
+                        "23<Translated: not this processor.>"));
 }
 
 TEST(Catalogue, IsLookedForInTheLocalesDirectory) {
@@ -119,6 +122,7 @@ TEST(Catalogue, IsLookedForInTheLocalesDirectory) {
                 "27<Initialization of symbol handler failed. Error code %d>"
                 "28<NTDLL module not found>"
                 "29<RtlCaptureContext function not found in ntdll.dll>"
+                "30< Windows XP 64-bit Edition Version 2003 or newer should be used.>"
                 "49<Fatal Error: This program was not built to run in your system.>"
                 "57< and >"
                 "0<>"
@@ -142,12 +146,12 @@ KSOMD_CHILD(translated_fatal) {
 TEST(Catalogue, ReportsAreTranslated) {
   EXPECT_EQ(run_child("translated_report").output,
             text_mode("\nPlease verify that both the operating system and the processor support "
-                      "Orvex(R) FMA plus AVX2 instructions.\n\n"));
+                      "Orvex(R) FMA plus%% AVX2 instructions.\n\n"));
   const ChildResult fatal = run_child("translated_fatal");
   EXPECT_EQ(fatal.status, 1);
-  EXPECT_EQ(fatal.output,
-            text_mode("\nTranslated: not this processor.\nTranslated: 100% of Orvex(R) Calvix(R) M "
-                      "and compatible Orvex processors.\n\n"));
+  EXPECT_EQ(
+      fatal.output,
+      text_mode("\nTranslated: not this processor.\nTranslated: 100% of Translated level B.\n\n"));
 }
 
 }  // namespace

@@ -2,12 +2,16 @@
 // routines that they call do to them. This program's own getenv, which detection calls, destroys
 // all that the calling convention lets it.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <random>
 
 #include "cpu/feature_set.h"
 #include "cpu/feature_table.h"
+#include "cpu/isa_names.h"
+#include "support/backtrace.h"
 #include "support/register_probe.h"
 
 namespace {
@@ -16,6 +20,8 @@ using ksomd::test::VectorState;
 
 VectorState vector_state;
 int destroyed;
+bool walk_wanted;
+ksomd::test::Backtrace deepest;  // taken inside detection, where wanted
 
 void destroy_registers() {
   ++destroyed;
@@ -38,6 +44,9 @@ void destroy_registers() {
       "xorps %%xmm\\n, %%xmm\\n\n"
       ".endr\n"
       "xorl %%eax, %%eax\n"
+      ".irp n, 0, 1, 2, 3, 4, 5, 6, 7\n"
+      "pxor %%mm\\n, %%mm\\n\n"
+      ".endr\n"
       ".irp r, rcx, rdx, r8, r9, r10, r11\n"
       "movq %%rax, %%\\r\n"
       ".endr\n" ::
@@ -47,8 +56,20 @@ void destroy_registers() {
 
 }  // namespace
 
-extern "C" char* getenv(const char*) {
-  destroy_registers();
+extern "C" char* getenv(const char* name) {
+  if (std::strcmp(name, "ORVEX_ISA_DISABLE") == 0) {
+    if (walk_wanted) {
+      deepest.walk();
+    }
+    destroy_registers();
+    return nullptr;
+  }
+  const std::size_t length = std::strlen(name);
+  for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+    if (std::strncmp(*variable, name, length) == 0 && (*variable)[length] == '=') {
+      return *variable + length + 1;
+    }
+  }
   return nullptr;
 }
 
@@ -81,6 +102,7 @@ void expect_registers_kept(Entry entry, std::mt19937_64& random) {
   }
   for (int i = 0; i < 8; ++i) {
     EXPECT_EQ(before.mask[i], after.mask[i]) << "mask register " << i;
+    EXPECT_EQ(before.mmx[i], after.mmx[i]) << "MMX register " << i;
   }
   for (int i = 0; i < 32; ++i) {
     EXPECT_EQ(std::memcmp(before.vector[i], after.vector[i], 64), 0) << "vector register " << i;
@@ -95,21 +117,49 @@ TEST_P(FillEntry, KeepsEveryRegister) {
   for (int round = 0; round < 20; ++round) {
     destroyed = 0;
     expect_registers_kept(GetParam(), random);
+    ASSERT_EQ(destroyed, 1) << "detection did not call the destroyer";
   }
-  std::printf("vector state %d, registers destroyed %d times a call\n",
-              static_cast<int>(vector_state), destroyed);
+}
+
+TEST_P(FillEntry, FullWidthWasTested) {
+  if (available_state() != VectorState::Zmm) {
+    GTEST_SKIP() << "512-bit and mask registers: this processor has none";
+  }
+}
+
+TEST_P(FillEntry, ReturnsWhatDetectionSays) {
+  constexpr int generic_id = 1;
+  __orvex_isa_table_init();
+  const IsaRow saved = __orvex_isa_table[generic_id];
+  const auto entry = reinterpret_cast<int (*)()>(GetParam());
+  for (const auto& [bit, status] : {std::pair{128, -3}, {-1, -1}, {0, 0}}) {
+    __orvex_isa_table[generic_id].bit = bit;
+    RegisterFile before{}, after{};
+    ksomd_probe_registers(reinterpret_cast<Entry>(entry), &before, &after, VectorState::Xmm);
+    EXPECT_EQ(static_cast<std::int32_t>(after.general[0]), status);
+  }
+  __orvex_isa_table[generic_id] = saved;
+}
+
+// Calls an entry; a walk of the stack from inside detection must come back through here.
+[[gnu::noinline]] const void* call_and_tell_where(Entry entry) {
+  entry();
+  return __builtin_return_address(0);
+}
+
+TEST_P(FillEntry, TheStackCanBeWalkedThroughIt) {
+  deepest = {};
+  walk_wanted = true;
+  const void* here = call_and_tell_where(GetParam());
+  walk_wanted = false;
+  EXPECT_GT(deepest.count, 0);
+  EXPECT_TRUE(deepest.contains(here)) << deepest.count << " frames";
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Both, FillEntry,
     testing::Values(reinterpret_cast<Entry>(__orvex_cpu_features_init),
                     reinterpret_cast<Entry>(__orvex_cpu_features_init_vendor)));
-
-TEST(FillEntryItself, DetectionCallsTheDestroyer) {
-  destroyed = 0;
-  __orvex_cpu_features_init();
-  EXPECT_EQ(destroyed, 1);
-}
 
 }  // namespace
 }  // namespace ksomd::test

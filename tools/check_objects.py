@@ -50,23 +50,24 @@ def check_instructions(preset):
 
 
 def check_reader(preset):
-    """Before the first branch of a reader stand one load of the feature set and one compare."""
+    """A reader loads the feature set in one place, and reaches its test after one compare."""
     for name, symbol in READERS:
         path = next(p for p in objects(preset) if p.name.startswith(name))
         listing = run("llvm-objdump-22", "-dr", "--no-show-raw-insn", "--demangle", str(path))
         body = re.search(rf"<[^>]*{re.escape(symbol)}[^>]*>:\n(.*?)\n\n", listing + "\n\n", re.S)[1]
         before_branch = re.split(r"\tj[a-z]+\t", body)[0]
-        loads = before_branch.count("__orvex_cpu_feature_indicator")
+        loads = body.count("__orvex_cpu_feature_indicator")
         compares = len(re.findall(r"\t(?:test|cmp)[a-z]*\t", before_branch))
         if (loads, compares, before_branch.count("\tcall")) != (1, 1, 0):
-            yield f"{path}: {symbol}: {loads} loads and {compares} compares before its first branch"
+            yield f"{path}: {symbol}: {loads} loads, {compares} compares before the first branch"
 
 
 def check_constructors(preset):
     count = 0
     for path in objects(preset):
         sections = run("llvm-readobj-22", "--sections", str(path))
-        count += len(re.findall(r"Name: \.(?:init_array|ctors)\S*", sections))
+        for size in re.findall(r"Name: \.(?:init_array|ctors)\S* .*?Size: (\w+)", sections, re.S):
+            count += int(size, 0) // 8
     if count != CONSTRUCTORS:
         yield f"{preset}: {count} load-time constructors instead of {CONSTRUCTORS}"
 
@@ -76,6 +77,8 @@ def check_imports():
     found = {name.lower() for name in re.findall(r"^  Name: (\S+)$", listing, re.M)}
     for name in sorted(found - IMPORTS):
         yield f"libksomd.dll imports {name}"
+    if "kernel32.dll" not in found:
+        yield "libksomd.dll imports nothing: was the listing understood?"
 
 
 def check_needed_libraries():

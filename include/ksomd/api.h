@@ -5,11 +5,12 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* Marks an exported routine. The Windows exports come from the module-definition file alone. */
-#if defined(_WIN32)
-#define KSOMD_API
-#else
+/* Marks an exported routine where the object format knows visibility. What a DLL exports is the
+ * module-definition file's business alone. */
+#if defined(__ELF__)
 #define KSOMD_API __attribute__((visibility("default")))
+#else
+#define KSOMD_API
 #endif
 
 #ifdef __cplusplus

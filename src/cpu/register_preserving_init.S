@@ -46,33 +46,14 @@
 #endif
 .endm
 
-.macro fill_entry name, check_vendor
-        .globl \name
-        .p2align 4
-#ifdef _WIN32
-        .def \name
-        .scl 2
-        .type 32
-        .endef
-        .seh_proc \name
-#else
-        .hidden \name
-        .type \name, @function
-#endif
-\name:
-#ifndef _WIN32
-        .cfi_startproc
-#endif
-        save_callee_saved rbp
-        save_callee_saved rbx
-        save_callee_saved rsi
-        save_callee_saved rdi
-        save_scratch rcx
-        save_scratch rdx
-        save_scratch r8
-        save_scratch r9
-        save_scratch r10
-        save_scratch r11
+// Saves the general registers, the frame pointer being the last to be set up.
+.macro save_general_registers
+        .irp register, rbp, rbx, rsi, rdi
+        save_callee_saved \register
+        .endr
+        .irp register, rcx, rdx, r8, r9, r10, r11
+        save_scratch \register
+        .endr
         mov rbp, rsp
 #ifdef _WIN32
         .seh_setframe rbp, 0
@@ -80,7 +61,17 @@
 #else
         .cfi_def_cfa_register rbp
 #endif
-        // esi: the components to save; edi: the size of the image that holds them
+.endm
+
+.macro restore_general_registers
+        mov rsp, rbp
+        .irp register, r11, r10, r9, r8, rdx, rcx, rdi, rsi, rbx, rbp
+        pop \register
+        .endr
+.endm
+
+// esi: the components to save, 0 where the system does not enable XSAVE; edi: the size of the image.
+.macro choose_components
         mov eax, 1
         cpuid
         xor esi, esi
@@ -103,53 +94,75 @@
 2:      inc r8d
         cmp r8d, LAST_COMPONENT
         jbe 1b
-3:      push rsi
-        // Touch the stack page by page on the way down, as its growth wants it.
-4:      cmp edi, PAGE_SIZE
-        jb 5f
+3:
+.endm
+
+// Takes edi bytes of stack, aligned, and room for a call. The stack is touched page by page on the
+// way down, as its growth wants it.
+.macro take_stack
+1:      cmp edi, PAGE_SIZE
+        jb 2f
         sub rsp, PAGE_SIZE
         or qword ptr [rsp], 0
         sub edi, PAGE_SIZE
-        jmp 4b
-5:      sub rsp, rdi
+        jmp 1b
+2:      sub rsp, rdi
         and rsp, -64
         sub rsp, 64
+.endm
 
+.macro save_components
         test esi, esi
-        jz 6f
+        jz 1f
         xor edx, edx
         .irp offset, 0, 8, 16, 24, 32, 40, 48, 56
         mov qword ptr [rsp + 64 + XSAVE_HEADER + \offset], rdx
         .endr
         mov eax, esi
         xsave64 [rsp + 64]
-        jmp 7f
-6:      fxsave64 [rsp + 64]
+        jmp 2f
+1:      fxsave64 [rsp + 64]
+2:
+.endm
 
-7:      mov FIRST_ARGUMENT, \check_vendor
-        call __orvex_cpu_features_detect
-        mov ebx, eax
-
+.macro restore_components
         mov eax, dword ptr [rbp - 8]
         test eax, eax
-        jz 8f
+        jz 1f
         xor edx, edx
         xrstor64 [rsp + 64]
-        jmp 9f
-8:      fxrstor64 [rsp + 64]
+        jmp 2f
+1:      fxrstor64 [rsp + 64]
+2:
+.endm
 
-9:      mov eax, ebx
-        mov rsp, rbp
-        pop r11
-        pop r10
-        pop r9
-        pop r8
-        pop rdx
-        pop rcx
-        pop rdi
-        pop rsi
-        pop rbx
-        pop rbp
+.macro fill_entry name, check_vendor
+        .globl \name
+        .p2align 4
+#ifdef _WIN32
+        .def \name
+        .scl 2
+        .type 32
+        .endef
+        .seh_proc \name
+\name:
+#else
+        .hidden \name
+        .type \name, @function
+\name:
+        .cfi_startproc
+#endif
+        save_general_registers
+        choose_components
+        push rsi
+        take_stack
+        save_components
+        mov FIRST_ARGUMENT, \check_vendor
+        call __orvex_cpu_features_detect
+        mov ebx, eax
+        restore_components
+        mov eax, ebx
+        restore_general_registers
 #ifdef _WIN32
         ret
         .seh_endproc

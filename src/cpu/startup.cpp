@@ -140,7 +140,7 @@ bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[f
 }
 
 FeatureVerdict judge_features(const FeatureSet& vendor_set, std::int32_t index, std::uint64_t mask,
-                              const char* joiner, char (&list)[feature_list_size]) {
+                              FeatureSet& missing) {
   constexpr std::uint64_t generic_alone = feature_mask("GENERIC_QX32");
   if (index == 0) {
     mask &= ~feature_mask("SHSTK");
@@ -151,20 +151,26 @@ FeatureVerdict judge_features(const FeatureSet& vendor_set, std::int32_t index, 
   if (index != 0 && index != 1) {
     return FeatureVerdict::BadIndex;
   }
-  FeatureSet missing = {};
+  missing[0] = missing[1] = 0;
   missing[index] = mask & ~load_feature_word(vendor_set[index]);
-  if (missing[index] == 0) {
-    return FeatureVerdict::Present;
-  }
-  if (!list_features(missing, joiner, list) || *list == '\0') {
-    return FeatureVerdict::Unnamed;
-  }
-  return FeatureVerdict::Missing;
+  return missing[index] == 0 ? FeatureVerdict::Present : FeatureVerdict::Missing;
 }
 
 }  // namespace ksomd
 
 using namespace ksomd;
+
+namespace {
+
+[[noreturn]] void report_missing(const FeatureSet& missing) {
+  char list[feature_list_size];
+  if (list_features(missing, __libkso_format_msg(57, 0), list) && *list != '\0') {
+    fail_check(56, list);
+  }
+  fail_check(58);
+}
+
+}  // namespace
 
 void __orvex_set_fp_mode(Guarantees known, std::uint32_t flags) {
   set_fp_mode(HardwareMxcsr{}, known, flags);
@@ -176,18 +182,16 @@ void __orvex_new_feature_proc_init_n(std::int32_t index, std::uint64_t mask) {
        load_feature_word(__orvex_vendor_feature_indicator[0]) == 0)) {
     fail_check(59);
   }
-  char list[feature_list_size];
-  switch (judge_features(__orvex_vendor_feature_indicator, index, mask, __libkso_format_msg(57, 0),
-                         list)) {
+  FeatureSet missing;
+  switch (judge_features(__orvex_vendor_feature_indicator, index, mask, missing)) {
     case FeatureVerdict::Present:
       return;
     case FeatureVerdict::OtherVendor:
       fail_check(62);
     case FeatureVerdict::BadIndex:
-    case FeatureVerdict::Unnamed:
       fail_check(58);
     case FeatureVerdict::Missing:
-      fail_check(56, list);
+      report_missing(missing);
   }
 }
 

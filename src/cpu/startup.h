@@ -20,13 +20,12 @@ enum class FeatureVerdict {
   Present,      // every required feature is there
   OtherVendor,  // the processor is not a genuine one
   BadIndex,     // no such word of the feature set
-  Unnamed,      // something unnamed is missing
-  Missing,      // `list` names what is missing
+  Missing,      // `missing` holds what is not there
 };
 
 // Judges `vendor_set`, a filled vendor-gated feature set.
 FeatureVerdict judge_features(const FeatureSet& vendor_set, std::int32_t index, std::uint64_t mask,
-                              const char* joiner, char (&list)[feature_list_size]);
+                              FeatureSet& missing);
 
 }  // namespace ksomd
 

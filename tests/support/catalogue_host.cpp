@@ -23,10 +23,14 @@ const char* text(DWORD identifier) {
       return "Translated: 100%% of %s.\r\n";
     case 0x8000001B:
       return "Translated: %d\n";
+    case 0x8000001E:
+      return "\r\n";
+    case 0x8000002C:
+      return "Translated level B\r\n";
     case 0x80000031:
       return long_text.c_str();
     case 0x80000039:
-      return " plus ";
+      return " plus%% ";
     default:
       return nullptr;
   }

@@ -1,5 +1,7 @@
 #include "support/child_process.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <map>
 
@@ -24,6 +26,12 @@ ChildResult run_child(const std::string& name, const Arguments& arguments,
   Arguments command{child_flag + name};
   command.insert(command.end(), arguments.begin(), arguments.end());
   return platform::run_this_program(command, environment);
+}
+
+void expect_exit(const ChildResult& child, int status, const std::string& output) {
+  EXPECT_EQ(child.ending, Ending::Exit);
+  EXPECT_EQ(child.status, status);
+  EXPECT_EQ(child.output, output);
 }
 
 int run_as_child(int argc, char** argv) {

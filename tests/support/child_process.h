@@ -38,6 +38,9 @@ struct ChildResult {
 ChildResult run_child(const std::string& name, const Arguments& arguments = {},
                       const std::vector<std::pair<std::string, std::string>>& environment = {});
 
+// Expects that a child ended with this status and wrote these bytes.
+void expect_exit(const ChildResult& child, int status, const std::string& output);
+
 // Text as this platform's standard output writes it: line feeds become CR LF on Windows.
 std::string text_mode(const std::string& text);
 

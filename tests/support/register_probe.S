@@ -35,7 +35,8 @@
 #define FRAME 280
 
 #define MASKS 128
-#define VECTORS 192
+#define MMX 192
+#define VECTORS 256
 
 ksomd_probe_registers:
         .irp register, rbp, rbx, r12, r13, r14, r15, rsi, rdi
@@ -68,7 +69,10 @@ ksomd_probe_registers:
         .irp n, 0, 1, 2, 3, 4, 5, 6, 7
         kmovq k\n, [rax + MASKS + \n * 8]
         .endr
-3:      mov rcx, [rax + 8 * 1]
+3:      .irp n, 0, 1, 2, 3, 4, 5, 6, 7
+        movq mm\n, [rax + MMX + \n * 8]
+        .endr
+        mov rcx, [rax + 8 * 1]
         mov rdx, [rax + 8 * 2]
         mov rbx, [rax + 8 * 3]
         mov rbp, [rax + 8 * 5]
@@ -92,6 +96,10 @@ ksomd_probe_registers:
         .endr
         mov rcx, [rsp + RESULT]
         mov [rax], rcx
+        .irp n, 0, 1, 2, 3, 4, 5, 6, 7
+        movq [rax + MMX + \n * 8], mm\n
+        .endr
+        emms
         cmp dword ptr [rsp + WIDTH], 1
         je 4f
         ja 5f

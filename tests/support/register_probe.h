@@ -9,6 +9,7 @@ namespace ksomd::test {
 struct RegisterFile {
   std::uint64_t general[16];
   std::uint64_t mask[8];
+  std::uint64_t mmx[8];
   alignas(64) std::uint8_t vector[32][64];
 };
 

@@ -26,10 +26,12 @@ HMODULE LoadLibraryExA(const char* name, HANDLE, DWORD) {
   return held ? const_cast<ksomd::host::Catalogue*>(catalogue) : nullptr;
 }
 
-// Allocates the text, as FORMAT_MESSAGE_ALLOCATE_BUFFER asks; its address goes where `buffer`
-// points.
-DWORD FormatMessageA(DWORD, HMODULE source, DWORD identifier, DWORD language, char* buffer, DWORD,
-                     void*) {
+// Allocates the text; its address goes where `buffer` points. No other way of asking is served.
+DWORD FormatMessageA(DWORD flags, HMODULE source, DWORD identifier, DWORD language, char* buffer,
+                     DWORD, void*) {
+  if (flags != (FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ALLOCATE_BUFFER)) {
+    return 0;
+  }
   const auto* from = static_cast<const ksomd::host::Catalogue*>(source);
   const char* text = language == us_english ? from->text(identifier) : nullptr;
   char* copy = text != nullptr ? strdup(text) : nullptr;
