@@ -5,7 +5,6 @@ A GoogleTest program counts case by case, by its report; any other test counts a
 what CTest says of it. A program that ended without a report counts as one failed case.
 """
 
-import json
 import pathlib
 import sys
 import xml.etree.ElementTree as xml
@@ -13,15 +12,16 @@ import xml.etree.ElementTree as xml
 
 def program_cases(report):
     """(name, outcome, reason) of every case in a GoogleTest report."""
-    for suite in json.loads(report.read_text())["testsuites"]:
-        for case in suite["testsuite"]:
-            name = f'{suite["name"]}.{case["name"]}'
-            if "failures" in case:
-                yield name, "failed", ""
-            elif case["result"] == "SKIPPED":
-                yield name, "skipped", case.get("skipped", [{}])[0].get("message", "")
-            elif case["result"] == "COMPLETED":
-                yield name, "passed", ""
+    for case in xml.parse(report).getroot().iter("testcase"):
+        name = f'{case.get("classname")}.{case.get("name")}'
+        skipped = case.find("skipped")
+        if case.find("failure") is not None:
+            yield name, "failed", ""
+        elif skipped is not None:
+            reason = skipped.get("message", "").splitlines()
+            yield name, "skipped", reason[-1] if reason else ""
+        elif case.get("result") == "completed":
+            yield name, "passed", ""
 
 
 def preset_cases(preset):
@@ -33,7 +33,7 @@ def preset_cases(preset):
     for test in xml.parse(results).getroot().iter("testcase"):
         name, status = test.get("name"), test.get("status")
         outcome = {"run": "passed", "fail": "failed"}.get(status, "skipped")
-        report = directory / "tests" / "reports" / f"{name}.json"
+        report = directory / "tests" / "reports" / f"{name}.xml"
         if not report.exists():
             yield name, outcome, "" if outcome != "skipped" else "not run"
             continue
