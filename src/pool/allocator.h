@@ -1,0 +1,300 @@
+// The pool allocator. Requests of the listed sizes are served from pools, all others by the heap.
+//
+// Lock order: a thread holds the global lock or one pool's lock, never both. The global lock
+// serialises creation, release and reactivation of pools; a pool's lock the handing out of its
+// blocks; freeing a block takes no lock unless it was the last one of the region.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "pool/descriptor.h"
+#include "pool/lock.h"
+
+namespace ksomd::pool {
+
+// Runtime is what the allocator asks of the world, all static:
+//
+//   void* allocate(size), void* allocate_zeroed(count, size), void* resize(block, size),
+//   void release(block)           the heap: malloc, calloc, realloc and free
+//   std::int32_t capacity(size)   blocks in the region of a pool, at least 1
+//   void step(), void wait()      run before each access to shared memory, and while a lock is held
+//                                 by another thread: nothing, unless a test steers the threads
+//
+// An allocator is constant-initialised to zeros: no pools, no sizes.
+template <class Runtime>
+class Allocator {
+  using Pool = __i_pool_desc;
+  using Words = Shared<Runtime>;
+
+ public:
+  void set_sizes(const std::size_t* sizes, Kind kind) {
+    const Holding<Runtime> holding(global_lock_);
+    sizes_of(kind).replace(sizes);
+  }
+
+  void* allocate(std::size_t size) {
+    return malloc_sizes_.contains(size) ? allocate_pooled(Kind::Malloc, size)
+                                        : Runtime::allocate(size);
+  }
+
+  void* allocate_zeroed(std::size_t count, std::size_t element) {
+    std::size_t size = 0;
+    if (__builtin_mul_overflow(count, element, &size) || !calloc_sizes_.contains(size)) {
+      return Runtime::allocate_zeroed(count, element);
+    }
+    return allocate_pooled(Kind::Calloc, size);
+  }
+
+  void release(void* block) {
+    if (Pool* const pool = find(block)) {
+      release_pooled(*pool);
+    } else {
+      Runtime::release(block);
+    }
+  }
+
+  // A pooled block is never resized in place.
+  void* resize(void* block, std::size_t size) {
+    const Pool* const pool = find(block);
+    if (pool == nullptr) {
+      return Runtime::resize(block, size);
+    }
+    void* const moved = allocate(size);
+    if (moved != nullptr) {
+      std::memcpy(moved, block, size < pool->size ? size : pool->size);
+      release(block);
+    }
+    return moved;
+  }
+
+  // Null, or the invariant that does not hold; for a moment without calls in progress.
+  const char* broken_invariant() const;
+
+  // For tests: the pools, the newest first.
+  const Pool* newest_pool() const { return Words::load_acquire(head_); }
+
+ private:
+  SizeList<Runtime>& sizes_of(Kind kind) {
+    return kind == Kind::Malloc ? malloc_sizes_ : calloc_sizes_;
+  }
+
+  static bool serves(const Pool& pool, Kind kind, std::uint64_t size) {
+    return pool.size == size && pool.kind == kind;
+  }
+
+  // The pool that a block is from, or null.
+  Pool* find(const void* block) const {
+    const auto* const address = static_cast<const std::byte*>(block);
+    // acquire: pairs with the publication in create
+    for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = pool->next) {
+      // relaxed: whoever holds a block of this pool was given it after base was set; for any other
+      // pool both answers, null and the region, say no
+      const std::byte* const base = Words::load_relaxed(pool->base);
+      if (base != nullptr && base <= address && address <= pool->last) {
+        return pool;
+      }
+    }
+    return nullptr;
+  }
+
+  void* allocate_pooled(Kind kind, std::uint64_t size) {
+    for (;;) {
+      // acquire: pairs with the publication in create
+      for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = pool->next) {
+        if (serves(*pool, kind, size)) {
+          if (void* const block = take_block(*pool)) {
+            return block;
+          }
+        }
+      }
+      // relaxed: only grows, so that no lock is needed to see that it cannot grow further
+      if (Words::load_relaxed(pool_count_) == max_pools) {
+        return from_heap(kind, size);
+      }
+      const Holding<Runtime> holding(global_lock_);
+      // Another thread may have created or reactivated a pool since the walk, or taken the last
+      // descriptor.
+      if (!may_have_block(kind, size) && pool_count_ < max_pools) {
+        return create(kind, size);
+      }
+    }
+  }
+
+  // A block of this pool, or null if all are handed out.
+  static void* hand_out(Pool& pool, std::byte* base) {
+    // relaxed: a full pool is passed over without its lock; the decision is taken again below
+    if (Words::load_relaxed(pool.next_index) >= pool.capacity) {
+      return nullptr;
+    }
+    const Holding<Runtime> holding(pool.lock);
+    // relaxed: the lock orders it among the increments; a reactivation changes only a full pool
+    if (Words::load_relaxed(pool.next_index) >= pool.capacity) {
+      return nullptr;
+    }
+    // acquire: pairs with the reactivation that opened the pool, for base and for zeroed contents
+    const std::int32_t index = Words::increment_acquire(pool.next_index);
+    return base + static_cast<std::uint64_t>(index) * pool.size;
+  }
+
+  // As hand_out; a released pool is reactivated first.
+  void* take_block(Pool& pool) {
+    for (;;) {
+      // relaxed: the region's address never changes, and nothing in it is read
+      if (std::byte* const base = Words::load_relaxed(pool.base)) {
+        return hand_out(pool, base);
+      }
+      if (void* const first = reactivate(pool)) {
+        return first;
+      }
+    }
+  }
+
+  // Block 0 of a released pool, which is in use again; null if another thread was faster.
+  void* reactivate(Pool& pool) {
+    const Holding<Runtime> holding(global_lock_);
+    if (Words::load_relaxed(pool.base) != nullptr) {  // relaxed: only changes under this lock
+      return nullptr;
+    }
+    std::byte* const region = pool.saved;
+    if (pool.kind == Kind::Calloc) {
+      std::memset(region, 0, static_cast<std::uint64_t>(pool.capacity) * pool.size);
+    }
+    // No block is out, so nobody else touches `freed`. The index goes last, with release: it opens
+    // the pool, also for a thread that read `base` before the pool was released, and the blocks of
+    // such a thread must be found when they are freed, and counted from 0.
+    Words::store_relaxed(pool.base, region);
+    Words::exchange_release(pool.freed, std::uint32_t{0});
+    Words::exchange_release(pool.next_index, std::int32_t{1});
+    return region;
+  }
+
+  // Counts a freed block; the pool whose blocks are all freed is released.
+  void release_pooled(Pool& pool) {
+    // release: this thread is done with the block; acquire: and the last one sees that all are.
+    // The increment itself tells who was the last: exactly one thread, since no block is handed out
+    // between its increment and the release.
+    const std::uint32_t freed = Words::increment_acq_rel(pool.freed) + 1;
+    if (freed == static_cast<std::uint32_t>(pool.capacity)) {
+      const Holding<Runtime> holding(global_lock_);
+      pool.saved = Words::load_relaxed(pool.base);  // relaxed: only changes under the global lock
+      // relaxed: whoever acts on the null takes the global lock first
+      Words::store_relaxed(pool.base, static_cast<std::byte*>(nullptr));
+    }
+  }
+
+  // Whether some pool has a block left, or is released. Under the global lock.
+  bool may_have_block(Kind kind, std::uint64_t size) const {
+    for (const Pool* pool = head_; pool != nullptr; pool = pool->next) {
+      // relaxed: both only turn towards "yes" under the global lock
+      if (serves(*pool, kind, size) && (Words::load_relaxed(pool->base) == nullptr ||
+                                        Words::load_relaxed(pool->next_index) < pool->capacity)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // Block 0 of a new pool; null, and no descriptor taken, if the heap is exhausted. Under the
+  // global lock.
+  void* create(Kind kind, std::uint64_t size) {
+    const std::int32_t capacity = Runtime::capacity(size);
+    auto* const region = static_cast<std::byte*>(request_region(kind, capacity, size));
+    if (region == nullptr) {
+      return nullptr;
+    }
+    Pool& pool = pools_[pool_count_];
+    Words::store_relaxed(pool_count_, pool_count_ + 1);  // relaxed: the pool is found through head
+    pool.next = head_;
+    pool.base = region;
+    pool.last = region + static_cast<std::uint64_t>(capacity - 1) * size;
+    pool.size = size;
+    pool.capacity = capacity;
+    pool.next_index = 1;
+    pool.kind = kind;
+    // release: a thread that finds the pool finds it complete
+    Words::store_release(head_, &pool);
+    return region;
+  }
+
+  static void* request_region(Kind kind, std::int32_t capacity, std::uint64_t size) {
+    const auto count = static_cast<std::uint64_t>(capacity);
+    if (kind == Kind::Calloc) {
+      return Runtime::allocate_zeroed(count, size);
+    }
+    // A product that overflows becomes a request that no heap can meet.
+    std::uint64_t bytes = 0;
+    const bool overflow = __builtin_mul_overflow(count, size, &bytes);
+    return Runtime::allocate(overflow ? std::numeric_limits<std::size_t>::max() : bytes);
+  }
+
+  static void* from_heap(Kind kind, std::uint64_t size) {
+    return kind == Kind::Malloc ? Runtime::allocate(size) : Runtime::allocate_zeroed(1, size);
+  }
+
+  // The state. With n = pool_count:
+  //
+  //   0 <= n <= max_pools
+  //   head = &pools[n - 1], or null if n = 0
+  //   pools[i].next = &pools[i - 1] for 0 < i < n, pools[0].next = null
+  //
+  // `head` and the sizes are read by every call, the global lock changes hands rarely: a cache line
+  // of its own keeps it apart.
+  Pool pools_[max_pools];
+  Pool* head_;
+  SizeList<Runtime> malloc_sizes_;
+  SizeList<Runtime> calloc_sizes_;
+  alignas(64) LockWord global_lock_;
+  std::int32_t pool_count_;  // written under the global lock
+};
+
+template <class Runtime>
+const char* Allocator<Runtime>::broken_invariant() const {
+  if (pool_count_ < 0 || pool_count_ > max_pools) {
+    return "0 <= pool_count <= max_pools";
+  }
+  if (global_lock_ != 0) {
+    return "global lock free";
+  }
+  if (!malloc_sizes_.filter_holds() || !calloc_sizes_.filter_holds()) {
+    return "filter = union of the sizes' bits";
+  }
+  const Pool* older = nullptr;
+  for (std::int32_t i = 0; i < pool_count_; ++i) {
+    const Pool& pool = pools_[i];
+    const std::byte* const region = pool.base != nullptr ? pool.base : pool.saved;
+    if (pool.next != older) {
+      return "next = the pool created before";
+    }
+    older = &pool;
+    if (region == nullptr) {
+      return "base or saved not null";
+    }
+    if (pool.base != nullptr && pool.saved != nullptr && pool.saved != pool.base) {
+      return "base = region, saved = region";
+    }
+    if (pool.capacity != Runtime::capacity(pool.size)) {
+      return "capacity follows from size";
+    }
+    if (pool.last != region + static_cast<std::uint64_t>(pool.capacity - 1) * pool.size) {
+      return "last = region + (capacity - 1) * size";
+    }
+    if (pool.next_index < 1 || pool.next_index > pool.capacity) {
+      return "1 <= next_index <= capacity";
+    }
+    if (pool.freed > static_cast<std::uint32_t>(pool.next_index)) {
+      return "freed <= next_index";
+    }
+    if ((pool.base == nullptr) != (pool.freed == static_cast<std::uint32_t>(pool.capacity))) {
+      return "released <=> freed = capacity";
+    }
+    if (pool.lock != 0) {
+      return "pool's lock free";
+    }
+  }
+  return head_ == older ? nullptr : "head = the newest pool";
+}
+
+}  // namespace ksomd::pool
