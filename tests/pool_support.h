@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -96,6 +97,20 @@ class TestAllocator : public pool::Allocator<Runtime> {
     pool::Allocator<Runtime>::set_sizes(sizes.data(), kind);
   }
 
+  // With no blocks held: brings every pool to the end of its region, so that all are released.
+  void run_out() {
+    std::vector<void*> blocks;
+    for (const __i_pool_desc* pool = this->newest_pool(); pool != nullptr; pool = pool->next) {
+      while (pool->base == nullptr || pool->next_index < pool->capacity) {
+        blocks.push_back(pool->kind == pool::Kind::Malloc ? this->allocate(pool->size)
+                                                          : this->allocate_zeroed(1, pool->size));
+      }
+    }
+    for (void* block : blocks) {
+      this->release(block);
+    }
+  }
+
   int pool_count() const {
     int count = 0;
     for (const __i_pool_desc* pool = this->newest_pool(); pool != nullptr; pool = pool->next) {
@@ -128,6 +143,22 @@ void in_threads(int count, Body body) {
     thread.join();
   }
 }
+
+// The first thing that a thread found wrong, kept while the other threads go on to the end.
+class Findings {
+ public:
+  void expect(bool holds, std::int64_t round, std::string_view what) {
+    if (!holds && count_.fetch_add(1) == 0) {
+      first_ = "round " + std::to_string(round) + ": " + std::string(what);
+    }
+  }
+  // "" if everything was as expected. After the threads have ended.
+  const std::string& first() const { return first_; }
+
+ private:
+  std::atomic<std::int64_t> count_ = 0;
+  std::string first_;
+};
 
 // Lets threads go on together, round after round.
 class Barrier {

@@ -145,7 +145,7 @@ KSOMD_CHILD(recycling) {
 }
 
 KSOMD_CHILD(zeroed) {
-  make_lists({}, {40, 100});
+  make_lists({40}, {40, 100});
   for (const auto& [number, size, capacity] : {std::tuple{10, 4, 300000}, {25, 4, 30000}}) {
     const auto block_size = static_cast<std::size_t>(number * size);
     std::vector<char*> blocks;
@@ -163,9 +163,11 @@ KSOMD_CHILD(zeroed) {
       blocks.clear();
     }
   }
-  // The same sizes in malloc's list would be another kind's pools.
-  REQUIRE(static_cast<char*>(__i_pool_malloc(40)) != nullptr);
-  REQUIRE(ksomd::pool::process_allocator.newest_pool()->next->next == nullptr);
+  // The same size in malloc's list is another kind's pool.
+  void* const block = __i_pool_malloc(40);
+  const __i_pool_desc* const newest = ksomd::pool::process_allocator.newest_pool();
+  REQUIRE(block == newest->base && newest->kind == ksomd::pool::Kind::Malloc);
+  REQUIRE(newest->next->next->next == nullptr);
   REQUIRE_SOUND();
   return 0;
 }
