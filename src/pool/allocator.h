@@ -114,13 +114,25 @@ class Allocator {
       if (Words::load_relaxed(pool_count_) == max_pools) {
         return from_heap(kind, size);
       }
-      const Holding<Runtime> holding(global_lock_);
-      // Another thread may have created or reactivated a pool since the walk, or taken the last
-      // descriptor.
-      if (!may_have_block(kind, size) && pool_count_ < max_pools) {
-        return create(kind, size);
+      if (const Growth growth = grow(kind, size); !growth.look_again) {
+        return growth.first;
       }
     }
+  }
+
+  // What came of a walk that found no room.
+  struct Growth {
+    void* first;      // block 0 of a new pool, null if the heap is exhausted
+    bool look_again;  // another thread has created or reactivated a pool since, or taken the last
+                      // descriptor
+  };
+
+  [[gnu::noinline]] Growth grow(Kind kind, std::uint64_t size) {
+    const Holding<Runtime> holding(global_lock_);
+    if (may_have_block(kind, size) || pool_count_ == max_pools) {
+      return {nullptr, true};
+    }
+    return {create(kind, size), false};
   }
 
   // A block of this pool, or null if all are handed out.
@@ -153,7 +165,7 @@ class Allocator {
   }
 
   // Block 0 of a released pool, which is in use again; null if another thread was faster.
-  void* reactivate(Pool& pool) {
+  [[gnu::noinline]] void* reactivate(Pool& pool) {
     const Holding<Runtime> holding(global_lock_);
     if (Words::load_relaxed(pool.base) != nullptr) {  // relaxed: only changes under this lock
       return nullptr;
@@ -178,11 +190,15 @@ class Allocator {
     // between its increment and the release.
     const std::uint32_t freed = Words::increment_acq_rel(pool.freed) + 1;
     if (freed == static_cast<std::uint32_t>(pool.capacity)) {
-      const Holding<Runtime> holding(global_lock_);
-      pool.saved = Words::load_relaxed(pool.base);  // relaxed: only changes under the global lock
-      // relaxed: whoever acts on the null takes the global lock first
-      Words::store_relaxed(pool.base, static_cast<std::byte*>(nullptr));
+      retire(pool);
     }
+  }
+
+  [[gnu::noinline]] void retire(Pool& pool) {
+    const Holding<Runtime> holding(global_lock_);
+    pool.saved = Words::load_relaxed(pool.base);  // relaxed: only changes under the global lock
+    // relaxed: whoever acts on the null takes the global lock first
+    Words::store_relaxed(pool.base, static_cast<std::byte*>(nullptr));
   }
 
   // Whether some pool has a block left, or is released. Under the global lock.
