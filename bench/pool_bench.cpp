@@ -79,6 +79,9 @@ double measure(const Heap& heap, const std::vector<Load>& loads) {
   return *std::max_element(times.begin(), times.end());
 }
 
+// Repetitions that are not counted: enough to fetch all memory of the largest pool.
+constexpr int warm_up = 5;
+
 double median(std::vector<double> values) {
   std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
                    values.end());
@@ -88,18 +91,21 @@ double median(std::vector<double> values) {
 void compare(const char* title, const std::vector<Heap>& heaps, const std::vector<Load>& loads,
              int repetitions) {
   std::vector<std::vector<double>> times(heaps.size());
-  for (int repetition = 0; repetition <= repetitions; ++repetition) {
+  for (int repetition = 0; repetition < warm_up + repetitions; ++repetition) {
     for (std::size_t i = 0; i < heaps.size(); ++i) {
       const double time = measure(heaps[i], loads);
-      if (repetition != 0) {  // the first one fetches the memory from the system
+      if (repetition >= warm_up) {
         times[i].push_back(time);
       }
     }
   }
   std::printf("%-44s", title);
-  const double base = median(times[0]);
   for (std::size_t i = 0; i < heaps.size(); ++i) {
-    std::printf("  %-9s %6.1f ns %5.2f", heaps[i].name, median(times[i]), median(times[i]) / base);
+    std::vector<double> ratios;
+    for (std::size_t repetition = 0; repetition < times[i].size(); ++repetition) {
+      ratios.push_back(times[i][repetition] / times[0][repetition]);
+    }
+    std::printf("  %-9s %6.1f ns %5.2f", heaps[i].name, median(times[i]), median(ratios));
   }
   std::printf("\n");
 }
@@ -119,7 +125,7 @@ bool add_mimalloc(std::vector<Heap>& heaps) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int repetitions = argc > 1 ? std::atoi(argv[1]) : 21;
+  const int repetitions = argc > 1 ? std::atoi(argv[1]) : 101;
   std::vector<Heap> heaps = {{"C library", std::malloc, std::free},
                              {"pools", __i_pool_malloc, __i_pool_free}};
   if (!add_mimalloc(heaps)) {
@@ -131,15 +137,29 @@ int main(int argc, char** argv) {
   constexpr int batch = 30000;
   constexpr auto untouched = Contents::Untouched;
   constexpr auto touched = Contents::Touched;
-  compare("40 bytes", heaps, {{40, untouched, batch, 20}}, repetitions);
-  compare("100 bytes", heaps, {{100, untouched, batch, 20}}, repetitions);
-  compare("40 bytes, touched", heaps, {{40, touched, batch, 20}}, repetitions);
-  compare("100 bytes, touched", heaps, {{100, touched, batch, 20}}, repetitions);
+  compare("40 bytes", heaps, {{40, untouched, batch, 4}}, repetitions);
+  compare("100 bytes", heaps, {{100, untouched, batch, 4}}, repetitions);
+  compare("40 bytes, touched", heaps, {{40, touched, batch, 4}}, repetitions);
+  compare("100 bytes, touched", heaps, {{100, touched, batch, 4}}, repetitions);
   compare("2 threads, 40 and 100 bytes", heaps,
-          {{40, untouched, batch, 20}, {100, untouched, batch, 20}}, repetitions);
+          {{40, untouched, batch, 4}, {100, untouched, batch, 4}}, repetitions);
   compare("2 threads, 40 and 100 bytes, touched", heaps,
-          {{40, touched, batch, 20}, {100, touched, batch, 20}}, repetitions);
-  compare("one block at a time, 40 bytes", heaps, {{40, untouched, 1, 300000}}, repetitions);
-  compare("not in the list, 64 bytes", heaps, {{64, untouched, batch, 20}}, repetitions);
+          {{40, touched, batch, 4}, {100, touched, batch, 4}}, repetitions);
+  compare("2 threads, 100 bytes, one pool for both", heaps,
+          {{100, untouched, batch, 4}, {100, untouched, batch, 4}}, repetitions);
+  compare("one block at a time, 40 bytes", heaps, {{40, untouched, 1, 100000}}, repetitions);
+  compare("not in the list, 64 bytes", heaps, {{64, untouched, batch, 4}}, repetitions);
+
+  std::vector<std::size_t> all_sizes;
+  for (std::size_t size = 104; all_sizes.size() < 48; size += 8) {
+    all_sizes.push_back(size);
+  }
+  all_sizes.insert(all_sizes.end(), {40, 100, 0});
+  __i_pool_init(all_sizes.data(), KSOMD_POOL_MALLOC);
+  for (std::size_t i = 0; i < 48; ++i) {
+    __i_pool_free(__i_pool_malloc(all_sizes[i]));
+  }
+  compare("50 pools, not in the list, 64 bytes", heaps, {{64, untouched, batch, 4}}, repetitions);
+  compare("50 pools, the last one, 100 bytes", heaps, {{100, untouched, batch, 4}}, repetitions);
   return 0;
 }

@@ -1,8 +1,8 @@
 // The pool allocator. Requests of the listed sizes are served from pools, all others by the heap.
 //
-// Lock order: a thread holds the global lock or one pool's lock, never both. The global lock
-// serialises creation, release and reactivation of pools; a pool's lock the handing out of its
-// blocks; freeing a block takes no lock unless it was the last one of the region.
+// The one lock serialises creation, release and reactivation of pools. Handing out a block of a
+// pool in use and freeing one take no lock, unless it was the last one of the region: an atomic
+// operation each, on a cache line of the pool's own.
 #pragma once
 
 #include <cstddef>
@@ -88,6 +88,10 @@ class Allocator {
   // The pool that a block is from, or null.
   Pool* find(const void* block) const {
     const auto* const address = static_cast<const std::byte*>(block);
+    // relaxed: whoever holds a pooled block was given it after its region was within the bounds
+    if (address < Words::load_relaxed(lowest_) || address > Words::load_relaxed(highest_)) {
+      return nullptr;
+    }
     // acquire: pairs with the publication in create
     for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = pool->next) {
       // relaxed: whoever holds a block of this pool was given it after base was set; for any other
@@ -135,20 +139,20 @@ class Allocator {
     return {create(kind, size), false};
   }
 
-  // A block of this pool, or null if all are handed out.
+  // A block of this pool, or null if all are handed out. The check and the increment are one step,
+  // so that no lock is needed and no thread ever waits for one that was interrupted in between.
   static void* hand_out(Pool& pool, std::byte* base) {
-    // relaxed: a full pool is passed over without its lock; the decision is taken again below
-    if (Words::load_relaxed(pool.next_index) >= pool.capacity) {
-      return nullptr;
+    // relaxed: a guess, which the exchange confirms or replaces
+    std::int32_t index = Words::load_relaxed(pool.next_index);
+    while (index < pool.capacity) {
+      // acquire: pairs with the reactivation that opened the pool, for base and for zeroed
+      // contents. Should the region have started again since the guess, block `index` is as good a
+      // block.
+      if (Words::compare_exchange_acquire(pool.next_index, index, index + 1)) {
+        return base + static_cast<std::uint64_t>(index) * pool.size;
+      }
     }
-    const Holding<Runtime> holding(pool.lock);
-    // relaxed: the lock orders it among the increments; a reactivation changes only a full pool
-    if (Words::load_relaxed(pool.next_index) >= pool.capacity) {
-      return nullptr;
-    }
-    // acquire: pairs with the reactivation that opened the pool, for base and for zeroed contents
-    const std::int32_t index = Words::increment_acquire(pool.next_index);
-    return base + static_cast<std::uint64_t>(index) * pool.size;
+    return nullptr;
   }
 
   // As hand_out; a released pool is reactivated first.
@@ -230,6 +234,12 @@ class Allocator {
     pool.capacity = capacity;
     pool.next_index = 1;
     pool.kind = kind;
+    if (lowest_ == nullptr || region < lowest_) {
+      Words::store_relaxed(lowest_, region);
+    }
+    if (pool.last > highest_) {
+      Words::store_relaxed(highest_, pool.last);
+    }
     // release: a thread that finds the pool finds it complete
     Words::store_release(head_, &pool);
     return region;
@@ -255,11 +265,15 @@ class Allocator {
   //   0 <= n <= max_pools
   //   head = &pools[n - 1], or null if n = 0
   //   pools[i].next = &pools[i - 1] for 0 < i < n, pools[0].next = null
+  //   lowest = min(region of pools[i]), highest = max(last of pools[i]) over i < n; null if n = 0
   //
-  // `head` and the sizes are read by every call, the global lock changes hands rarely: a cache line
-  // of its own keeps it apart.
+  // The bounds tell of most blocks of the heap that they are from no pool. Like `head` and the
+  // sizes they are read by every call; the global lock changes hands rarely: a cache line of its
+  // own keeps it apart.
   Pool pools_[max_pools];
   Pool* head_;
+  std::byte* lowest_;
+  std::byte* highest_;
   SizeList<Runtime> malloc_sizes_;
   SizeList<Runtime> calloc_sizes_;
   alignas(64) LockWord global_lock_;
@@ -278,6 +292,8 @@ const char* Allocator<Runtime>::broken_invariant() const {
     return "filter = union of the sizes' bits";
   }
   const Pool* older = nullptr;
+  const std::byte* lowest = nullptr;
+  const std::byte* highest = nullptr;
   for (std::int32_t i = 0; i < pool_count_; ++i) {
     const Pool& pool = pools_[i];
     const std::byte* const region = pool.base != nullptr ? pool.base : pool.saved;
@@ -306,9 +322,11 @@ const char* Allocator<Runtime>::broken_invariant() const {
     if ((pool.base == nullptr) != (pool.freed == static_cast<std::uint32_t>(pool.capacity))) {
       return "released <=> freed = capacity";
     }
-    if (pool.lock != 0) {
-      return "pool's lock free";
-    }
+    lowest = lowest == nullptr || region < lowest ? region : lowest;
+    highest = pool.last > highest ? pool.last : highest;
+  }
+  if (lowest_ != lowest || highest_ != highest) {
+    return "lowest and highest = the bounds of all regions";
   }
   return head_ == older ? nullptr : "head = the newest pool";
 }

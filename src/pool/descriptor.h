@@ -45,10 +45,9 @@ struct alignas(64) __i_pool_desc {
   std::uint64_t size;
   std::int32_t capacity;
 
-  alignas(64) std::int32_t next_index;  // incremented under `lock`
+  alignas(64) std::int32_t next_index;
   std::uint32_t freed;
   ksomd::pool::Kind kind;
-  ksomd::pool::LockWord lock;  // guards the check of next_index against capacity, and its increment
 };
 
 namespace ksomd::pool {

@@ -40,10 +40,13 @@ struct Shared {
     Runtime::step();
     return __atomic_exchange_n(&word, value, __ATOMIC_RELEASE);
   }
+  // Whether the word was `expected`, and is now `value`; if not, `expected` is what it was. May
+  // fail for no reason.
   template <class T>
-  static T increment_acquire(T& word) {
+  static bool compare_exchange_acquire(T& word, T& expected, T value) {
     Runtime::step();
-    return __atomic_fetch_add(&word, 1, __ATOMIC_ACQUIRE);
+    return __atomic_compare_exchange_n(&word, &expected, value, true, __ATOMIC_ACQUIRE,
+                                       __ATOMIC_RELAXED);
   }
   template <class T>
   static T increment_acq_rel(T& word) {
