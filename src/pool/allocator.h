@@ -77,12 +77,19 @@ class Allocator {
   const Pool* newest_pool() const { return Words::load_acquire(head_); }
 
  private:
-  SizeList<Runtime>& sizes_of(Kind kind) {
+  SizeSet<Runtime>& sizes_of(Kind kind) {
     return kind == Kind::Malloc ? malloc_sizes_ : calloc_sizes_;
   }
 
   static bool serves(const Pool& pool, Kind kind, std::uint64_t size) {
     return pool.size == size && pool.kind == kind;
+  }
+
+  // The next pool of the list, without waiting for the link to be loaded: a walk then looks at
+  // several pools at a time.
+  template <class P>
+  P* older(P* pool) const {
+    return pool != pools_ ? pool - 1 : nullptr;
   }
 
   // The pool that a block is from, or null.
@@ -93,7 +100,7 @@ class Allocator {
       return nullptr;
     }
     // acquire: pairs with the publication in create
-    for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = pool->next) {
+    for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = older(pool)) {
       // relaxed: whoever holds a block of this pool was given it after base was set; for any other
       // pool both answers, null and the region, say no
       const std::byte* const base = Words::load_relaxed(pool->base);
@@ -107,7 +114,7 @@ class Allocator {
   void* allocate_pooled(Kind kind, std::uint64_t size) {
     for (;;) {
       // acquire: pairs with the publication in create
-      for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = pool->next) {
+      for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = older(pool)) {
         if (serves(*pool, kind, size)) {
           if (void* const block = take_block(*pool)) {
             return block;
@@ -207,7 +214,7 @@ class Allocator {
 
   // Whether some pool has a block left, or is released. Under the global lock.
   bool may_have_block(Kind kind, std::uint64_t size) const {
-    for (const Pool* pool = head_; pool != nullptr; pool = pool->next) {
+    for (const Pool* pool = head_; pool != nullptr; pool = older(pool)) {
       // relaxed: both only turn towards "yes" under the global lock
       if (serves(*pool, kind, size) && (Words::load_relaxed(pool->base) == nullptr ||
                                         Words::load_relaxed(pool->next_index) < pool->capacity)) {
@@ -274,8 +281,8 @@ class Allocator {
   Pool* head_;
   std::byte* lowest_;
   std::byte* highest_;
-  SizeList<Runtime> malloc_sizes_;
-  SizeList<Runtime> calloc_sizes_;
+  SizeSet<Runtime> malloc_sizes_;
+  SizeSet<Runtime> calloc_sizes_;
   alignas(64) LockWord global_lock_;
   std::int32_t pool_count_;  // written under the global lock
 };
@@ -288,8 +295,8 @@ const char* Allocator<Runtime>::broken_invariant() const {
   if (global_lock_ != 0) {
     return "global lock free";
   }
-  if (!malloc_sizes_.filter_holds() || !calloc_sizes_.filter_holds()) {
-    return "filter = union of the sizes' bits";
+  if (!malloc_sizes_.is_sound() || !calloc_sizes_.is_sound()) {
+    return "a size is found from its home slot";
   }
   const Pool* older = nullptr;
   const std::byte* lowest = nullptr;

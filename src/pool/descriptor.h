@@ -52,62 +52,61 @@ struct alignas(64) __i_pool_desc {
 
 namespace ksomd::pool {
 
-// The sizes of one kind that pools serve.
+// The sizes of one kind that pools serve: a set, open-addressed.
 //
-//   sizes[i] != 0 for i < length; sizes[length] = 0 if length < max_sizes
-//   filter = the union of bit(sizes[i]) over i < length
-//
-// One word tells of nearly every other size that it is not in the list.
+//   slots[i] = 0, or a size
+//   no slot from a size's home to where it stands, cyclically, is 0
+//   at most max_sizes slots are not 0: less than half, so that a search soon meets a 0
 template <class Runtime>
-class SizeList {
+class SizeSet {
   using Words = Shared<Runtime>;
 
  public:
+  // The first sizes of a list: up to a 0, and at most max_sizes.
   void replace(const std::size_t* sizes) {
-    std::uint64_t filter = 0;
-    std::int32_t length = 0;
-    for (; length < max_sizes && sizes[length] != 0; ++length) {
-      Words::store_relaxed(sizes_[length], std::uint64_t{sizes[length]});
-      filter |= bit(sizes[length]);
+    for (std::uint64_t& slot : slots_) {
+      Words::store_relaxed(slot, std::uint64_t{0});
     }
-    if (length < max_sizes) {
-      Words::store_relaxed(sizes_[length], std::uint64_t{0});
+    for (std::int32_t i = 0; i < max_sizes && sizes[i] != 0; ++i) {
+      // relaxed: a size in its slot stands for nothing but itself
+      Words::store_relaxed(slots_[search(sizes[i])], std::uint64_t{sizes[i]});
     }
-    // release: who sees the filter sees the sizes
-    Words::store_release(filter_, filter);
   }
 
   bool contains(std::uint64_t size) const {
-    // acquire: pairs with replace
-    if ((Words::load_acquire(filter_) & bit(size)) == 0) {
-      return false;
-    }
-    for (const std::uint64_t& listed : sizes_) {
-      // relaxed: the filter's acquire has made the sizes visible
-      const std::uint64_t candidate = Words::load_relaxed(listed);
-      if (candidate == size || candidate == 0) {
-        return candidate != 0;
-      }
-    }
-    return false;
+    return size != 0 && Words::load_relaxed(slots_[search(size)]) == size;
   }
 
-  bool filter_holds() const {
-    std::uint64_t expected = 0;
-    for (std::int32_t i = 0; i < max_sizes && sizes_[i] != 0; ++i) {
-      expected |= bit(sizes_[i]);
+  bool is_sound() const {
+    std::int32_t used = 0;
+    for (std::uint32_t i = 0; i < slot_count; ++i) {
+      used += slots_[i] != 0;
+      if (slots_[i] != 0 && search(slots_[i]) != i) {
+        return false;
+      }
     }
-    return filter_ == expected;
+    return used <= max_sizes;
   }
 
  private:
-  // Multiplication by 2^64 over the golden ratio spreads the sizes over the upper bits.
-  static std::uint64_t bit(std::uint64_t size) {
-    return std::uint64_t{1} << ((size * 0x9E3779B97F4A7C15) >> 58);
+  static constexpr std::uint32_t slot_bits = 7;
+  static constexpr std::uint32_t slot_count = 1 << slot_bits;
+  static_assert(slot_count > 2 * max_sizes);
+
+  // The slot of a size, or the empty one where it would go.
+  std::uint32_t search(std::uint64_t size) const {
+    // Multiplication by 2^64 over the golden ratio spreads the sizes over the upper bits.
+    auto i = static_cast<std::uint32_t>((size * 0x9E3779B97F4A7C15) >> (64 - slot_bits));
+    for (;;) {
+      const std::uint64_t slot = Words::load_relaxed(slots_[i]);
+      if (slot == size || slot == 0) {
+        return i;
+      }
+      i = (i + 1) % slot_count;
+    }
   }
 
-  std::uint64_t filter_;
-  std::uint64_t sizes_[max_sizes];
+  std::uint64_t slots_[slot_count];
 };
 
 }  // namespace ksomd::pool
