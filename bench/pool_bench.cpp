@@ -69,6 +69,7 @@ double measure(const Heap& heap, const std::vector<Load>& loads) {
     times[i] = nanoseconds_per_block(heap, loads[i], blocks);
   };
   std::vector<std::thread> threads;
+  threads.reserve(loads.size());
   for (std::size_t i = 1; i < loads.size(); ++i) {
     threads.emplace_back(body, i);
   }
@@ -102,6 +103,7 @@ void compare(const char* title, const std::vector<Heap>& heaps, const std::vecto
   std::printf("%-44s", title);
   for (std::size_t i = 0; i < heaps.size(); ++i) {
     std::vector<double> ratios;
+    ratios.reserve(times[i].size());
     for (std::size_t repetition = 0; repetition < times[i].size(); ++repetition) {
       ratios.push_back(times[i][repetition] / times[0][repetition]);
     }
@@ -125,7 +127,7 @@ bool add_mimalloc(std::vector<Heap>& heaps) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int repetitions = argc > 1 ? std::atoi(argv[1]) : 101;
+  const int repetitions = argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 101;
   std::vector<Heap> heaps = {{"C library", std::malloc, std::free},
                              {"pools", __i_pool_malloc, __i_pool_free}};
   if (!add_mimalloc(heaps)) {

@@ -127,7 +127,7 @@ TEST(PoolFailure, RefusedRegionsTakeNoDescriptor) {
   TestHeap::reset();
   ksomd::test::TestAllocator<World> allocator;
   std::vector<std::size_t> sizes;
-  for (std::size_t size = 8; size <= 8 * 50; size += 8) {
+  for (std::size_t size = 8; size <= 400; size += 8) {
     sizes.push_back(size);
   }
   allocator.set_sizes(sizes);

@@ -58,7 +58,7 @@ class Conductor {
       Strand& strand = strands_[i];
       strand.body = &bodies[i];
       strand.finished = false;
-      strand.stack.resize(64 * 1024);
+      strand.stack.resize(std::size_t{64} * 1024);
       getcontext(&strand.context);
       strand.context.uc_stack.ss_sp = strand.stack.data();
       strand.context.uc_stack.ss_size = strand.stack.size();
@@ -258,6 +258,7 @@ void explore(const char* name, int preemptions, int most_pools, const Scenario& 
 // All blocks of the newest pool, which is full then.
 std::vector<void*> fill(Stage& stage, Kind kind = Kind::Malloc) {
   std::vector<void*> blocks;
+  blocks.reserve(capacity);
   for (std::int32_t i = 0; i < capacity; ++i) {
     blocks.push_back(stage.take(kind));
   }

@@ -6,7 +6,6 @@
 
 namespace {
 
-using ksomd::test::Barrier;
 using ksomd::test::in_threads;
 
 TEST(FastLock, StatesOfTheWord) {

@@ -216,6 +216,7 @@ TEST(PoolStress, ManyThreadsAgainstTheModel) {
   shared->allocator.set_sizes({std::begin(malloc_sizes), std::end(malloc_sizes)});
   shared->allocator.set_sizes({std::begin(calloc_sizes), std::end(calloc_sizes)}, Kind::Calloc);
   std::vector<Program> programs;
+  programs.reserve(threads);
   for (unsigned i = 0; i < threads; ++i) {
     programs.emplace_back(*shared, i + 1);
   }

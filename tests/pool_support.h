@@ -136,6 +136,7 @@ inline bool all_bytes(const void* block, std::size_t size, int value) {
 template <class Body>
 void in_threads(int count, Body body) {
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     threads.emplace_back([&body, i] { body(i); });
   }

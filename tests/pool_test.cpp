@@ -26,7 +26,8 @@ using ksomd::test::Ending;
 
 #define REQUIRE(condition)                                      \
   do {                                                          \
-    if (!(condition)) {                                         \
+    const bool holds = (condition);                             \
+    if (!holds) {                                               \
       std::printf("line %d: not so: %s", __LINE__, #condition); \
       return 1;                                                 \
     }                                                           \
@@ -146,8 +147,8 @@ KSOMD_CHILD(recycling) {
 
 KSOMD_CHILD(zeroed) {
   make_lists({40}, {40, 100});
-  for (const auto& [number, size, capacity] : {std::tuple{10, 4, 300000}, {25, 4, 30000}}) {
-    const auto block_size = static_cast<std::size_t>(number * size);
+  for (const auto& [number, size, capacity] : {std::tuple{10u, 4u, 300000}, {25u, 4u, 30000}}) {
+    const std::size_t block_size = std::size_t{number} * size;
     std::vector<char*> blocks;
     for (int round = 0; round < 3; ++round) {
       for (int i = 0; i < capacity; ++i) {

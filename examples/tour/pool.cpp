@@ -14,6 +14,7 @@ void show_recycling() {
   __i_pool_init(sizes, KSOMD_POOL_MALLOC);
   constexpr int capacity = 30000;
   std::vector<char*> nodes;
+  nodes.reserve(capacity);
   for (int i = 0; i < capacity; ++i) {
     nodes.push_back(static_cast<char*>(__i_pool_malloc(100)));
   }

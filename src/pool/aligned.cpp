@@ -12,7 +12,7 @@
 //   |<---------------- size + 8 + alignment ---------------------------->|
 namespace {
 
-constexpr std::size_t link_size = sizeof(void*);
+constexpr std::size_t link_size = sizeof(std::uintptr_t);
 
 }  // namespace
 
@@ -30,7 +30,8 @@ void* ksomd_mm_malloc(std::size_t size, std::size_t alignment) {
   const auto first = reinterpret_cast<std::uintptr_t>(raw) + link_size;
   const std::uintptr_t aligned = (first + step - 1) & ~(step - 1);
   std::byte* const result = raw + (aligned - reinterpret_cast<std::uintptr_t>(raw));
-  std::memcpy(result - link_size, &raw, link_size);
+  const auto link = reinterpret_cast<std::uintptr_t>(raw);
+  std::memcpy(result - link_size, &link, link_size);
   return result;
 }
 
@@ -38,7 +39,7 @@ void ksomd_mm_free(void* block) {
   if (block == nullptr) {
     return;
   }
-  void* raw = nullptr;
-  std::memcpy(&raw, static_cast<std::byte*>(block) - link_size, link_size);
-  std::free(raw);
+  std::uintptr_t link = 0;
+  std::memcpy(&link, static_cast<std::byte*>(block) - link_size, link_size);
+  std::free(reinterpret_cast<void*>(link));
 }

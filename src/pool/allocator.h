@@ -25,7 +25,7 @@ namespace ksomd::pool {
 //
 // An allocator is constant-initialised to zeros: no pools, no sizes.
 template <class Runtime>
-class Allocator {
+class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on purpose
   using Pool = __i_pool_desc;
   using Words = Shared<Runtime>;
 

@@ -37,6 +37,7 @@ enum class Kind : std::uint32_t {
 // thread reads them without ceremony. They have the first cache line, with `base`, which changes
 // only when a region runs out; what changes with every block has the second one, so that threads
 // that walk over another thread's pool do not take the line away from it.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): two cache lines on purpose
 struct alignas(64) __i_pool_desc {
   __i_pool_desc* next;  // the next older pool
   std::byte* base;      // written under the global lock
