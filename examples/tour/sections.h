@@ -12,4 +12,6 @@ void show_processor(const char* program);
 int check_level(const char* level);
 int check_without_avx2();
 
+void show_pool();
+
 }  // namespace tour

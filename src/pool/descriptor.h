@@ -1,0 +1,113 @@
+// What the allocator keeps of one pool, and of the sizes that it serves.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "pool/lock.h"
+
+namespace ksomd::pool {
+
+inline constexpr std::int32_t max_pools = 50;
+inline constexpr std::int32_t max_sizes = 50;
+
+enum class Kind : std::uint32_t {
+  Malloc = 0,  // blocks with any contents
+  Calloc = 1,  // zeroed blocks
+};
+
+}  // namespace ksomd::pool
+
+// One pool: a region of equal blocks, handed out by bumping an index. With `region` for the region
+// that the pool got when it was created and keeps for good,
+//
+//   region                                        last
+//   | block 0 | block 1 | ... | block capacity - 1 |
+//
+// the invariants, at any moment without a call in progress, are
+//
+//   last = region + (capacity - 1) * size
+//   base = region                       while the region is in use
+//   base = null, saved = region         while the pool is released
+//   0 <= freed <= next_index <= capacity, 1 <= next_index
+//   blocks that the program holds = next_index - freed
+//   released <=> freed = capacity       (and so next_index = capacity)
+//
+// `next`, `last`, `size`, `capacity` and `kind` never change once the pool is in the list: any
+// thread reads them without ceremony. They have the first cache line, with `base`, which changes
+// only when a region runs out; what changes with every block has the second one, so that threads
+// that walk over another thread's pool do not take the line away from it.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): two cache lines on purpose
+struct alignas(64) __i_pool_desc {
+  __i_pool_desc* next;  // the next older pool
+  std::byte* base;      // written under the global lock
+  std::byte* saved;     // guarded by the global lock
+  std::byte* last;
+  std::uint64_t size;
+  std::int32_t capacity;
+
+  alignas(64) std::int32_t next_index;
+  std::uint32_t freed;
+  ksomd::pool::Kind kind;
+};
+
+namespace ksomd::pool {
+
+// The sizes of one kind that pools serve: a set, open-addressed.
+//
+//   slots[i] = 0, or a size
+//   no slot from a size's home to where it stands, cyclically, is 0
+//   at most max_sizes slots are not 0: less than half, so that a search soon meets a 0
+template <class Runtime>
+class SizeSet {
+  using Words = Shared<Runtime>;
+
+ public:
+  // The first sizes of a list: up to a 0, and at most max_sizes.
+  void replace(const std::size_t* sizes) {
+    for (std::uint64_t& slot : slots_) {
+      Words::store_relaxed(slot, std::uint64_t{0});
+    }
+    for (std::int32_t i = 0; i < max_sizes && sizes[i] != 0; ++i) {
+      // relaxed: a size in its slot stands for nothing but itself
+      Words::store_relaxed(slots_[search(sizes[i])], std::uint64_t{sizes[i]});
+    }
+  }
+
+  bool contains(std::uint64_t size) const {
+    return size != 0 && Words::load_relaxed(slots_[search(size)]) == size;
+  }
+
+  bool is_sound() const {
+    std::int32_t used = 0;
+    for (std::uint32_t i = 0; i < slot_count; ++i) {
+      used += slots_[i] != 0;
+      if (slots_[i] != 0 && search(slots_[i]) != i) {
+        return false;
+      }
+    }
+    return used <= max_sizes;
+  }
+
+ private:
+  static constexpr std::uint32_t slot_bits = 7;
+  static constexpr std::uint32_t slot_count = 1 << slot_bits;
+  static_assert(slot_count > 2 * max_sizes);
+
+  // The slot of a size, or the empty one where it would go.
+  std::uint32_t search(std::uint64_t size) const {
+    // Multiplication by 2^64 over the golden ratio spreads the sizes over the upper bits.
+    auto i = static_cast<std::uint32_t>((size * 0x9E3779B97F4A7C15) >> (64 - slot_bits));
+    for (;;) {
+      const std::uint64_t slot = Words::load_relaxed(slots_[i]);
+      if (slot == size || slot == 0) {
+        return i;
+      }
+      i = (i + 1) % slot_count;
+    }
+  }
+
+  std::uint64_t slots_[slot_count];
+};
+
+}  // namespace ksomd::pool
