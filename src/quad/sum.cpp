@@ -1,0 +1,168 @@
+// Sums and differences.
+//
+// Everything reduces to sign(a) * (|a| + |b|) or sign(a) * (|a| - |b|), the sign turned if |b| is
+// larger. A kernel for the common case has no branch on signs, order or distance of its operands:
+// the signs become a mask, the order a selection, the distance a shift count. What it leaves
+// (operands that are not normal, results near the ends of the exponent range, long cancellation)
+// goes to the complete cores, one source for 64-bit and 32-bit words.
+#include "quad/dispatch.h"
+#include "quad/format.h"
+
+using namespace ksomd::quad;
+
+extern "C" {
+void quad_add_magnitudes_64(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.L");
+void quad_add_magnitudes_32(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.A");
+void quad_subtract_magnitudes_64(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.L");
+void quad_subtract_magnitudes_32(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.A");
+}
+
+namespace {
+
+// An operand is held 14 bits to the left of its place in the format: bit 127 is left for the
+// carry. 14 bits keep a shift by up to 14 exact, and beyond it one sticky bit is enough, since at
+// most one leading bit can then cancel.
+constexpr int carry_room = 1;
+
+// ---- the complete cores -------------------------------------------------------------------------
+
+// An infinite or NaN operand.
+void store_special_sum(quad128* r, const quad128* a, const quad128* b, bool subtract) {
+  if (is_nan(a->high, a->low) || is_nan(b->high, b->low)) {
+    store_nan(r, a, b);
+    return;
+  }
+  const bool a_infinite = exponent_field(a->high) == special_exponent;
+  const bool b_infinite = exponent_field(b->high) == special_exponent;
+  if (a_infinite && b_infinite && subtract) {
+    store_default_nan(r);
+    return;
+  }
+  const std::uint64_t turned = !a_infinite && subtract ? sign_bit : 0;
+  store(r, ((a->high & sign_bit) ^ turned) | infinity, 0);
+}
+
+struct Operand {
+  Uint128 magnitude;  // as stored
+  int exponent;       // that of subnormal numbers and zeros counts as 1
+  Uint128 significand;
+};
+
+Operand unpack(const quad128& a) {
+  const std::uint64_t high = a.high & magnitude_bits;
+  const int field = exponent_field(high);
+  const std::uint64_t hidden = field != 0 ? hidden_bit : 0;
+  return {make_uint128(high, a.low), std::max(field, 1),
+          make_uint128((high & fraction_bits) | hidden, a.low) << (remainder_width - carry_room)};
+}
+
+template <class Word>
+[[gnu::always_inline]] inline void combine_magnitudes(quad128* r, const quad128* a,
+                                                      const quad128* b, bool subtract) {
+  if (exponent_field(a->high) == special_exponent || exponent_field(b->high) == special_exponent) {
+    store_special_sum(r, a, b, subtract);
+    return;
+  }
+  std::uint64_t sign = a->high & sign_bit;
+  Operand x = unpack(*a);
+  Operand y = unpack(*b);
+  if (y.magnitude > x.magnitude) {
+    std::swap(x, y);
+    sign ^= subtract ? sign_bit : 0;
+  }
+  const int distance = std::min(x.exponent - y.exponent, 127);
+  const Wide<Word> aligned = Wide<Word>(y.significand).shifted_right_sticky(distance);
+  const Wide<Word> sum = Wide<Word>(x.significand).plus(aligned, subtract);
+  if (sum.is_zero()) {
+    if (subtract) {
+      sign = rounding_mode() == RoundingMode::Down ? sign_bit : 0;
+    }
+    store(r, sign, 0);
+    return;
+  }
+  const int shift = sum.leading_zeros();
+  round_and_store_any(r, sign, x.exponent + carry_room - shift, sum.shifted_left(shift).value());
+}
+
+// ---- the common case ----------------------------------------------------------------------------
+
+// Bounds for the larger exponent. At the upper one, neither a carry of the sum nor one of the
+// rounding reaches infinity; at the lower one, cancellation of up to 63 bits leaves a normal
+// number.
+constexpr std::uint64_t lowest_common_exponent = 64;
+constexpr std::uint64_t highest_common_exponent = largest_exponent - 2;
+
+// a + b, or a + (-b) if turn_b is the sign bit. False, and nothing done: not the common case.
+[[gnu::always_inline]] inline bool common_sum(quad128* r, const quad128* a, const quad128* b,
+                                              std::uint64_t turn_b) {
+  const std::uint64_t a_high = a->high;
+  const std::uint64_t b_high = b->high ^ turn_b;
+  const Uint128 a_magnitude = make_uint128(a_high & magnitude_bits, a->low);
+  const Uint128 b_magnitude = make_uint128(b_high & magnitude_bits, b->low);
+  const bool swap = b_magnitude > a_magnitude;
+  const std::uint64_t x_high = swap ? b_high : a_high;
+  const std::uint64_t y_high = swap ? a_high : b_high;
+  const std::uint64_t x_low = swap ? b->low : a->low;
+  const std::uint64_t y_low = swap ? a->low : b->low;
+
+  const std::uint64_t x_exponent = x_high << 1 >> 49;
+  const std::uint64_t y_exponent = y_high << 1 >> 49;
+  if (x_exponent - lowest_common_exponent > highest_common_exponent - lowest_common_exponent ||
+      y_exponent == 0) [[unlikely]] {
+    return false;
+  }
+  const Uint128 x = normal_significand(x_high, x_low) >> carry_room;
+  const Uint128 y = normal_significand(y_high, y_low) >> carry_room;
+  const int distance = static_cast<int>(std::min<std::uint64_t>(x_exponent - y_exponent, 127));
+  const std::uint64_t turned = (a_high ^ b_high) >> 63;
+  const Uint128 turned_mask = -static_cast<Uint128>(turned);
+  const Uint128 aligned = shift_right_sticky(y, distance);
+  const Uint128 sum = x + (aligned ^ turned_mask) + turned;
+  const std::uint64_t sum_high = high_word(sum);
+  if (sum_high == 0) [[unlikely]] {
+    return false;
+  }
+  const int shift = std::countl_zero(sum_high);
+  round_and_store(r, x_high & sign_bit, static_cast<int>(x_exponent) + carry_room - shift,
+                  sum << shift);
+  return true;
+}
+
+[[gnu::always_inline]] inline void sum_or_difference(quad128* r, const quad128* a, const quad128* b,
+                                                     std::uint64_t turn_b) {
+  if (take_l()) [[likely]] {
+    if (common_sum(r, a, b, turn_b)) [[likely]] {
+      return;
+    }
+    if (((a->high ^ b->high ^ turn_b) & sign_bit) == 0) {
+      return quad_add_magnitudes_64(r, a, b);
+    }
+    return quad_subtract_magnitudes_64(r, a, b);
+  }
+  if (((a->high ^ b->high ^ turn_b) & sign_bit) == 0) {
+    return quad_add_magnitudes_32(r, a, b);
+  }
+  return quad_subtract_magnitudes_32(r, a, b);
+}
+
+}  // namespace
+
+void quad_add_magnitudes_64(quad128* r, const quad128* a, const quad128* b) {
+  combine_magnitudes<std::uint64_t>(r, a, b, false);
+}
+void quad_add_magnitudes_32(quad128* r, const quad128* a, const quad128* b) {
+  combine_magnitudes<std::uint32_t>(r, a, b, false);
+}
+void quad_subtract_magnitudes_64(quad128* r, const quad128* a, const quad128* b) {
+  combine_magnitudes<std::uint64_t>(r, a, b, true);
+}
+void quad_subtract_magnitudes_32(quad128* r, const quad128* a, const quad128* b) {
+  combine_magnitudes<std::uint32_t>(r, a, b, true);
+}
+
+void __addq(quad128* r, const quad128* a, const quad128* b) {
+  sum_or_difference(r, a, b, 0);
+}
+void __subq(quad128* r, const quad128* a, const quad128* b) {
+  sum_or_difference(r, a, b, sign_bit);
+}
