@@ -220,7 +220,7 @@ std::uint64_t random_cases() {
   if (!compiler::available()) {
     return 5000;
   }
-  return full_length() ? 1000000 : 100000;
+  return full_length() ? 1000000 : 200000;
 }
 
 TEST(QuadArithmetic, RandomOperands) {

@@ -9,56 +9,60 @@ namespace {
 
 // ---- natural numbers ----------------------------------------------------------------------------
 
-// 32-bit digits, the lowest first, the highest not 0.
+// 32-bit digits, the lowest first, the highest not 0. As many as the sum of the largest and the
+// smallest quad needs.
 class Natural {
  public:
   Natural() = default;
-  Natural(std::uint64_t high, std::uint64_t low)
-      : digits_{static_cast<std::uint32_t>(low), static_cast<std::uint32_t>(low >> 32),
-                static_cast<std::uint32_t>(high), static_cast<std::uint32_t>(high >> 32)} {
+  Natural(std::uint64_t high, std::uint64_t low) {
+    for (const std::uint64_t word : {low, high}) {
+      push(static_cast<std::uint32_t>(word));
+      push(static_cast<std::uint32_t>(word >> 32));
+    }
     trim();
   }
+  Natural(const Natural& other) { *this = other; }
+  Natural& operator=(const Natural& other) {
+    count_ = other.count_;
+    std::copy_n(other.digits_, count_, digits_);
+    return *this;
+  }
 
-  [[nodiscard]] bool is_zero() const { return digits_.empty(); }
+  [[nodiscard]] bool is_zero() const { return count_ == 0; }
   [[nodiscard]] bool is_odd() const { return bit(0); }
   [[nodiscard]] bool bit(std::int64_t i) const {
-    const auto digit = static_cast<std::size_t>(i / 32);
-    return digit < digits_.size() && (digits_[digit] >> (i % 32) & 1) != 0;
+    return (digit(static_cast<std::size_t>(i / 32)) >> (i % 32) & 1) != 0;
   }
   [[nodiscard]] std::int64_t bit_count() const {
-    auto count = static_cast<std::int64_t>(digits_.size()) * 32;
+    auto count = static_cast<std::int64_t>(count_) * 32;
     while (count > 0 && !bit(count - 1)) {
       --count;
     }
     return count;
   }
   [[nodiscard]] std::uint64_t word(std::size_t i) const {
-    const auto digit = [&](std::size_t n) {
-      return n < digits_.size() ? std::uint64_t{digits_[n]} : 0;
-    };
-    return digit(2 * i) | digit(2 * i + 1) << 32;
+    return digit(2 * i) | std::uint64_t{digit(2 * i + 1)} << 32;
   }
 
   [[nodiscard]] Natural shifted_left(std::int64_t distance) const {
     Natural result;
-    result.digits_.assign(static_cast<std::size_t>(distance / 32), 0);
+    for (std::int64_t i = 0; i < distance / 32; ++i) {
+      result.push(0);
+    }
     std::uint64_t carry = 0;
-    for (const std::uint32_t digit : digits_) {
-      carry |= std::uint64_t{digit} << (distance % 32);
-      result.digits_.push_back(static_cast<std::uint32_t>(carry));
+    for (std::size_t i = 0; i <= count_; ++i) {
+      carry |= std::uint64_t{digit(i)} << (distance % 32);
+      result.push(static_cast<std::uint32_t>(carry));
       carry >>= 32;
     }
-    result.digits_.push_back(static_cast<std::uint32_t>(carry));
     result.trim();
     return result;
   }
   [[nodiscard]] Natural shifted_right(std::int64_t distance) const {
     Natural result;
-    const auto skip = static_cast<std::size_t>(distance / 32);
-    for (std::size_t i = skip; i < digits_.size(); ++i) {
-      const std::uint64_t next = i + 1 < digits_.size() ? digits_[i + 1] : 0;
-      const std::uint64_t pair = next << 32 | digits_[i];
-      result.digits_.push_back(static_cast<std::uint32_t>(pair >> (distance % 32)));
+    for (auto i = static_cast<std::size_t>(distance / 32); i < count_; ++i) {
+      const std::uint64_t pair = std::uint64_t{digit(i + 1)} << 32 | digit(i);
+      result.push(static_cast<std::uint32_t>(pair >> (distance % 32)));
     }
     result.trim();
     return result;
@@ -67,13 +71,11 @@ class Natural {
   friend Natural operator+(const Natural& a, const Natural& b) {
     Natural result;
     std::uint64_t carry = 0;
-    for (std::size_t i = 0; i < std::max(a.digits_.size(), b.digits_.size()); ++i) {
-      carry += i < a.digits_.size() ? a.digits_[i] : 0;
-      carry += i < b.digits_.size() ? b.digits_[i] : 0;
-      result.digits_.push_back(static_cast<std::uint32_t>(carry));
+    for (std::size_t i = 0; i <= std::max(a.count_, b.count_); ++i) {
+      carry += std::uint64_t{a.digit(i)} + b.digit(i);
+      result.push(static_cast<std::uint32_t>(carry));
       carry >>= 32;
     }
-    result.digits_.push_back(static_cast<std::uint32_t>(carry));
     result.trim();
     return result;
   }
@@ -81,10 +83,9 @@ class Natural {
   friend Natural operator-(const Natural& a, const Natural& b) {
     Natural result;
     std::int64_t carry = 0;
-    for (std::size_t i = 0; i < a.digits_.size(); ++i) {
-      carry += a.digits_[i];
-      carry -= i < b.digits_.size() ? b.digits_[i] : 0;
-      result.digits_.push_back(static_cast<std::uint32_t>(carry));
+    for (std::size_t i = 0; i < a.count_; ++i) {
+      carry += std::int64_t{a.digit(i)} - b.digit(i);
+      result.push(static_cast<std::uint32_t>(carry));
       carry >>= 32;
     }
     result.trim();
@@ -92,39 +93,49 @@ class Natural {
   }
   friend Natural operator*(const Natural& a, const Natural& b) {
     Natural result;
-    result.digits_.assign(a.digits_.size() + b.digits_.size() + 1, 0);
-    for (std::size_t i = 0; i < a.digits_.size(); ++i) {
+    for (std::size_t i = 0; i < a.count_ + b.count_; ++i) {
+      result.push(0);
+    }
+    for (std::size_t i = 0; i < a.count_; ++i) {
       std::uint64_t carry = 0;
-      for (std::size_t j = 0; j < b.digits_.size(); ++j) {
+      for (std::size_t j = 0; j < b.count_; ++j) {
         carry += std::uint64_t{a.digits_[i]} * b.digits_[j] + result.digits_[i + j];
         result.digits_[i + j] = static_cast<std::uint32_t>(carry);
         carry >>= 32;
       }
-      result.digits_[i + b.digits_.size()] = static_cast<std::uint32_t>(carry);
+      result.digits_[i + b.count_] = static_cast<std::uint32_t>(carry);
     }
     result.trim();
     return result;
   }
   friend std::strong_ordering operator<=>(const Natural& a, const Natural& b) {
-    if (a.digits_.size() != b.digits_.size()) {
-      return a.digits_.size() <=> b.digits_.size();
-    }
-    for (std::size_t i = a.digits_.size(); i-- > 0;) {
-      if (a.digits_[i] != b.digits_[i]) {
-        return a.digits_[i] <=> b.digits_[i];
+    for (std::size_t i = std::max(a.count_, b.count_); i-- > 0;) {
+      if (a.digit(i) != b.digit(i)) {
+        return a.digit(i) <=> b.digit(i);
       }
     }
     return std::strong_ordering::equal;
   }
-  friend bool operator==(const Natural& a, const Natural& b) = default;
+  friend bool operator==(const Natural& a, const Natural& b) { return (a <=> b) == 0; }
 
  private:
+  static constexpr std::size_t capacity = 1100;
+
+  [[nodiscard]] std::uint32_t digit(std::size_t i) const { return i < count_ ? digits_[i] : 0; }
+  void push(std::uint32_t digit) {
+    if (count_ == capacity) {
+      std::abort();
+    }
+    digits_[count_++] = digit;
+  }
   void trim() {
-    while (!digits_.empty() && digits_.back() == 0) {
-      digits_.pop_back();
+    while (count_ > 0 && digits_[count_ - 1] == 0) {
+      --count_;
     }
   }
-  std::vector<std::uint32_t> digits_;
+
+  std::size_t count_ = 0;
+  std::uint32_t digits_[capacity];
 };
 
 // Bit by bit.
