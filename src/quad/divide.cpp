@@ -11,47 +11,88 @@ KSOMD_API void quad_divide_a(quad128*, const quad128*, const quad128*) __asm__("
 
 namespace {
 
-// dividend / divisor, whose quotient fits in a word.
-inline std::uint64_t divide_words(Uint128 dividend, std::uint64_t divisor) {
-  std::uint64_t quotient = low_word(dividend);
-  std::uint64_t remainder = high_word(dividend);
-  asm("divq %2" : "+a"(quotient), "+d"(remainder) : "r"(divisor) : "cc");
-  return quotient;
+// How a quotient is found. For significands n and d with their leading ones at bit 127,
+//
+//   w  = 2^126 / (top word of d)         one 64/32-bit division, and one Newton step
+//   q1 = (top word of n) w / 2^64        close to n 2^62 / d
+//   R  = n 2^62 - q1 d                   exactly; a few d at most, of either sign
+//   q2 = R 2^64 / d                      by w again
+//   Q  = q1 2^64 + q2                    close to n 2^126 / d
+//
+// The 128/64-bit division instruction takes longer than all of this on many processors.
+//
+// Errors, relative to the exact values:
+//   w   in [-2^-61, 2^-63]: the first estimate is within 2^-31, so that the step leaves 2^-62 at
+//       most and always below; cutting adds one unit, 2^-62; d's lower word is up to 2^-63 of it
+//   q1  in (-5.5, 1): the above times 2^63, n's lower word, and cutting
+//   Q   in (-78, 20): w's error times |q2| < 2^66.5, 32 for what is cut off R, and cutting
+// Only if Q is that close to a multiple of 2^12 can it matter to the rounding: then it is corrected
+// by its exact remainder. Everywhere else its low bits are as good as the exact ones: not 0, and
+// on the right side of a tie.
+constexpr int quotient_window = 64;  // covers the error, once it is centred
+constexpr int quotient_centre = 29;
+constexpr std::uint64_t quotient_period = 1u << 12;
+
+__extension__ using Int128 = __int128;
+
+// 2^126 / d, for d with its top bit set; below 2^63.
+[[gnu::always_inline]] inline std::int64_t reciprocal(std::uint64_t d) {
+  std::uint32_t estimate = 0xFFFFFFFF;  // 2^63 - 1 by d's upper half: close to 2^95 / d
+  std::uint32_t remainder = 0x7FFFFFFF;
+  asm("divl %2"
+      : "+a"(estimate), "+d"(remainder)
+      : "r"(static_cast<std::uint32_t>(d >> 32))
+      : "cc");
+  // (2^95 - d estimate) / 4, which fits in a word: 2^93 is 0 there.
+  const std::uint64_t product = (d >> 2) * estimate + ((d & 3) * estimate >> 2);
+  const auto error = static_cast<std::int64_t>(0 - product);
+  const std::int64_t first = static_cast<std::int64_t>(std::uint64_t{estimate} << 31);
+  return first + static_cast<std::int64_t>(static_cast<Int128>(first) * error >> 93);
 }
 
-struct QuotientWord {
-  std::uint64_t quotient;
-  Uint128 remainder;
-};
+// R 2^64 / D for D = d / 2^8, without R's lowest 60 bits. |R| < 2^123
+[[gnu::always_inline]] inline Int128 divide_remainder(Int128 remainder, std::int64_t w) {
+  const auto top = static_cast<std::int64_t>(remainder >> 60);
+  return static_cast<Int128>(top) * w >> 58;
+}
 
-// floor(n * 2^64 / d) and the remainder, for n < d and the top bit of d set. The estimate from the
-// top word of d is at most 2 too large.
-[[gnu::always_inline]] inline QuotientWord next_word(Uint128 n, Uint128 d) {
-  std::uint64_t q = high_word(n) < high_word(d) ? divide_words(n, high_word(d)) : ~std::uint64_t{0};
-  // n * 2^64 - q d, in 192 bits: the top word is 0, or all ones if the result is negative.
-  const Uint128 low_product = static_cast<Uint128>(q) * low_word(d);
-  const Uint128 high_product = static_cast<Uint128>(q) * high_word(d) + high_word(low_product);
-  Uint128 upper = n - high_product;
-  std::uint64_t lower = 0 - low_word(low_product);
-  upper -= lower != 0 ? 1 : 0;
-  while (static_cast<std::int64_t>(high_word(upper)) < 0) {
-    const std::uint64_t sum = lower + low_word(d);
-    upper += static_cast<Uint128>(high_word(d)) + (sum < lower ? 1 : 0);
-    lower = sum;
+// Q made exact, its lowest bit set if it is not. `remainder` is R / 2^8.
+[[gnu::cold, gnu::noinline]] Uint128 exact_quotient(Uint128 q, std::uint64_t q1, Int128 remainder,
+                                                    Uint128 divisor) {
+  // Modulo 2^128, in which the result, less than 128 D, fits with its sign.
+  const Uint128 q2 = q - (static_cast<Uint128>(q1) << 64);
+  auto rest = static_cast<Int128>((static_cast<Uint128>(remainder) << 64) - q2 * divisor);
+  while (rest < 0) {
+    rest += static_cast<Int128>(divisor);
     --q;
   }
-  return {q, make_uint128(low_word(upper), lower)};
+  while (rest >= static_cast<Int128>(divisor)) {
+    rest -= static_cast<Int128>(divisor);
+    ++q;
+  }
+  return q | static_cast<Uint128>(rest != 0);
 }
 
-// The quotient of two significands whose leading ones stand at bit 127. The leading one of the
-// result stands at bit 127, its exponent is 1 less if a < b; its lowest bit is set if anything is
-// lost.
-[[gnu::always_inline]] inline Uint128 quotient(Uint128 a, Uint128 b) {
-  // Both have 15 low bits of 0, so that a / 2 loses nothing.
-  const QuotientWord first = next_word(a < b ? a : a >> 1, b);
-  const QuotientWord second = next_word(first.remainder, b);
-  return make_uint128(first.quotient, second.quotient) |
-         static_cast<Uint128>(second.remainder != 0);
+// The significand and exponent of n / d, for numbers whose leading ones stand at bit 127. Both
+// significands have 15 low bits of 0.
+[[gnu::always_inline]] inline Normalized quotient(Normalized n, Normalized d) {
+  const Uint128 divisor = d.significand >> 8;
+  const std::int64_t w = reciprocal(high_word(d.significand));
+  const auto q1 =
+      high_word(static_cast<Uint128>(high_word(n.significand)) * static_cast<std::uint64_t>(w));
+  // n 2^54 - q1 d / 2^8, modulo 2^128.
+  const auto remainder =
+      static_cast<Int128>((n.significand << 54) - static_cast<Uint128>(q1) * low_word(divisor) -
+                          (static_cast<Uint128>(q1 * high_word(divisor)) << 64));
+  Uint128 q = (static_cast<Uint128>(q1) << 64) + quotient_centre +
+              static_cast<Uint128>(divide_remainder(remainder, w));
+  if (((low_word(q) + quotient_window) & (quotient_period - 1)) < 2 * quotient_window)
+      [[unlikely]] {
+    q = exact_quotient(q, q1, remainder, divisor);
+  }
+  // 2^125 < q < 2^127
+  const int shift = static_cast<int>(~high_word(q) >> 62 & 1);
+  return {n.exponent - d.exponent + bias - shift, q << 1 << shift};
 }
 
 [[gnu::cold, gnu::noinline]] void divide_any(quad128* r, const quad128* a, const quad128* b) {
@@ -81,11 +122,8 @@ struct QuotientWord {
     store(r, sign | infinity, 0);
     return;
   }
-  const Normalized n = normalize(a->high, a->low);
-  const Normalized d = normalize(b->high, b->low);
-  const int exponent = n.exponent - d.exponent + bias;
-  round_and_store_any(r, sign, n.significand < d.significand ? exponent - 1 : exponent,
-                      quotient(n.significand, d.significand));
+  const Normalized result = quotient(normalize(a->high, a->low), normalize(b->high, b->low));
+  round_and_store_any(r, sign, result.exponent, result.significand);
 }
 
 [[gnu::always_inline]] inline void divide(quad128* r, const quad128* a, const quad128* b) {
@@ -93,16 +131,15 @@ struct QuotientWord {
   const std::uint64_t b_high = b->high;
   const std::uint64_t a_field = a_high << 1 >> 49;
   const std::uint64_t b_field = b_high << 1 >> 49;
-  const std::uint64_t exponent = a_field - b_field + bias;
-  const Uint128 n = normal_significand(a_high, a->low);
-  const Uint128 d = normal_significand(b_high, b->low);
   // Both normal, and the exponent such that the result is, rounded up or not.
   if (a_field - 1 >= special_exponent - 1 || b_field - 1 >= special_exponent - 1 ||
-      exponent - 2 > largest_exponent - 1 - 2) [[unlikely]] {
+      a_field - b_field + bias - 2 > largest_exponent - 1 - 2) [[unlikely]] {
     return divide_any(r, a, b);
   }
-  round_and_store(r, (a_high ^ b_high) & sign_bit, static_cast<int>(exponent) - (n < d ? 1 : 0),
-                  quotient(n, d));
+  const Normalized result =
+      quotient({static_cast<int>(a_field), normal_significand(a_high, a->low)},
+               {static_cast<int>(b_field), normal_significand(b_high, b->low)});
+  round_and_store(r, (a_high ^ b_high) & sign_bit, result.exponent, result.significand);
 }
 
 }  // namespace
