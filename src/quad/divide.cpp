@@ -142,6 +142,10 @@ __extension__ using Int128 = __int128;
   round_and_store(r, (a_high ^ b_high) & sign_bit, result.exponent, result.significand);
 }
 
+[[gnu::cold, gnu::noinline]] void divide_on_doubt(quad128* r, const quad128* a, const quad128* b) {
+  return l_suits() ? quad_divide_l(r, a, b) : quad_divide_a(r, a, b);
+}
+
 }  // namespace
 
 void quad_divide_l(quad128* r, const quad128* a, const quad128* b) {
@@ -152,8 +156,8 @@ void quad_divide_a(quad128* r, const quad128* a, const quad128* b) {
 }
 
 void __divq(quad128* r, const quad128* a, const quad128* b) {
-  if (take_l()) [[likely]] {
+  if (l_is_known()) [[likely]] {
     return quad_divide_l(r, a, b);
   }
-  return quad_divide_a(r, a, b);
+  return divide_on_doubt(r, a, b);
 }

@@ -80,6 +80,11 @@ namespace {
   round_and_store(r, (a_high ^ b_high) & sign_bit, result.exponent, result.significand);
 }
 
+[[gnu::cold, gnu::noinline]] void multiply_on_doubt(quad128* r, const quad128* a,
+                                                    const quad128* b) {
+  return l_suits() ? quad_multiply_l(r, a, b) : quad_multiply_a(r, a, b);
+}
+
 }  // namespace
 
 void quad_multiply_l(quad128* r, const quad128* a, const quad128* b) {
@@ -90,8 +95,8 @@ void quad_multiply_a(quad128* r, const quad128* a, const quad128* b) {
 }
 
 void __mulq(quad128* r, const quad128* a, const quad128* b) {
-  if (take_l()) [[likely]] {
+  if (l_is_known()) [[likely]] {
     return quad_multiply_l(r, a, b);
   }
-  return quad_multiply_a(r, a, b);
+  return multiply_on_doubt(r, a, b);
 }

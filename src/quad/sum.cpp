@@ -92,57 +92,75 @@ template <class Word>
 constexpr std::uint64_t lowest_common_exponent = 64;
 constexpr std::uint64_t highest_common_exponent = largest_exponent - 2;
 
-// a + b, or a + (-b) if turn_b is the sign bit. False, and nothing done: not the common case.
-[[gnu::always_inline]] inline bool common_sum(quad128* r, const quad128* a, const quad128* b,
-                                              std::uint64_t turn_b) {
-  const std::uint64_t a_high = a->high;
-  const std::uint64_t b_high = b->high ^ turn_b;
-  const Uint128 a_magnitude = make_uint128(a_high & magnitude_bits, a->low);
-  const Uint128 b_magnitude = make_uint128(b_high & magnitude_bits, b->low);
-  const bool swap = b_magnitude > a_magnitude;
-  const std::uint64_t x_high = swap ? b_high : a_high;
-  const std::uint64_t y_high = swap ? a_high : b_high;
-  const std::uint64_t x_low = swap ? b->low : a->low;
-  const std::uint64_t y_low = swap ? a->low : b->low;
+// Everything else: a + b, or a + (-b) if turn_b is the sign bit.
+[[gnu::cold, gnu::noinline]] void sum_by_cores(quad128* r, const quad128* a, const quad128* b,
+                                               std::uint64_t turn_b) {
+  const bool add = ((a->high ^ b->high ^ turn_b) & sign_bit) == 0;
+  if (l_suits()) {
+    return add ? quad_add_magnitudes_64(r, a, b) : quad_subtract_magnitudes_64(r, a, b);
+  }
+  return add ? quad_add_magnitudes_32(r, a, b) : quad_subtract_magnitudes_32(r, a, b);
+}
 
-  const std::uint64_t x_exponent = x_high << 1 >> 49;
-  const std::uint64_t y_exponent = y_high << 1 >> 49;
-  if (x_exponent - lowest_common_exponent > highest_common_exponent - lowest_common_exponent ||
-      y_exponent == 0) [[unlikely]] {
-    return false;
+// A difference of neighbouring exponents whose upper word cancelled: exact.
+[[gnu::cold, gnu::noinline]] void store_cancelled(quad128* r, std::uint64_t sign, int exponent,
+                                                  std::uint64_t difference_low) {
+  if (difference_low == 0) {
+    store(r, rounding_mode() == RoundingMode::Down ? sign_bit : 0, 0);
+    return;
   }
-  const Uint128 x = normal_significand(x_high, x_low) >> carry_room;
-  const Uint128 y = normal_significand(y_high, y_low) >> carry_room;
-  const int distance = static_cast<int>(std::min<std::uint64_t>(x_exponent - y_exponent, 127));
-  const std::uint64_t turned = (a_high ^ b_high) >> 63;
-  const Uint128 turned_mask = -static_cast<Uint128>(turned);
-  const Uint128 aligned = shift_right_sticky(y, distance);
-  const Uint128 sum = x + (aligned ^ turned_mask) + turned;
-  const std::uint64_t sum_high = high_word(sum);
-  if (sum_high == 0) [[unlikely]] {
-    return false;
-  }
-  const int shift = std::countl_zero(sum_high);
-  round_and_store(r, x_high & sign_bit, static_cast<int>(x_exponent) + carry_room - shift,
-                  sum << shift);
-  return true;
+  const int shift = 64 + std::countl_zero(difference_low);
+  round_and_store_any(r, sign, exponent + carry_room - shift,
+                      static_cast<Uint128>(difference_low) << shift);
+}
+
+// A normal significand with room for a carry.
+inline Uint128 roomy_significand(std::uint64_t high, std::uint64_t low) {
+  return make_uint128((high & fraction_bits) | hidden_bit, low) << (remainder_width - carry_room);
+}
+
+// Whether shifting roomy_significand(high, low) right by `distance` loses a bit that is set: the
+// lowest one that is set stands lower. Not on the way from the distance to the sum.
+inline bool loses_bits(std::uint64_t high, std::uint64_t low, std::uint64_t distance) {
+  constexpr std::uint64_t padding = remainder_width - carry_room;
+  const std::uint64_t word = low != 0 ? low : high | hidden_bit;
+  const std::uint64_t below = low != 0 ? padding : padding + 64;
+  return distance > below + static_cast<std::uint64_t>(__builtin_ctzll(word));
 }
 
 [[gnu::always_inline]] inline void sum_or_difference(quad128* r, const quad128* a, const quad128* b,
                                                      std::uint64_t turn_b) {
-  if (take_l()) [[likely]] {
-    if (common_sum(r, a, b, turn_b)) [[likely]] {
-      return;
-    }
-    if (((a->high ^ b->high ^ turn_b) & sign_bit) == 0) {
-      return quad_add_magnitudes_64(r, a, b);
-    }
-    return quad_subtract_magnitudes_64(r, a, b);
+  const std::uint64_t a_high = a->high;
+  const std::uint64_t b_high = b->high ^ turn_b;
+  const std::uint64_t a_low = a->low;
+  const std::uint64_t b_low = b->low;
+  const bool swap =
+      make_uint128(b_high & magnitude_bits, b_low) > make_uint128(a_high & magnitude_bits, a_low);
+  const std::uint64_t x_high = swap ? b_high : a_high;
+  const std::uint64_t y_high = swap ? a_high : b_high;
+  const std::uint64_t x_low = swap ? b_low : a_low;
+  const std::uint64_t y_low = swap ? a_low : b_low;
+
+  const std::uint64_t x_exponent = x_high << 1 >> 49;
+  const std::uint64_t y_exponent = y_high << 1 >> 49;
+  if (!l_is_known() || y_exponent == 0 ||
+      x_exponent - lowest_common_exponent > highest_common_exponent - lowest_common_exponent)
+      [[unlikely]] {
+    return sum_by_cores(r, a, b, turn_b);
   }
-  if (((a->high ^ b->high ^ turn_b) & sign_bit) == 0) {
-    return quad_add_magnitudes_32(r, a, b);
+  // Beyond 127 nothing but the sticky bit is left.
+  const std::uint64_t distance = std::min<std::uint64_t>(x_exponent - y_exponent, 127);
+  const Uint128 aligned = roomy_significand(y_high, y_low) >> distance |
+                          static_cast<Uint128>(loses_bits(y_high, y_low, distance));
+  const std::uint64_t turned = (a_high ^ b_high) >> 63;
+  const Uint128 turned_mask = -static_cast<Uint128>(turned);
+  const Uint128 sum = (roomy_significand(x_high, x_low) | turned) + (aligned ^ turned_mask);
+  const std::uint64_t sign = x_high & sign_bit;
+  if (high_word(sum) == 0) [[unlikely]] {
+    return store_cancelled(r, sign, static_cast<int>(x_exponent), low_word(sum));
   }
-  return quad_subtract_magnitudes_32(r, a, b);
+  const int shift = std::countl_zero(high_word(sum)) & 63;
+  round_and_store(r, sign, static_cast<int>(x_exponent) + carry_room - shift, sum << shift);
 }
 
 }  // namespace
