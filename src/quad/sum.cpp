@@ -114,17 +114,21 @@ constexpr std::uint64_t highest_common_exponent = largest_exponent - 2;
                       static_cast<Uint128>(difference_low) << shift);
 }
 
-// A normal significand with room for a carry.
-inline Uint128 roomy_significand(std::uint64_t high, std::uint64_t low) {
-  return make_uint128((high & fraction_bits) | hidden_bit, low) << (remainder_width - carry_room);
+// A normal number, its significand with room for a carry.
+struct Roomy {
+  std::uint64_t high;
+  std::uint64_t low;
+};
+inline Roomy roomy(std::uint64_t high, std::uint64_t low) {
+  constexpr int padding = remainder_width - carry_room;
+  const std::uint64_t top = (high & fraction_bits) | hidden_bit;
+  return {top << padding | low >> (64 - padding), low << padding};
 }
 
-// Whether shifting roomy_significand(high, low) right by `distance` loses a bit that is set: the
-// lowest one that is set stands lower. Not on the way from the distance to the sum.
-inline bool loses_bits(std::uint64_t high, std::uint64_t low, std::uint64_t distance) {
-  constexpr std::uint64_t padding = remainder_width - carry_room;
-  const std::uint64_t word = low != 0 ? low : high | hidden_bit;
-  const std::uint64_t below = low != 0 ? padding : padding + 64;
+// Whether shifting y right by `distance` loses a bit that is set: the lowest one stands lower.
+inline bool loses_bits(Roomy y, std::uint64_t distance) {
+  const std::uint64_t word = y.low != 0 ? y.low : y.high;
+  const std::uint64_t below = y.low != 0 ? 0 : 64;
   return distance > below + static_cast<std::uint64_t>(__builtin_ctzll(word));
 }
 
@@ -132,35 +136,39 @@ inline bool loses_bits(std::uint64_t high, std::uint64_t low, std::uint64_t dist
                                                      std::uint64_t turn_b) {
   const std::uint64_t a_high = a->high;
   const std::uint64_t b_high = b->high ^ turn_b;
-  const std::uint64_t a_low = a->low;
-  const std::uint64_t b_low = b->low;
-  const bool swap =
-      make_uint128(b_high & magnitude_bits, b_low) > make_uint128(a_high & magnitude_bits, a_low);
-  const std::uint64_t x_high = swap ? b_high : a_high;
-  const std::uint64_t y_high = swap ? a_high : b_high;
-  const std::uint64_t x_low = swap ? b_low : a_low;
-  const std::uint64_t y_low = swap ? a_low : b_low;
-
-  const std::uint64_t x_exponent = x_high << 1 >> 49;
-  const std::uint64_t y_exponent = y_high << 1 >> 49;
-  if (!l_is_known() || y_exponent == 0 ||
-      x_exponent - lowest_common_exponent > highest_common_exponent - lowest_common_exponent)
+  const std::uint64_t a_magnitude = a_high & magnitude_bits;
+  const std::uint64_t b_magnitude = b_high & magnitude_bits;
+  const std::uint64_t a_exponent = a_magnitude >> 48;
+  const std::uint64_t b_exponent = b_magnitude >> 48;
+  const std::uint64_t lower = std::min(a_exponent, b_exponent);
+  const std::uint64_t upper = std::max(a_exponent, b_exponent);
+  if (!l_is_known() || lower == 0 ||
+      upper - lowest_common_exponent > highest_common_exponent - lowest_common_exponent)
       [[unlikely]] {
     return sum_by_cores(r, a, b, turn_b);
   }
-  // Beyond 127 nothing but the sticky bit is left.
-  const std::uint64_t distance = std::min<std::uint64_t>(x_exponent - y_exponent, 127);
-  const Uint128 aligned = roomy_significand(y_high, y_low) >> distance |
-                          static_cast<Uint128>(loses_bits(y_high, y_low, distance));
+  // x has the larger magnitude. Beyond a distance of 127, nothing but y's sticky bit is left.
+  const bool swap = make_uint128(b_magnitude, b->low) > make_uint128(a_magnitude, a->low);
+  const Roomy a_roomy = roomy(a_high, a->low);
+  const Roomy b_roomy = roomy(b_high, b->low);
+  const Roomy x = {swap ? b_roomy.high : a_roomy.high, swap ? b_roomy.low : a_roomy.low};
+  const Roomy y = {swap ? a_roomy.high : b_roomy.high, swap ? a_roomy.low : b_roomy.low};
+  const std::uint64_t sign = (swap ? b_high : a_high) & sign_bit;
+  const std::uint64_t distance = std::min<std::uint64_t>(upper - lower, 127);
+
+  const Uint128 aligned =
+      make_uint128(y.high, y.low) >> distance | static_cast<Uint128>(loses_bits(y, distance));
   const std::uint64_t turned = (a_high ^ b_high) >> 63;
   const Uint128 turned_mask = -static_cast<Uint128>(turned);
-  const Uint128 sum = (roomy_significand(x_high, x_low) | turned) + (aligned ^ turned_mask);
-  const std::uint64_t sign = x_high & sign_bit;
-  if (high_word(sum) == 0) [[unlikely]] {
-    return store_cancelled(r, sign, static_cast<int>(x_exponent), low_word(sum));
+  const Uint128 sum = make_uint128(x.high, x.low | turned) + (aligned ^ turned_mask);
+  const std::uint64_t high = high_word(sum);
+  const std::uint64_t low = low_word(sum);
+  if (high == 0) [[unlikely]] {
+    return store_cancelled(r, sign, static_cast<int>(upper), low);
   }
-  const int shift = std::countl_zero(high_word(sum)) & 63;
-  round_and_store(r, sign, static_cast<int>(x_exponent) + carry_room - shift, sum << shift);
+  const int shift = std::countl_zero(high) & 63;
+  const Uint128 normalized = make_uint128(high << shift | low >> 1 >> (63 - shift), low << shift);
+  round_and_store(r, sign, static_cast<int>(upper) + carry_room - shift, normalized);
 }
 
 }  // namespace
