@@ -5,6 +5,8 @@
 // the signs become a mask, the order a selection, the distance a shift count. What it leaves
 // (operands that are not normal, results near the ends of the exponent range, long cancellation)
 // goes to the complete cores, one source for 64-bit and 32-bit words.
+#include <cstdlib>
+
 #include "quad/dispatch.h"
 #include "quad/format.h"
 
@@ -86,11 +88,12 @@ template <class Word>
 
 // ---- the common case ----------------------------------------------------------------------------
 
-// Bounds for the larger exponent. At the upper one, neither a carry of the sum nor one of the
+// Bounds for both exponents. At the upper one, neither a carry of the sum nor one of the
 // rounding reaches infinity; at the lower one, cancellation of up to 63 bits leaves a normal
 // number.
 constexpr std::uint64_t lowest_common_exponent = 64;
 constexpr std::uint64_t highest_common_exponent = largest_exponent - 2;
+constexpr std::uint64_t common_exponents = highest_common_exponent - lowest_common_exponent;
 
 // Everything else: a + b, or a + (-b) if turn_b is the sign bit.
 [[gnu::cold, gnu::noinline]] void sum_by_cores(quad128* r, const quad128* a, const quad128* b,
@@ -127,9 +130,9 @@ inline Roomy roomy(std::uint64_t high, std::uint64_t low) {
 
 // Whether shifting y right by `distance` loses a bit that is set: the lowest one stands lower.
 inline bool loses_bits(Roomy y, std::uint64_t distance) {
-  const std::uint64_t word = y.low != 0 ? y.low : y.high;
-  const std::uint64_t below = y.low != 0 ? 0 : 64;
-  return distance > below + static_cast<std::uint64_t>(__builtin_ctzll(word));
+  const auto in_low = static_cast<std::uint64_t>(std::countr_zero(y.low));
+  const auto in_high = static_cast<std::uint64_t>(__builtin_ctzll(y.high));
+  return distance > (y.low != 0 ? in_low : in_high | 64);
 }
 
 [[gnu::always_inline]] inline void sum_or_difference(quad128* r, const quad128* a, const quad128* b,
@@ -140,11 +143,13 @@ inline bool loses_bits(Roomy y, std::uint64_t distance) {
   const std::uint64_t b_magnitude = b_high & magnitude_bits;
   const std::uint64_t a_exponent = a_magnitude >> 48;
   const std::uint64_t b_exponent = b_magnitude >> 48;
-  const std::uint64_t lower = std::min(a_exponent, b_exponent);
-  const std::uint64_t upper = std::max(a_exponent, b_exponent);
-  if (!l_is_known() || lower == 0 ||
-      upper - lowest_common_exponent > highest_common_exponent - lowest_common_exponent)
-      [[unlikely]] {
+  if (a_exponent - lowest_common_exponent > common_exponents) [[unlikely]] {
+    return sum_by_cores(r, a, b, turn_b);
+  }
+  if (b_exponent - lowest_common_exponent > common_exponents) [[unlikely]] {
+    return sum_by_cores(r, a, b, turn_b);
+  }
+  if (!l_is_known()) [[unlikely]] {
     return sum_by_cores(r, a, b, turn_b);
   }
   // x has the larger magnitude. Beyond a distance of 127, nothing but y's sticky bit is left.
@@ -154,7 +159,10 @@ inline bool loses_bits(Roomy y, std::uint64_t distance) {
   const Roomy x = {swap ? b_roomy.high : a_roomy.high, swap ? b_roomy.low : a_roomy.low};
   const Roomy y = {swap ? a_roomy.high : b_roomy.high, swap ? a_roomy.low : b_roomy.low};
   const std::uint64_t sign = (swap ? b_high : a_high) & sign_bit;
-  const std::uint64_t distance = std::min<std::uint64_t>(upper - lower, 127);
+  const auto exponent = static_cast<int>(swap ? b_exponent : a_exponent);
+  const auto difference = static_cast<std::int64_t>(a_exponent - b_exponent);
+  const auto distance =
+      static_cast<std::uint64_t>(std::min<std::int64_t>(std::abs(difference), 127));
 
   const Uint128 aligned =
       make_uint128(y.high, y.low) >> distance | static_cast<Uint128>(loses_bits(y, distance));
@@ -164,11 +172,11 @@ inline bool loses_bits(Roomy y, std::uint64_t distance) {
   const std::uint64_t high = high_word(sum);
   const std::uint64_t low = low_word(sum);
   if (high == 0) [[unlikely]] {
-    return store_cancelled(r, sign, static_cast<int>(upper), low);
+    return store_cancelled(r, sign, exponent, low);
   }
   const int shift = std::countl_zero(high) & 63;
   const Uint128 normalized = make_uint128(high << shift | low >> 1 >> (63 - shift), low << shift);
-  round_and_store(r, sign, static_cast<int>(upper) + carry_room - shift, normalized);
+  round_and_store(r, sign, exponent + carry_room - shift, normalized);
 }
 
 }  // namespace
