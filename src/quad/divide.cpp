@@ -73,16 +73,15 @@ __extension__ using Int128 = __int128;
   return q | static_cast<Uint128>(rest != 0);
 }
 
-// The significand and exponent of n / d, for numbers whose leading ones stand at bit 127. Both
-// significands have 15 low bits of 0.
-[[gnu::always_inline]] inline Normalized quotient(Normalized n, Normalized d) {
-  const Uint128 divisor = d.significand >> 8;
-  const std::int64_t w = reciprocal(high_word(d.significand));
-  const auto q1 =
-      high_word(static_cast<Uint128>(high_word(n.significand)) * static_cast<std::uint64_t>(w));
+// n / d, its leading one moved to bit 127, for significands with theirs there and 15 low bits of 0.
+// The shift is 1 if n < d.
+[[gnu::always_inline]] inline Shifted quotient(Uint128 n, Uint128 d) {
+  const Uint128 divisor = d >> 8;
+  const std::int64_t w = reciprocal(high_word(d));
+  const auto q1 = high_word(static_cast<Uint128>(high_word(n)) * static_cast<std::uint64_t>(w));
   // n 2^54 - q1 d / 2^8, modulo 2^128.
   const auto remainder =
-      static_cast<Int128>((n.significand << 54) - static_cast<Uint128>(q1) * low_word(divisor) -
+      static_cast<Int128>((n << 54) - static_cast<Uint128>(q1) * low_word(divisor) -
                           (static_cast<Uint128>(q1 * high_word(divisor)) << 64));
   Uint128 q = (static_cast<Uint128>(q1) << 64) + quotient_centre +
               static_cast<Uint128>(divide_remainder(remainder, w));
@@ -91,8 +90,7 @@ __extension__ using Int128 = __int128;
     q = exact_quotient(q, q1, remainder, divisor);
   }
   // 2^125 < q < 2^127
-  const int shift = static_cast<int>(~high_word(q) >> 62 & 1);
-  return {n.exponent - d.exponent + bias - shift, q << 1 << shift};
+  return shift_to_top(q << 1);
 }
 
 [[gnu::cold, gnu::noinline]] void divide_any(quad128* r, const quad128* a, const quad128* b) {
@@ -122,8 +120,11 @@ __extension__ using Int128 = __int128;
     store(r, sign | infinity, 0);
     return;
   }
-  const Normalized result = quotient(normalize(a->high, a->low), normalize(b->high, b->low));
-  round_and_store_any(r, sign, result.exponent, result.significand);
+  const Normalized n = normalize(a->high, a->low);
+  const Normalized d = normalize(b->high, b->low);
+  const Shifted result = quotient(n.significand, d.significand);
+  round_and_store_any(r, sign, n.exponent - d.exponent + bias - static_cast<int>(result.shift),
+                      result.significand);
 }
 
 [[gnu::always_inline]] inline void divide(quad128* r, const quad128* a, const quad128* b) {
@@ -132,14 +133,20 @@ __extension__ using Int128 = __int128;
   const std::uint64_t a_field = a_high << 1 >> 49;
   const std::uint64_t b_field = b_high << 1 >> 49;
   // Both normal, and the exponent such that the result is, rounded up or not.
-  if (a_field - 1 >= special_exponent - 1 || b_field - 1 >= special_exponent - 1 ||
-      a_field - b_field + bias - 2 > largest_exponent - 1 - 2) [[unlikely]] {
+  if (a_field - 1 >= special_exponent - 1) [[unlikely]] {
     return divide_any(r, a, b);
   }
-  const Normalized result =
-      quotient({static_cast<int>(a_field), normal_significand(a_high, a->low)},
-               {static_cast<int>(b_field), normal_significand(b_high, b->low)});
-  round_and_store(r, (a_high ^ b_high) & sign_bit, result.exponent, result.significand);
+  if (b_field - 1 >= special_exponent - 1) [[unlikely]] {
+    return divide_any(r, a, b);
+  }
+  if (a_field - b_field + bias - 2 > largest_exponent - 1 - 2) [[unlikely]] {
+    return divide_any(r, a, b);
+  }
+  const Shifted result =
+      quotient(normal_significand(a_high, a->low), normal_significand(b_high, b->low));
+  round_and_store(r, (a_high ^ b_high) & sign_bit,
+                  sign_and_exponent(a_high) - sign_and_exponent(b_high) + bias - result.shift,
+                  result.significand);
 }
 
 [[gnu::cold, gnu::noinline]] void divide_on_doubt(quad128* r, const quad128* a, const quad128* b) {

@@ -8,12 +8,11 @@ namespace {
 
 // ---- float and double ---------------------------------------------------------------------------
 
-// Bits of a significand below those that the narrower format keeps, as a number of `width` bits,
-// with the lowest standing for all that does not fit ("sticky").
+// The upper `width` bits of a significand, with the lowest also standing for all below them.
 template <int width>
-std::uint64_t remainder_of(Uint128 below) {
-  const std::uint64_t kept = high_word(below) >> (64 - width);
-  return kept | ((below << width) != 0 ? 1 : 0);
+std::uint64_t upper_bits(Uint128 significand) {
+  const std::uint64_t kept = high_word(significand) >> (64 - width);
+  return kept | ((significand << width) != 0 ? 1 : 0);
 }
 
 template <class Float>
@@ -35,8 +34,8 @@ struct Narrowing {
   // being the field of the result. A carry moves into the exponent.
   static Float round(std::uint64_t sign, int exponent, Uint128 significand) {
     const std::uint64_t kept = high_word(significand) >> (63 - Format::fraction_width);
-    const std::uint64_t rounded = round_in_mode<width>(
-        sign, kept & 1, remainder_of<width>(significand << (Format::fraction_width + 1)));
+    const std::uint64_t rounded =
+        round_in_mode<width>(sign, upper_bits<width + 1>(significand << Format::fraction_width));
     const std::uint64_t exponent_bits = static_cast<std::uint64_t>(exponent - 1)
                                         << Format::fraction_width;
     return make(sign, exponent_bits + (kept & ~std::uint64_t{1}) + rounded);
@@ -72,7 +71,7 @@ struct Narrowing {
       return significand >> (127 - Format::fraction_width) ==
                  (static_cast<Uint128>(2) << Format::fraction_width) - 1 &&
              rounds_up(rounding_mode(), sign, 1,
-                       remainder_of<width>(significand << (Format::fraction_width + 1)), half);
+                       upper_bits<width>(significand << (Format::fraction_width + 1)), half);
     };
     if (exponent >= Format::special || (exponent == Format::special - 1 && carries_out())) {
       return overflow(sign);
@@ -233,7 +232,7 @@ extended80* __qtol(extended80* r, const quad128* a) {
       raise_overflow_and_inexact();
     }
   }
-  const std::uint64_t rounded = round_in_mode<remainder_bits>(sign, kept & 1, remainder);
+  const std::uint64_t rounded = round_in_mode<remainder_bits>(sign, low & (2 * mask + 1));
   const std::uint64_t significand = (kept & ~std::uint64_t{1}) + rounded;
   // A carry out of all ones leaves the integer bit alone, one exponent higher; one of a subnormal
   // number sets it.

@@ -26,13 +26,6 @@ namespace {
   return high | static_cast<Uint128>((low_word(low) | low_word(middle)) != 0);
 }
 
-// The significand and exponent of the product of two numbers whose leading ones stand at bit 127.
-[[gnu::always_inline]] inline Normalized product(Normalized a, Normalized b) {
-  const Uint128 high = high_product(a.significand, b.significand);
-  const int shift = static_cast<int>(~high_word(high) >> 63);
-  return {a.exponent + b.exponent - bias + 1 - shift, high << shift};
-}
-
 // Zeros, subnormal numbers, infinities and NaNs, and results outside the inner exponent range.
 [[gnu::cold, gnu::noinline]] void multiply_any(quad128* r, const quad128* a, const quad128* b) {
   const std::uint64_t sign = (a->high ^ b->high) & sign_bit;
@@ -58,8 +51,11 @@ namespace {
     store_underflow(r, sign);
     return;
   }
-  const Normalized result = product(normalize(a->high, a->low), normalize(b->high, b->low));
-  round_and_store_any(r, sign, result.exponent, result.significand);
+  const Normalized x = normalize(a->high, a->low);
+  const Normalized y = normalize(b->high, b->low);
+  const Shifted product = shift_to_top(high_product(x.significand, y.significand));
+  round_and_store_any(r, sign, x.exponent + y.exponent - bias + 1 - static_cast<int>(product.shift),
+                      product.significand);
 }
 
 [[gnu::always_inline]] inline void multiply(quad128* r, const quad128* a, const quad128* b) {
@@ -70,14 +66,20 @@ namespace {
   // Both normal, and the sum of their exponents such that the result is, rounded up or not.
   constexpr std::uint64_t lowest_sum = bias + 1;
   constexpr std::uint64_t highest_sum = bias + largest_exponent - 2;
-  if (a_field - 1 >= special_exponent - 1 || b_field - 1 >= special_exponent - 1 ||
-      a_field + b_field - lowest_sum > highest_sum - lowest_sum) [[unlikely]] {
+  if (a_field - 1 >= special_exponent - 1) [[unlikely]] {
     return multiply_any(r, a, b);
   }
-  const Normalized result =
-      product({static_cast<int>(a_field), normal_significand(a_high, a->low)},
-              {static_cast<int>(b_field), normal_significand(b_high, b->low)});
-  round_and_store(r, (a_high ^ b_high) & sign_bit, result.exponent, result.significand);
+  if (b_field - 1 >= special_exponent - 1) [[unlikely]] {
+    return multiply_any(r, a, b);
+  }
+  if (a_field + b_field - lowest_sum > highest_sum - lowest_sum) [[unlikely]] {
+    return multiply_any(r, a, b);
+  }
+  const Shifted product = shift_to_top(
+      high_product(normal_significand(a_high, a->low), normal_significand(b_high, b->low)));
+  round_and_store(r, (a_high ^ b_high) & sign_bit,
+                  sign_and_exponent(a_high) + sign_and_exponent(b_high) - bias + 1 - product.shift,
+                  product.significand);
 }
 
 [[gnu::cold, gnu::noinline]] void multiply_on_doubt(quad128* r, const quad128* a,

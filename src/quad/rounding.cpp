@@ -31,7 +31,7 @@ void store_underflow(quad128* r, std::uint64_t sign) {
     return;
   }
   if (exponent >= 1) {
-    round_and_store(r, sign, exponent, significand);
+    round_and_store(r, sign, sign_and_exponent(sign, exponent), significand);
     return;
   }
   // Tiny, unless it is the number just below the smallest normal one and rounds up to it.
@@ -40,7 +40,7 @@ void store_underflow(quad128* r, std::uint64_t sign) {
   if (tiny && (low_word(significand) & remainder_mask) != 0) {
     raise_underflow_and_inexact();
   }
-  round_and_store(r, sign, 1, significand);
+  round_and_store(r, sign, sign_and_exponent(sign, 1), significand);
 }
 
 }  // namespace ksomd::quad

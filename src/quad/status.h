@@ -52,26 +52,23 @@ inline void raise_inexact_if(bool inexact) {
   add_in_mode(number::one, std::bit_cast<double>(addend));
 }
 
-// Rounds last + remainder / 2^bits to an integer as the processor rounds a double in the thread's
-// mode, `sign` (bit 63) being the sign of the number whose magnitude it is; inexact is raised
-// unless remainder is 0. last: 0 or 1, the last bit that is kept. 0 <= remainder < 2^bits.
-// The result is 0, 1 or 2.
+// Rounds a number below 2, given in units of 2^-bits, to an integer as the processor rounds a
+// double in the thread's mode, `sign` (bit 63) being the sign of the number whose magnitude it is;
+// ties go to even. Inexact is raised unless it is 0 or 1. The result is 0, 1 or 2.
 //
-// With p = 2^(52 - bits), the doubles p + remainder / 2^bits and 2^52 - p + last hold their
-// operands in the low bits of their significands, and the unit of their sum is 1:
+// With p = 2^(52 - bits), a double between p and 2 p has units of 2^-bits, so that the number goes
+// into the low bits of its significand as it is; and the sum with 2^52 - p has units of 1.
 //
-//   2^52 - p + last  =  2^51 (1 + (2^52 - 2p + 2 last) / 2^52)
+//   2^52 - p  =  2^51 (1 + (2^52 - 2p) / 2^52)
 template <int bits>
-std::uint64_t round_in_mode(std::uint64_t sign, std::uint64_t last, std::uint64_t remainder) {
-  static_assert(bits >= 2 && bits <= 51);
-  constexpr std::uint64_t p_exponent = 1023 + 52 - bits;
-  constexpr std::uint64_t high_exponent = 1023 + 51;
+std::uint64_t round_in_mode(std::uint64_t sign, std::uint64_t number) {
+  static_assert(bits >= 2 && bits <= 50);
   constexpr std::uint64_t unit = std::uint64_t{1} << 52;
-  constexpr std::uint64_t high = high_exponent * unit + unit - (unit >> (bits - 1));
-  const std::uint64_t sum = std::bit_cast<std::uint64_t>(
-      add_in_mode(std::bit_cast<double>(sign | (high + 2 * last)),
-                  std::bit_cast<double>(sign | p_exponent * unit | remainder)));
-  return sum & 3;
+  constexpr std::uint64_t p = (1023 + 52 - bits) * unit;
+  constexpr std::uint64_t rest = (1023 + 51) * unit + unit - (unit >> (bits - 1));
+  const double sum =
+      add_in_mode(std::bit_cast<double>(sign | p | number), std::bit_cast<double>(sign | rest));
+  return std::bit_cast<std::uint64_t>(sum) & 3;
 }
 
 }  // namespace ksomd::quad

@@ -158,8 +158,8 @@ inline bool loses_bits(Roomy y, std::uint64_t distance) {
   const Roomy b_roomy = roomy(b_high, b->low);
   const Roomy x = {swap ? b_roomy.high : a_roomy.high, swap ? b_roomy.low : a_roomy.low};
   const Roomy y = {swap ? a_roomy.high : b_roomy.high, swap ? a_roomy.low : b_roomy.low};
-  const std::uint64_t sign = (swap ? b_high : a_high) & sign_bit;
-  const auto exponent = static_cast<int>(swap ? b_exponent : a_exponent);
+  const std::uint64_t x_high = swap ? b_high : a_high;
+  const std::uint64_t sign = x_high & sign_bit;
   const auto difference = static_cast<std::int64_t>(a_exponent - b_exponent);
   const auto distance =
       static_cast<std::uint64_t>(std::min<std::int64_t>(std::abs(difference), 127));
@@ -172,11 +172,11 @@ inline bool loses_bits(Roomy y, std::uint64_t distance) {
   const std::uint64_t high = high_word(sum);
   const std::uint64_t low = low_word(sum);
   if (high == 0) [[unlikely]] {
-    return store_cancelled(r, sign, exponent, low);
+    return store_cancelled(r, sign, exponent_field(x_high), low);
   }
-  const int shift = std::countl_zero(high) & 63;
+  const auto shift = static_cast<std::uint64_t>(std::countl_zero(high)) & 63;
   const Uint128 normalized = make_uint128(high << shift | low >> 1 >> (63 - shift), low << shift);
-  round_and_store(r, sign, exponent + carry_room - shift, normalized);
+  round_and_store(r, sign, sign_and_exponent(x_high) + carry_room - shift, normalized);
 }
 
 }  // namespace
