@@ -118,23 +118,29 @@ struct FixedPoint {
   std::uint64_t fraction;
 };
 [[gnu::always_inline]] inline FixedPoint fixed_point(std::uint64_t high, std::uint64_t low) {
-  // 2^-1 and anything below needs no more than one sticky bit; so does what is subnormal or zero,
-  // unless it is zero.
-  const int field = exponent_field(high);
+  const int exponent = exponent_field(high) - bias;
   const Uint128 significand = normal_significand(high, low);
-  const int distance = std::min(bias + 63 - field, 127);
-  const bool zero = ((high & magnitude_bits) | low) == 0;
-  const Uint128 aligned = shift_right_sticky(significand, distance);
-  return {high_word(aligned), zero ? 0 : low_word(aligned)};
+  const std::uint64_t top = high_word(significand);
+  const std::uint64_t sticky = low_word(significand) != 0 ? 1 : 0;
+  if (exponent >= 0 && exponent < 63) [[likely]] {
+    return {top >> (63 - exponent), top << 1 << exponent | sticky};
+  }
+  if (exponent == 63) {
+    return {top, low_word(significand)};
+  }
+  if (exponent == -1) {
+    return {0, top | sticky};
+  }
+  // Less than a half, and subnormal or 0 perhaps.
+  return {0, ((high & magnitude_bits) | low) != 0 ? std::uint64_t{1} : 0};
 }
 
+// For modes other than toward zero.
 inline bool rounds_up_to_integer(std::int32_t mode, bool negative, FixedPoint value,
                                  bool away_otherwise) {
   constexpr std::uint64_t half = std::uint64_t{1} << 63;
   const bool inexact = value.fraction != 0;
   switch (mode) {
-    case KSOMD_ROUND_TOWARD_ZERO:
-      return false;
     case KSOMD_ROUND_NEAREST_EVEN:
       return value.fraction > half || (value.fraction == half && (value.integer & 1) != 0);
     case KSOMD_ROUND_DOWN:
@@ -156,8 +162,10 @@ template <class Integer>
   }
   const FixedPoint value = fixed_point(high, a->low);
   const std::uint64_t negative = high >> 63;
-  const std::uint64_t magnitude =
-      value.integer + (rounds_up_to_integer(mode, negative != 0, value, away_otherwise) ? 1 : 0);
+  std::uint64_t magnitude = value.integer;
+  if (mode != KSOMD_ROUND_TOWARD_ZERO) {
+    magnitude += rounds_up_to_integer(mode, negative != 0, value, away_otherwise) ? 1 : 0;
+  }
   constexpr std::uint64_t limit = std::uint64_t{1} << (width - 1);
   // A carry out of 64 bits leaves 0; the integer part then was too large before it.
   if (magnitude > limit - 1 + negative || value.integer > limit) [[unlikely]] {
