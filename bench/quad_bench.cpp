@@ -94,6 +94,16 @@ const std::vector<Pair>& integer_pool() {
   static const std::vector<Pair> pool = make_pool(0x3FFF, 30);
   return pool;
 }
+const std::vector<Pair>& positive_pool() {
+  static const std::vector<Pair> pool = [] {
+    std::vector<Pair> numbers = integer_pool();
+    for (Pair& pair : numbers) {
+      pair.a.high &= ~(std::uint64_t{1} << 63);
+    }
+    return numbers;
+  }();
+  return pool;
+}
 
 // ---- contenders ---------------------------------------------------------------------------------
 
@@ -223,7 +233,7 @@ void add_conversions() {
                                                    KSOMD_ROUND_TOWARD_ZERO);
   add_from_quad<__qtoj, gcc_fixtfdi, llvm_fixtfdi>("to_int64", integer_pool,
                                                    KSOMD_ROUND_TOWARD_ZERO);
-  add_from_quad<__qtok, gcc_fixunstfdi, llvm_fixunstfdi>("to_uint64", integer_pool);
+  add_from_quad<__qtok, gcc_fixunstfdi, llvm_fixunstfdi>("to_uint64", positive_pool);
   const auto keep_extended = [](auto* routine) {
     return [=](const Pair& pair) { benchmark::DoNotOptimize(routine(load(pair.a))); };
   };

@@ -135,12 +135,13 @@ struct FixedPoint {
   return {0, ((high & magnitude_bits) | low) != 0 ? std::uint64_t{1} : 0};
 }
 
-// For modes other than toward zero.
 inline bool rounds_up_to_integer(std::int32_t mode, bool negative, FixedPoint value,
                                  bool away_otherwise) {
   constexpr std::uint64_t half = std::uint64_t{1} << 63;
   const bool inexact = value.fraction != 0;
   switch (mode) {
+    case KSOMD_ROUND_TOWARD_ZERO:
+      return false;
     case KSOMD_ROUND_NEAREST_EVEN:
       return value.fraction > half || (value.fraction == half && (value.integer & 1) != 0);
     case KSOMD_ROUND_DOWN:
@@ -152,23 +153,30 @@ inline bool rounds_up_to_integer(std::int32_t mode, bool negative, FixedPoint va
   }
 }
 
+// The common case: 1 <= |a| < 2^64, cut. The inexact flag is raised.
+[[gnu::always_inline]] inline std::uint64_t cut_to_integer(int exponent, std::uint64_t high,
+                                                           std::uint64_t low) {
+  const std::uint64_t top = high_word(normal_significand(high, low));
+  const int shift = 63 - exponent;
+  const std::uint64_t integer = top >> shift;
+  raise_inexact_if(((integer << shift ^ top) | low << remainder_width) != 0);
+  return integer;
+}
+
 template <class Integer>
-[[gnu::always_inline]] inline Integer to_signed(const quad128* a, std::int32_t mode,
-                                                bool away_otherwise) {
+[[gnu::noinline]] Integer to_signed_any(std::uint64_t high, std::uint64_t low, std::int32_t mode,
+                                        bool away_otherwise) {
   constexpr int width = 8 * sizeof(Integer);
-  const std::uint64_t high = a->high;
-  if (exponent_field(high) >= bias + width) [[unlikely]] {
+  if (exponent_field(high) >= bias + width) {
     return out_of_range<Integer>();
   }
-  const FixedPoint value = fixed_point(high, a->low);
+  const FixedPoint value = fixed_point(high, low);
   const std::uint64_t negative = high >> 63;
-  std::uint64_t magnitude = value.integer;
-  if (mode != KSOMD_ROUND_TOWARD_ZERO) {
-    magnitude += rounds_up_to_integer(mode, negative != 0, value, away_otherwise) ? 1 : 0;
-  }
+  const std::uint64_t magnitude =
+      value.integer + (rounds_up_to_integer(mode, negative != 0, value, away_otherwise) ? 1 : 0);
   constexpr std::uint64_t limit = std::uint64_t{1} << (width - 1);
   // A carry out of 64 bits leaves 0; the integer part then was too large before it.
-  if (magnitude > limit - 1 + negative || value.integer > limit) [[unlikely]] {
+  if (magnitude > limit - 1 + negative || value.integer > limit) {
     return out_of_range<Integer>();
   }
   raise_inexact_if(value.fraction != 0);
@@ -176,16 +184,40 @@ template <class Integer>
 }
 
 template <class Integer>
-[[gnu::always_inline]] inline Integer to_unsigned(const quad128* a) {
+[[gnu::always_inline]] inline Integer to_signed(const quad128* a, std::int32_t mode,
+                                                bool away_otherwise) {
   constexpr int width = 8 * sizeof(Integer);
   const std::uint64_t high = a->high;
+  const int exponent = exponent_field(high) - bias;
+  if (mode == KSOMD_ROUND_TOWARD_ZERO && exponent >= 0 && exponent < width - 1) [[likely]] {
+    const std::uint64_t negative = high >> 63;
+    return static_cast<Integer>((cut_to_integer(exponent, high, a->low) ^ -negative) + negative);
+  }
+  return to_signed_any<Integer>(high, a->low, mode, away_otherwise);
+}
+
+template <class Integer>
+[[gnu::noinline]] Integer to_unsigned_any(std::uint64_t high, std::uint64_t low) {
+  constexpr int width = 8 * sizeof(Integer);
   const int field = exponent_field(high);
-  if (field >= bias + width || (field >= bias && (high & sign_bit) != 0)) [[unlikely]] {
+  if (field >= bias + width || (field >= bias && (high & sign_bit) != 0)) {
     return out_of_range<Integer>();
   }
-  const FixedPoint value = fixed_point(high, a->low);
+  const FixedPoint value = fixed_point(high, low);
   raise_inexact_if(value.fraction != 0);
   return static_cast<Integer>(value.integer);
+}
+
+template <class Integer>
+[[gnu::always_inline]] inline Integer to_unsigned(const quad128* a) {
+  constexpr std::uint64_t width = 8 * sizeof(Integer);
+  const std::uint64_t high = a->high;
+  // The sign is left in it: negative numbers are out of the range asked for.
+  const std::uint64_t exponent = (high >> 48) - bias;
+  if (exponent < width) [[likely]] {
+    return static_cast<Integer>(cut_to_integer(static_cast<int>(exponent), high, a->low));
+  }
+  return to_unsigned_any<Integer>(high, a->low);
 }
 
 // ---- 80 bits ------------------------------------------------------------------------------------

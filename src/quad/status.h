@@ -47,9 +47,8 @@ inline void raise_underflow_and_inexact() {
 }
 
 inline void raise_inexact_if(bool inexact) {
-  const std::uint64_t addend =
-      inexact ? std::bit_cast<std::uint64_t>(number::smallest_normal) : std::uint64_t{0};
-  add_in_mode(number::one, std::bit_cast<double>(addend));
+  static_assert(std::bit_cast<std::uint64_t>(number::smallest_normal) == std::uint64_t{1} << 52);
+  add_in_mode(number::one, std::bit_cast<double>(static_cast<std::uint64_t>(inexact) << 52));
 }
 
 // Rounds a number below 2, given in units of 2^-bits, to an integer as the processor rounds a
