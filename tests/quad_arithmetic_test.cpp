@@ -218,7 +218,7 @@ TEST(QuadArithmetic, QuotientsThatNeedCorrection) {
 // The length that one operation gets in one mode.
 std::uint64_t random_cases() {
   if (!compiler::available()) {
-    return 5000;
+    return 20000;
   }
   return full_length() ? 1000000 : 200000;
 }
