@@ -1,7 +1,5 @@
 // The members of the a_ family that are more than second names: conversions from short integers,
 // through the x87 unit, and to and from complex quads.
-#include <cstring>
-
 #include "quad/format.h"
 #include "quad/to_quad.h"
 
@@ -64,20 +62,24 @@ std::int64_t a_cqtoj(const cquad128* x) {
 
 namespace {
 
-// Memory of two floats or doubles, of any alignment.
+// Two floats or doubles in memory, of any alignment.
+template <class Float>
+struct [[gnu::packed]] Pair {
+  Float re;
+  Float im;
+};
+
 template <class Float>
 void store_pair(Float* r, Float re, Float im) {
-  const Float pair[2] = {re, im};
-  std::memcpy(r, pair, sizeof pair);
+  *reinterpret_cast<Pair<Float>*>(r) = {re, im};
 }
 
-// The bits are read as integers: x87 or SSE loads of a signaling NaN must not touch them.
+// The result may overlay the operand.
 template <class Float>
 void widen_pair(cquad128* r, const Float* x) {
-  Float pair[2];
-  std::memcpy(pair, x, sizeof pair);
-  widen<Float>(&r->re, pair[0]);
-  widen<Float>(&r->im, pair[1]);
+  const Pair<Float> pair = *reinterpret_cast<const Pair<Float>*>(x);
+  widen<Float>(&r->re, pair.re);
+  widen<Float>(&r->im, pair.im);
 }
 
 }  // namespace
