@@ -20,5 +20,6 @@ int main(int argc, char** argv) {
   std::printf("ksomd: a tour of the run-time support library\n");
   tour::show_processor(argv[0]);
   tour::show_pool();
+  tour::show_quad();
   return 0;
 }

@@ -13,5 +13,6 @@ int check_level(const char* level);
 int check_without_avx2();
 
 void show_pool();
+void show_quad();
 
 }  // namespace tour

@@ -1,0 +1,170 @@
+// Quotients.
+#include "quad/dispatch.h"
+#include "quad/format.h"
+
+using namespace ksomd::quad;
+
+extern "C" {
+KSOMD_API void quad_divide_l(quad128*, const quad128*, const quad128*) __asm__("__divq.L");
+KSOMD_API void quad_divide_a(quad128*, const quad128*, const quad128*) __asm__("__divq.A");
+}
+
+namespace {
+
+// How a quotient is found. For significands n and d with their leading ones at bit 127,
+//
+//   w  = 2^126 / (top word of d)         one 64/32-bit division, and one Newton step
+//   q1 = (top word of n) w / 2^64        close to n 2^62 / d
+//   R  = n 2^62 - q1 d                   exactly; a few d at most, of either sign
+//   q2 = R 2^64 / d                      by w again
+//   Q  = q1 2^64 + q2                    close to n 2^126 / d
+//
+// The 128/64-bit division instruction takes longer than all of this on many processors.
+//
+// Errors, relative to the exact values:
+//   w   in [-2^-61, 2^-63]: the first estimate is within 2^-31, so that the step leaves 2^-62 at
+//       most and always below; cutting adds one unit, 2^-62; d's lower word is up to 2^-63 of it
+//   q1  in (-5.5, 1): the above times 2^63, n's lower word, and cutting
+//   Q   in (-78, 20): w's error times |q2| < 2^66.5, 32 for what is cut off R, and cutting
+// Only if Q is that close to a multiple of 2^12 can it matter to the rounding: then it is corrected
+// by its exact remainder. Everywhere else its low bits are as good as the exact ones: not 0, and
+// on the right side of a tie.
+constexpr int quotient_window = 64;  // covers the error, once it is centred
+constexpr int quotient_centre = 29;
+constexpr std::uint64_t quotient_period = 1u << 12;
+
+__extension__ using Int128 = __int128;
+
+// 2^126 / d, for d with its top bit set; below 2^63.
+[[gnu::always_inline]] inline std::int64_t reciprocal(std::uint64_t d) {
+  std::uint32_t estimate = 0xFFFFFFFF;  // 2^63 - 1 by d's upper half: close to 2^95 / d
+  std::uint32_t remainder = 0x7FFFFFFF;
+  asm("divl %2"
+      : "+a"(estimate), "+d"(remainder)
+      : "r"(static_cast<std::uint32_t>(d >> 32))
+      : "cc");
+  // (2^95 - d estimate) / 4, which fits in a word: 2^93 is 0 there.
+  const std::uint64_t product = (d >> 2) * estimate + ((d & 3) * estimate >> 2);
+  const auto error = static_cast<std::int64_t>(0 - product);
+  const std::int64_t first = static_cast<std::int64_t>(std::uint64_t{estimate} << 31);
+  return first + static_cast<std::int64_t>(static_cast<Int128>(first) * error >> 93);
+}
+
+// R 2^64 / D for D = d / 2^8, without R's lowest 60 bits. |R| < 2^123
+[[gnu::always_inline]] inline Int128 divide_remainder(Int128 remainder, std::int64_t w) {
+  const auto top = static_cast<std::int64_t>(remainder >> 60);
+  return static_cast<Int128>(top) * w >> 58;
+}
+
+// Q made exact, its lowest bit set if it is not. `remainder` is R / 2^8.
+[[gnu::cold, gnu::noinline]] Uint128 exact_quotient(Uint128 q, std::uint64_t q1, Int128 remainder,
+                                                    Uint128 divisor) {
+  // Modulo 2^128, in which the result, less than 128 D, fits with its sign.
+  const Uint128 q2 = q - (static_cast<Uint128>(q1) << 64);
+  auto rest = static_cast<Int128>((static_cast<Uint128>(remainder) << 64) - q2 * divisor);
+  while (rest < 0) {
+    rest += static_cast<Int128>(divisor);
+    --q;
+  }
+  while (rest >= static_cast<Int128>(divisor)) {
+    rest -= static_cast<Int128>(divisor);
+    ++q;
+  }
+  return q | static_cast<Uint128>(rest != 0);
+}
+
+// n / d, its leading one moved to bit 127, for significands with theirs there and 15 low bits of 0.
+// The shift is 1 if n < d.
+[[gnu::always_inline]] inline Shifted quotient(Uint128 n, Uint128 d) {
+  const Uint128 divisor = d >> 8;
+  const std::int64_t w = reciprocal(high_word(d));
+  const auto q1 = high_word(static_cast<Uint128>(high_word(n)) * static_cast<std::uint64_t>(w));
+  // n 2^54 - q1 d / 2^8, modulo 2^128.
+  const auto remainder =
+      static_cast<Int128>((n << 54) - static_cast<Uint128>(q1) * low_word(divisor) -
+                          (static_cast<Uint128>(q1 * high_word(divisor)) << 64));
+  Uint128 q = (static_cast<Uint128>(q1) << 64) + quotient_centre +
+              static_cast<Uint128>(divide_remainder(remainder, w));
+  if (((low_word(q) + quotient_window) & (quotient_period - 1)) < 2 * quotient_window)
+      [[unlikely]] {
+    q = exact_quotient(q, q1, remainder, divisor);
+  }
+  // 2^125 < q < 2^127
+  return shift_to_top(q << 1);
+}
+
+[[gnu::cold, gnu::noinline]] void divide_any(quad128* r, const quad128* a, const quad128* b) {
+  const std::uint64_t sign = (a->high ^ b->high) & sign_bit;
+  const int a_field = exponent_field(a->high);
+  const int b_field = exponent_field(b->high);
+  const bool a_zero = ((a->high & magnitude_bits) | a->low) == 0;
+  const bool b_zero = ((b->high & magnitude_bits) | b->low) == 0;
+  if (is_nan(a->high, a->low) || is_nan(b->high, b->low)) {
+    store_nan(r, a, b);
+    return;
+  }
+  if ((a_zero && b_zero) || (a_field == special_exponent && b_field == special_exponent)) {
+    store_default_nan(r);
+    return;
+  }
+  if (a_field == special_exponent) {
+    store(r, sign | infinity, 0);
+    return;
+  }
+  if (a_zero || b_field == special_exponent) {
+    store(r, sign, 0);
+    return;
+  }
+  if (b_zero) {
+    raise_divide_by_zero();
+    store(r, sign | infinity, 0);
+    return;
+  }
+  const Normalized n = normalize(a->high, a->low);
+  const Normalized d = normalize(b->high, b->low);
+  const Shifted result = quotient(n.significand, d.significand);
+  round_and_store_any(r, sign, n.exponent - d.exponent + bias - static_cast<int>(result.shift),
+                      result.significand);
+}
+
+[[gnu::always_inline]] inline void divide(quad128* r, const quad128* a, const quad128* b) {
+  const std::uint64_t a_high = a->high;
+  const std::uint64_t b_high = b->high;
+  const std::uint64_t a_field = a_high << 1 >> 49;
+  const std::uint64_t b_field = b_high << 1 >> 49;
+  // Both normal, and the exponent such that the result is, rounded up or not.
+  if (a_field - 1 >= special_exponent - 1) [[unlikely]] {
+    return divide_any(r, a, b);
+  }
+  if (b_field - 1 >= special_exponent - 1) [[unlikely]] {
+    return divide_any(r, a, b);
+  }
+  if (a_field - b_field + bias - 2 > largest_exponent - 1 - 2) [[unlikely]] {
+    return divide_any(r, a, b);
+  }
+  const Shifted result =
+      quotient(normal_significand(a_high, a->low), normal_significand(b_high, b->low));
+  round_and_store(r, (a_high ^ b_high) & sign_bit,
+                  sign_and_exponent(a_high) - sign_and_exponent(b_high) + bias - result.shift,
+                  result.significand);
+}
+
+[[gnu::cold, gnu::noinline]] void divide_on_doubt(quad128* r, const quad128* a, const quad128* b) {
+  return l_suits() ? quad_divide_l(r, a, b) : quad_divide_a(r, a, b);
+}
+
+}  // namespace
+
+void quad_divide_l(quad128* r, const quad128* a, const quad128* b) {
+  divide(r, a, b);
+}
+void quad_divide_a(quad128* r, const quad128* a, const quad128* b) {
+  divide(r, a, b);
+}
+
+void __divq(quad128* r, const quad128* a, const quad128* b) {
+  if (l_is_known()) [[likely]] {
+    return quad_divide_l(r, a, b);
+  }
+  return divide_on_doubt(r, a, b);
+}
