@@ -15,12 +15,15 @@ namespace {
 constexpr std::uintptr_t page_size = 4096;
 constexpr const char* own_file = "/proc/self/exe";
 
-// An ELF module as it lies in memory: from its first loaded page to its last byte.
+// An ELF module as it lies in memory: from its first loaded page to its last.
 struct Module {
   std::uintptr_t address;  // to find it by: any address in it
   std::uintptr_t first, end;
   std::uintptr_t bias;
   const char* path;  // empty for the program itself
+  // The pages of the segment that holds the address, if one does.
+  std::uintptr_t segment_first, segment_end;
+  bool readable;
 };
 
 int visit_module(dl_phdr_info* info, std::size_t, void* data) {
@@ -31,9 +34,15 @@ int visit_module(dl_phdr_info* info, std::size_t, void* data) {
     const ElfW(Phdr) & segment = info->dlpi_phdr[i];
     if (segment.p_type == PT_LOAD) {
       const std::uintptr_t start = (info->dlpi_addr + segment.p_vaddr) & ~(page_size - 1);
-      const std::uintptr_t stop = info->dlpi_addr + segment.p_vaddr + segment.p_memsz;
+      const std::uintptr_t stop =
+          (info->dlpi_addr + segment.p_vaddr + segment.p_memsz + page_size - 1) & ~(page_size - 1);
       first = start < first ? start : first;
       end = stop > end ? stop : end;
+      if (wanted.address >= start && wanted.address < stop) {
+        wanted.segment_first = start;
+        wanted.segment_end = stop;
+        wanted.readable = (segment.p_flags & PF_R) != 0;
+      }
     }
   }
   if (wanted.address < first || wanted.address >= end) {
@@ -147,13 +156,16 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
     return 0;
   }
   *region = {};
+  // Where modules are is asked of the loader: the kernel's list takes longer to read.
+  Module module;
   Mapping mapping;
-  if (!find_mapping(reinterpret_cast<std::uintptr_t>(address), mapping)) {
+  const bool in_module = find_module(address, module);
+  if (in_module && module.segment_end != 0) {
+    mapping = {module.segment_first, module.segment_end, module.readable ? 'r' : '-'};
+  } else if (!find_mapping(reinterpret_cast<std::uintptr_t>(address), mapping)) {
     region->State = MEM_FREE;
     return size;
   }
-  Module module;
-  const bool in_module = find_module(address, module);
   region->BaseAddress = reinterpret_cast<void*>(mapping.first);
   region->AllocationBase = reinterpret_cast<void*>(in_module ? module.first : mapping.first);
   region->RegionSize = mapping.end - mapping.first;

@@ -114,12 +114,16 @@ namespace host {
 
 // Calls that a test wants to fail: a call whose field is not 0 fails with this last-error value.
 struct StackFaults {
-  DWORD sym_initialize, get_module_handle, get_proc_address, virtual_query, open_process,
-      module_file_name;
-  // StackWalk64 fails, or raises an access violation, when this many calls have been made.
-  DWORD stack_walk;
-  DWORD stack_walk_countdown;
-  bool stack_walk_raises;
+  DWORD sym_initialize = 0;
+  DWORD get_module_handle = 0;
+  DWORD get_proc_address = 0;
+  DWORD virtual_query = 0;
+  DWORD open_process = 0;
+  DWORD module_file_name = 0;
+  // StackWalk64 fails, or raises an access violation, after this many calls that do not.
+  DWORD stack_walk = 0;
+  DWORD stack_walk_countdown = 0;
+  bool stack_walk_raises = false;
 };
 extern StackFaults stack_faults;
 
