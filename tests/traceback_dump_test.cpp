@@ -154,26 +154,17 @@ Dump actual_dump(const CONTEXT& context, std::uint64_t size, bool detailed,
   return {size > 0 ? std::string(buffer, strnlen(buffer, size)) : "", result};
 }
 
-// The sizes where something changes and those around them, or every one of them if that is quick.
-std::vector<std::uint64_t> sizes_for(const std::vector<std::string>& pieces, bool every) {
-  std::vector<std::uint64_t> sizes;
+// Every size up to some bytes more than the whole dump needs; where walks cost much, those where
+// something changes.
+std::vector<std::uint64_t> sizes_for(const std::vector<std::string>& pieces) {
   const std::uint64_t whole = joined(pieces).size() + notice_size + 2;
-  std::vector<std::uint64_t> edges{0, notice_size, whole};
-  std::uint64_t used = notice_size + 1;
-  for (const std::string& piece : pieces) {
-    used += piece.size();
-    edges.push_back(used);
-  }
+  const std::uint64_t heading = pieces[0].size() + notice_size + 1;
+  std::vector<std::uint64_t> sizes{0,         1,     notice_size - 1, notice_size, heading + 4,
+                                   whole - 1, whole, notice_size + 1, heading,     whole + 2};
   for (std::uint64_t size = 0; size <= whole + 2; ++size) {
-    bool shown = every || size % 97 == 0;
-    for (const std::uint64_t edge : edges) {
-      shown = shown || (size + 2 >= edge && size <= edge + 2);
-    }
-    if (shown) {
-      sizes.push_back(size);
-    }
+    sizes.push_back(size);
   }
-  return sizes;
+  return affordable(sizes, 7);
 }
 
 void check_every_size(const CONTEXT& context, bool detailed) {
@@ -182,7 +173,7 @@ void check_every_size(const CONTEXT& context, bool detailed) {
   const std::uint64_t whole = joined(pieces).size();
   EXPECT_EQ(tbk_string_stack_signal(&context, nullptr, 0, detailed ? 0 : 1, 1),
             whole + notice_size + 2);
-  for (const std::uint64_t size : sizes_for(pieces, walks_are_cheap())) {
+  for (const std::uint64_t size : sizes_for(pieces)) {
     ASSERT_EQ(actual_dump(context, size, detailed), expected_dump(pieces, size)) << "size " << size;
   }
 }
@@ -219,7 +210,8 @@ TEST(Dump, TextInTheBuffer) {
   RtlCaptureContext(&context);
   const std::vector<std::string> pieces = expected_pieces(context, false);
   for (const std::string& before : {std::string("abc"), std::string(200, 'x')}) {
-    for (const std::uint64_t size : {1u, 4u, 40u, 57u, 58u, 59u, 150u, 300u, 4000u}) {
+    for (const std::uint64_t size :
+         affordable<std::uint64_t>({1, 4, 40, 57, 58, 59, 150, 300, 4000}, 5)) {
       EXPECT_EQ(actual_dump(context, size, false, before.substr(0, size - 1)),
                 expected_dump(pieces, size, before.substr(0, size - 1)))
           << size;
@@ -257,12 +249,22 @@ std::size_t row_of(const Captured& dump) {
 
 TEST(Dump, Skipping) {
   // The walk routine, the two dump routines, dump_here, this test.
-  EXPECT_EQ(row_of(dump_here(1, 0, false)), 1u);
-  EXPECT_EQ(row_of(dump_here(1, 0, true)), 3u);
-  EXPECT_EQ(row_of(dump_here(1, 2, true)), 1u);
-  EXPECT_EQ(row_of(dump_here(1, 3, true)), 0u);
-  EXPECT_EQ(row_of(dump_here(0, 1, true)), std::string::npos);
-  EXPECT_NE(dump_here(0, 1, true).text, "");
+  struct Case {
+    std::uint32_t direct;
+    std::uint32_t skip;
+    bool impl;
+    std::size_t row;
+  };
+  const std::vector<Case> cases = {{1, 0, false, 1},
+                                   {0, 1, true, std::string::npos},
+                                   {1, 3, true, 0},
+                                   {1, 0, true, 3},
+                                   {1, 2, true, 1}};
+  for (const Case& each : affordable(cases, 2)) {
+    const Captured dump = dump_here(each.direct, each.skip, each.impl);
+    EXPECT_EQ(row_of(dump), each.row) << each.direct << each.skip;
+    EXPECT_NE(dump.text, "");
+  }
   // Everything skipped: nothing is written.
   EXPECT_EQ(dump_here(1, 1000, true).text, "");
 }
