@@ -77,6 +77,8 @@ def routines(program):
             names[int(address, 16)] = min(names.get(int(address, 16), (9, "")), (rank, name))
     readable = run("llvm-cxxfilt-22", "--no-params",
                    input="\n".join(name for _, name in names.values()))
+    # A dump has little room for a name: what says nothing goes.
+    readable = readable.replace("(anonymous namespace)::", "")
     return dict(zip(names, readable.splitlines()))
 
 
