@@ -1,8 +1,8 @@
 // The decoder of trace sections, as a function of bytes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <random>
 
@@ -17,7 +17,7 @@ namespace {
 // A copy of its own, of just that size: a memory checker sees the first byte beyond.
 Found look_up(const Data& section, std::uint64_t pc, std::uint64_t bias = 0) {
   const std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[section.size()]);
-  std::memcpy(copy.get(), section.data(), section.size());
+  std::copy(section.begin(), section.end(), copy.get());
   Location location = {};
   if (!find_location({copy.get(), section.size()}, pc, bias, location)) {
     return {};
@@ -387,7 +387,7 @@ TEST(TraceImage, DamagedHeaders) {
   }
   for (std::size_t size = 0; size < good.size(); ++size) {
     const std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[size]);
-    std::memcpy(copy.get(), good.data(), size);
+    std::copy_n(good.begin(), size, copy.get());
     EXPECT_FALSE(find_pe_section({copy.get(), size}, ".trace", place)) << size;
   }
 }
