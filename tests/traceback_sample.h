@@ -95,7 +95,8 @@ class ReferenceLookup {
 
   // As it reads in a field: a terminated text of at most 259 characters.
   static std::string field(const std::string& name) {
-    return std::string(name.substr(0, 259).c_str());
+    const std::string fits = name.substr(0, 259);
+    return fits.substr(0, fits.find('\0'));
   }
 
   Found find_block() {
@@ -104,7 +105,7 @@ class ReferenceLookup {
         ++at;
         continue;
       }
-      section_.at(at + 25);
+      static_cast<void>(section_.at(at + 25));
       if (section_[at] != 10 || get(section_, at + 1, 2) != 2 || section_[at + 3] != 0) {
         return {};
       }
@@ -159,7 +160,7 @@ class ReferenceLookup {
         const std::size_t length = get(own, at + 2, 2);
         const std::uint64_t start = get(own, at + 4, width);
         size = 4 + width + (length > 0 ? length : 1);
-        own.at(at + size - 1);
+        static_cast<void>(own.at(at + size - 1));
         if (start > pc_) {
           return {};
         }
@@ -184,7 +185,7 @@ class ReferenceLookup {
         advance(0, (get(own, at + 1, width) + 1) & 0xFFFFFFFF);
       } else if (tag == 0x0D) {
         size = 9;
-        own.at(at + 8);
+        static_cast<void>(own.at(at + 8));
       } else {
         return {};
       }

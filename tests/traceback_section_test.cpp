@@ -23,9 +23,8 @@ Found look_up(const Data& section, std::uint64_t pc, std::uint64_t bias = 0) {
     return {};
   }
   const auto name = [](Bytes bytes, bool known) {
-    return known ? std::string(
-                       std::string(bytes.data, bytes.data + bytes.size).substr(0, 259).c_str())
-                 : std::string("Unknown");
+    const std::string fits(bytes.data, bytes.data + bytes.first(259).size);
+    return known ? fits.substr(0, fits.find('\0')) : std::string("Unknown");
   };
   return {name(location.routine, location.routine_known), name(location.file, location.file_known),
           std::to_string(location.line)};

@@ -19,6 +19,7 @@ struct Frame {
 };
 
 struct Recorder {
+  // NOLINTNEXTLINE(readability-redundant-member-init): the compiler asks for it
   std::vector<Frame> frames = {};
   std::size_t last = SIZE_MAX;  // the number of frames after which `wish` is the answer
   std::int32_t wish = 0;

@@ -36,8 +36,9 @@ std::uint32_t find_capture_routine() {
     set_error(__libkso_get_msg(28));
     return KSOMD_WALK_NO_SYSTEM_MODULE;
   }
-  auto* routine = GetProcAddress(module, "RtlCaptureContext");
-  std::memcpy(&capture_routine, &routine, sizeof capture_routine);
+  const auto address =
+      reinterpret_cast<std::uintptr_t>(GetProcAddress(module, "RtlCaptureContext"));
+  capture_routine = reinterpret_cast<CaptureRoutine>(address);
   if (capture_routine == nullptr) {
     set_error(__libkso_get_msg(29));
     add_error("\n");

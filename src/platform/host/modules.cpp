@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "stack_system.h"
@@ -113,8 +114,11 @@ bool find_mapping(std::uintptr_t address, Mapping& mapping) {
   Lines maps("/proc/self/maps");
   char line[256];
   while (maps.next(line)) {
-    if (std::sscanf(line, "%lx-%lx %c", &mapping.first, &mapping.end, &mapping.access) == 3 &&
-        address >= mapping.first && address < mapping.end) {
+    char* rest = line;
+    mapping.first = std::strtoul(rest, &rest, 16);
+    mapping.end = std::strtoul(rest + 1, &rest, 16);
+    mapping.access = rest[1];
+    if (address >= mapping.first && address < mapping.end) {
       return true;
     }
   }
@@ -185,7 +189,7 @@ DWORD K32GetModuleFileNameExA(HANDLE, HMODULE handle, char* path, DWORD size) {
   }
   if (module.path[0] == '\0') {
     const ssize_t length = readlink(own_file, path, size - 1);
-    path[length > 0 ? length : 0] = '\0';
+    path[length > 0 && length < size ? length : 0] = '\0';
   } else {
     std::snprintf(path, size, "%s", module.path);
   }

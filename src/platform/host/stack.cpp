@@ -2,6 +2,7 @@
 #include <libunwind.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 
 #include "stack_system.h"
@@ -157,7 +158,7 @@ BOOL StackWalk64(DWORD, HANDLE, HANDLE, STACKFRAME64* frame, CONTEXT* context, v
                  void*) {
   if (stack_faults.stack_walk != 0 && stack_faults.stack_walk_countdown-- == 0) {
     if (stack_faults.stack_walk_raises) {
-      *reinterpret_cast<volatile char*>(std::uintptr_t{1}) = 0;
+      std::raise(SIGSEGV);
     }
     return !fails(stack_faults.stack_walk);
   }
