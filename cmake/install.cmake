@@ -21,5 +21,10 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ksomdConfigVersion.
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ksomdConfigVersion.cmake DESTINATION lib/cmake/ksomd)
 
+if(WIN32)
+  set(KSOMD_PRIVATE_LIBS "-limagehlp")
+else()
+  set(KSOMD_PRIVATE_LIBS "-lunwind -llzma")
+endif()
 configure_file(${CMAKE_SOURCE_DIR}/cmake/ksomd.pc.in ksomd.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ksomd.pc DESTINATION lib/pkgconfig)

@@ -21,5 +21,6 @@ int main(int argc, char** argv) {
   tour::show_processor(argv[0]);
   tour::show_pool();
   tour::show_quad();
+  tour::show_traceback();
   return 0;
 }

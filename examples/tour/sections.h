@@ -14,5 +14,6 @@ int check_without_avx2();
 
 void show_pool();
 void show_quad();
+void show_traceback();
 
 }  // namespace tour

@@ -1,0 +1,228 @@
+#include <elf.h>
+#include <fcntl.h>
+#include <link.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "stack_system.h"
+
+using ksomd::host::stack_faults;
+
+namespace {
+
+constexpr std::uintptr_t page_size = 4096;
+constexpr const char* own_file = "/proc/self/exe";
+
+// An ELF module as it lies in memory: from its first loaded page to its last.
+struct Module {
+  std::uintptr_t address;  // to find it by: any address in it
+  std::uintptr_t first, end;
+  std::uintptr_t bias;
+  const char* path;  // empty for the program itself
+  // The pages of the segment that holds the address, if one does.
+  std::uintptr_t segment_first, segment_end;
+  bool readable;
+};
+
+int visit_module(dl_phdr_info* info, std::size_t, void* data) {
+  auto& wanted = *static_cast<Module*>(data);
+  std::uintptr_t first = UINTPTR_MAX;
+  std::uintptr_t end = 0;
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const ElfW(Phdr) & segment = info->dlpi_phdr[i];
+    if (segment.p_type == PT_LOAD) {
+      const std::uintptr_t start = (info->dlpi_addr + segment.p_vaddr) & ~(page_size - 1);
+      const std::uintptr_t stop =
+          (info->dlpi_addr + segment.p_vaddr + segment.p_memsz + page_size - 1) & ~(page_size - 1);
+      first = start < first ? start : first;
+      end = stop > end ? stop : end;
+      if (wanted.address >= start && wanted.address < stop) {
+        wanted.segment_first = start;
+        wanted.segment_end = stop;
+        wanted.readable = (segment.p_flags & PF_R) != 0;
+      }
+    }
+  }
+  if (wanted.address < first || wanted.address >= end) {
+    return 0;
+  }
+  wanted.first = first;
+  wanted.end = end;
+  wanted.bias = info->dlpi_addr;
+  wanted.path = info->dlpi_name;
+  return 1;
+}
+
+bool find_module(const void* address, Module& module) {
+  module = {};
+  module.address = reinterpret_cast<std::uintptr_t>(address);
+  return dl_iterate_phdr(visit_module, &module) != 0;
+}
+
+// Reads a text file piece by piece, without the heap.
+class Lines {
+ public:
+  explicit Lines(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
+  ~Lines() {
+    if (file_ >= 0) {
+      close(file_);
+    }
+  }
+  Lines(const Lines&) = delete;
+  Lines& operator=(const Lines&) = delete;
+
+  // The next line, cut to what the buffer holds.
+  bool next(char (&line)[256]) {
+    std::size_t length = 0;
+    for (;;) {
+      if (at_ == filled_) {
+        const ssize_t count = file_ >= 0 ? read(file_, piece_, sizeof piece_) : 0;
+        at_ = 0;
+        filled_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+        if (filled_ == 0) {
+          return false;
+        }
+      }
+      const char next = piece_[at_++];
+      if (next == '\n') {
+        line[length] = '\0';
+        return true;
+      }
+      if (length < sizeof line - 1) {
+        line[length++] = next;
+      }
+    }
+  }
+
+ private:
+  int file_;
+  char piece_[1024];
+  std::size_t at_ = 0;
+  std::size_t filled_ = 0;
+};
+
+struct Mapping {
+  std::uintptr_t first, end;
+  char access;  // 'r' or '-'
+};
+
+// The mapping that holds an address, out of the kernel's list; false if none does.
+bool find_mapping(std::uintptr_t address, Mapping& mapping) {
+  Lines maps("/proc/self/maps");
+  char line[256];
+  while (maps.next(line)) {
+    char* rest = line;
+    mapping.first = std::strtoul(rest, &rest, 16);
+    mapping.end = std::strtoul(rest + 1, &rest, 16);
+    mapping.access = rest[1];
+    if (address >= mapping.first && address < mapping.end) {
+      return true;
+    }
+  }
+  return false;
+}
+
+class File {
+ public:
+  explicit File(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
+  ~File() {
+    if (file_ >= 0) {
+      close(file_);
+    }
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  template <typename Record>
+  bool read_at(std::uint64_t offset, Record& record) const {
+    return pread(file_, &record, sizeof record, static_cast<off_t>(offset)) == sizeof record;
+  }
+
+  // Whether the text at that place is `text`, terminator included.
+  [[nodiscard]] bool has_text(std::uint64_t offset, const char* text) const {
+    char found[16] = {};
+    return pread(file_, found, sizeof found - 1, static_cast<off_t>(offset)) > 0 &&
+           std::strcmp(found, text) == 0;
+  }
+
+ private:
+  int file_;
+};
+
+}  // namespace
+
+std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, std::size_t size) {
+  if (stack_faults.virtual_query != 0) {
+    SetLastError(stack_faults.virtual_query);
+    return 0;
+  }
+  *region = {};
+  // Where modules are is asked of the loader: the kernel's list takes longer to read.
+  Module module;
+  Mapping mapping;
+  const bool in_module = find_module(address, module);
+  if (in_module && module.segment_end != 0) {
+    mapping = {module.segment_first, module.segment_end, module.readable ? 'r' : '-'};
+  } else if (!find_mapping(reinterpret_cast<std::uintptr_t>(address), mapping)) {
+    region->State = MEM_FREE;
+    return size;
+  }
+  region->BaseAddress = reinterpret_cast<void*>(mapping.first);
+  region->AllocationBase = reinterpret_cast<void*>(in_module ? module.first : mapping.first);
+  region->RegionSize = mapping.end - mapping.first;
+  region->State = MEM_COMMIT;
+  region->Protect = mapping.access == 'r' ? PAGE_READONLY : PAGE_NOACCESS;
+  return size;
+}
+
+DWORD K32GetModuleFileNameExA(HANDLE, HMODULE handle, char* path, DWORD size) {
+  Module module;
+  if (stack_faults.module_file_name != 0) {
+    SetLastError(stack_faults.module_file_name);
+    return 0;
+  }
+  if (!find_module(handle, module) || handle != reinterpret_cast<HMODULE>(module.first)) {
+    return 0;
+  }
+  if (module.path[0] == '\0') {
+    const ssize_t length = readlink(own_file, path, size - 1);
+    path[length > 0 && length < size ? length : 0] = '\0';
+  } else {
+    std::snprintf(path, size, "%s", module.path);
+  }
+  return static_cast<DWORD>(std::strlen(path));
+}
+
+bool ksomd::find_native_section(const void* image, const char* name, std::uint32_t& offset,
+                                std::uint32_t& size) {
+  Module module;
+  if (!find_module(image, module) || image != reinterpret_cast<void*>(module.first)) {
+    return false;
+  }
+  const File file(module.path[0] != '\0' ? module.path : own_file);
+  Elf64_Ehdr header;
+  Elf64_Shdr names;
+  if (!file.read_at(0, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
+      header.e_shentsize != sizeof names ||
+      !file.read_at(header.e_shoff + header.e_shstrndx * sizeof names, names)) {
+    return false;
+  }
+  for (unsigned i = 0; i < header.e_shnum; ++i) {
+    Elf64_Shdr section;
+    if (!file.read_at(header.e_shoff + i * sizeof section, section)) {
+      return false;
+    }
+    const std::uintptr_t address = module.bias + section.sh_addr;
+    if ((section.sh_flags & SHF_ALLOC) != 0 && section.sh_type != SHT_NOBITS &&
+        file.has_text(names.sh_offset + section.sh_name, name) && address >= module.first &&
+        address < module.end && section.sh_size <= module.end - address) {
+      offset = static_cast<std::uint32_t>(address - module.first);
+      size = static_cast<std::uint32_t>(section.sh_size);
+      return true;
+    }
+  }
+  return false;
+}

@@ -1,0 +1,186 @@
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "stack_system.h"
+
+namespace ksomd::host {
+
+StackFaults stack_faults;
+StackBalance stack_balance;
+
+namespace {
+
+thread_local DWORD last_error;
+
+bool fails(DWORD code) {
+  if (code != 0) {
+    last_error = code;
+  }
+  return code != 0;
+}
+
+// Where a general register stands in the two records.
+struct Register {
+  DWORD64 CONTEXT::* in_context;
+  unw_regnum_t number;
+};
+
+constexpr Register registers[] = {
+    {&CONTEXT::Rax, UNW_X86_64_RAX}, {&CONTEXT::Rcx, UNW_X86_64_RCX},
+    {&CONTEXT::Rdx, UNW_X86_64_RDX}, {&CONTEXT::Rbx, UNW_X86_64_RBX},
+    {&CONTEXT::Rsp, UNW_X86_64_RSP}, {&CONTEXT::Rbp, UNW_X86_64_RBP},
+    {&CONTEXT::Rsi, UNW_X86_64_RSI}, {&CONTEXT::Rdi, UNW_X86_64_RDI},
+    {&CONTEXT::R8, UNW_X86_64_R8},   {&CONTEXT::R9, UNW_X86_64_R9},
+    {&CONTEXT::R10, UNW_X86_64_R10}, {&CONTEXT::R11, UNW_X86_64_R11},
+    {&CONTEXT::R12, UNW_X86_64_R12}, {&CONTEXT::R13, UNW_X86_64_R13},
+    {&CONTEXT::R14, UNW_X86_64_R14}, {&CONTEXT::R15, UNW_X86_64_R15},
+    {&CONTEXT::Rip, UNW_X86_64_RIP},
+};
+
+// The same registers in the system's own context, where libunwind starts.
+constexpr int greg_of_register[] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP,
+                                    REG_RSI, REG_RDI, REG_R8,  REG_R9,  REG_R10, REG_R11,
+                                    REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
+
+void read_registers(unw_cursor_t& cursor, CONTEXT& context) {
+  for (const Register& each : registers) {
+    unw_word_t value = 0;
+    if (unw_get_reg(&cursor, each.number, &value) == 0) {
+      context.*each.in_context = value;
+    }
+  }
+}
+
+// Moves the registers to the frame of the caller; false if there is none. The first frame of a
+// walk stands at an instruction of its own, every other behind a call.
+bool step_to_caller(CONTEXT& context, bool behind_call) {
+  unw_context_t machine;
+  std::memset(&machine, 0, sizeof machine);
+  for (std::size_t i = 0; i < sizeof registers / sizeof registers[0]; ++i) {
+    machine.uc_mcontext.gregs[greg_of_register[i]] =
+        static_cast<greg_t>(context.*registers[i].in_context);
+  }
+  unw_cursor_t cursor;
+  const int flags = behind_call ? 0 : UNW_INIT_SIGNAL_FRAME;
+  if (unw_init_local2(&cursor, &machine, flags) != 0 || unw_step(&cursor) <= 0) {
+    return false;
+  }
+  CONTEXT caller = context;
+  read_registers(cursor, caller);
+  // The stack grows down: a frame that is not above its callee's is no frame.
+  if (caller.Rip == 0 || caller.Rsp <= context.Rsp) {
+    return false;
+  }
+  context = caller;
+  return true;
+}
+
+}  // namespace
+}  // namespace ksomd::host
+
+using namespace ksomd::host;
+
+DWORD GetLastError() {
+  return last_error;
+}
+
+void SetLastError(DWORD code) {
+  last_error = code;
+}
+
+HANDLE GetCurrentProcess() {
+  return &stack_balance.symbol_handlers;
+}
+
+HANDLE GetCurrentThread() {
+  return &last_error;
+}
+
+DWORD GetCurrentProcessId() {
+  return static_cast<DWORD>(getpid());
+}
+
+HANDLE OpenProcess(DWORD, BOOL, DWORD) {
+  if (fails(stack_faults.open_process)) {
+    return nullptr;
+  }
+  ++stack_balance.process_handles;
+  return &stack_balance.process_handles;
+}
+
+BOOL CloseHandle(HANDLE) {
+  --stack_balance.process_handles;
+  return true;
+}
+
+BOOL GetModuleHandleExA(DWORD, const char*, HMODULE* module) {
+  *module = nullptr;
+  if (fails(stack_faults.get_module_handle)) {
+    return false;
+  }
+  *module = &stack_faults;
+  return true;
+}
+
+FARPROC GetProcAddress(HMODULE, const char*) {
+  return fails(stack_faults.get_proc_address) ? nullptr
+                                              : reinterpret_cast<FARPROC>(RtlCaptureContext);
+}
+
+[[gnu::noinline]] void RtlCaptureContext(CONTEXT* context) {
+  std::memset(context, 0, sizeof *context);
+  unw_context_t machine;
+  unw_getcontext(&machine);
+  unw_cursor_t cursor;
+  if (unw_init_local(&cursor, &machine) == 0 && unw_step(&cursor) > 0) {
+    read_registers(cursor, *context);
+  }
+}
+
+BOOL SymInitialize(HANDLE, const char*, BOOL) {
+  if (fails(stack_faults.sym_initialize)) {
+    return false;
+  }
+  ++stack_balance.symbol_handlers;
+  return true;
+}
+
+BOOL SymCleanup(HANDLE) {
+  --stack_balance.symbol_handlers;
+  return true;
+}
+
+BOOL StackWalk64(DWORD, HANDLE, HANDLE, STACKFRAME64* frame, CONTEXT* context, void*, void*, void*,
+                 void*) {
+  if (stack_faults.stack_walk != 0 && stack_faults.stack_walk_countdown-- == 0) {
+    if (stack_faults.stack_walk_raises) {
+      std::raise(SIGSEGV);
+    }
+    return !fails(stack_faults.stack_walk);
+  }
+  // Whether a frame was handed out already, and whether it stands behind a call.
+  enum : DWORD64 { start, first, later };
+  DWORD64& progress = frame->Reserved[0];
+  if (progress != start && !step_to_caller(*context, progress == later)) {
+    last_error = ERROR_INVALID_ADDRESS;
+    return false;
+  }
+  if (context->Rip == 0) {
+    last_error = ERROR_INVALID_ADDRESS;
+    return false;
+  }
+  progress = progress == start ? first : later;
+  CONTEXT caller = *context;
+  frame->AddrPC.Offset = context->Rip;
+  frame->AddrStack.Offset = context->Rsp;
+  frame->AddrFrame.Offset = context->Rbp;
+  frame->AddrReturn.Mode = AddrModeFlat;
+  frame->AddrReturn.Offset = step_to_caller(caller, progress == later) ? caller.Rip : 0;
+  const DWORD64 arguments[] = {context->Rdi, context->Rsi, context->Rdx, context->Rcx};
+  std::memcpy(frame->Params, arguments, sizeof arguments);
+  return true;
+}

@@ -1,0 +1,82 @@
+#include "traceback/module_name.h"
+
+#include <cstring>
+
+#include "ksomd/traceback.h"
+#include "stack_system.h"
+
+namespace ksomd {
+namespace {
+
+constexpr std::size_t longest_part = 255;
+constexpr DWORD query_and_read = PROCESS_QUERY_INFORMATION | PROCESS_VM_READ;
+static_assert(query_and_read == 0x410);
+
+std::size_t smaller(std::size_t a, std::size_t b) {
+  return a < b ? a : b;
+}
+
+// The full path of the module that holds an address.
+bool module_path(std::uint64_t address, char* path, DWORD size) {
+  MEMORY_BASIC_INFORMATION region;
+  if (VirtualQuery(reinterpret_cast<const void*>(address), &region, sizeof region) == 0) {
+    return false;
+  }
+  // Free memory belongs to nothing, and a null module would stand for the program itself.
+  if (region.State == MEM_FREE || region.AllocationBase == nullptr) {
+    return false;
+  }
+  HANDLE process = OpenProcess(query_and_read, false, GetCurrentProcessId());
+  if (process == nullptr) {
+    return false;
+  }
+  auto* module = static_cast<HMODULE>(region.AllocationBase);
+  const DWORD length = K32GetModuleFileNameExA(process, module, path, size);
+  CloseHandle(process);
+  path[size - 1] = '\0';  // a path that does not fit comes unterminated from some systems
+  return length != 0;
+}
+
+}  // namespace
+
+const char* file_name_of(const char* path) {
+  const char* name = path;
+  if (path[0] != '\0' && path[1] == ':') {
+    name = path + 2;
+  }
+  for (const char* at = name; *at != '\0'; ++at) {
+    if (*at == '/' || *at == '\\') {
+      name = at + 1;
+    }
+  }
+  return name;
+}
+
+void write_module_name(const char* path, char* name, std::size_t size) {
+  if (size == 0) {
+    return;
+  }
+  const char* file = file_name_of(path);
+  const char* end = file + std::strlen(file);
+  const char* dot = std::strrchr(file, '.');
+  if (dot == nullptr) {
+    dot = end;
+  }
+  const std::size_t stem =
+      smaller(smaller(static_cast<std::size_t>(dot - file), longest_part), size - 1);
+  const std::size_t extension =
+      smaller(smaller(static_cast<std::size_t>(end - dot), longest_part), size - 1 - stem);
+  std::memcpy(name, file, stem);
+  std::memcpy(name + stem, dot, extension);
+  name[stem + extension] = '\0';
+}
+
+}  // namespace ksomd
+
+void tbk_getModuleName(std::uint64_t address, char* name, std::uint32_t size, std::uint64_t* base) {
+  if (base != nullptr) {
+    *base = 0;
+  }
+  char path[260];
+  ksomd::write_module_name(ksomd::module_path(address, path, sizeof path) ? path : "", name, size);
+}

@@ -1,0 +1,29 @@
+// The ".trace" section: a compact table from code addresses to routines, source files and lines.
+//
+//   section   block, zero bytes, block, ...        one block a routine, in no particular order
+//   block     header, source-file names, items     the items are a program for a small decoder
+//
+// The decoder keeps an address and a line; items move them forward. An item that moves the address
+// describes the code bytes after the old address up to and including the new one.
+#pragma once
+
+#include <cstdint>
+
+#include "traceback/bytes.h"
+
+namespace ksomd {
+
+struct Location {
+  Bytes routine;  // names as they stand in the section: not terminated
+  Bytes file;
+  std::uint64_t line;
+  bool routine_known;  // an empty name may be known
+  bool file_known;
+};
+
+// Finds what the section says about `pc`; false if it says nothing or makes no sense. Reads only
+// the section, in time linear in its size. Blocks whose start address is below `bias` are moved by
+// it.
+bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location& location);
+
+}  // namespace ksomd
