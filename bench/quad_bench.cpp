@@ -64,7 +64,7 @@ struct Pair {
 
 // Random signs and fractions, exponents of a random distance up to `spread`.
 std::vector<Pair> make_pool(std::uint64_t lowest_exponent, std::uint64_t spread) {
-  std::mt19937_64 random(4711);
+  std::mt19937_64 random(4711);  // NOLINT: the same pools in every run
   const auto number = [&] {
     const std::uint64_t exponent = lowest_exponent + random() % (spread + 1);
     const std::uint64_t bits = random();
@@ -264,7 +264,7 @@ void add_conversions() {
       "from_uint64", [](const quad128& a) { return a.low >> (a.high & 63); });
 }
 
-const bool registered = [] {
+const bool registered = [] {  // NOLINT(bugprone-throwing-static-initialization)
   add_operation<__addq, gcc_addtf3, llvm_addtf3>("add", true);
   add_operation<__subq, gcc_subtf3, llvm_subtf3>("sub", true);
   add_operation<__mulq, gcc_multf3, llvm_multf3>("mul", false);

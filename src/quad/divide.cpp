@@ -29,8 +29,8 @@ namespace {
 // Only if Q is that close to a multiple of 2^12 can it matter to the rounding: then it is corrected
 // by its exact remainder. Everywhere else its low bits are as good as the exact ones: not 0, and
 // on the right side of a tie.
-constexpr int quotient_window = 64;  // covers the error, once it is centred
-constexpr int quotient_centre = 29;
+constexpr std::uint64_t quotient_window = 64;  // covers the error, once it is centred
+constexpr std::uint64_t quotient_centre = 29;
 constexpr std::uint64_t quotient_period = 1u << 12;
 
 __extension__ using Int128 = __int128;
@@ -85,7 +85,7 @@ __extension__ using Int128 = __int128;
                           (static_cast<Uint128>(q1 * high_word(divisor)) << 64));
   Uint128 q = (static_cast<Uint128>(q1) << 64) + quotient_centre +
               static_cast<Uint128>(divide_remainder(remainder, w));
-  if (((low_word(q) + quotient_window) & (quotient_period - 1)) < 2 * quotient_window)
+  if (((low_word(q) + quotient_window) & (quotient_period - 1)) < quotient_window + quotient_window)
       [[unlikely]] {
     q = exact_quotient(q, q1, remainder, divisor);
   }

@@ -18,7 +18,7 @@ std::uint64_t upper_bits(Uint128 significand) {
 template <class Float>
 struct Narrowing {
   using Format = FloatFormat<Float>;
-  using Bits = typename Format::Bits;
+  using Bits = Format::Bits;
 
   // Enough for round_in_mode, and for deciding every tie.
   static constexpr int width = 32;

@@ -106,7 +106,7 @@ class Wide {
   // Of a value other than 0.
   int leading_zeros() const {
     int i = words - 1;
-    while (words_[i] == 0) {
+    while (i > 0 && words_[i] == 0) {
       --i;
     }
     return (words - 1 - i) * word_bits + std::countl_zero(words_[i]);
@@ -114,7 +114,7 @@ class Wide {
 
  private:
   static void put_or(Wide& result, Word& lost, int index, Word word) {
-    Word& place = index >= 0 ? result.words_[index] : lost;
+    Word& place = index >= 0 && index < words ? result.words_[index] : lost;
     place |= word;
   }
 
