@@ -14,7 +14,7 @@ import sys
 
 # Sources that may hold VEX or EVEX instructions: the variants for processors that have them.
 VARIANTS = re.compile(r"/mem/(avx|avx512)[^/]*\.cpp\.o|/matmul/[^/]*_(avx|avx512)\.cpp\.o")
-CONSTRUCTORS = 0
+CONSTRUCTORS = 1
 IMPORTS = {"kernel32.dll", "msvcrt.dll", "imagehlp.dll"}
 
 # Bytes of a VEX (C4, C5) or EVEX (62) prefix, which mean nothing else in 64-bit code.

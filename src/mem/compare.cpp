@@ -1,0 +1,141 @@
+#include "ksomd/memory.h"
+#include "mem/blocks.h"
+
+namespace ksomd::mem {
+namespace {
+
+// The sign of the first difference of two different words, in address order.
+[[gnu::always_inline]] inline int order(std::uint64_t a, std::uint64_t b) {
+  return __builtin_bswap64(a) > __builtin_bswap64(b) ? 1 : -1;
+}
+
+template <class Piece>
+[[gnu::always_inline]] inline std::uint64_t word(const Byte* p) {
+  return Piece::template load<Access::Unaligned>(p);
+}
+
+// Compares one piece; `result` is set where they differ.
+template <class Piece>
+[[gnu::always_inline]] inline bool differ(const Byte* a, const Byte* b, int& result) {
+  const std::uint64_t x = word<Piece>(a), y = word<Piece>(b);
+  if (x == y) {
+    return false;
+  }
+  result = order(x, y);
+  return true;
+}
+
+template <>
+[[gnu::always_inline]] inline bool differ<Piece16>(const Byte* a, const Byte* b, int& result) {
+  const __m128i equal =
+      _mm_cmpeq_epi8(Piece16::load<Access::Unaligned>(a), Piece16::load<Access::Unaligned>(b));
+  const unsigned differences = static_cast<unsigned>(_mm_movemask_epi8(equal)) ^ 0xFFFF;
+  if (differences == 0) [[likely]] {
+    return false;
+  }
+  const int first = __builtin_ctz(differences);
+  result = a[first] > b[first] ? 1 : -1;
+  return true;
+}
+
+// A length below that of Piece, as a head and a tail of the largest piece not above it.
+template <class Piece>
+[[gnu::always_inline]] inline int compare_below(const Byte* a, const Byte* b, size_t n) {
+  using Half = typename Piece::Half;
+  if (n >= Half::size) {
+    int result = 0;
+    if (!differ<Half>(a, b, result)) {
+      differ<Half>(a + n - Half::size, b + n - Half::size, result);
+    }
+    return result;
+  }
+  if constexpr (Half::size > 1) {
+    return compare_below<Half>(a, b, n);
+  }
+  return 0;
+}
+
+// Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
+struct CompareTail {
+  using Routine = int(const Byte* a, const Byte* b);
+
+  template <size_t n>
+  static int run(const Byte* a, const Byte* b) {
+    int result = 0;
+#pragma clang loop unroll(full)
+    for (size_t i = 0; i < n / 8 * 8; i += 8) {
+      if (differ<Piece8>(a + i, b + i, result)) {
+        return result;
+      }
+    }
+    compare_pieces<n % 8, Piece4>(a + n / 8 * 8, b + n / 8 * 8, result);
+    return result;
+  }
+
+  template <size_t n, class Piece>
+  [[gnu::always_inline]] static void compare_pieces(const Byte* a, const Byte* b, int& result) {
+    if constexpr (n >= Piece::size) {
+      if constexpr (n > Piece::size) {
+        if (!differ<Piece>(a, b, result)) {
+          compare_pieces<n - Piece::size, typename Piece::Half>(a + Piece::size, b + Piece::size,
+                                                                result);
+        }
+      } else {
+        differ<Piece>(a, b, result);
+      }
+    } else if constexpr (n > 0) {
+      compare_pieces<n, typename Piece::Half>(a, b, result);
+    }
+  }
+};
+
+}  // namespace
+}  // namespace ksomd::mem
+
+using namespace ksomd::mem;
+
+// Never reads on beyond the 16 bytes in which the first difference lies.
+int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
+  const auto* a = static_cast<const Byte*>(first);
+  const auto* b = static_cast<const Byte*>(second);
+  if (count < 16) {
+    return a == b ? 0 : compare_below<Piece16>(a, b, count);
+  }
+  if (a == b) {
+    return 0;
+  }
+  int result = 0;
+  const Byte* const a_tail = a + count - 16;
+  const Byte* const b_tail = b + count - 16;
+  for (; count > 64; a += 64, b += 64, count -= 64) {
+    if (differ<Piece16>(a, b, result) || differ<Piece16>(a + 16, b + 16, result) ||
+        differ<Piece16>(a + 32, b + 32, result) || differ<Piece16>(a + 48, b + 48, result)) {
+      return result;
+    }
+  }
+  for (; count > 16; a += 16, b += 16, count -= 16) {
+    if (differ<Piece16>(a, b, result)) {
+      return result;
+    }
+  }
+  differ<Piece16>(a_tail, b_tail, result);
+  return result;
+}
+
+int __orvex_new_memcmp(const void* first, const void* second, size_t count) {
+  const auto* a = static_cast<const Byte*>(first);
+  const auto* b = static_cast<const Byte*>(second);
+  if (count > 64) {
+    int result = 0;
+    do {
+#pragma clang loop unroll(full)
+      for (size_t i = 0; i < 64; i += 8) {
+        if (differ<Piece8>(a + i, b + i, result)) {
+          return result;
+        }
+      }
+      a += 64, b += 64, count -= 64;
+    } while (count >= 64);
+  }
+  return code_table<CompareTail, 65>[count](a, b);
+}
