@@ -81,6 +81,9 @@ inline std::vector<NamedTuning> interesting_tunings() {
       result.push_back({name + ", class " + std::to_string(mem_class), tuning});
     };
     add("defaults", {});
+    if (mem_class == 1) {
+      continue;  // as class 0
+    }
     add("genuine", genuine_tuning());
     add("all 0", uniform_tuning(0));
     add("all 300", uniform_tuning(300));

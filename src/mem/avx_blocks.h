@@ -38,5 +38,31 @@ struct Piece32 {
   }
 };
 
+// Any n up to 256, any overlap: everything is read before anything is stored. As few branches that
+// depend on n as it takes: programs call with sizes that no predictor can tell.
+[[gnu::always_inline]] inline void copy_up_to_256(Byte* d, const Byte* s, size_t n) {
+  if (n < 32) {
+    copy_below<Piece32>(d, s, n);
+  } else if (n <= 64) {
+    copy_head_tail<Piece32, 1>(d, s, n);
+  } else if (n <= 128) {
+    copy_head_tail<Piece32, 2>(d, s, n);
+  } else {
+    copy_head_tail<Piece32, 4>(d, s, n);
+  }
+}
+
+[[gnu::always_inline]] inline void fill_up_to_256(Byte* d, std::uint64_t bytes, size_t n) {
+  if (n < 32) {
+    fill_below<Piece32>(d, bytes, n);
+  } else if (n <= 64) {
+    fill_head_tail<Piece32, 1>(d, Piece32::pattern(bytes), n);
+  } else if (n <= 128) {
+    fill_head_tail<Piece32, 2>(d, Piece32::pattern(bytes), n);
+  } else {
+    fill_head_tail<Piece32, 4>(d, Piece32::pattern(bytes), n);
+  }
+}
+
 }  // namespace
 }  // namespace ksomd::mem

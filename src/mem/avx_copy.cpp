@@ -8,28 +8,6 @@ constexpr size_t block = 256;
 // The last bytes of a large copy stay in the cache.
 constexpr size_t stream_floor = 768;
 
-// Any n up to a block: vectors from the start, and one ending at the end.
-[[gnu::always_inline]] inline void copy_short(Byte* d, const Byte* s, size_t n) {
-  if (n < 32) {
-    copy_below<Piece32>(d, s, n);
-    return;
-  }
-  Byte* const d_tail = d + n - 32;
-  const Byte* const s_tail = s + n - 32;
-  if (n > 128) {
-    copy_block<Piece32, 4, 1, Access::Unaligned, Access::Unaligned>(d, s);
-    d += 128, s += 128, n -= 128;
-  }
-  if (n > 64) {
-    copy_block<Piece32, 2, 1, Access::Unaligned, Access::Unaligned>(d, s);
-    d += 64, s += 64, n -= 64;
-  }
-  if (n > 32) {
-    copy_piece<Piece32>(d, s);
-  }
-  copy_piece<Piece32>(d_tail, s_tail);
-}
-
 // n is more than a block.
 [[gnu::always_inline]] inline void copy_long(Byte* d, const Byte* s, size_t n) {
   const Byte* const s_end = s + n;
@@ -54,12 +32,8 @@ constexpr size_t stream_floor = 768;
   for (; n >= block; d += block, s += block, n -= block) {
     copy_block<Piece32, 2, 4, Access::Unaligned, Access::Aligned>(d, s);
   }
-  for (; n >= 32; d += 32, s += 32, n -= 32) {
-    copy_group<Piece32, 1, Access::Unaligned, Access::Aligned>(d, s);
-  }
-  if (n != 0) {
-    copy_piece<Piece32>(d_end - 32, s_end - 32);
-  }
+  // What is left is less than a block: the last block of the range, without a branch.
+  copy_block<Piece32, 2, 4, Access::Unaligned, Access::Unaligned>(d_end - block, s_end - block);
 }
 
 }  // namespace
@@ -70,7 +44,7 @@ void* __orvex_avx_rep_memcpy(void* destination, const void* source, size_t count
   auto* d = static_cast<Byte*>(destination);
   const auto* s = static_cast<const Byte*>(source);
   if (count <= block) [[likely]] {
-    copy_short(d, s, count);
+    copy_up_to_256(d, s, count);
   } else {
     copy_long(d, s, count);
   }

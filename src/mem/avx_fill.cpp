@@ -6,18 +6,7 @@ namespace {
 
 constexpr size_t block = 256;
 
-// Any n up to 128.
-[[gnu::always_inline]] inline void fill_short(Byte* d, std::uint64_t bytes, size_t n) {
-  if (n < 32) {
-    fill_below<Piece32>(d, bytes, n);
-  } else if (n <= 64) {
-    fill_head_tail<Piece32, 1>(d, Piece32::pattern(bytes), n);
-  } else {
-    fill_head_tail<Piece32, 2>(d, Piece32::pattern(bytes), n);
-  }
-}
-
-// n is more than 128.
+// n is more than a block.
 [[gnu::always_inline]] inline void fill_long(Byte* d, std::uint64_t bytes, size_t n) {
   const Piece32::Value value = Piece32::pattern(bytes);
   Byte* const d_end = d + n;
@@ -36,12 +25,8 @@ constexpr size_t block = 256;
       d += block, n -= block;
     } while (n >= block);
   }
-  for (; n >= 32; d += 32, n -= 32) {
-    Piece32::store<Access::Aligned>(d, value);
-  }
-  if (n != 0) {
-    Piece32::store<Access::Unaligned>(d_end - 32, value);
-  }
+  // What is left is less than a block: the last block of the range, without a branch.
+  fill_group<Piece32, 8, Access::Unaligned>(d_end - block, value);
 }
 
 }  // namespace
@@ -51,8 +36,8 @@ void* __orvex_avx_rep_memset(void* destination, int value, size_t count) {
   using namespace ksomd::mem;
   auto* d = static_cast<Byte*>(destination);
   const std::uint64_t bytes = repeat_byte(value);
-  if (count <= 128) [[likely]] {
-    fill_short(d, bytes, count);
+  if (count <= block) [[likely]] {
+    fill_up_to_256(d, bytes, count);
   } else {
     fill_long(d, bytes, count);
   }

@@ -173,19 +173,6 @@ template <class Direction>
   }
 }
 
-// Any n up to a block, any overlap: everything is read before anything is stored.
-[[gnu::always_inline]] inline void move_short(Byte* d, const Byte* s, size_t n) {
-  if (n < 32) {
-    copy_below<Piece32>(d, s, n);
-  } else if (n <= 64) {
-    copy_head_tail<Piece32, 1>(d, s, n);
-  } else if (n <= 128) {
-    copy_head_tail<Piece32, 2>(d, s, n);
-  } else {
-    copy_head_tail<Piece32, 4>(d, s, n);
-  }
-}
-
 }  // namespace
 }  // namespace ksomd::mem
 
@@ -196,7 +183,7 @@ void* __orvex_avx_memmove(void* destination, const void* source, size_t count) {
   const auto to = reinterpret_cast<std::uintptr_t>(d);
   const auto from = reinterpret_cast<std::uintptr_t>(s);
   if (count <= block) [[likely]] {
-    move_short(d, s, count);
+    copy_up_to_256(d, s, count);
   } else if (to < from) {
     move_long<Ascending>(d, s, count);
   } else if (to > from) {

@@ -38,21 +38,56 @@ template <>
   return true;
 }
 
-// A length below that of Piece, as a head and a tail of the largest piece not above it.
-template <class Piece>
-[[gnu::always_inline]] inline int compare_below(const Byte* a, const Byte* b, size_t n) {
-  using Half = typename Piece::Half;
-  if (n >= Half::size) {
+// `count` blocks of 16 bytes, each read only if those before it are equal.
+template <size_t count>
+[[gnu::always_inline]] inline bool blocks_differ(const Byte* a, const Byte* b, int& result) {
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < count; ++i) {
+    if (differ<Piece16>(a + 16 * i, b + 16 * i, result)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// `count` blocks from the start and `count` ending at the end, which may overlap.
+template <size_t count>
+[[gnu::always_inline]] inline int compare_head_tail(const Byte* a, const Byte* b, size_t n) {
+  int result = 0;
+  if (!blocks_differ<count>(a, b, result)) {
+    blocks_differ<count>(a + n - 16 * count, b + n - 16 * count, result);
+  }
+  return result;
+}
+
+[[gnu::always_inline]] inline int sign(std::uint64_t x, std::uint64_t y) {
+  return (x > y) - (x < y);
+}
+
+// A head and a tail of half a word as one number, the first byte the most significant one.
+[[gnu::always_inline]] inline std::uint64_t joined_halves(const Byte* p, size_t n) {
+  const auto head = static_cast<std::uint32_t>(word<Piece4>(p));
+  const auto tail = static_cast<std::uint32_t>(word<Piece4>(p + n - 4));
+  return std::uint64_t{__builtin_bswap32(head)} << 32 | __builtin_bswap32(tail);
+}
+
+// One to three bytes the same way.
+[[gnu::always_inline]] inline std::uint64_t joined_bytes(const Byte* p, size_t n) {
+  return std::uint64_t{p[0]} << 16 | std::uint64_t{p[n / 2]} << 8 | p[n - 1];
+}
+
+[[gnu::always_inline]] inline int compare_below_16(const Byte* a, const Byte* b, size_t n) {
+  if (n >= 8) {
     int result = 0;
-    if (!differ<Half>(a, b, result)) {
-      differ<Half>(a + n - Half::size, b + n - Half::size, result);
+    if (!differ<Piece8>(a, b, result)) {
+      differ<Piece8>(a + n - 8, b + n - 8, result);
     }
     return result;
   }
-  if constexpr (Half::size > 1) {
-    return compare_below<Half>(a, b, n);
+  if (n >= 4) {
+    return sign(joined_halves(a, n), joined_halves(b, n));
   }
-  return 0;
+  return n == 0 ? 0 : sign(joined_bytes(a, n), joined_bytes(b, n));
 }
 
 // Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
@@ -98,27 +133,30 @@ using namespace ksomd::mem;
 int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
   const auto* a = static_cast<const Byte*>(first);
   const auto* b = static_cast<const Byte*>(second);
-  if (count < 16) {
-    return a == b ? 0 : compare_below<Piece16>(a, b, count);
-  }
   if (a == b) {
     return 0;
   }
+  if (count < 16) {
+    return compare_below_16(a, b, count);
+  }
+  if (count <= 32) {
+    return compare_head_tail<1>(a, b, count);
+  }
+  if (count <= 64) {
+    return compare_head_tail<2>(a, b, count);
+  }
+  if (count <= 128) {
+    return compare_head_tail<4>(a, b, count);
+  }
   int result = 0;
-  const Byte* const a_tail = a + count - 16;
-  const Byte* const b_tail = b + count - 16;
+  const Byte* const a_tail = a + count - 64;
+  const Byte* const b_tail = b + count - 64;
   for (; count > 64; a += 64, b += 64, count -= 64) {
-    if (differ<Piece16>(a, b, result) || differ<Piece16>(a + 16, b + 16, result) ||
-        differ<Piece16>(a + 32, b + 32, result) || differ<Piece16>(a + 48, b + 48, result)) {
+    if (blocks_differ<4>(a, b, result)) {
       return result;
     }
   }
-  for (; count > 16; a += 16, b += 16, count -= 16) {
-    if (differ<Piece16>(a, b, result)) {
-      return result;
-    }
-  }
-  differ<Piece16>(a_tail, b_tail, result);
+  blocks_differ<4>(a_tail, b_tail, result);
   return result;
 }
 
