@@ -15,7 +15,7 @@ import sys
 
 # Sources that may hold VEX or EVEX instructions: the variants for processors that have them.
 VARIANTS = re.compile(r"/mem/(avx|avx512)[^/]*\.cpp\.o|/matmul/[^/]*_(avx|avx512)\.cpp\.o")
-CONSTRUCTORS = 0
+CONSTRUCTORS = 1
 # Routines that read the feature set on every call: object, and a part of the name.
 READERS = [("startup.cpp", "::verify(")]
 IMPORTS = {"kernel32.dll", "msvcrt.dll", "imagehlp.dll"}
@@ -66,7 +66,8 @@ def check_constructors(preset):
     count = 0
     for path in objects(preset):
         sections = run("llvm-readobj-22", "--sections", str(path))
-        for size in re.findall(r"Name: \.(?:init_array|ctors)\S* .*?Size: (\w+)", sections, re.S):
+        for size in re.findall(r"Name: \.(?:init_array|ctors)\S* .*?\b(?:RawData)?Size: (\w+)",
+                               sections, re.S):
             count += int(size, 0) // 8
     if count != CONSTRUCTORS:
         yield f"{preset}: {count} load-time constructors instead of {CONSTRUCTORS}"

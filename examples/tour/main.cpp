@@ -22,5 +22,6 @@ int main(int argc, char** argv) {
   tour::show_pool();
   tour::show_quad();
   tour::show_traceback();
+  tour::show_memory();
   return 0;
 }

@@ -15,5 +15,6 @@ int check_without_avx2();
 void show_pool();
 void show_quad();
 void show_traceback();
+void show_memory();
 
 }  // namespace tour

@@ -1,0 +1,162 @@
+// The memory routines against the C library's, in one run: compare the lines of one group.
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "cpu/feature_set.h"
+#include "ksomd/memory.h"
+#include "mem/dispatch.h"
+
+namespace {
+
+using ksomd::mem::CopyRoutine;
+using ksomd::mem::FillRoutine;
+using CompareRoutine = int(const void*, const void*, size_t);
+
+struct Call {
+  std::uint32_t size, d, s;
+};
+
+// Sizes 1 to 512 as programs use them: four of five below 128, half of them below 32; any
+// alignment.
+std::vector<Call> mixed_calls() {
+  std::mt19937 random(42);
+  const auto below = [&](unsigned limit) { return static_cast<std::uint32_t>(random() % limit); };
+  std::vector<Call> calls(4096);
+  for (Call& call : calls) {
+    const auto kind = below(10);
+    call.size = 1 + (kind < 4 ? below(32) : kind < 8 ? below(128) : below(512));
+    call.d = below(4096);
+    call.s = below(4096);
+  }
+  return calls;
+}
+
+const std::vector<Call> calls = mixed_calls();
+alignas(4096) unsigned char source[1 << 25], target[1 << 25];
+
+template <class Run>
+void mix(benchmark::State& state, Run run) {
+  for (auto _ : state) {
+    for (const Call& call : calls) {
+      run(target + call.d, source + call.s, call.size);
+    }
+    benchmark::ClobberMemory();
+  }
+  state.counters["per_call"] = benchmark::Counter(
+      static_cast<double>(state.iterations()) * static_cast<double>(calls.size()),
+      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+template <class Run>
+void one_size(benchmark::State& state, Run run) {
+  const auto size = static_cast<size_t>(state.range(0));
+  for (auto _ : state) {
+    run(target, source, size);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+
+template <class Routine>
+auto copying(Routine* routine) {
+  return [routine](unsigned char* d, const unsigned char* s, size_t n) {
+    benchmark::DoNotOptimize(routine(d, s, n));
+  };
+}
+auto filling(FillRoutine* routine) {
+  return [routine](unsigned char* d, const unsigned char*, size_t n) {
+    benchmark::DoNotOptimize(routine(d, 7, n));
+  };
+}
+
+template <class Run>
+void add_mix(const std::string& name, Run run) {
+  benchmark::RegisterBenchmark(("mix/" + name).c_str(),
+                               [run](benchmark::State& state) { mix(state, run); });
+}
+template <class Run>
+void add_sizes(const std::string& name, Run run, std::initializer_list<std::int64_t> sizes) {
+  auto* entry = benchmark::RegisterBenchmark(
+      ("size/" + name).c_str(), [run](benchmark::State& state) { one_size(state, run); });
+  for (const std::int64_t size : sizes) {
+    entry->Arg(size);
+  }
+}
+
+// Bare loops of the instructions that the bulk methods use.
+void bare_string_copy(unsigned char* d, const unsigned char* s, size_t n) {
+  __asm__ volatile("rep movsb" : "+D"(d), "+S"(s), "+c"(n) : : "memory");
+}
+void bare_string_fill(unsigned char* d, const unsigned char*, size_t n) {
+  __asm__ volatile("rep stosb" : "+D"(d), "+c"(n) : "a"(7) : "memory");
+}
+[[gnu::target("avx")]] void bare_stream_copy(unsigned char* d, const unsigned char* s, size_t n) {
+  size_t offset = 0;
+  __asm__ volatile(
+      "1: prefetcht0 512(%[s],%[o])\n prefetcht0 576(%[s],%[o])\n prefetcht0 640(%[s],%[o])\n"
+      "prefetcht0 704(%[s],%[o])\n"
+      "vmovdqu (%[s],%[o]), %%ymm0\n vmovdqu 32(%[s],%[o]), %%ymm1\n vmovdqu 64(%[s],%[o]), "
+      "%%ymm2\n"
+      "vmovdqu 96(%[s],%[o]), %%ymm3\n vmovntdq %%ymm0, (%[d],%[o])\n vmovntdq %%ymm1, "
+      "32(%[d],%[o])\n"
+      "vmovntdq %%ymm2, 64(%[d],%[o])\n vmovntdq %%ymm3, 96(%[d],%[o])\n"
+      "vmovdqu 128(%[s],%[o]), %%ymm0\n vmovdqu 160(%[s],%[o]), %%ymm1\n vmovdqu 192(%[s],%[o]), "
+      "%%ymm2\n"
+      "vmovdqu 224(%[s],%[o]), %%ymm3\n vmovntdq %%ymm0, 128(%[d],%[o])\n vmovntdq %%ymm1, "
+      "160(%[d],%[o])\n"
+      "vmovntdq %%ymm2, 192(%[d],%[o])\n vmovntdq %%ymm3, 224(%[d],%[o])\n"
+      "add $256, %[o]\n cmp %[n], %[o]\n jb 1b\n sfence\n vzeroupper\n"
+      : [o] "+r"(offset)
+      : [d] "r"(d), [s] "r"(s), [n] "r"(n)
+      : "memory", "cc", "xmm0", "xmm1", "xmm2", "xmm3");
+}
+
+void register_all() {
+  add_mix("memcpy/C", copying<CopyRoutine>(memcpy));
+  add_mix("memcpy/ksomd", copying(_orvex_fast_memcpy));
+  add_mix("memcpy/variant", copying(__orvex_avx_rep_memcpy));
+  add_mix("memcpy/generic", copying(__orvex_new_memcpy));
+  add_mix("memcpy/server", copying(__orvex_tvr_avx512_memcpy));
+  add_mix("memmove/C", copying<CopyRoutine>(memmove));
+  add_mix("memmove/ksomd", copying(_orvex_fast_memmove));
+  add_mix("memset/C", filling(memset));
+  add_mix("memset/ksomd", filling(_orvex_fast_memset));
+  // Equal ranges: both are read in full.
+  const auto equal = [](CompareRoutine* routine) {
+    return [routine](unsigned char* d, const unsigned char*, size_t n) {
+      benchmark::DoNotOptimize(routine(d, d + (1 << 20) + 1, n));
+    };
+  };
+  add_mix("memcmp/C", equal(memcmp));
+  add_mix("memcmp/ksomd", equal(_orvex_fast_memcmp));
+  add_mix("memcmp/generic", equal(__orvex_new_memcmp));
+  add_sizes("memcmp/C", copying<CompareRoutine>(memcmp), {16384});
+  add_sizes("memcmp/ksomd", copying<CompareRoutine>(_orvex_fast_memcmp), {16384});
+  // Strings below the threshold of this processor, streams above it.
+  add_sizes("memcpy/C", copying<CopyRoutine>(memcpy), {4096, 16384, 65536, 1 << 24});
+  add_sizes("memcpy/ksomd", copying(_orvex_fast_memcpy), {4096, 16384, 65536, 1 << 24});
+  add_sizes("memcpy/bare string", bare_string_copy, {16384});
+  add_sizes("memcpy/bare stream", bare_stream_copy, {65536, 1 << 24});
+  add_sizes("memmove/C", copying<CopyRoutine>(memmove), {4096, 16384});
+  add_sizes("memmove/ksomd", copying(_orvex_fast_memmove), {4096, 16384});
+  add_sizes("memset/C", filling(memset), {4096, 16384, 65536});
+  add_sizes("memset/ksomd", filling(_orvex_fast_memset), {4096, 16384, 65536});
+  add_sizes("memset/bare string", bare_string_fill, {16384, 65536});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::memset(source, 0, sizeof source);
+  std::memset(target, 0, sizeof target);
+  benchmark::Initialize(&argc, argv);
+  if (ksomd::has_features(ksomd::mem::avx512_level)) {
+    register_all();
+  } else {
+    std::puts("skipped: these benchmarks call variants that this processor lacks");
+  }
+  benchmark::RunSpecifiedBenchmarks();
+}

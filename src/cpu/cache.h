@@ -1,0 +1,39 @@
+// The data caches of a processor.
+#pragma once
+
+#include <cstdint>
+
+#include "cpu/processor.h"
+
+namespace ksomd {
+
+inline constexpr std::uint32_t cache_levels = 3;
+
+struct Cache {
+  std::uint32_t size_kib, line, partitions, ways;  // all 0: no such cache
+};
+
+struct CacheInfo {
+  std::uint32_t genuine;       // 1: the vendor string is "GenuineOrvex"
+  std::uint32_t highest_leaf;  // highest basic CPUID leaf of a genuine processor, else 0
+  Cache level[cache_levels];   // the data or unified cache of level i + 1
+  std::uint32_t ready;         // 1: gathered; published last
+};
+
+// Gathers what a genuine processor reports; everything is 0 for any other.
+CacheInfo gather_caches(const Processor& processor);
+
+// What CPUID leaf 2's descriptor byte stands for; level 0: no data or unified cache.
+struct CacheDescriptor {
+  std::uint8_t level;
+  std::uint32_t size_kib, ways, line, partitions;
+};
+const CacheDescriptor& cache_descriptor(std::uint8_t byte);
+
+// The caches of the processor that the code runs on, gathered if nobody has.
+CacheInfo process_caches();
+
+}  // namespace ksomd
+
+// Gathers the caches of the processor that the code runs on.
+extern "C" void __libkso_cache_init(void);

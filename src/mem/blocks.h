@@ -1,0 +1,237 @@
+// The vocabulary of the memory routines: pieces, and what is done with a few of them at a time.
+//
+// A piece is a type with a size, a Value, loads and stores. The scalar pieces and the 16-byte one
+// stand here, wider ones in a header of their own for the variants that may use them. All of it
+// has internal linkage: each variant's file is compiled for another instruction set, and the
+// linker must not give one the code of another.
+#pragma once
+
+#include <emmintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "mem/tuning.h"
+
+namespace ksomd::mem {
+namespace {
+
+using Byte = unsigned char;
+using std::size_t;
+
+// How a group of pieces is read or written. A non-temporal access is aligned, and a store.
+enum class Access { Unaligned, Aligned, NonTemporal };
+
+// ---- pieces -------------------------------------------------------------------------------------
+
+template <class Word, class HalfPiece>
+struct Scalar {
+  using Value = Word;
+  using Half = HalfPiece;
+  using Unaligned __attribute__((aligned(1), may_alias)) = Word;
+  static constexpr size_t size = sizeof(Word);
+
+  [[gnu::always_inline]] static Value pattern(std::uint64_t bytes) {
+    return static_cast<Value>(bytes);
+  }
+  template <Access>
+  [[gnu::always_inline]] static Value load(const Byte* p) {
+    return *reinterpret_cast<const Unaligned*>(p);
+  }
+  template <Access access>
+  [[gnu::always_inline]] static void store(Byte* p, Value value) {
+    if constexpr (access == Access::NonTemporal) {
+      static_assert(size == 8);
+      _mm_stream_si64(reinterpret_cast<long long*>(p), static_cast<long long>(value));
+    } else {
+      *reinterpret_cast<Unaligned*>(p) = value;
+    }
+  }
+};
+
+using Piece1 = Scalar<std::uint8_t, void>;
+using Piece2 = Scalar<std::uint16_t, Piece1>;
+using Piece4 = Scalar<std::uint32_t, Piece2>;
+using Piece8 = Scalar<std::uint64_t, Piece4>;
+
+struct Piece16 {
+  using Value = __m128i;
+  using Half = Piece8;
+  static constexpr size_t size = 16;
+
+  [[gnu::always_inline]] static Value pattern(std::uint64_t bytes) {
+    return _mm_set1_epi64x(static_cast<long long>(bytes));
+  }
+  template <Access access>
+  [[gnu::always_inline]] static Value load(const Byte* p) {
+    const auto* block = reinterpret_cast<const __m128i_u*>(p);
+    if constexpr (access == Access::Aligned) {
+      return _mm_load_si128(reinterpret_cast<const Value*>(block));
+    } else {
+      return _mm_loadu_si128(block);
+    }
+  }
+  template <Access access>
+  [[gnu::always_inline]] static void store(Byte* p, Value value) {
+    auto* block = reinterpret_cast<__m128i_u*>(p);
+    if constexpr (access == Access::NonTemporal) {
+      _mm_stream_si128(reinterpret_cast<Value*>(block), value);
+    } else if constexpr (access == Access::Aligned) {
+      _mm_store_si128(reinterpret_cast<Value*>(block), value);
+    } else {
+      _mm_storeu_si128(block, value);
+    }
+  }
+};
+
+// ---- addresses ----------------------------------------------------------------------------------
+
+[[gnu::always_inline]] inline size_t offset_in(size_t line, const void* p) {
+  return reinterpret_cast<std::uintptr_t>(p) & (line - 1);
+}
+
+// Bytes from p up to the next boundary; 0 on a boundary.
+[[gnu::always_inline]] inline size_t distance_to_boundary(size_t line, const void* p) {
+  return (line - offset_in(line, p)) & (line - 1);
+}
+
+// ---- tables of straight-line code ---------------------------------------------------------------
+
+template <class Number, Number... i>
+struct Indices {};
+
+// Routines Code::run<0>, Code::run<1>, ... by number: code that is instantiated for each of a
+// range of sizes or shifts, reached through one jump.
+template <class Code, class Numbers>
+struct CodeTable;
+template <class Code, size_t... i>
+struct CodeTable<Code, Indices<size_t, i...>> {
+  static constexpr typename Code::Routine* entries[] = {Code::template run<i>...};
+};
+template <class Code, size_t limit>
+inline constexpr auto& code_table =
+    CodeTable<Code, __make_integer_seq<Indices, size_t, limit>>::entries;
+
+// ---- a few pieces at a time ---------------------------------------------------------------------
+
+template <class Piece>
+[[gnu::always_inline]] inline void copy_piece(Byte* d, const Byte* s) {
+  Piece::template store<Access::Unaligned>(d, Piece::template load<Access::Unaligned>(s));
+}
+
+// Copies `count` pieces; all are loaded before any is stored.
+template <class Piece, size_t count, Access from, Access to>
+[[gnu::always_inline]] inline void copy_group(Byte* d, const Byte* s) {
+  typename Piece::Value value[count];
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < count; ++i) {
+    value[i] = Piece::template load<from>(s + i * Piece::size);
+  }
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < count; ++i) {
+    Piece::template store<to>(d + i * Piece::size, value[i]);
+  }
+}
+
+// Copies groups of `count` pieces, lowest group first.
+template <class Piece, size_t groups, size_t count, Access from, Access to>
+[[gnu::always_inline]] inline void copy_block(Byte* d, const Byte* s) {
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < groups; ++i) {
+    copy_group<Piece, count, from, to>(d + i * count * Piece::size, s + i * count * Piece::size);
+  }
+}
+
+template <class Piece, size_t count, Access to>
+[[gnu::always_inline]] inline void fill_group(Byte* d, typename Piece::Value value) {
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < count; ++i) {
+    Piece::template store<to>(d + i * Piece::size, value);
+  }
+}
+
+// `count` pieces at the start and `count` ending at the end; they may overlap. All are loaded
+// before any is stored.
+//
+//   |<- piece ->|<- piece ->|          count = 2
+//               |<- piece ->|<- piece ->|
+//   |<----------------- n ------------->|
+template <class Piece, size_t count>
+[[gnu::always_inline]] inline void copy_head_tail(Byte* d, const Byte* s, size_t n) {
+  typename Piece::Value value[2 * count];
+  const size_t tail = n - count * Piece::size;
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < count; ++i) {
+    value[i] = Piece::template load<Access::Unaligned>(s + i * Piece::size);
+    value[count + i] = Piece::template load<Access::Unaligned>(s + tail + i * Piece::size);
+  }
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < count; ++i) {
+    Piece::template store<Access::Unaligned>(d + i * Piece::size, value[i]);
+    Piece::template store<Access::Unaligned>(d + tail + i * Piece::size, value[count + i]);
+  }
+}
+
+template <class Piece, size_t count>
+[[gnu::always_inline]] inline void fill_head_tail(Byte* d, typename Piece::Value value, size_t n) {
+  fill_group<Piece, count, Access::Unaligned>(d, value);
+  fill_group<Piece, count, Access::Unaligned>(d + n - count * Piece::size, value);
+}
+
+// Any n below the size of Piece, as a head and a tail of the largest piece not above n. Safe for
+// overlapping ranges.
+template <class Piece>
+[[gnu::always_inline]] inline void copy_below(Byte* d, const Byte* s, size_t n) {
+  using Half = typename Piece::Half;
+  if (n >= Half::size) {
+    copy_head_tail<Half, 1>(d, s, n);
+  } else if constexpr (Half::size > 1) {
+    copy_below<Half>(d, s, n);
+  }
+}
+
+template <class Piece>
+[[gnu::always_inline]] inline void fill_below(Byte* d, std::uint64_t bytes, size_t n) {
+  using Half = typename Piece::Half;
+  if (n >= Half::size) {
+    fill_head_tail<Half, 1>(d, Half::pattern(bytes), n);
+  } else if constexpr (Half::size > 1) {
+    fill_below<Half>(d, bytes, n);
+  }
+}
+
+// The low byte of a fill value in every byte of a word.
+[[gnu::always_inline]] inline std::uint64_t repeat_byte(int value) {
+  return static_cast<Byte>(value) * std::uint64_t{0x0101010101010101};
+}
+
+// ---- string instructions ------------------------------------------------------------------------
+
+[[gnu::always_inline]] inline void copy_string_bytes(Byte*& d, const Byte*& s, size_t n) {
+  __asm__ volatile("rep movsb" : "+D"(d), "+S"(s), "+c"(n) : : "memory");
+}
+[[gnu::always_inline]] inline void copy_string_words(Byte*& d, const Byte*& s, size_t words) {
+  __asm__ volatile("rep movsq" : "+D"(d), "+S"(s), "+c"(words) : : "memory");
+}
+[[gnu::always_inline]] inline void fill_string_bytes(Byte*& d, std::uint64_t bytes, size_t n) {
+  __asm__ volatile("rep stosb" : "+D"(d), "+c"(n) : "a"(bytes) : "memory");
+}
+[[gnu::always_inline]] inline void fill_string_words(Byte*& d, std::uint64_t bytes, size_t words) {
+  __asm__ volatile("rep stosq" : "+D"(d), "+c"(words) : "a"(bytes) : "memory");
+}
+
+// ---- hints --------------------------------------------------------------------------------------
+
+inline constexpr size_t cache_line = 64;
+
+// Prefetches `lines` cache lines from p on. A prefetch never faults.
+template <size_t lines, int hint>
+[[gnu::always_inline]] inline void prefetch(const Byte* p) {
+#pragma clang loop unroll(full)
+  for (size_t i = 0; i < lines; ++i) {
+    _mm_prefetch(reinterpret_cast<const char*>(p + i * cache_line), hint);
+  }
+}
+
+}  // namespace
+}  // namespace ksomd::mem

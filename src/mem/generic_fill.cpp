@@ -1,0 +1,118 @@
+#include "ksomd/memory.h"
+#include "mem/blocks.h"
+
+namespace ksomd::mem {
+namespace {
+
+constexpr std::int32_t sse2_class = 2;
+
+// n bytes as the pieces from Piece down that n is made of, ascending.
+template <size_t n, class Piece>
+[[gnu::always_inline]] inline void fill_pieces(Byte* d, std::uint64_t bytes) {
+  if constexpr (n == 0) {
+    return;
+  } else if constexpr (n < Piece::size) {
+    fill_pieces<n, typename Piece::Half>(d, bytes);
+  } else {
+    Piece::template store<Access::Unaligned>(d, Piece::pattern(bytes));
+    fill_pieces<n - Piece::size, typename Piece::Half>(d + Piece::size, bytes);
+  }
+}
+
+// Words, then the rest. Then the routine's result.
+struct FillTail {
+  using Routine = void*(Byte* d, std::uint64_t bytes, void* result);
+
+  template <size_t n>
+  static void* run(Byte* d, std::uint64_t bytes, void* result) {
+    fill_group<Piece8, n / 8, Access::Unaligned>(d, bytes);
+    fill_pieces<n % 8, Piece4>(d + n / 8 * 8, bytes);
+    return result;
+  }
+};
+
+// Aligned vectors, then the rest.
+struct VectorFillTail {
+  using Routine = void*(Byte* d, std::uint64_t bytes, void* result);
+
+  template <size_t n>
+  static void* run(Byte* d, std::uint64_t bytes, void* result) {
+    fill_group<Piece16, n / 16, Access::Aligned>(d, Piece16::pattern(bytes));
+    fill_pieces<n % 16, Piece8>(d + n / 16 * 16, bytes);
+    return result;
+  }
+};
+
+constexpr auto& fill_tail = code_table<FillTail, 136>;
+constexpr auto& vector_fill_tail = code_table<VectorFillTail, 192>;
+
+void* fill_integer(Byte* d, std::uint64_t bytes, size_t n, void* result) {
+  if (n > __libkso_mem_tuning.largest_cache_size) {
+    do {
+      fill_group<Piece8, 8, Access::NonTemporal>(d, bytes);
+      d += 64, n -= 64;
+    } while (n >= 64);
+    _mm_sfence();
+  } else {
+    do {
+      fill_group<Piece8, 8, Access::Unaligned>(d, bytes);
+      d += 64, n -= 64;
+    } while (n > 64);
+  }
+  return fill_tail[n](d, bytes, result);
+}
+
+template <Access to>
+[[gnu::always_inline]] inline void fill_blocks(Byte*& d, std::uint64_t bytes, size_t& n) {
+  const Piece16::Value value = Piece16::pattern(bytes);
+  do {
+    fill_group<Piece16, 8, to>(d, value);
+    d += 128, n -= 128;
+  } while (n >= 128);
+}
+
+void* fill_sse2(Byte* d, std::uint64_t bytes, size_t n, void* result) {
+  constexpr size_t shortest_bulk = 176;
+  if (offset_in(16, d) != 0) {
+    Piece8::store<Access::Unaligned>(d, bytes);
+    d += 8, n -= 8;
+  }
+  if (n >= shortest_bulk) {
+    if (n > __libkso_mem_tuning.largest_cache_size) {
+      fill_blocks<Access::NonTemporal>(d, bytes, n);
+      _mm_sfence();
+    } else {
+      fill_blocks<Access::Aligned>(d, bytes, n);
+    }
+  }
+  return vector_fill_tail[n](d, bytes, result);
+}
+
+// Up to the next multiple of 8: 4, 2 and 1 bytes, as many of them as it takes.
+struct Alignment {
+  using Routine = void(Byte* d, std::uint64_t bytes);
+
+  template <size_t n>
+  static void run(Byte* d, std::uint64_t bytes) {
+    fill_pieces<n, Piece4>(d, bytes);
+  }
+};
+
+}  // namespace
+}  // namespace ksomd::mem
+
+void* __orvex_new_memset(void* destination, int value, size_t count) {
+  using namespace ksomd::mem;
+  constexpr size_t shortest_bulk = 128;
+  auto* d = static_cast<Byte*>(destination);
+  const std::uint64_t bytes = repeat_byte(value);
+  if (const size_t head = distance_to_boundary(8, d); head != 0 && count > 8) {
+    code_table<Alignment, 8>[head](d, bytes);
+    d += head, count -= head;
+  }
+  if (count < shortest_bulk) {
+    return fill_tail[count](d, bytes, destination);
+  }
+  return __libkso_mem_tuning.mem_class == sse2_class ? fill_sse2(d, bytes, count, destination)
+                                                     : fill_integer(d, bytes, count, destination);
+}

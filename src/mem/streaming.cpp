@@ -1,0 +1,83 @@
+#include "mem/streaming.h"
+
+#include "mem/blocks.h"
+#include "mem/dispatch.h"
+
+// Compiled code lays the context out itself.
+static_assert(offsetof(__libkso_nt_context, staging) == 0);
+static_assert(offsetof(__libkso_nt_context, destination) == 64);
+static_assert(offsetof(__libkso_nt_context, head_offset) == 72);
+static_assert(offsetof(__libkso_nt_context, pending) == 80);
+static_assert(sizeof(__libkso_nt_context) == KSOMD_NT_CHUNK_OFFSET);
+
+ksomd::mem::StreamRoutine* __libkso_nontemporal_store_slot;
+ksomd::mem::DynamicStreamRoutine* __libkso_nontemporal_store_dynamic_slot;
+
+namespace ksomd::mem {
+namespace {
+
+void store_plain(__libkso_nt_context* context, size_t length, int) {
+  copy_chunk(context, length);
+}
+void store_dynamic_plain(__libkso_nt_context* context, size_t length, int, int) {
+  copy_chunk(context, length);
+}
+
+constexpr Variant<StreamRoutine> store_variants[] = {
+    {avx512_level, __libkso_nontemporal_store_512},
+    {avx2_level, __libkso_nontemporal_store_256},
+    {0, store_plain},
+};
+constexpr Variant<DynamicStreamRoutine> store_dynamic_variants[] = {
+    {avx512_level, __libkso_nontemporal_store_dynamic_512},
+    {avx2_level, __libkso_nontemporal_store_dynamic_256},
+    {0, store_dynamic_plain},
+};
+
+}  // namespace
+
+void copy_chunk(__libkso_nt_context* context, size_t length) {
+  auto* d = static_cast<Byte*>(context->destination);
+  const Byte* s = reinterpret_cast<const Byte*>(context) + KSOMD_NT_CHUNK_OFFSET;
+  context->destination = d + length;
+  for (; length >= 64; d += 64, s += 64, length -= 64) {
+    copy_group<Piece16, 4, Access::Unaligned, Access::Unaligned>(d, s);
+  }
+  for (; length >= 16; d += 16, s += 16, length -= 16) {
+    copy_piece<Piece16>(d, s);
+  }
+  copy_below<Piece16>(d, s, length);
+}
+
+}  // namespace ksomd::mem
+
+using namespace ksomd::mem;
+
+void __libkso_nontemporal_store_resolve(__libkso_nt_context* context, size_t length, int final) {
+  StreamRoutine* const chosen = fill_slot(__libkso_nontemporal_store_slot, store_variants);
+  [[clang::musttail]] return chosen(context, length, final);
+}
+
+void __libkso_nontemporal_store_dynamic_resolve(__libkso_nt_context* context, size_t length,
+                                                int final, int plain) {
+  DynamicStreamRoutine* const chosen =
+      fill_slot(__libkso_nontemporal_store_dynamic_slot, store_dynamic_variants);
+  [[clang::musttail]] return chosen(context, length, final, plain);
+}
+
+void __libkso_nontemporal_store(__libkso_nt_context* context, size_t length, int final) {
+  if (StreamRoutine* const variant = load_slot(__libkso_nontemporal_store_slot)) [[likely]] {
+    [[clang::musttail]] return variant(context, length, final);
+  }
+  [[clang::musttail]] return __libkso_nontemporal_store_resolve(context, length, final);
+}
+
+void __libkso_nontemporal_store_dynamic(__libkso_nt_context* context, size_t length, int final,
+                                        int plain) {
+  if (DynamicStreamRoutine* const variant = load_slot(__libkso_nontemporal_store_dynamic_slot))
+      [[likely]] {
+    [[clang::musttail]] return variant(context, length, final, plain);
+  }
+  [[clang::musttail]] return __libkso_nontemporal_store_dynamic_resolve(context, length, final,
+                                                                        plain);
+}

@@ -1,0 +1,92 @@
+#include "mem/tuning.h"
+
+#include <cstdlib>
+
+#include "msg/messages.h"
+
+constinit ksomd::mem::Tuning __libkso_mem_tuning;
+
+namespace ksomd::mem {
+namespace {
+
+constexpr std::uint64_t kib = 1024;
+constexpr char amd_vendor[13] = "AuthenticAMD";
+
+std::int32_t mmx_class(const CpuidResult& features) {
+  return static_cast<std::int32_t>(features.edx >> 23 & 1);
+}
+
+std::int32_t sse2_class(const CpuidResult& features) {
+  constexpr std::uint32_t sse2 = 1u << 26;
+  return (features.edx & sse2) != 0 ? 2 : mmx_class(features);
+}
+
+void take_largest_cache(std::uint64_t size_kib, Tuning& tuning) {
+  tuning.largest_cache_size = size_kib * kib;
+  tuning.copy_nt_threshold = size_kib * (kib / 2);
+}
+
+Tuning derive_genuine(const Processor& processor, const CacheInfo& caches) {
+  Tuning tuning;
+  if (caches.highest_leaf != 0) {
+    tuning.mem_class = sse2_class(processor.leaf(1));
+  }
+  const std::uint64_t l1 = caches.level[0].size_kib;
+  if (l1 == 0) {
+    return tuning;
+  }
+  std::uint64_t largest = 0;
+  for (const Cache& cache : caches.level) {
+    largest = cache.size_kib > largest ? cache.size_kib : largest;
+  }
+  take_largest_cache(largest, tuning);
+  tuning.l1_size = l1 * kib;
+  tuning.l1_half = l1 * (kib / 2);
+  tuning.l1_quarter = l1 * (kib / 4);
+  tuning.rep_movsb_threshold = 8192;
+  tuning.avx512_nt_threshold = 6 * tuning.l1_size;
+  tuning.rep_stosb_threshold = 2048;
+  return tuning;
+}
+
+Tuning derive_amd(const Processor& processor) {
+  constexpr std::uint32_t extended_range = 0x80000000, l2_leaf = 0x80000006;
+  Tuning tuning;
+  tuning.mem_class = mmx_class(processor.leaf(1));
+  if (processor.leaf(extended_range).eax >= l2_leaf) {
+    take_largest_cache(processor.leaf(l2_leaf).ecx >> 16, tuning);
+  }
+  return tuning;
+}
+
+// As early as a program can ask for: a static program's own constructors may call any export.
+[[gnu::constructor(101), gnu::used]] void initialise_at_load() {
+  __libkso_mem_tuning_init();
+}
+
+}  // namespace
+
+Tuning derive_tuning(const Processor& processor, const CacheInfo& caches) {
+  if (caches.genuine != 0) {
+    return derive_genuine(processor, caches);
+  }
+  return processor.vendor_is(amd_vendor) ? derive_amd(processor) : Tuning{};
+}
+
+void check_cache_size(const CacheInfo& caches, const char* debug) {
+  if (caches.genuine == 0 || caches.level[0].size_kib != 0 || debug == nullptr || *debug == '\0') {
+    return;
+  }
+  __libkso_print(1, 0, 0);
+  __libkso_print(1, 61, 0);
+  __libkso_print(1, 0, 0);
+  std::exit(1);
+}
+
+}  // namespace ksomd::mem
+
+void __libkso_mem_tuning_init() {
+  const ksomd::CacheInfo caches = ksomd::process_caches();
+  __libkso_mem_tuning = ksomd::mem::derive_tuning(ksomd::hardware_processor, caches);
+  ksomd::mem::check_cache_size(caches, std::getenv("__ORVEX_LIBKSO_DEBUG"));
+}

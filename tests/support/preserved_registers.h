@@ -1,0 +1,85 @@
+// Whether a call leaves alone what a callee must: the callee-saved registers of this platform,
+// MXCSR's control bits and the direction flag.
+//
+//   EXPECT_EQ(what_call_changes(_orvex_fast_memcpy, to, from, 100), "");
+#pragma once
+
+#include <xmmintrin.h>
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+
+#include "support/register_probe.h"
+
+namespace ksomd::test {
+
+template <class Argument>
+std::uint64_t register_value(Argument argument) {
+  if constexpr (std::is_pointer_v<Argument>) {
+    return std::bit_cast<std::uint64_t>(argument);
+  } else {
+    static_assert(std::is_integral_v<Argument>, "only what travels in a general register");
+    return static_cast<std::uint64_t>(argument);
+  }
+}
+
+// Calls routine(arguments...), up to four that travel in general registers, with every register
+// seeded. Result: the names of what changed, each with a space behind it. Wrap a routine with other
+// arguments in one without any, which must be compiled so that it saves nothing itself.
+template <class Result, class... Parameters, class... Arguments>
+std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arguments) {
+  static_assert(sizeof...(Arguments) == sizeof...(Parameters) && sizeof...(Arguments) <= 4);
+  enum { rcx = 1, rdx = 2, rbx = 3, rbp = 5, rsi = 6, rdi = 7, r8 = 8, r9 = 9 };
+#ifdef _WIN32
+  constexpr int argument_registers[] = {rcx, rdx, r8, r9};
+  constexpr int callee_saved[] = {rbx, rbp, rsi, rdi, 12, 13, 14, 15};
+  constexpr int first_saved_vector = 6, end_saved_vectors = 16;
+#else
+  constexpr int argument_registers[] = {rdi, rsi, rdx, rcx};
+  constexpr int callee_saved[] = {rbx, rbp, 12, 13, 14, 15};
+  constexpr int first_saved_vector = 0, end_saved_vectors = 0;
+#endif
+  constexpr const char* names[] = {"rax", "rcx", "rdx", "rbx", "rsp", "rbp", "rsi", "rdi",
+                                   "r8",  "r9",  "r10", "r11", "r12", "r13", "r14", "r15"};
+  RegisterFile before, after;
+  auto* const bytes = reinterpret_cast<unsigned char*>(&before);
+  for (std::size_t i = 0; i < sizeof before; ++i) {
+    bytes[i] = static_cast<unsigned char>(i * 29 + 17);
+  }
+  int next = 0;
+  ((before.general[argument_registers[next++]] = register_value<Parameters>(arguments)), ...);
+
+  constexpr unsigned control_bits = 0xFFC0;
+  const unsigned own_control = _mm_getcsr();
+  const unsigned seeded = (own_control & ~control_bits) | 0xFF80;  // round to zero, flush, masked
+  _mm_setcsr(seeded);
+  ksomd_probe_registers(reinterpret_cast<void (*)()>(routine), &before, &after, VectorState::Xmm);
+  const unsigned control = _mm_getcsr();
+  const std::uint64_t flags = __builtin_ia32_readeflags_u64();
+  __asm__ volatile("cld" ::: "cc");
+  _mm_setcsr(own_control);
+
+  std::string changed;
+  for (const int number : callee_saved) {
+    if (before.general[number] != after.general[number]) {
+      changed += std::string(names[number]) + ' ';
+    }
+  }
+  for (int number = first_saved_vector; number < end_saved_vectors; ++number) {
+    if (std::memcmp(before.vector[number], after.vector[number], 16) != 0) {
+      changed += "xmm" + std::to_string(number) + ' ';
+    }
+  }
+  if ((control & control_bits) != (seeded & control_bits)) {
+    changed += "mxcsr ";
+  }
+  if ((flags & 0x400) != 0) {
+    changed += "direction ";
+  }
+  return changed;
+}
+
+}  // namespace ksomd::test
