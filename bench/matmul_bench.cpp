@@ -83,7 +83,7 @@ template <class Element, class Peer>
 void measure(const std::vector<Row<Element>>& rows, Peer peer, int flops, double limit,
              int rounds) {
   std::mt19937 engine(1);
-  for (const int n : {64, 512, 1024}) {
+  for (const int n : {2, 4, 8, 16, 64, 128, 256, 512, 1024}) {
     const auto size = static_cast<std::size_t>(n);
     std::vector<Element> a(size * size);
     std::vector<Element> b(a);

@@ -14,7 +14,7 @@ inline constexpr Size order_group = 4;
 
 // One block of op(B), depth x columns, stays in the second-level cache while all rows pass by.
 inline constexpr Size depth_block = 128;
-inline constexpr Size column_block = 256;
+inline constexpr Size column_block = 128;
 
 // A panel of op(A), and the sums of a product whose order wants them apart from P, lie on the
 // stack, together below a page:

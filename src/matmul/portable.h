@@ -138,6 +138,7 @@ struct Portable {
       }
     }
     for (; columns >= Tile::columns; columns -= Tile::columns) {
+      prefetch_next(call);
       Tile::template run<V, Tile::columns>(call);
       call.b += Tile::columns * call.b_steps.column;
       call.p += Tile::columns * call.ldp;
@@ -145,6 +146,23 @@ struct Portable {
     static_assert(Tile::columns == 2, "at most one column is left over");
     if (columns != 0) {
       Tile::template run<V, 1>(call);
+    }
+  }
+
+  // Asks for what the tile after this one reads: with a leading dimension of some kilobytes its
+  // lines share few cache sets, and no hardware prefetcher follows such strides.
+  static void prefetch_next(const Call& call) {
+    constexpr Size line = 64;
+    for (Size c = Tile::columns; c < 2 * Tile::columns; ++c) {
+      const char* p = reinterpret_cast<const char*>(call.p + c * call.ldp);
+      __builtin_prefetch(p, 1);
+      __builtin_prefetch(p + tile_rows * sizeof(Element) - 1, 1);
+      if constexpr (letters.b == Layout::n) {
+        const char* b = reinterpret_cast<const char*>(call.b + c * call.b_steps.column);
+        for (Size byte = 0; byte < call.depth * sizeof(Element); byte += line) {
+          __builtin_prefetch(b + byte);
+        }
+      }
     }
   }
 
