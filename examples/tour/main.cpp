@@ -11,5 +11,6 @@ int main() {
 
   std::printf("ksomd: a tour of the run-time support library\n");
   tour::show_processor();
+  tour::show_matmul();
   return 0;
 }

@@ -4,5 +4,6 @@
 namespace tour {
 
 void show_processor();
+void show_matmul();
 
 }  // namespace tour
