@@ -23,5 +23,6 @@ int main(int argc, char** argv) {
   tour::show_quad();
   tour::show_traceback();
   tour::show_memory();
+  tour::show_matmul();
   return 0;
 }

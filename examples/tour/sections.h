@@ -16,5 +16,6 @@ void show_pool();
 void show_quad();
 void show_traceback();
 void show_memory();
+void show_matmul();
 
 }  // namespace tour

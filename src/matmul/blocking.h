@@ -1,0 +1,81 @@
+// Every block size and threshold of the matrix products.
+#pragma once
+
+#include "matmul/element.h"
+
+namespace ksomd::matmul {
+
+// ---- portable kernels ---------------------------------------------------------------------------
+
+// Rows and depth of a block in the order of operations that overlapping operands show.
+inline constexpr Size order_block = 128;
+// Products whose sums enter an element of P together in that order.
+inline constexpr Size order_group = 4;
+
+// One block of op(B), depth x columns, stays in the second-level cache while all rows pass by.
+inline constexpr Size depth_block = 128;
+inline constexpr Size column_block = 128;
+
+// A panel of op(A), and the sums of a product whose order wants them apart from P, lie on the
+// stack, together below a page:
+//
+//     |<- panel: depth x tile rows ->|<- sums: columns x tile rows ->|<- edge tile ->|
+inline constexpr Size panel_bytes = 3072;
+inline constexpr Size panel_bytes_beside_sums = 1920;
+inline constexpr Size sums_bytes = 1536;
+
+// Below this many columns a panel of op(A) is not worth a copy, if A can be read where it is.
+inline constexpr Size columns_worth_packing = 24;
+
+// ---- packed double precision --------------------------------------------------------------------
+
+// Smaller products go to the portable kernels.
+inline constexpr Size packed_min_rows = 34;
+inline constexpr Size packed_min_columns = 38;
+inline constexpr Size packed_min_depth = 38;
+
+inline constexpr Size column_panel = 2000;  // columns of P per pass
+inline constexpr Size depth_chunk = 112;    // depth of a packed block
+inline constexpr Size row_chunk = 260;      // rows of a packed block of op(A)
+inline constexpr Size tile = 4;             // rows and columns of a register tile
+
+// A packed block: one panel per complete group of four rows of op(A), or columns of op(B), without
+// gaps; a panel has an entry of four values per depth index, padded with zeros to a multiple of
+// four entries. Rows and columns after the last complete group are not packed.
+//
+//     panel g of op(A), depth d = 6, padded depth 8        (of op(B): the same, transposed)
+//
+//     entry 0   (4g, 0)  (4g+1, 0)  (4g+2, 0)  (4g+3, 0)    32 bytes
+//     entry 1   (4g, 1)  (4g+1, 1)  (4g+2, 1)  (4g+3, 1)
+//       ...
+//     entry 5   (4g, 5)  (4g+1, 5)  (4g+2, 5)  (4g+3, 5)
+//     entry 6      0         0          0          0
+//     entry 7      0         0          0          0
+//
+// The tile kernels copy a panel of op(B) with every value written twice in a row, so that one
+// aligned 16-byte load brings it into both lanes.
+constexpr Size padded_depth(Size depth) {
+  return round_up(depth, tile);
+}
+
+// The scratch of one product: one allocation, three regions.
+//
+//     start                                        nb = columns per pass
+//     |..| packed A, at most 260 x 112 |..| packed B, 112 x nb |..| a panel of op(B), doubled |
+//        4096-aligned                     4096-aligned            128-aligned
+constexpr Size scratch_bytes(Size columns) {
+  return columns * 896 + 258816;
+}
+
+struct ScratchRegions {
+  std::uintptr_t a;
+  std::uintptr_t b;
+  std::uintptr_t doubled;
+};
+
+constexpr ScratchRegions scratch_regions(std::uintptr_t start, Size columns) {
+  return {round_down(start, 4096) + 4096, round_down(start + 241664, 4096) + 4096,
+          round_down(start + columns * 896 + 249856, 128) + 384};
+}
+
+}  // namespace ksomd::matmul
