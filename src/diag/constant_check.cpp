@@ -1,5 +1,6 @@
 // The check of constants that the compiler propagated.
 #include <bit>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -88,12 +89,18 @@ std::uint32_t kind_message(std::int32_t kind) {
   return kind >= 0 && kind <= 2 ? message_first_kind + static_cast<std::uint32_t>(kind) : 39;
 }
 
+// abort() does not write out what is buffered.
+[[noreturn]] void abort_with_report() {
+  std::fflush(stdout);
+  std::abort();
+}
+
 }  // namespace
 
 void _IPO_Check_CP(int32_t kind, uint32_t type, uint64_t first, uint64_t second) {
   if (type >= sizeof types / sizeof types[0]) {
     __libkso_print(0, message_bad_type, 0);
-    std::abort();
+    abort_with_report();
   }
   if (types[type].equal(first, second)) {
     return;
@@ -101,5 +108,5 @@ void _IPO_Check_CP(int32_t kind, uint32_t type, uint64_t first, uint64_t second)
   std::strncpy(kind_name, __libkso_format_msg(kind_message(kind), 0), sizeof kind_name - 1);
   __libkso_print(0, message_report, 1, kind_name);
   types[type].print(types[type].message, first, second);
-  std::abort();
+  abort_with_report();
 }
