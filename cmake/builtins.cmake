@@ -1,0 +1,38 @@
+# The compiler's own run-time supplies the 128-bit division and complex builtins. Their objects are
+# taken out of its archive; on the copies hidden symbols become visible, and the math routines that
+# they call by name become the library's own. Sets KSOMD_BUILTIN_OBJECTS.
+set(routines divti3 udivti3 udivmodti4 muldc3 mulsc3 mulxc3 divdc3 divsc3 divxc3)
+set(math fabs fabsf fmax fmaxf fmaxl copysign copysignf logb logbf logbl scalbn scalbnf scalbnl)
+
+set(target_option "")
+if(CMAKE_CXX_COMPILER_TARGET)
+  set(target_option --target=${CMAKE_CXX_COMPILER_TARGET})
+endif()
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
+  OUTPUT_VARIABLE archive OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+if(WIN32)
+  set(suffix .c.obj)
+else()
+  set(suffix .c.o)
+endif()
+
+set(rename "")
+foreach(name IN LISTS math)
+  list(APPEND rename --redefine-sym=${name}=__libkso_${name})
+endforeach()
+set(KSOMD_BUILTIN_OBJECTS "")
+set(directory ${CMAKE_CURRENT_BINARY_DIR}/builtins)
+file(MAKE_DIRECTORY ${directory})
+foreach(routine IN LISTS routines)
+  set(options ${rename})
+  if(NOT WIN32)
+    list(APPEND options --set-symbol-visibility=__${routine}=default)
+  endif()
+  set(object ${directory}/${routine}${suffix})
+  add_custom_command(OUTPUT ${object}
+    COMMAND ${CMAKE_AR} x --output=${directory} ${archive} ${routine}${suffix}
+    COMMAND llvm-objcopy-22 ${options} ${object}
+    DEPENDS ${archive} VERBATIM)
+  set_source_files_properties(${object} PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
+  list(APPEND KSOMD_BUILTIN_OBJECTS ${object})
+endforeach()

@@ -1,0 +1,49 @@
+/* Integer division and complex arithmetic that the compiler calls under fixed names.
+ *
+ * All are re-entrant and thread-safe, and take no state but the MXCSR rounding mode and flags (the
+ * x87 control and status words for the extended forms). */
+#ifndef KSOMD_BUILTINS_H
+#define KSOMD_BUILTINS_H
+
+#include <ksomd/api.h>
+
+KSOMD_BEGIN
+
+/* 128-bit quotient, truncated; `__udivmodti4` also stores the remainder unless `remainder` is null.
+ * A divisor of zero is the caller's error. */
+KSOMD_API __int128 __divti3(__int128 a, __int128 b);
+KSOMD_API unsigned __int128 __udivti3(unsigned __int128 a, unsigned __int128 b);
+KSOMD_API unsigned __int128 __udivmodti4(unsigned __int128 a, unsigned __int128 b,
+                                         unsigned __int128* remainder);
+
+/* Quotient and remainder of integers of `words` 32-bit words each, the least significant first.
+ *
+ * `dividend` has room for one word more, and holds nothing of use afterwards. The divisor is kept
+ * by the unsigned form; the signed form negates negative operands in place. `quotient` overlaps no
+ * other operand; `remainder` may be `dividend`. Word alignment suffices. Algorithm D of Knuth, The
+ * Art of Computer Programming 4.3.1, in 64-bit digits.
+ *
+ * Division by zero gives a quotient of all ones and the dividend as the remainder. The signed form
+ * reads two's complement and truncates toward zero; the remainder has the dividend's sign. */
+KSOMD_API void __udivmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
+                            uint32_t* divisor, uint32_t words);
+KSOMD_API void __divmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
+                           uint32_t* divisor, uint32_t words);
+
+/* Real part first; no part of C++ itself. */
+__extension__ typedef float _Complex ksomd_complex_float;
+__extension__ typedef double _Complex ksomd_complex_double;
+__extension__ typedef long double _Complex ksomd_complex_extended;
+
+/* (a + bi)(c + di) and (a + bi) / (c + di), with infinities recovered from NaN results as in
+ * Annex G of the C standard. */
+KSOMD_API ksomd_complex_float __mulsc3(float a, float b, float c, float d);
+KSOMD_API ksomd_complex_double __muldc3(double a, double b, double c, double d);
+KSOMD_API ksomd_complex_extended __mulxc3(long double a, long double b, long double c, long double d);
+KSOMD_API ksomd_complex_float __divsc3(float a, float b, float c, float d);
+KSOMD_API ksomd_complex_double __divdc3(double a, double b, double c, double d);
+KSOMD_API ksomd_complex_extended __divxc3(long double a, long double b, long double c, long double d);
+
+KSOMD_END
+
+#endif

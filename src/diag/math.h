@@ -1,0 +1,121 @@
+// The elementary functions that the complex builtins call, and their choice by processor level.
+#pragma once
+
+#include <cstdint>
+
+#include "cpu/feature_set.h"
+
+extern "C" {
+
+double __libkso_fabs(double x);
+float __libkso_fabsf(float x);
+
+// The larger; the other if one is a NaN, the first, quieted, if both are; the first if equal.
+double __libkso_fmax(double x, double y);
+float __libkso_fmaxf(float x, float y);
+long double __libkso_fmaxl(long double x, long double y);
+
+double __libkso_copysign(double x, double y);
+float __libkso_copysignf(float x, float y);
+
+// Unbiased binary exponent, of subnormals too. -inf and EDOM for zero, +inf for infinities, NaN
+// (quieted) for NaN. The extended form leaves errno alone.
+double __libkso_logb(double x);
+float __libkso_logbf(float x);
+long double __libkso_logbl(long double x);
+
+// x * 2^n, rounded once. ERANGE on overflow and on underflow to zero, as the table of errors says.
+// The extended form leaves errno alone.
+double __libkso_scalbn(double x, std::int32_t n);
+float __libkso_scalbnf(float x, std::int32_t n);
+long double __libkso_scalbnl(long double x, std::int32_t n);
+
+// 1 or 0; isinf is -1 for -inf. By the bits: no flag is raised.
+std::int32_t __libkso_isfinite(double x);
+std::int32_t __libkso_isfinitef(float x);
+std::int32_t __libkso_isfinitel(long double x);
+std::int32_t __libkso_isnan(double x);
+std::int32_t __libkso_isnanf(float x);
+std::int32_t __libkso_isnanl(long double x);
+std::int32_t __libkso_isinf(double x);
+std::int32_t __libkso_isinff(float x);
+std::int32_t __libkso_isinfl(long double x);
+
+}  // extern "C"
+
+namespace ksomd::math {
+
+// Codes of the errors that a function meets.
+enum class Error : std::uint16_t {
+  LogbOfZero = 151,
+  LogbfOfZero = 152,
+  ScalbnOverflow = 176,
+  ScalbnUnderflow = 177,
+  ScalbnfOverflow = 178,
+  ScalbnfUnderflow = 179
+};
+
+// Sets errno as the error asks.
+void report(Error error, bool result_is_zero);
+
+// 1 to 12: the implementation level that a processor with these features has.
+std::uint32_t level_of(const FeatureSet& features);
+
+// The process's level, 0 until it is computed; and whether somebody has begun to.
+struct LevelState {
+  std::uint32_t level;
+  std::uint32_t started;
+};
+
+// The level, computed by the first caller; others spin until it is there.
+std::uint32_t process_level(LevelState& state);
+
+// Levels from here on run the second implementation.
+inline constexpr std::uint32_t first_vector_level = 5;
+inline constexpr std::uint32_t level_count = 12;
+
+// The two implementations of the dispatched functions: general instructions, and SSE.
+namespace general {
+double fmax(double x, double y);
+float fmaxf(float x, float y);
+double copysign(double x, double y);
+float copysignf(float x, float y);
+double logb(double x);
+double scalbn(double x, std::int32_t n);
+}  // namespace general
+namespace vector {
+double fmax(double x, double y);
+float fmaxf(float x, float y);
+double copysign(double x, double y);
+float copysignf(float x, float y);
+double logb(double x);
+double scalbn(double x, std::int32_t n);
+}  // namespace vector
+
+// A dispatched function: its slot holds the resolver, then the implementation for the level.
+template <class Function>
+struct Dispatched {
+  Function slot;
+  Function table[level_count + 1];  // entry 0: the resolver
+
+  Function resolve(LevelState& state) {
+    const std::uint32_t level = process_level(state);
+    Function expected = table[0];
+    Function chosen = table[level < level_count ? level : level_count];
+    __atomic_compare_exchange_n(&slot, &expected, chosen, false, __ATOMIC_ACQ_REL,
+                                __ATOMIC_ACQUIRE);
+    return chosen;
+  }
+  Function load() const { return __atomic_load_n(&slot, __ATOMIC_ACQUIRE); }
+};
+
+template <class Function>
+constexpr Dispatched<Function> dispatched(Function resolver, Function first, Function second) {
+  Dispatched<Function> result{resolver, {resolver}};
+  for (std::uint32_t level = 1; level <= level_count; ++level) {
+    result.table[level] = level < first_vector_level ? first : second;
+  }
+  return result;
+}
+
+}  // namespace ksomd::math
