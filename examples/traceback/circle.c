@@ -5,9 +5,9 @@ struct circle {
 };
 
 static const struct circle unit = {1.0};
-static const struct circle *const volatile circles[] = {&unit, &unit, 0};
+static const struct circle* const volatile circles[] = {&unit, &unit, 0};
 
 double radius_of_circle(int circle) {
-  const struct circle *chosen = circles[circle];
+  const struct circle* chosen = circles[circle];
   return chosen->radius;
 }

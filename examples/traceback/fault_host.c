@@ -15,14 +15,13 @@ static const struct {
   int greg;
   int offset;
 } registers[] = {
-    {REG_RAX, 120}, {REG_RCX, 128}, {REG_RDX, 136}, {REG_RBX, 144}, {REG_RSP, 152},
-    {REG_RBP, 160}, {REG_RSI, 168}, {REG_RDI, 176}, {REG_R8, 184},  {REG_R9, 192},
-    {REG_R10, 200}, {REG_R11, 208}, {REG_R12, 216}, {REG_R13, 224}, {REG_R14, 232},
-    {REG_R15, 240}, {REG_RIP, 248},
+    {REG_RAX, 120}, {REG_RCX, 128}, {REG_RDX, 136}, {REG_RBX, 144}, {REG_RSP, 152}, {REG_RBP, 160},
+    {REG_RSI, 168}, {REG_RDI, 176}, {REG_R8, 184},  {REG_R9, 192},  {REG_R10, 200}, {REG_R11, 208},
+    {REG_R12, 216}, {REG_R13, 224}, {REG_R14, 232}, {REG_R15, 240}, {REG_RIP, 248},
 };
 
-static void on_fault(int signal, siginfo_t *info, void *state) {
-  const ucontext_t *machine = state;
+static void on_fault(int signal, siginfo_t* info, void* state) {
+  const ucontext_t* machine = state;
   unsigned char context[1232] = {0};
   (void)signal;
   (void)info;

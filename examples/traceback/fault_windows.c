@@ -4,7 +4,7 @@
 #include "report.h"
 
 /* Runs before the stack is unwound: the frames of the fault are still there. */
-static long report(const EXCEPTION_POINTERS *fault, int detailed) {
+static long report(const EXCEPTION_POINTERS* fault, int detailed) {
   report_fault(fault->ContextRecord, detailed);
   return EXCEPTION_EXECUTE_HANDLER;
 }

@@ -2,6 +2,6 @@
 #ifndef REPORT_H
 #define REPORT_H
 
-void report_fault(const void *context, int detailed);
+void report_fault(const void* context, int detailed);
 
 #endif

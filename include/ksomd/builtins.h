@@ -39,10 +39,12 @@ __extension__ typedef long double _Complex ksomd_complex_extended;
  * Annex G of the C standard. */
 KSOMD_API ksomd_complex_float __mulsc3(float a, float b, float c, float d);
 KSOMD_API ksomd_complex_double __muldc3(double a, double b, double c, double d);
-KSOMD_API ksomd_complex_extended __mulxc3(long double a, long double b, long double c, long double d);
+KSOMD_API ksomd_complex_extended __mulxc3(long double a, long double b, long double c,
+                                          long double d);
 KSOMD_API ksomd_complex_float __divsc3(float a, float b, float c, float d);
 KSOMD_API ksomd_complex_double __divdc3(double a, double b, double c, double d);
-KSOMD_API ksomd_complex_extended __divxc3(long double a, long double b, long double c, long double d);
+KSOMD_API ksomd_complex_extended __divxc3(long double a, long double b, long double c,
+                                          long double d);
 
 KSOMD_END
 

@@ -20,8 +20,8 @@ enum {
   KSOMD_INT64 = 8,
   KSOMD_FLOAT = 9,
   KSOMD_DOUBLE = 10,
-  KSOMD_QUAD = 13,           /* quad128 of <ksomd/quad.h> */
-  KSOMD_COMPLEX_FLOAT = 20,  /* real part first */
+  KSOMD_QUAD = 13,          /* quad128 of <ksomd/quad.h> */
+  KSOMD_COMPLEX_FLOAT = 20, /* real part first */
   KSOMD_COMPLEX_DOUBLE = 21,
   KSOMD_COMPLEX_QUAD = 23
 };
@@ -34,21 +34,21 @@ enum {
  * Maximum keeps d if s <= d and minimum if d <= s, so a NaN gives s; for quads maximum takes s if
  * d <= s and minimum if d >= s, so a NaN keeps d. */
 enum {
-  KSOMD_SUM = 1,         /* 0; d + s */
-  KSOMD_PRODUCT = 2,     /* 1; d * s, of complex numbers without recovery of infinities */
-  KSOMD_DIFFERENCE = 3,  /* 0; d - s */
-  KSOMD_MAXIMUM = 4,     /* the lowest finite value; not for complex quads */
-  KSOMD_MINIMUM = 5,     /* the highest finite value; not for complex quads */
+  KSOMD_SUM = 1,        /* 0; d + s */
+  KSOMD_PRODUCT = 2,    /* 1; d * s, of complex numbers without recovery of infinities */
+  KSOMD_DIFFERENCE = 3, /* 0; d - s */
+  KSOMD_MAXIMUM = 4,    /* the lowest finite value; not for complex quads */
+  KSOMD_MINIMUM = 5,    /* the highest finite value; not for complex quads */
   /* not for quads and complex quads: */
   KSOMD_LOGICAL_AND = 6, /* 1; 1 if neither is 0, else 0 */
   KSOMD_LOGICAL_OR = 7,  /* 0; 1 if one is not 0, else 0 */
   KSOMD_EQUAL = 12,      /* 1; 1 if d = s, else 0 */
   KSOMD_NOT_EQUAL = 13,  /* 0; 1 if not, else 0 */
   /* for integers only: */
-  KSOMD_AND = 8,         /* all ones; d AND s */
-  KSOMD_OR = 9,          /* 0; d OR s */
-  KSOMD_XOR = 10,        /* 0; d XOR s */
-  KSOMD_XOR_2 = 11       /* the same */
+  KSOMD_AND = 8,   /* all ones; d AND s */
+  KSOMD_OR = 9,    /* 0; d OR s */
+  KSOMD_XOR = 10,  /* 0; d XOR s */
+  KSOMD_XOR_2 = 11 /* the same */
 };
 
 /* Writes the identity of the operation into `count` elements. Arrays need no alignment. A type or
@@ -60,7 +60,8 @@ KSOMD_API void __orvex_reduction_init_array(void* array, uint64_t count, int32_t
 /* Folds `source` into `destination`: destination[i] becomes the combination of destination[i] and
  * source[i * stride], for i from 0 to count - 1; with `use_stride` 0 the stride is 1. The stride
  * counts whole elements, may be negative or 0, and for complex types counts complex elements. The
- * arrays do not overlap. Codes as above; floating-point flags and rounding mode are the thread's. */
+ * arrays do not overlap. Codes as above; floating-point flags and rounding mode are the thread's.
+ */
 KSOMD_API void __orvex_simd_reduction_final_array(void* destination, const void* source,
                                                   uint64_t count, int32_t stride,
                                                   int32_t use_stride, int32_t operation,

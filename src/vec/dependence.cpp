@@ -1,7 +1,7 @@
 // Whether ranges of addresses are disjoint.
-#include "ksomd/vector.h"
-
 #include <cstdint>
+
+#include "ksomd/vector.h"
 
 namespace {
 
