@@ -151,16 +151,24 @@ Real Random::value(Values kind) {
 }
 
 void Random::fill(std::vector<float>& values, Values kind) {
-  for (float& x : values) x = value<float>(kind);
+  for (float& x : values) {
+    x = value<float>(kind);
+  }
 }
 void Random::fill(std::vector<double>& values, Values kind) {
-  for (double& x : values) x = value<double>(kind);
+  for (double& x : values) {
+    x = value<double>(kind);
+  }
 }
 void Random::fill(std::vector<ksomd_c4>& values, Values kind) {
-  for (ksomd_c4& x : values) x = {value<float>(kind), value<float>(kind)};
+  for (ksomd_c4& x : values) {
+    x = {value<float>(kind), value<float>(kind)};
+  }
 }
 void Random::fill(std::vector<ksomd_c8>& values, Values kind) {
-  for (ksomd_c8& x : values) x = {value<double>(kind), value<double>(kind)};
+  for (ksomd_c8& x : values) {
+    x = {value<double>(kind), value<double>(kind)};
+  }
 }
 
 // ---- reference ----------------------------------------------------------------------------------
@@ -174,7 +182,9 @@ void reference_general(const Routines<Element>& layout, const Element* a, const 
     for (Size j = 0; j < n; ++j) {
       for (Size i = 0; i < m; ++i) {
         Element s{};
-        for (Size l = 0; l < k; ++l) s = plus(s, x.product(i, j, l));
+        for (Size l = 0; l < k; ++l) {
+          s = plus(s, x.product(i, j, l));
+        }
         p[i + j * ldp] = plus(p[i + j * ldp], s);
       }
     }
@@ -189,7 +199,9 @@ void reference_general(const Routines<Element>& layout, const Element* a, const 
         if (layout.a_transposed) {
           for (Size i = row; i < row_end; ++i) {
             Element s = p[i + j * ldp];
-            for (Size l = depth; l < end; ++l) s = plus(s, x.product(i, j, l));
+            for (Size l = depth; l < end; ++l) {
+              s = plus(s, x.product(i, j, l));
+            }
             p[i + j * ldp] = s;
           }
           continue;
@@ -217,7 +229,9 @@ template <class Element>
 void reference_portable(const Routines<Element>& layout, const Element* a, const Element* b,
                         Element* p, const Shape& shape, Size lda, Size ldb, Size ldp) {
   for (Size j = 0; j < shape.n; ++j) {
-    for (Size i = 0; i < shape.m; ++i) p[i + j * ldp] = Element{};
+    for (Size i = 0; i < shape.m; ++i) {
+      p[i + j * ldp] = Element{};
+    }
   }
   reference_general(layout, a, b, p, shape, lda, ldb, ldp);
 }
@@ -229,7 +243,9 @@ double packed_element(const Operands<double>& x, const Shape& shape, Size i, Siz
   const auto [m, n, k] = shape;
   if (j >= n / 4 * 4) {
     double y = 0;
-    for (Size l = 0; l < k; ++l) y = y + x.product(i, j, l);
+    for (Size l = 0; l < k; ++l) {
+      y = y + x.product(i, j, l);
+    }
     return y;
   }
   const Size tail = k % 112 == 0 ? 112 : k % 112;
@@ -241,9 +257,13 @@ double packed_element(const Operands<double>& x, const Shape& shape, Size i, Siz
     const bool tile = i < m / 4 * 4;
     const bool from_zero = tile || (x.layout.a_transposed && x.layout.b_transposed);
     double sum = from_zero ? 0 : p;
-    for (Size l = start; l < start + length; ++l) sum = sum + x.product(i, j, l);
+    for (Size l = start; l < start + length; ++l) {
+      sum = sum + x.product(i, j, l);
+    }
     // The padding of a tail whose length is no multiple of four.
-    for (Size l = length; tile && l % 4 != 0; ++l) sum = sum + 0.0;
+    for (Size l = length; tile && l % 4 != 0; ++l) {
+      sum = sum + 0.0;
+    }
     if (tile) {
       p = first ? sum : sum + p;
     } else {
@@ -263,7 +283,9 @@ void reference_packed(const Routines<double>& layout, const double* a, const dou
   }
   const Operands<double> x{layout, a, b, lda, ldb};
   for (Size j = 0; j < shape.n; ++j) {
-    for (Size i = 0; i < shape.m; ++i) p[i + j * ldp] = packed_element(x, shape, i, j);
+    for (Size i = 0; i < shape.m; ++i) {
+      p[i + j * ldp] = packed_element(x, shape, i, j);
+    }
   }
 }
 
@@ -271,16 +293,22 @@ void reference_vector(bool a_transposed, const double* a, const double* x, doubl
                       Size depth, std::int64_t lda, std::int64_t incx) {
   const auto m = static_cast<std::int64_t>(rows);
   const auto k = static_cast<std::int64_t>(depth);
-  for (std::int64_t i = 0; i < m; ++i) y[i] = 0;
+  for (std::int64_t i = 0; i < m; ++i) {
+    y[i] = 0;
+  }
   if (a_transposed) {
     for (std::int64_t i = 0; i < m; ++i) {
       double s = y[i];
-      for (std::int64_t l = 0; l < k; ++l) s = s + a[l + i * lda] * x[l * incx];
+      for (std::int64_t l = 0; l < k; ++l) {
+        s = s + a[l + i * lda] * x[l * incx];
+      }
       y[i] = s;
     }
   } else {
     for (std::int64_t l = 0; l < k; ++l) {
-      for (std::int64_t i = 0; i < m; ++i) y[i] = y[i] + a[i + l * lda] * x[l * incx];
+      for (std::int64_t i = 0; i < m; ++i) {
+        y[i] = y[i] + a[i + l * lda] * x[l * incx];
+      }
     }
   }
 }

@@ -31,7 +31,7 @@ struct Element {
       return true;
     }
     if (operation <= 5) {
-      return !(quad && P == 2);
+      return !quad || P != 2;
     }
     return operation >= 8 && operation <= 11 ? std::is_integral_v<T> : !quad;
   }
@@ -223,7 +223,7 @@ TYPED_TEST_SUITE(Reduction, Elements);
 constexpr char untouched = 0x5A;
 
 TYPED_TEST(Reduction, Fill) {
-  using T = typename TypeParam::Component;
+  using T = TypeParam::Component;
   for (int operation = 1; operation <= 13; ++operation) {
     if (!TypeParam::allows(operation)) {
       continue;
@@ -249,7 +249,7 @@ TYPED_TEST(Reduction, Fill) {
 
 template <class E>
 void check_fold(int operation, std::size_t count, int stride, std::mt19937_64& random) {
-  using T = typename E::Component;
+  using T = E::Component;
   constexpr std::size_t margin = 19;
   const std::size_t reach =
       1 + (count == 0 ? 0 : count - 1) * static_cast<std::size_t>(std::abs(stride));

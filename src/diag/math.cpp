@@ -66,35 +66,35 @@ struct Extended {
 };
 
 template <class Format>
-typename Format::Bits bits_of(typename Format::Value x) {
+Format::Bits bits_of(typename Format::Value x) {
   typename Format::Bits bits = 0;
   constexpr std::size_t size = (Format::fraction_bits == 64) ? 10 : sizeof x;
   __builtin_memcpy(&bits, &x, size);
   return bits;
 }
 template <class Format>
-typename Format::Value value_of(typename Format::Bits bits) {
+Format::Value value_of(typename Format::Bits bits) {
   typename Format::Value x = 0;
   constexpr std::size_t size = (Format::fraction_bits == 64) ? 10 : sizeof x;
   __builtin_memcpy(&x, &bits, size);
   return x;
 }
 template <class Format>
-constexpr typename Format::Bits sign_bit() {
-  return static_cast<typename Format::Bits>(Format::exponent_mask + 1) << Format::fraction_bits;
+constexpr Format::Bits sign_bit() {
+  return static_cast<Format::Bits>(Format::exponent_mask + 1) << Format::fraction_bits;
 }
 template <class Format>
-constexpr typename Format::Bits infinity_bits() {
-  auto bits = static_cast<typename Format::Bits>(Format::exponent_mask) << Format::fraction_bits;
+constexpr Format::Bits infinity_bits() {
+  auto bits = static_cast<Format::Bits>(Format::exponent_mask) << Format::fraction_bits;
   return Format::fraction_bits == 64 ? bits | std::uint64_t{1} << 63 : bits;
 }
 template <class Format>
-constexpr typename Format::Bits quiet_bit() {
+constexpr Format::Bits quiet_bit() {
   constexpr int position = Format::fraction_bits == 64 ? 62 : Format::fraction_bits - 1;
   return typename Format::Bits{1} << position;
 }
 template <class Format>
-typename Format::Bits magnitude(typename Format::Value x) {
+Format::Bits magnitude(typename Format::Value x) {
   return bits_of<Format>(x) & (sign_bit<Format>() - 1);
 }
 template <class Format>
@@ -102,14 +102,14 @@ std::int32_t exponent_field(typename Format::Bits bits) {
   return static_cast<std::int32_t>(bits >> Format::fraction_bits) & Format::exponent_mask;
 }
 template <class Format>
-typename Format::Value with_exponent(typename Format::Value x, std::int32_t field) {
-  using Bits = typename Format::Bits;
+Format::Value with_exponent(typename Format::Value x, std::int32_t field) {
+  using Bits = Format::Bits;
   const Bits exponents = static_cast<Bits>(Format::exponent_mask) << Format::fraction_bits;
   return value_of<Format>((bits_of<Format>(x) & ~exponents) | static_cast<Bits>(field)
                                                                   << Format::fraction_bits);
 }
 template <class Format>
-typename Format::Value quieted(typename Format::Value x) {
+Format::Value quieted(typename Format::Value x) {
   return value_of<Format>(bits_of<Format>(x) | quiet_bit<Format>());
 }
 
@@ -130,7 +130,7 @@ std::int32_t infinity_sign(typename Format::Value x) {
 }
 
 template <class Format>
-typename Format::Value larger(typename Format::Value x, typename Format::Value y) {
+Format::Value larger(typename Format::Value x, typename Format::Value y) {
   if (is_nan<Format>(x)) {
     return is_nan<Format>(y) ? quieted<Format>(x) : y;
   }
@@ -141,7 +141,7 @@ typename Format::Value larger(typename Format::Value x, typename Format::Value y
 }
 
 template <class Format>
-typename Format::Value with_sign(typename Format::Value x, typename Format::Value y) {
+Format::Value with_sign(typename Format::Value x, typename Format::Value y) {
   constexpr auto sign = sign_bit<Format>();
   return value_of<Format>((bits_of<Format>(x) & ~sign) | (bits_of<Format>(y) & sign));
 }
@@ -150,7 +150,7 @@ typename Format::Value with_sign(typename Format::Value x, typename Format::Valu
 // shift by the leading zeros.
 template <class Format>
 struct ByProduct {
-  static typename Format::Value normalize(typename Format::Value x, std::int32_t& field) {
+  static Format::Value normalize(Format::Value x, std::int32_t& field) {
     x *= Format::up;
     field = exponent_field<Format>(bits_of<Format>(x)) - Format::lift;
     return x;
@@ -176,8 +176,8 @@ void report_zero_exponent() {
 }
 
 template <class Format, class Normalize>
-typename Format::Value exponent_of(typename Format::Value x) {
-  using Value = typename Format::Value;
+Format::Value exponent_of(typename Format::Value x) {
+  using Value = Format::Value;
   const auto size = magnitude<Format>(x);
   if (size == 0) {
     report_zero_exponent<Format>();
@@ -194,8 +194,8 @@ typename Format::Value exponent_of(typename Format::Value x) {
 }
 
 template <class Format, class Normalize>
-typename Format::Value scaled(typename Format::Value x, std::int32_t n) {
-  using Value = typename Format::Value;
+Format::Value scaled(typename Format::Value x, std::int32_t n) {
+  using Value = Format::Value;
   std::int32_t field = exponent_field<Format>(bits_of<Format>(x));
   if (magnitude<Format>(x) == 0 || field == Format::exponent_mask) {
     return x;

@@ -184,7 +184,7 @@ void divide(std::uint32_t* quotient, std::uint32_t* u, const Divisor& v, std::ui
 void negate(std::uint32_t* words, std::uint32_t count) {
   std::uint64_t carry = 1;
   for (std::uint32_t j = 0; j < count; ++j) {
-    carry += static_cast<std::uint32_t>(~words[j]);
+    carry += ~words[j];
     words[j] = static_cast<std::uint32_t>(carry);
     carry >>= 32;
   }

@@ -25,7 +25,7 @@ struct ComplexOf<double> {
   using Type = ksomd_c8;
 };
 template <class Real>
-using Complex = typename ComplexOf<Real>::Type;
+using Complex = ComplexOf<Real>::Type;
 
 template <class Element>
 inline constexpr bool is_complex = requires(Element x) { x.re; };

@@ -32,7 +32,7 @@ inline bool apart(const MatrixVector& z, const double* start, Size count, Size r
 
 template <class Lanes, Layout a_layout>
 struct MatrixVectorKernel {
-  using Vector = typename Lanes::Vector;
+  using Vector = Lanes::Vector;
   static constexpr Size width = Lanes::width;
   static constexpr bool as_is = a_layout == Layout::n;
   static constexpr Stride columns_at_once = 4;

@@ -12,13 +12,14 @@ namespace ksomd::matmul {
 template <class Lanes, template <class> class TileOf, Letters letters>
 struct Portable {
   using Tile = TileOf<Lanes>;
-  using Real = typename Lanes::Real;
-  using Vector = typename Lanes::Vector;
-  using Element = typename Tile::Element;
+  using Real = Lanes::Real;
+  using Vector = Lanes::Vector;
+  using Element = Tile::Element;
   using Call = TileCall<Real, Element>;
 
   static constexpr Size width = Lanes::width;
   static constexpr Size tile_rows = Tile::vectors * width;
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): 1 for the real types
   static constexpr Size reals = sizeof(Element) / sizeof(Real);
   // Both operands transposed: the sum of all products is formed apart from P and added to it last.
   static constexpr bool sums_apart = letters.a == Layout::t && letters.b == Layout::t;

@@ -34,8 +34,8 @@ struct TileCall {
 
 template <class Lanes>
 struct RealTile {
-  using Real = typename Lanes::Real;
-  using Vector = typename Lanes::Vector;
+  using Real = Lanes::Real;
+  using Vector = Lanes::Vector;
   using Element = Real;
   // 6 x 2 sums, one vector of op(A), two of op(B) and a product: 16 registers.
   static constexpr Size vectors = 6;
@@ -88,8 +88,8 @@ struct RealTile {
 // NaN the tile is done again with the builtin, before anything is stored.
 template <class Lanes>
 struct ComplexTile {
-  using Real = typename Lanes::Real;
-  using Vector = typename Lanes::Vector;
+  using Real = Lanes::Real;
+  using Vector = Lanes::Vector;
   using Element = Complex<Real>;
   // 2 x 2 sums of two registers each, and six registers for factors and products.
   static constexpr Size vectors = 2;

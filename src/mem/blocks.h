@@ -182,7 +182,7 @@ template <class Piece, size_t count>
 // overlapping ranges.
 template <class Piece>
 [[gnu::always_inline]] inline void copy_below(Byte* d, const Byte* s, size_t n) {
-  using Half = typename Piece::Half;
+  using Half = Piece::Half;
   if (n >= Half::size) {
     copy_head_tail<Half, 1>(d, s, n);
   } else if constexpr (Half::size > 1) {
@@ -192,7 +192,7 @@ template <class Piece>
 
 template <class Piece>
 [[gnu::always_inline]] inline void fill_below(Byte* d, std::uint64_t bytes, size_t n) {
-  using Half = typename Piece::Half;
+  using Half = Piece::Half;
   if (n >= Half::size) {
     fill_head_tail<Half, 1>(d, Half::pattern(bytes), n);
   } else if constexpr (Half::size > 1) {

@@ -79,7 +79,7 @@ struct Wrapping<T, true> {
 };
 template <class T>
 constexpr auto wrapping(T a) {
-  return static_cast<typename Wrapping<T>::Type>(a);
+  return static_cast<Wrapping<T>::Type>(a);
 }
 
 // ---- operations ---------------------------------------------------------------------------------

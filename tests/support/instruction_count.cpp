@@ -62,7 +62,7 @@ InstructionKind classify_two_byte(const Decoded& found) {
     case 0x7E:  // movd, movq
     case 0x13:  // movlps
     case 0x17:  // movhps
-      return to_memory && !(found.opcode == 0x7E && found.mandatory == 0xF3)
+      return to_memory && (found.opcode != 0x7E || found.mandatory != 0xF3)
                  ? InstructionKind::VectorStore
                  : InstructionKind::Other;
     default:

@@ -189,6 +189,7 @@ DWORD K32GetModuleFileNameExA(HANDLE, HMODULE handle, char* path, DWORD size) {
   }
   if (module.path[0] == '\0') {
     const ssize_t length = readlink(own_file, path, size - 1);
+    // NOLINTNEXTLINE(clang-analyzer-security.ArrayBound): the condition bounds it
     path[length > 0 && length < size ? length : 0] = '\0';
   } else {
     std::snprintf(path, size, "%s", module.path);
