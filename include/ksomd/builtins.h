@@ -9,12 +9,14 @@
 
 KSOMD_BEGIN
 
+__extension__ typedef __int128 ksomd_int128;
+__extension__ typedef unsigned __int128 ksomd_uint128;
+
 /* 128-bit quotient, truncated; `__udivmodti4` also stores the remainder unless `remainder` is null.
  * A divisor of zero is the caller's error. */
-KSOMD_API __int128 __divti3(__int128 a, __int128 b);
-KSOMD_API unsigned __int128 __udivti3(unsigned __int128 a, unsigned __int128 b);
-KSOMD_API unsigned __int128 __udivmodti4(unsigned __int128 a, unsigned __int128 b,
-                                         unsigned __int128* remainder);
+KSOMD_API ksomd_int128 __divti3(ksomd_int128 a, ksomd_int128 b);
+KSOMD_API ksomd_uint128 __udivti3(ksomd_uint128 a, ksomd_uint128 b);
+KSOMD_API ksomd_uint128 __udivmodti4(ksomd_uint128 a, ksomd_uint128 b, ksomd_uint128* remainder);
 
 /* Quotient and remainder of integers of `words` 32-bit words each, the least significant first.
  *
