@@ -25,9 +25,18 @@ inline constexpr bool is_complex<Complex<T>> = true;
 template <class T>
 inline constexpr bool is_quad = std::is_same_v<T, quad128>;
 
-// Arrays have whatever alignment they have.
+// Arrays have whatever alignment they have: their elements are read and written bytewise.
 template <class T>
-using Unaligned [[gnu::aligned(1), gnu::may_alias]] = T;
+T load_element(const void* array, std::uint64_t index) {
+  T element;
+  __builtin_memcpy(&element, static_cast<const char*>(array) + index * sizeof(T), sizeof element);
+  return element;
+}
+
+template <class T>
+void store_element(void* array, std::uint64_t index, T element) {
+  __builtin_memcpy(static_cast<char*>(array) + index * sizeof(T), &element, sizeof element);
+}
 
 template <class T>
 constexpr T zero() {
@@ -276,9 +285,8 @@ struct NotEqual {
 template <class T, class Operation>
 void fill(void* array, std::uint64_t count) {
   constexpr T identity = Operation::template identity<T>();
-  auto* d = static_cast<Unaligned<T>*>(array);
   for (std::uint64_t i = 0; i < count; ++i) {
-    d[i] = identity;
+    store_element(array, i, identity);
   }
 }
 
@@ -288,16 +296,16 @@ void fold(void* destination, const void* source, std::uint64_t count) {
   if constexpr (is_complex<T> && !std::is_same_v<Operation, Product>) {
     fold<typename T::Component, Operation>(destination, source, 2 * count);
   } else {
-    auto* d = static_cast<Unaligned<T>*>(destination);
-    const auto* s = static_cast<const Unaligned<T>*>(source);
     for (std::uint64_t i = 0; i < count; ++i) {
       if constexpr (is_quad<T>) {
-        Operation::apply(d + i, s + i);
+        Operation::apply(static_cast<T*>(destination) + i, static_cast<const T*>(source) + i);
       } else if constexpr (std::is_same_v<T, Complex<quad128>>) {
-        __cmulq(reinterpret_cast<cquad128*>(d + i), &d[i].re, &d[i].im, &s[i].re, &s[i].im);
+        auto* d = static_cast<T*>(destination) + i;
+        const auto* s = static_cast<const T*>(source) + i;
+        __cmulq(reinterpret_cast<cquad128*>(d), &d->re, &d->im, &s->re, &s->im);
       } else {
-        const T element = s[i];
-        d[i] = Operation::apply(T{d[i]}, element);
+        const T element = load_element<T>(source, i);
+        store_element(destination, i, Operation::apply(load_element<T>(destination, i), element));
       }
     }
   }
