@@ -48,6 +48,10 @@ std::string text_mode(const std::string& text) {
   return text;
 }
 
+int platform::finish(int status) {
+  return status;
+}
+
 void platform::prepare_child() {}
 
 ChildResult platform::run_this_program(

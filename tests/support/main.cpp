@@ -7,5 +7,5 @@ int main(int argc, char** argv) {
     return status;
   }
   testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
+  return ksomd::test::platform::finish(RUN_ALL_TESTS());
 }
