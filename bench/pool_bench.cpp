@@ -1,10 +1,7 @@
-// The pools beside the heaps of others, in one process and one run: nanoseconds for allocating and
-// freeing one block, when 30000 blocks are allocated and then all freed.
-//
-//   usage: pool_bench [REPETITIONS]
-//
-// The heaps take turns in every repetition; the table shows the median of each, and its ratio to
-// the C library's. "touched" writes the first 8 bytes of each block, as a program would.
+// The pools beside the heaps of others: time for allocating and freeing one block, when 30000
+// blocks are allocated and then all freed. With two threads it is the slower one's. "touched"
+// writes the first 8 bytes of each block, as a program would.
+#include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -12,10 +9,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "ksomd/pool.h"
+#include "pool/runtime.h"
 
 namespace {
 
@@ -80,36 +79,23 @@ double measure(const Heap& heap, const std::vector<Load>& loads) {
   return *std::max_element(times.begin(), times.end());
 }
 
-// Repetitions that are not counted: enough to fetch all memory of the largest pool.
+// One thread's warm-up fetches all memory of the largest pool.
 constexpr int warm_up = 5;
 
-double median(std::vector<double> values) {
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
-                   values.end());
-  return values[values.size() / 2];
-}
-
-void compare(const char* title, const std::vector<Heap>& heaps, const std::vector<Load>& loads,
-             int repetitions) {
-  std::vector<std::vector<double>> times(heaps.size());
-  for (int repetition = 0; repetition < warm_up + repetitions; ++repetition) {
-    for (std::size_t i = 0; i < heaps.size(); ++i) {
-      const double time = measure(heaps[i], loads);
-      if (repetition >= warm_up) {
-        times[i].push_back(time);
-      }
-    }
+void add(const std::string& name, const std::vector<Heap>& heaps, const std::vector<Load>& loads) {
+  for (const Heap& heap : heaps) {
+    benchmark::RegisterBenchmark((name + '/' + heap.name).c_str(),
+                                 [heap, loads](benchmark::State& state) {
+                                   for (int i = 0; i < warm_up; ++i) {
+                                     measure(heap, loads);
+                                   }
+                                   for (auto _ : state) {
+                                     state.SetIterationTime(measure(heap, loads) * 1e-9);
+                                   }
+                                 })
+        ->UseManualTime()
+        ->Iterations(20);
   }
-  std::printf("%-44s", title);
-  for (std::size_t i = 0; i < heaps.size(); ++i) {
-    std::vector<double> ratios;
-    ratios.reserve(times[i].size());
-    for (std::size_t repetition = 0; repetition < times[i].size(); ++repetition) {
-      ratios.push_back(times[i][repetition] / times[0][repetition]);
-    }
-    std::printf("  %-9s %6.1f ns %5.2f", heaps[i].name, median(times[i]), median(ratios));
-  }
-  std::printf("\n");
 }
 
 // A heap that is loaded beside the C library's, which stays what malloc means.
@@ -118,50 +104,68 @@ bool add_mimalloc(std::vector<Heap>& heaps) {
   if (library == nullptr) {
     return false;
   }
-  heaps.push_back({"mimalloc",
-                   reinterpret_cast<void* (*)(std::size_t)>(dlsym(library, "mi_malloc")),
-                   reinterpret_cast<void (*)(void*)>(dlsym(library, "mi_free"))});
-  return heaps.back().allocate != nullptr && heaps.back().release != nullptr;
+  const Heap heap = {"mimalloc",
+                     reinterpret_cast<void* (*)(std::size_t)>(dlsym(library, "mi_malloc")),
+                     reinterpret_cast<void (*)(void*)>(dlsym(library, "mi_free"))};
+  if (heap.allocate == nullptr || heap.release == nullptr) {
+    return false;
+  }
+  heaps.push_back(heap);
+  return true;
 }
 
-}  // namespace
+// An allocator of its own with all 50 pools in use, to show what the walk over them costs.
+constinit ksomd::pool::Allocator<ksomd::pool::PlatformRuntime> crowded{};
 
-int main(int argc, char** argv) {
-  const int repetitions = argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 101;
-  std::vector<Heap> heaps = {{"C library", std::malloc, std::free},
-                             {"pools", __i_pool_malloc, __i_pool_free}};
+void* allocate_crowded(std::size_t size) {
+  return crowded.allocate(size);
+}
+void release_crowded(void* block) {
+  crowded.release(block);
+}
+
+void crowd() {
+  std::vector<std::size_t> sizes;
+  for (std::size_t size = 104; sizes.size() < 48; size += 8) {
+    sizes.push_back(size);
+  }
+  sizes.insert(sizes.begin(), {100, 40});
+  crowded.set_sizes(sizes.data(), ksomd::pool::Kind::Malloc);
+  for (const std::size_t size : sizes) {
+    crowded.release(crowded.allocate(size));
+  }
+}
+
+void add_all() {
+  std::vector<Heap> heaps = {{"libc", std::malloc, std::free},
+                             {"ksomd", __i_pool_malloc, __i_pool_free}};
   if (!add_mimalloc(heaps)) {
-    std::printf("mimalloc is not there: %s\n", dlerror());
+    std::fprintf(stderr, "mimalloc is not there: %s\n", dlerror());
   }
   const std::size_t sizes[] = {40, 100, 0};
   __i_pool_init(sizes, KSOMD_POOL_MALLOC);
+  crowd();
 
   constexpr int batch = 30000;
   constexpr auto untouched = Contents::Untouched;
   constexpr auto touched = Contents::Touched;
-  compare("40 bytes", heaps, {{40, untouched, batch, 4}}, repetitions);
-  compare("100 bytes", heaps, {{100, untouched, batch, 4}}, repetitions);
-  compare("40 bytes, touched", heaps, {{40, touched, batch, 4}}, repetitions);
-  compare("100 bytes, touched", heaps, {{100, touched, batch, 4}}, repetitions);
-  compare("2 threads, 40 and 100 bytes", heaps,
-          {{40, untouched, batch, 4}, {100, untouched, batch, 4}}, repetitions);
-  compare("2 threads, 40 and 100 bytes, touched", heaps,
-          {{40, touched, batch, 4}, {100, touched, batch, 4}}, repetitions);
-  compare("2 threads, 100 bytes, one pool for both", heaps,
-          {{100, untouched, batch, 4}, {100, untouched, batch, 4}}, repetitions);
-  compare("one block at a time, 40 bytes", heaps, {{40, untouched, 1, 100000}}, repetitions);
-  compare("not in the list, 64 bytes", heaps, {{64, untouched, batch, 4}}, repetitions);
-
-  std::vector<std::size_t> all_sizes;
-  for (std::size_t size = 104; all_sizes.size() < 48; size += 8) {
-    all_sizes.push_back(size);
-  }
-  all_sizes.insert(all_sizes.end(), {40, 100, 0});
-  __i_pool_init(all_sizes.data(), KSOMD_POOL_MALLOC);
-  for (std::size_t i = 0; i < 48; ++i) {
-    __i_pool_free(__i_pool_malloc(all_sizes[i]));
-  }
-  compare("50 pools, not in the list, 64 bytes", heaps, {{64, untouched, batch, 4}}, repetitions);
-  compare("50 pools, the last one, 100 bytes", heaps, {{100, untouched, batch, 4}}, repetitions);
-  return 0;
+  add("one_thread/40", heaps, {{40, untouched, batch, 4}});
+  add("one_thread/100", heaps, {{100, untouched, batch, 4}});
+  add("one_thread_touched/40", heaps, {{40, touched, batch, 4}});
+  add("one_thread_touched/100", heaps, {{100, touched, batch, 4}});
+  add("two_threads/40_and_100", heaps, {{40, untouched, batch, 4}, {100, untouched, batch, 4}});
+  add("two_threads_touched/40_and_100", heaps, {{40, touched, batch, 4}, {100, touched, batch, 4}});
+  add("two_threads_one_pool/100", heaps, {{100, untouched, batch, 4}, {100, untouched, batch, 4}});
+  add("one_block_at_a_time/40", heaps, {{40, untouched, 1, 100000}});
+  add("unlisted/64", heaps, {{64, untouched, batch, 4}});
+  heaps[1] = {"ksomd", allocate_crowded, release_crowded};
+  add("fifty_pools_unlisted/64", heaps, {{64, untouched, batch, 4}});
+  add("fifty_pools_oldest/100", heaps, {{100, untouched, batch, 4}});
 }
+
+const bool registered = [] {  // NOLINT(bugprone-throwing-static-initialization)
+  add_all();
+  return true;
+}();
+
+}  // namespace

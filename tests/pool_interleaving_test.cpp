@@ -279,6 +279,24 @@ TEST(PoolInterleaving, CreationAgainstCreation) {
   });
 }
 
+// One descriptor is left. Whoever is late finds the pool that the other one has created, although
+// no further one can be.
+TEST(PoolInterleaving, CreationOfTheLastPool) {
+  explore("two creations with one descriptor left", 4, 50, [](Stage& stage) {
+    std::vector<std::size_t> sizes = {size};
+    for (std::size_t other = 1; sizes.size() < ksomd::pool::max_sizes; ++other) {
+      if (other != size) {
+        sizes.push_back(other);
+      }
+    }
+    stage.allocator.set_sizes(sizes);
+    for (std::size_t i = 1; i < sizes.size(); ++i) {
+      stage.take(Kind::Malloc, sizes[i]);
+    }
+    return std::vector<std::function<void()>>{[&] { stage.take(); }, [&] { stage.take(); }};
+  });
+}
+
 TEST(PoolInterleaving, ReactivationAgainstReactivation) {
   for (const Kind kind : {Kind::Malloc, Kind::Calloc}) {
     explore("two reactivations", 4, 1, [kind](Stage& stage) {

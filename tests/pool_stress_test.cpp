@@ -169,7 +169,11 @@ class Program {
     keep(block, size);
   }
 
+  // A block of the heap, and the first one of a region, have the heap's alignment; the size is the
+  // stride from there.
   void keep(void* block, std::size_t size) {
+    const std::size_t alignment = std::min<std::size_t>(size & (0 - size), 16);
+    expect(reinterpret_cast<std::uintptr_t>(block) % alignment == 0, "alignment");
     shared_.model.handed_out(block, shared_.findings);
     const auto value = static_cast<unsigned char>(1 + random_() % 255);
     std::memset(block, value, size);
@@ -242,6 +246,9 @@ TEST(PoolStress, ManyThreadsAgainstTheModel) {
   shared->model.compare(shared->findings, phases);
   EXPECT_EQ(shared->findings.first(), "");
   EXPECT_EQ(World::outstanding, shared->allocator.pool_count());
+  // The run went where it was meant to: regions of every kind, which start again and again.
+  EXPECT_GE(shared->allocator.pool_count(), 5);
+  EXPECT_GT(shared->model.activations(), operations / 1000);
   std::printf("%lld operations of %d threads; %d pools, activated %lld times\n",
               static_cast<long long>(operations), threads, shared->allocator.pool_count(),
               static_cast<long long>(shared->model.activations()));

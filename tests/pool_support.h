@@ -70,8 +70,7 @@ struct TestHeap {
   }
 };
 
-// A world with small regions, so that they run out and start again all the time. Each Tag has its
-// own capacity.
+// A world with small regions, so that they run out and start again all the time.
 template <int Capacity>
 struct SmallRegions : TestHeap {
   static std::int32_t capacity(std::uint64_t) { return Capacity; }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <random>
 
@@ -99,22 +100,26 @@ KSOMD_CHILD(heap_only) {
   return 0;
 }
 
+// The sizes that programs ask for most have ten times larger regions.
 KSOMD_CHILD(strides) {
-  make_lists({40, 100}, {});
-  const std::vector<char*> first = blocks_of(100, 30000);
-  REQUIRE(at_stride(first, 100));
-  const std::vector<char*> second = blocks_of(100, 2);
-  REQUIRE(outside(second[0], first[0]));
-  REQUIRE(second[1] == second[0] + 100);
-  void* unlisted = __i_pool_malloc(101);
-  REQUIRE(outside(static_cast<char*>(unlisted), first[0]));
-  REQUIRE(outside(static_cast<char*>(unlisted), second[0]));
-  std::free(unlisted);
-
-  const std::vector<char*> large = blocks_of(40, 300000);
-  REQUIRE(at_stride(large, 40));
-  const std::vector<char*> next = blocks_of(40, 1);
-  REQUIRE(next[0] < large.front() || next[0] > large.back());
+  make_lists({40, 41, 48, 95, 96, 100}, {});
+  for (const auto& [size, capacity] : {std::pair{40u, 300000},
+                                       {41u, 30000},
+                                       {48u, 300000},
+                                       {95u, 30000},
+                                       {96u, 300000},
+                                       {100u, 30000}}) {
+    const std::vector<char*> first = blocks_of(size, capacity);
+    REQUIRE(at_stride(first, size));
+    const std::vector<char*> second = blocks_of(size, 2);
+    REQUIRE(second[0] < first.front() || second[0] > first.back());
+    REQUIRE(second[1] == second[0] + size);
+    void* unlisted = __i_pool_malloc(101);
+    REQUIRE(unlisted < first.front() || unlisted > first.back());
+    const std::size_t reach = static_cast<std::size_t>(capacity - 1) * size;
+    REQUIRE(unlisted < second[0] || unlisted > second[0] + reach);
+    std::free(unlisted);
+  }
   REQUIRE_SOUND();
   return 0;
 }
@@ -194,6 +199,12 @@ KSOMD_CHILD(resizing) {
   longer = static_cast<unsigned char*>(__i_pool_realloc(longer, 40));  // the heap's, so it stays so
   std::free(longer);
 
+  // Nothing moves to the heap, even if pools serve the size.
+  void* const from_nothing = __i_pool_realloc(nullptr, 40);
+  const __i_pool_desc* const pool_of_40 = ksomd::pool::process_allocator.newest_pool()->next;
+  REQUIRE(pool_of_40->size == 40 && pool_of_40->next_index == 2);
+  std::free(from_nothing);
+
   // A block of a calloc pool moves to a malloc pool.
   void* zeroed = __i_pool_calloc(1, 100);
   auto* const moved = static_cast<unsigned char*>(__i_pool_realloc(zeroed, 40));
@@ -218,7 +229,8 @@ KSOMD_CHILD(fifty) {
     sizes[i] = i + 1;
   }
   __i_pool_init(sizes, 0);
-  __i_pool_init(sizes, -1);
+  const std::vector<std::size_t> exactly_fifty(sizes, sizes + 50);
+  __i_pool_init(exactly_fifty.data(), -1);
   for (std::size_t size = 1; size <= 51; ++size) {
     if (size <= 49) {
       REQUIRE(__i_pool_malloc(size) == ksomd::pool::process_allocator.newest_pool()->base);
@@ -253,7 +265,9 @@ KSOMD_CHILD(extremes) {
   make_lists(sizes, sizes);
   for (const std::size_t size : sizes) {
     if (size != 40) {
+      errno = 0;
       REQUIRE(__i_pool_malloc(size) == nullptr);
+      REQUIRE(errno == ENOMEM);
       REQUIRE(__i_pool_calloc(size, 1) == nullptr);
       REQUIRE(__i_pool_calloc(1, size) == nullptr);
     }

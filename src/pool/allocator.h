@@ -121,29 +121,38 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
           }
         }
       }
-      // relaxed: only grows, so that no lock is needed to see that it cannot grow further
-      if (Words::load_relaxed(pool_count_) == max_pools) {
+      const Growth growth = grow(kind, size);
+      if (growth.outcome == Outcome::AtLimit) {
         return from_heap(kind, size);
       }
-      if (const Growth growth = grow(kind, size); !growth.look_again) {
+      if (growth.outcome == Outcome::Created) {
         return growth.first;
       }
     }
   }
 
   // What came of a walk that found no room.
+  enum class Outcome : std::uint8_t {
+    Created,  // a new pool
+    Room,     // another thread has created or reactivated a pool since
+    AtLimit,  // still no room, and no descriptor is left
+  };
   struct Growth {
-    void* first;      // block 0 of a new pool, null if the heap is exhausted
-    bool look_again;  // another thread has created or reactivated a pool since, or taken the last
-                      // descriptor
+    Outcome outcome;
+    void* first;  // of a new pool, block 0, or null if the heap is exhausted
   };
 
+  // Room is looked for again under the lock, also at the limit: the last descriptor may have gone
+  // to a pool of this size.
   [[gnu::noinline]] Growth grow(Kind kind, std::uint64_t size) {
     const Holding<Runtime> holding(global_lock_);
-    if (may_have_block(kind, size) || pool_count_ == max_pools) {
-      return {nullptr, true};
+    if (may_have_block(kind, size)) {
+      return {Outcome::Room, nullptr};
     }
-    return {create(kind, size), false};
+    if (pool_count_ == max_pools) {
+      return {Outcome::AtLimit, nullptr};
+    }
+    return {Outcome::Created, create(kind, size)};
   }
 
   // A block of this pool, or null if all are handed out. The check and the increment are one step,
@@ -165,7 +174,8 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
   // As hand_out; a released pool is reactivated first.
   void* take_block(Pool& pool) {
     for (;;) {
-      // relaxed: the region's address never changes, and nothing in it is read
+      // relaxed: the region's address never changes, and nothing in it is read before hand_out has
+      // acquired a block
       if (std::byte* const base = Words::load_relaxed(pool.base)) {
         return hand_out(pool, base);
       }
@@ -187,7 +197,8 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     }
     // No block is out, so nobody else touches `freed`. The index goes last, with release: it opens
     // the pool, also for a thread that read `base` before the pool was released, and the blocks of
-    // such a thread must be found when they are freed, and counted from 0.
+    // such a thread must be found when they are freed, and counted from 0. Exchanges, since both
+    // counters are only ever changed by one atomic read and write.
     Words::store_relaxed(pool.base, region);
     Words::exchange_release(pool.freed, std::uint32_t{0});
     Words::exchange_release(pool.next_index, std::int32_t{1});
@@ -233,7 +244,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
       return nullptr;
     }
     Pool& pool = pools_[pool_count_];
-    Words::store_relaxed(pool_count_, pool_count_ + 1);  // relaxed: the pool is found through head
+    ++pool_count_;
     pool.next = head_;
     pool.base = region;
     pool.last = region + static_cast<std::uint64_t>(capacity - 1) * size;
@@ -284,7 +295,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
   SizeSet<Runtime> malloc_sizes_;
   SizeSet<Runtime> calloc_sizes_;
   alignas(64) LockWord global_lock_;
-  std::int32_t pool_count_;  // written under the global lock
+  std::int32_t pool_count_;  // guarded by the global lock
 };
 
 template <class Runtime>

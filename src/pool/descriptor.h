@@ -45,10 +45,10 @@ struct alignas(64) __i_pool_desc {
   std::byte* last;
   std::uint64_t size;
   std::int32_t capacity;
+  ksomd::pool::Kind kind;
 
   alignas(64) std::int32_t next_index;
   std::uint32_t freed;
-  ksomd::pool::Kind kind;
 };
 
 namespace ksomd::pool {
@@ -63,7 +63,8 @@ class SizeSet {
   using Words = Shared<Runtime>;
 
  public:
-  // The first sizes of a list: up to a 0, and at most max_sizes.
+  // The first sizes of a list: up to a 0, and at most max_sizes. A thread that asks meanwhile may
+  // miss a size that stands in both lists; its request is the heap's then, which is as good.
   void replace(const std::size_t* sizes) {
     for (std::uint64_t& slot : slots_) {
       Words::store_relaxed(slot, std::uint64_t{0});
