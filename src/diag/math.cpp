@@ -52,7 +52,7 @@ struct Binary64 {
 // x87 extended: the integer bit, 63 of the significand, is explicit.
 struct Extended {
   using Value = long double;
-  using Bits = unsigned __int128;
+  __extension__ using Bits = unsigned __int128;
   static constexpr int fraction_bits = 64;
   static constexpr std::int32_t exponent_mask = 0x7FFF;
   static constexpr std::int32_t bias = 16383;
