@@ -17,34 +17,60 @@ void fill(void* array, std::uint64_t count) {
   }
 }
 
-// Floating-point elements are combined in vectors only, so that every one of them gets the same
-// instruction. A rest shorter than a vector is folded one by one, beside zeros: no operation raises
-// a flag for those.
+// One element, in the lowest lane of a vector if it is of a floating-point type, so that every such
+// element gets the same instruction. No operation raises a flag for the zeros in the other lanes.
 template <class T, class Operation>
-void fold_floats(void* destination, const void* source, std::uint64_t count) {
-  constexpr std::uint64_t lanes = sizeof(Vector<T>) / sizeof(T);
+void fold_element(void* destination, const void* source, std::uint64_t i) {
+  const T d = load<T>(destination, i);
+  const T s = load<T>(source, i);
+  if constexpr (is_float<T>) {
+    store<T>(destination, i, Operation::apply(Vector<T>{d}, Vector<T>{s})[0]);
+  } else {
+    store<T>(destination, i, Operation::apply(d, s));
+  }
+}
+
+// The last vector is made before anything is stored, and overlaps the one before it:
+//
+//     | vector | vector | vector | vector | rest |
+//                                     |   last   |
+template <class T, class Operation>
+void fold_vectors(void* destination, const void* source, std::uint64_t count) {
+  using V = Vector<T>;
+  constexpr std::uint64_t lanes = sizeof(V) / sizeof(T);
   auto* d = static_cast<char*>(destination);
   const auto* s = static_cast<const char*>(source);
-  const auto advance = [&](std::uint64_t elements) {
-    d += elements * sizeof(T);
-    s += elements * sizeof(T);
-    count -= elements;
+  if (count < lanes) {
+    for (std::uint64_t i = 0; i < count; ++i) {
+      fold_element<T, Operation>(d, s, i);
+    }
+    return;
+  }
+  const auto combined = [](const char* a, const char* b, std::uint64_t i) {
+    return Operation::apply(load<V>(a, i), load<V>(b, i));
   };
-  while (count >= 2 * lanes) {
-    const auto low = Operation::apply(load<Vector<T>>(d, 0), load<Vector<T>>(s, 0));
-    const auto high = Operation::apply(load<Vector<T>>(d, 1), load<Vector<T>>(s, 1));
-    store(d, 0, low);
-    store(d, 1, high);
-    advance(2 * lanes);
+  const std::uint64_t from_end = count * sizeof(T) - sizeof(V);
+  char* const last_place = d + from_end;
+  const V last = combined(last_place, s + from_end, 0);
+  constexpr std::uint64_t step = 4 * lanes;
+  for (; count >= step; count -= step) {
+    const V v0 = combined(d, s, 0);
+    const V v1 = combined(d, s, 1);
+    const V v2 = combined(d, s, 2);
+    const V v3 = combined(d, s, 3);
+    store(d, 0, v0);
+    store(d, 1, v1);
+    store(d, 2, v2);
+    store(d, 3, v3);
+    d += 4 * sizeof(V);
+    s += 4 * sizeof(V);
   }
-  if (count >= lanes) {
-    store(d, 0, Operation::apply(load<Vector<T>>(d, 0), load<Vector<T>>(s, 0)));
-    advance(lanes);
+  for (; count >= lanes; count -= lanes) {
+    store(d, 0, combined(d, s, 0));
+    d += sizeof(V);
+    s += sizeof(V);
   }
-  while (count > 0) {
-    store<T>(d, 0, Operation::apply(Vector<T>{load<T>(d, 0)}, Vector<T>{load<T>(s, 0)})[0]);
-    advance(1);
-  }
+  store(last_place, 0, last);
 }
 
 // The real parts and the imaginary parts of as many complex numbers as a vector has lanes.
@@ -84,6 +110,7 @@ void fold_complex_product(void* destination, const void* source, std::uint64_t c
     return separate<T>(load<Vector<T>>(array, i), load<Vector<T>>(array, i + 1));
   };
   std::uint64_t i = 0;
+#pragma clang loop unroll_count(2)
   for (; count - i >= lanes; i += lanes) {
     const std::uint64_t v = 2 * i / lanes;
     const auto [low, high] = interleave<T>(product<T>(pair(destination, v), pair(source, v)));
@@ -103,8 +130,6 @@ template <class T, class Operation>
 void fold(void* destination, const void* source, std::uint64_t count) {
   if constexpr (is_complex<T> && !std::is_same_v<Operation, Product>) {
     fold<typename T::Component, Operation>(destination, source, 2 * count);
-  } else if constexpr (is_float<T>) {
-    fold_floats<T, Operation>(destination, source, count);
   } else if constexpr (std::is_same_v<T, Complex<quad128>>) {
     auto* d = static_cast<T*>(destination);
     const auto* s = static_cast<const T*>(source);
@@ -119,10 +144,13 @@ void fold(void* destination, const void* source, std::uint64_t count) {
     for (std::uint64_t i = 0; i < count; ++i, ++d, ++s) {
       Operation::apply(d, s);
     }
-  } else {  // integers: the compiler makes 128-bit vector code of this
+  } else if constexpr (one_by_one<T, Operation>) {
+#pragma clang loop vectorize(disable) unroll_count(4)
     for (std::uint64_t i = 0; i < count; ++i) {
-      store(destination, i, Operation::apply(load<T>(destination, i), load<T>(source, i)));
+      fold_element<T, Operation>(destination, source, i);
     }
+  } else {
+    fold_vectors<T, Operation>(destination, source, count);
   }
 }
 
