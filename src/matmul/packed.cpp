@@ -1,7 +1,7 @@
 // The packed, cache-blocked double-precision product.
 #include <cstdlib>
 
-#include "matmul/blocking.h"
+#include "matmul/kernels.h"
 
 namespace ksomd::matmul {
 namespace {
@@ -10,7 +10,7 @@ using Pack = void (*)(Size, Size, const double*, Size, double*);
 using TileKernel = void (*)(const Size* m, const Size* n, const Size* depth, const double* a,
                             const double* b, const Size* unused, double* p, const Size* ldp,
                             double* doubled);
-using MatrixProduct = void (*)(const double* a, const double* b, double* p, Size m, Size n, Size k,
+using MatrixProduct = void (*)(const double* a, const double* b, double* p, Size, Size, Size,
                                Size lda, Size ldb, Size ldp);
 
 // op(A)(., l..) * x for the column j of op(B).
@@ -21,15 +21,17 @@ using ColumnProduct = void (*)(const double* a, const double* column, double* p,
 struct Routines {
   Pack pack_a;             // rows, depth, ...
   Pack pack_b;             // depth, columns, ...
+  MatrixProduct small;     // the whole product, portable; m, k, n
   MatrixProduct portable;  // rows that fill no group of four
   ColumnProduct column;    // columns that fill no group of four
 };
 
 template <Letters letters>
-constexpr Routines routines_of(MatrixProduct portable) {
+constexpr Routines routines_of(MatrixProduct small, MatrixProduct portable) {
   return {
       letters.a == Layout::n ? __orvex_dgcopyan_qwide : __orvex_dgcopyat_qwide,
       letters.b == Layout::n ? __orvex_dgcopybn_psc : __orvex_dgcopybt_psc,
+      small,
       portable,
       [](const double* a, const double* column, double* p, Size m, Size k, Size lda, Size ldb) {
         const auto stride_a = static_cast<std::int64_t>(lda);
@@ -146,8 +148,7 @@ void multiply_packed(const Routines& routines, const double* a, const double* b,
       return;
     }
   }
-  _MATMUL_r8_n_n_pst_init(p, m, n, ldp);
-  routines.portable(a, b, p, m, n, k, lda, ldb, ldp);
+  routines.small(a, b, p, m, k, n, lda, ldb, ldp);
 }
 
 }  // namespace
@@ -161,7 +162,8 @@ using namespace ksomd::matmul;
                                                         Size lda, Size ldb, Size ldp) {     \
     constexpr Letters letters{Layout::letter_a, Layout::letter_b};                          \
     static constexpr Routines routines =                                                    \
-        routines_of<letters>(_MATMUL_##code##_##letter_a##_##letter_b##_pst_General);       \
+        routines_of<letters>(_MATMUL_##code##_##letter_a##_##letter_b##_portable,           \
+                             _MATMUL_##code##_##letter_a##_##letter_b##_pst_General);       \
     multiply_packed<letters>(routines, a, b, p, m, n, k, lda, ldb, ldp);                    \
   }
 KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE)
