@@ -7,7 +7,7 @@
 
 namespace ksomd::matmul {
 
-const Variant* const variants[] = {&baseline};
+const Variant* const variants[] = {&avx512, &avx, &baseline};
 const Size variant_count = sizeof variants / sizeof *variants;
 const Variant* variant_slot;
 

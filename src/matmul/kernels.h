@@ -29,6 +29,8 @@ struct Variant {
   void (*matrix_vector[2])(const MatrixVector& z);  // by the letter of A
 };
 
+[[gnu::visibility("hidden")]] extern const Variant avx512;
+[[gnu::visibility("hidden")]] extern const Variant avx;
 [[gnu::visibility("hidden")]] extern const Variant baseline;
 
 // Best first; the last row, the baseline, requires nothing.

@@ -195,14 +195,28 @@ struct Tile {
     const Size rows_in_part = call.part;
 #pragma clang loop unroll_count(Rows::unroll)
     for (Size l = call.depth; l != 0; --l) {
-      Rows factor[C];
-      for (Size c = 0; c < C; ++c) {
-        factor[c] = Rows::broadcast(b + c * b_column);
-      }
-      for (Size v = 0; v < V; ++v) {
-        const Rows rows = load<part>(a + v * width, rows_in_part);
+      // The operand with fewer vectors stays in registers.
+      if constexpr (V < C) {
+        Rows rows[V];
+        for (Size v = 0; v < V; ++v) {
+          rows[v] = load<part>(a + v * width, rows_in_part);
+        }
         for (Size c = 0; c < C; ++c) {
-          sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows, factor[c]));
+          const Rows factor = Rows::broadcast(b + c * b_column);
+          for (Size v = 0; v < V; ++v) {
+            sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows[v], factor));
+          }
+        }
+      } else {
+        Rows factor[C];
+        for (Size c = 0; c < C; ++c) {
+          factor[c] = Rows::broadcast(b + c * b_column);
+        }
+        for (Size v = 0; v < V; ++v) {
+          const Rows rows = load<part>(a + v * width, rows_in_part);
+          for (Size c = 0; c < C; ++c) {
+            sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows, factor[c]));
+          }
         }
       }
       a += a_depth;
