@@ -4,6 +4,6 @@
 
 namespace ksomd::matmul {
 
-constexpr Variant baseline = variant_of<Sse2>("baseline", 0);
+constexpr Variant baseline = variant_of<Sse2>("baseline", 0, {});
 
 }  // namespace ksomd::matmul

@@ -76,4 +76,15 @@ constexpr ScratchRegions scratch_regions(std::uintptr_t start, Size columns) {
           round_down(start + columns * 896 + 249856, 128) + 384};
 }
 
+// Where the packed blocks of a product lie.
+struct PanelMemory {
+  double* a;
+  double* b;
+};
+
+// Depth of the chunk of a packed product that comes first.
+constexpr Size tail_depth(Size depth) {
+  return depth % depth_chunk == 0 ? depth_chunk : depth % depth_chunk;
+}
+
 }  // namespace ksomd::matmul

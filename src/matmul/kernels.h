@@ -18,6 +18,10 @@ struct ElementKernels {
   Multiply<Element> multiply[2][2];
 };
 
+// P = op(A) * op(B) through packed panels, for complete groups of four rows and columns; the other
+// rows and columns are not touched. `columns` are handled per pass.
+using MultiplyPacked = void (*)(const Product<double>& x, const PanelMemory& memory, Size columns);
+
 // One variant: the features of word 0 that it requires, and its kernels.
 struct Variant {
   const char* name;
@@ -26,6 +30,7 @@ struct Variant {
   ElementKernels<double> r8;
   ElementKernels<Complex<float>> c4;
   ElementKernels<Complex<double>> c8;
+  MultiplyPacked packed[2][2];  // none: the exported packing routines and tile kernels serve
   void (*matrix_vector[2])(const MatrixVector& z);  // by the letter of A
 };
 

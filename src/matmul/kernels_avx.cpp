@@ -5,6 +5,7 @@
 
 namespace ksomd::matmul {
 
-constexpr Variant avx = variant_of<Avx>("avx", feature_mask("AVX"));
+constexpr Variant avx =
+    variant_of<Avx>("avx", feature_mask("AVX"), packed_of<RealRows<Avx<double>>>());
 
 }  // namespace ksomd::matmul

@@ -5,6 +5,7 @@
 
 namespace ksomd::matmul {
 
-constexpr Variant avx512 = variant_of<Avx512>("avx512", feature_mask("AVX", "AVX512F"));
+constexpr Variant avx512 = variant_of<Avx512>("avx512", feature_mask("AVX", "AVX512F"),
+                                              packed_of<RealRows<Avx512<double>>>());
 
 }  // namespace ksomd::matmul

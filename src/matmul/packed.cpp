@@ -21,17 +21,17 @@ using ColumnProduct = void (*)(const double* a, const double* column, double* p,
 struct Routines {
   Pack pack_a;             // rows, depth, ...
   Pack pack_b;             // depth, columns, ...
-  MatrixProduct small;     // the whole product, portable; m, k, n
+  MatrixProduct whole;     // the whole product, portable; m, k, n
   MatrixProduct portable;  // rows that fill no group of four
   ColumnProduct column;    // columns that fill no group of four
 };
 
 template <Letters letters>
-constexpr Routines routines_of(MatrixProduct small, MatrixProduct portable) {
+constexpr Routines routines_of(MatrixProduct whole, MatrixProduct portable) {
   return {
       letters.a == Layout::n ? __orvex_dgcopyan_qwide : __orvex_dgcopyat_qwide,
       letters.b == Layout::n ? __orvex_dgcopybn_psc : __orvex_dgcopybt_psc,
-      small,
+      whole,
       portable,
       [](const double* a, const double* column, double* p, Size m, Size k, Size lda, Size ldb) {
         const auto stride_a = static_cast<std::int64_t>(lda);
@@ -87,7 +87,7 @@ class PackedProduct {
         ldp_(ldp) {}
 
   void run(Size columns_per_pass) {
-    const Size tail = k_ % depth_chunk == 0 ? depth_chunk : k_ % depth_chunk;
+    const Size tail = tail_depth(k_);
     const Size full_columns = round_down(n_, tile);
     for (Size j = 0; j < full_columns; j += columns_per_pass) {
       const Size columns = min(full_columns - j, columns_per_pass);
@@ -137,6 +137,29 @@ class PackedProduct {
   Size lda_, ldb_, ldp_;
 };
 
+// The rows and columns that fill no group of four, which the wide variants leave out. The sums of
+// the columns run over all of k as in a matrix-vector product.
+template <Letters letters>
+void multiply_rest(const Routines& routines, const Product<double>& x) {
+  const Size rows = round_down(x.m, tile);
+  const Size columns = round_down(x.n, tile);
+  if (rows < x.m) {
+    const double* a = x.a + offset<letters.a>(rows, 0, x.lda);
+    const Size tail = tail_depth(x.k);
+    const Size start = x.k - tail;
+    routines.whole(a + offset<letters.a>(0, start, x.lda), x.b + offset<letters.b>(start, 0, x.ldb),
+                   x.p + rows, x.m - rows, tail, columns, x.lda, x.ldb, x.ldp);
+    for (Size l = 0; l < start; l += depth_chunk) {
+      routines.portable(a + offset<letters.a>(0, l, x.lda), x.b + offset<letters.b>(l, 0, x.ldb),
+                        x.p + rows, x.m - rows, columns, depth_chunk, x.lda, x.ldb, x.ldp);
+    }
+  }
+  if (columns < x.n) {
+    routines.whole(x.a, x.b + offset<letters.b>(0, columns, x.ldb), x.p + columns * x.ldp, x.m, x.k,
+                   x.n - columns, x.lda, x.ldb, x.ldp);
+  }
+}
+
 template <Letters letters>
 void multiply_packed(const Routines& routines, const double* a, const double* b, double* p, Size m,
                      Size n, Size k, Size lda, Size ldb, Size ldp) {
@@ -144,11 +167,17 @@ void multiply_packed(const Routines& routines, const double* a, const double* b,
     const Size columns = min(n, column_panel);
     const Scratch scratch(columns);
     if (scratch) {
+      if (const MultiplyPacked wide =
+              chosen_variant().packed[letters.a == Layout::t][letters.b == Layout::t]) {
+        wide({a, b, p, m, n, k, lda, ldb, ldp}, {scratch.a(), scratch.b()}, columns);
+        multiply_rest<letters>(routines, {a, b, p, m, n, k, lda, ldb, ldp});
+        return;
+      }
       PackedProduct<letters>(routines, scratch, a, b, p, m, n, k, lda, ldb, ldp).run(columns);
       return;
     }
   }
-  routines.small(a, b, p, m, k, n, lda, ldb, ldp);
+  routines.whole(a, b, p, m, k, n, lda, ldb, ldp);
 }
 
 }  // namespace
