@@ -44,6 +44,7 @@ struct RealRows {
   Vector v;
 
   static constexpr int unroll = Lanes::unroll;
+  static constexpr Size depth_ahead = Lanes::depth_ahead;
   static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
   KSOMD_INLINE static void copy(Element* to, const Element* from) { load(from).store(to); }
@@ -77,6 +78,7 @@ struct ComplexRows {
   Vector im;
 
   static constexpr int unroll = Lanes::unroll;
+  static constexpr Size depth_ahead = Lanes::depth_ahead;
   static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
   KSOMD_INLINE static void copy(Element* to, const Element* from) {
@@ -195,6 +197,11 @@ struct Tile {
     const Size rows_in_part = call.part;
 #pragma clang loop unroll_count(Rows::unroll)
     for (Size l = call.depth; l != 0; --l) {
+      if constexpr (Rows::depth_ahead != 0) {
+        for (Size row = 0; row < V * width; row += 64 / sizeof(Element)) {
+          __builtin_prefetch(a + Rows::depth_ahead * a_depth + row);
+        }
+      }
       // The operand with fewer vectors stays in registers.
       if constexpr (V < C) {
         Rows rows[V];
