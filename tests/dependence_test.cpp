@@ -1,5 +1,6 @@
 // The dependence test against the definition: a plain quicksort, and every pair of ranges.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <random>
@@ -89,6 +90,91 @@ TEST(Dependence, ManyOrderedRanges) {
     EXPECT_TRUE(std::is_sorted(ranges.begin(), ranges.end(),
                                [](auto& a, auto& b) { return a.start < b.start; }));
   }
+}
+
+// Starts that the partitioning splits as unevenly as can be, none of them an order that is
+// recognised at once. All distinct.
+std::vector<std::vector<std::uint64_t>> uneven_orders(std::size_t n) {
+  std::vector<std::vector<std::uint64_t>> orders(5, std::vector<std::uint64_t>(n));
+  for (std::size_t i = 0; i < n; ++i) {
+    orders[0][i] = i;                                    // ascending, the first two exchanged
+    orders[1][i] = n - i;                                // descending, the last two exchanged
+    orders[2][i] = (i + 1) % n;                          // ascending, the lowest at the end
+    orders[3][i] = i < n / 2 ? 2 * i : 2 * (n - i) - 1;  // up and down again
+    orders[4][i] = i % 2 == 0 ? i : 2 * n - i;           // ascending and descending by turns
+  }
+  std::swap(orders[0][0], orders[0][1]);
+  std::swap(orders[1][n - 1], orders[1][n - 2]);
+  return orders;
+}
+
+struct Call {
+  Ranges ranges;
+  std::uint64_t result;
+};
+
+void* call_test(void* argument) {
+  auto& call = *static_cast<Call*>(argument);
+  call.result =
+      __orvex_rtdd_indep(call.ranges.data(), static_cast<std::int32_t>(call.ranges.size()));
+  return nullptr;
+}
+
+// On a stack that has no room for a call per range.
+TEST(Dependence, DepthStaysSmall) {
+  constexpr std::size_t n = 10000;
+  pthread_attr_t attributes;
+  ASSERT_EQ(pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, 128 << 10), 0);
+  for (const auto& order : uneven_orders(n)) {
+    for (const bool overlap : {false, true}) {
+      Call call = {Ranges(n), 2};
+      for (std::size_t i = 0; i < n; ++i) {
+        call.ranges[i] = {10 * order[i], 10 * order[i] + 9};
+      }
+      if (overlap) {
+        call.ranges[n / 2].end += 20;
+      }
+      const std::uint64_t extended = call.ranges[n / 2].start;
+      Ranges expected = call.ranges;
+      std::sort(expected.begin(), expected.end(),
+                [](auto& a, auto& b) { return a.start < b.start; });
+      const bool found = overlap && extended != expected.back().start;
+      pthread_t thread;
+      ASSERT_EQ(pthread_create(&thread, &attributes, call_test, &call), 0);
+      ASSERT_EQ(pthread_join(thread, nullptr), 0);
+      ASSERT_EQ(call.result, found ? 1u : 0u);
+      for (std::size_t i = 0; i < n; ++i) {
+        ASSERT_EQ(call.ranges[i].start, expected[i].start) << i;
+        ASSERT_EQ(call.ranges[i].end, expected[i].end) << i;
+      }
+    }
+  }
+  pthread_attr_destroy(&attributes);
+}
+
+TEST(Dependence, UnevenOrdersOfFewRanges) {
+  for (std::size_t n = 2; n < 40; ++n) {
+    for (const auto& order : uneven_orders(n)) {
+      for (const std::uint64_t divisor : {1u, 2u, 5u}) {  // equal starts, by twos and by fives
+        Ranges ranges(n);
+        for (std::size_t i = 0; i < n; ++i) {
+          ranges[i] = {order[i] / divisor * 10, order[i] / divisor * 10 + i % 12};
+        }
+        check(ranges);
+      }
+    }
+  }
+}
+
+// Addresses are unsigned, and an end at the very top overlaps nothing.
+TEST(Dependence, EndsOfTheAddressSpace) {
+  const std::uint64_t top = ~std::uint64_t{0};
+  check({{top - 10, top}, {0, 10}});
+  check({{top, top}, {0, top - 1}});
+  check({{top, top}, {0, top}});
+  check({{top >> 1, (top >> 1) + 1}, {(top >> 1) + 2, top}, {0, 5}});
+  check({{top, top}, {top, top}});
 }
 
 }  // namespace

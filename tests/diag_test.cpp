@@ -38,6 +38,16 @@ constexpr Mismatch mismatches[] = {
      "Constant propagation error (FORMAL substitution):\n\tSI64 2:-2 != -3:1\n"},
     {"2", "5", "0x3FF8000000000000", "0x4000000000000000",
      "Constant propagation error (GLOBAL substitution):\n\tF64 1.500000 != 2.000000\n"},
+    {"3", "1", "0x7FFFFFFF", "0x80000000",
+     "Constant propagation error (unknown substitution):\n\tSI32 2147483647 != -2147483648\n"},
+    {"-1", "3", "0x8000000000000000", "0x7FFFFFFFFFFFFFFF",
+     "Constant propagation error (unknown substitution):\n"
+     "\tI64 0:80000000 != ffffffff:7fffffff\n"},
+    {"1", "2", "0x80000000", "0x3F800000",
+     "Constant propagation error (RETURN substitution):\n\tF32 -0.000000 != 1.000000\n"},
+    {"1", "5", "0x430C6BF526340000", "0x8000000000000001",
+     "Constant propagation error (RETURN substitution):\n"
+     "\tF64 1000000000000000.000000 != -0.000000\n"},
     {"0", "6", "1", "1", "Bad second argument\n"},
     {"0", "4294967295", "1", "1", "Bad second argument\n"},
 };

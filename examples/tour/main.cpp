@@ -24,5 +24,7 @@ int main(int argc, char** argv) {
   tour::show_traceback();
   tour::show_memory();
   tour::show_matmul();
+  tour::show_vector();
+  tour::show_builtins();
   return 0;
 }

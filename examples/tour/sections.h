@@ -17,5 +17,7 @@ void show_quad();
 void show_traceback();
 void show_memory();
 void show_matmul();
+void show_vector();
+void show_builtins();
 
 }  // namespace tour

@@ -25,8 +25,11 @@ KSOMD_API ksomd_uint128 __udivmodti4(ksomd_uint128 a, ksomd_uint128 b, ksomd_uin
  * other operand; `remainder` may be `dividend`. Word alignment suffices. Algorithm D of Knuth, The
  * Art of Computer Programming 4.3.1, in 64-bit digits.
  *
- * Division by zero gives a quotient of all ones and the dividend as the remainder. The signed form
- * reads two's complement and truncates toward zero; the remainder has the dividend's sign. */
+ * The signed form reads two's complement and truncates toward zero; the remainder has the
+ * dividend's sign. The one quotient that is out of range, of the lowest number by -1, wraps around
+ * to the lowest number. Division by zero gives a quotient of all ones, in the signed form too and
+ * whatever the dividend's sign, and the dividend as the remainder. With no words nothing is
+ * touched. */
 KSOMD_API void __udivmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
                             uint32_t* divisor, uint32_t words);
 KSOMD_API void __divmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
@@ -38,7 +41,8 @@ __extension__ typedef double _Complex ksomd_complex_double;
 __extension__ typedef long double _Complex ksomd_complex_extended;
 
 /* (a + bi)(c + di) and (a + bi) / (c + di), with infinities recovered from NaN results as in
- * Annex G of the C standard. */
+ * Annex G of the C standard. In a quotient by an infinity, a dividend whose finite parts add up to
+ * an infinity counts as infinite. Errno is left alone. */
 KSOMD_API ksomd_complex_float __mulsc3(float a, float b, float c, float d);
 KSOMD_API ksomd_complex_double __muldc3(double a, double b, double c, double d);
 KSOMD_API ksomd_complex_extended __mulxc3(long double a, long double b, long double c,

@@ -60,8 +60,13 @@ KSOMD_API void __orvex_reduction_init_array(void* array, uint64_t count, int32_t
 /* Folds `source` into `destination`: destination[i] becomes the combination of destination[i] and
  * source[i * stride], for i from 0 to count - 1; with `use_stride` 0 the stride is 1. The stride
  * counts whole elements, may be negative or 0, and for complex types counts complex elements. The
- * arrays do not overlap. Codes as above; floating-point flags and rounding mode are the thread's.
- */
+ * arrays do not overlap. Codes as above.
+ *
+ * Arithmetic on floats and doubles rounds in the thread's SSE rounding mode and raises the flags of
+ * the operations element by element; of two NaNs the destination's survives, quiet. A complex
+ * product is re = d.re * s.re - d.im * s.im, im = d.re * s.im + d.im * s.re, each step rounded.
+ * Maximum and minimum raise invalid for any NaN, the logical operations and the comparisons for
+ * equality for signalling ones. */
 KSOMD_API void __orvex_simd_reduction_final_array(void* destination, const void* source,
                                                   uint64_t count, int32_t stride,
                                                   int32_t use_stride, int32_t operation,
