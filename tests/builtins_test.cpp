@@ -28,7 +28,7 @@ using namespace ksomd::test;
       X(__divxc3)
 
 struct Builtins {
-#define MEMBER(name) decltype(name)* name;
+#define MEMBER(name) decltype(::name)* name;
   FOR_EACH_BUILTIN(MEMBER)
 #undef MEMBER
 };
@@ -47,8 +47,8 @@ class Linked : public testing::TestWithParam<bool> {
   Builtins builtins{};
 };
 
-INSTANTIATE_TEST_SUITE_P(Builtins, Linked, testing::Bool(), [](const auto& info) {
-  return std::string(info.param ? "SharedLibrary" : "Archive");
+INSTANTIATE_TEST_SUITE_P(Builtins, Linked, testing::Bool(), [](const auto& parameter) {
+  return std::string(parameter.param ? "SharedLibrary" : "Archive");
 });
 
 // ---- long division ------------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 // The processor level of the math routines, their slots, and what an error does to errno.
 #include <cerrno>
+#include <type_traits>
 
 #include "diag/math.h"
 
@@ -111,17 +112,17 @@ using namespace ksomd::math;
 
 constinit LevelState __libkso_math_level{};
 
-constinit double (*__libkso_fmax_slot)(double, double) =
+constinit std::type_identity_t<double(double, double)>* __libkso_fmax_slot =
     Dispatch<__libkso_fmax_slot, general::fmax, vector::fmax>::resolve;
-constinit float (*__libkso_fmaxf_slot)(float, float) =
+constinit std::type_identity_t<float(float, float)>* __libkso_fmaxf_slot =
     Dispatch<__libkso_fmaxf_slot, general::fmaxf, vector::fmaxf>::resolve;
-constinit double (*__libkso_copysign_slot)(double, double) =
+constinit std::type_identity_t<double(double, double)>* __libkso_copysign_slot =
     Dispatch<__libkso_copysign_slot, general::copysign, vector::copysign>::resolve;
-constinit float (*__libkso_copysignf_slot)(float, float) =
+constinit std::type_identity_t<float(float, float)>* __libkso_copysignf_slot =
     Dispatch<__libkso_copysignf_slot, general::copysignf, vector::copysignf>::resolve;
-constinit double (*__libkso_logb_slot)(double) =
+constinit std::type_identity_t<double(double)>* __libkso_logb_slot =
     Dispatch<__libkso_logb_slot, general::logb, vector::logb>::resolve;
-constinit double (*__libkso_scalbn_slot)(double, std::int32_t) =
+constinit std::type_identity_t<double(double, std::int32_t)>* __libkso_scalbn_slot =
     Dispatch<__libkso_scalbn_slot, general::scalbn, vector::scalbn>::resolve;
 
 double __libkso_fmax(double x, double y) {

@@ -5,6 +5,8 @@
 // the signs become a mask, the order a selection, the distance a shift count. What it leaves
 // (operands that are not normal, results near the ends of the exponent range, long cancellation)
 // goes to the complete cores, one source for 64-bit and 32-bit words.
+#include <immintrin.h>
+
 #include <cstdlib>
 
 #include "quad/dispatch.h"
@@ -172,10 +174,11 @@ inline std::uint64_t trailing_zeros(Roomy y) {
   const std::uint64_t zeros = trailing_zeros(y);
   const auto add_mask =
       static_cast<std::uint64_t>(static_cast<std::int64_t>(~(a_high ^ b_high)) >> 63);
-  unsigned long long borrow = zeros < (distance | add_mask) ? 1 : 0;
-  const std::uint64_t low = __builtin_subcll(x.low, low_word(aligned) ^ add_mask, borrow, &borrow);
-  const std::uint64_t high =
-      __builtin_subcll(x.high, high_word(aligned) ^ add_mask, borrow, &borrow);
+  unsigned long long low = 0;
+  unsigned long long high = 0;
+  const std::uint8_t rest = zeros < (distance | add_mask) ? 1 : 0;
+  const std::uint8_t borrow = _subborrow_u64(rest, x.low, low_word(aligned) ^ add_mask, &low);
+  _subborrow_u64(borrow, x.high, high_word(aligned) ^ add_mask, &high);
   const std::uint64_t sticky = zeros < distance ? 1 : 0;
   if (high >> lowest_top == 0) [[unlikely]] {
     return store_cancelled(r, x_high, high, low);

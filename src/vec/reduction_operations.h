@@ -15,7 +15,11 @@ namespace ksomd::reduction {
 // ---- vectors ------------------------------------------------------------------------------------
 
 template <class T>
-using Vector = T __attribute__((vector_size(16)));
+struct VectorOf {
+  using Type [[gnu::vector_size(16)]] = T;
+};
+template <class T>
+using Vector = typename VectorOf<T>::Type;
 
 // What a number or a vector of them consists of.
 template <class T, class = void>
