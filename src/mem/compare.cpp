@@ -82,63 +82,6 @@ template <Access from = Access::Unaligned>
   return all_set(_mm_and_si128(equal_64(a, b), equal_64(a + n - 64, b + n - 64)));
 }
 
-// ---- the first difference -----------------------------------------------------------------------
-
-// At least 16 bytes, 16 at a time: what is behind the block of the first difference is not read.
-[[gnu::noinline]] int compare_stepwise(const Byte* a, const Byte* b, size_t n) {
-  int result = 0;
-  const Byte* const a_last = a + n - 16;
-  const Byte* const b_last = b + n - 16;
-  for (; a < a_last; a += 16, b += 16) {
-    if (differ<Piece16>(a, b, result)) {
-      return result;
-    }
-  }
-  differ<Piece16>(a_last, b_last, result);
-  return result;
-}
-
-// More than 64 bytes that are in the two pages of a and b.
-[[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
-  const Byte* const a_last = a + n - 64;
-  const Byte* const b_last = b + n - 64;
-  for (; a < a_last; a += 64, b += 64) {
-    if (!all_set(equal_64(a, b))) {
-      return compare_stepwise(a, b, 64);
-    }
-  }
-  return all_set(equal_64(a_last, b_last)) ? 0 : compare_stepwise(a_last, b_last, 64);
-}
-
-// More than 64 bytes, across any number of pages.
-[[gnu::noinline]] int compare_pages(const Byte* a, const Byte* b, size_t n) {
-  int result = 0;
-  if (differ<Piece16>(a, b, result)) {
-    return result;
-  }
-  const Byte* const b_end = b + n;
-  const std::ptrdiff_t distance = a - b;
-  // The first range is read at aligned addresses from here on.
-  b += 16 - offset_in(16, a);
-  while (static_cast<size_t>(b_end - b) > 64) {
-    const size_t room = room_in_pages(b + distance, b), left = static_cast<size_t>(b_end - b);
-    for (const Byte* const b_stop = b + (room < left ? room : left) / 64 * 64; b != b_stop;
-         b += 64) {
-      if (!all_set(equal_64<Access::Aligned>(b + distance, b))) {
-        return compare_stepwise(b + distance, b, 64);
-      }
-    }
-    if (static_cast<size_t>(b_end - b) > 64) {  // a page ends within the next 64 bytes
-      if (const int order = compare_stepwise(b + distance, b, 64)) {
-        return order;
-      }
-      b += 64;
-    }
-  }
-  // At most 64 bytes are left, and the last 64 of the range hold them.
-  return compare_stepwise(b_end - 64 + distance, b_end - 64, 64);
-}
-
 // ---- short ranges -------------------------------------------------------------------------------
 
 [[gnu::always_inline]] inline int sign(std::uint64_t x, std::uint64_t y) {
@@ -166,6 +109,67 @@ template <Access from = Access::Unaligned>
     return sign(joined_halves(a, n), joined_halves(b, n));
   }
   return n == 0 ? 0 : sign(joined_bytes(a, n), joined_bytes(b, n));
+}
+
+// ---- the first difference -----------------------------------------------------------------------
+
+// 16 bytes at a time, counted from the beginning: what is behind the block of the first difference
+// is not read.
+[[gnu::noinline]] int compare_stepwise(const Byte* a, const Byte* b, size_t n) {
+  int result = 0;
+  for (; n >= 16; a += 16, b += 16, n -= 16) {
+    if (differ<Piece16>(a, b, result)) {
+      return result;
+    }
+  }
+  return compare_below_16(a, b, n);
+}
+
+// More than 64 bytes that are in the two pages of a and b.
+[[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
+  const Byte* const a_last = a + n - 64;
+  const Byte* const b_last = b + n - 64;
+  for (; a < a_last; a += 64, b += 64) {
+    if (!all_set(equal_64(a, b))) {
+      return compare_stepwise(a, b, 64);
+    }
+  }
+  return all_set(equal_64(a_last, b_last)) ? 0 : compare_stepwise(a_last, b_last, 64);
+}
+
+// Across any number of pages, in steps of 64 bytes where no page ends. There the first range is
+// read at aligned addresses, elsewhere 16 bytes at a time as counted from the beginning.
+[[gnu::noinline]] int compare_pages(const Byte* a, const Byte* b, size_t n) {
+  constexpr size_t stretch_over_end = 64 + 16;
+  const std::ptrdiff_t distance = a - b;
+  const Byte* const b_begin = b;
+  const Byte* const b_end = b + n;
+  for (;;) {
+    size_t left = static_cast<size_t>(b_end - b);
+    size_t room = room_in_pages(b + distance, b);
+    room = room < left ? room : left;
+    if (room >= stretch_over_end) {
+      int result = 0;
+      if (differ<Piece16>(b + distance, b, result)) {
+        return result;
+      }
+      const size_t head = 16 - offset_in(16, b + distance);
+      b += head;
+      for (size_t blocks = (room - head) / 64; blocks != 0; --blocks, b += 64) {
+        if (!all_set(equal_64<Access::Aligned>(b + distance, b))) {
+          return compare_stepwise(b + distance, b, 64);
+        }
+      }
+      b -= static_cast<size_t>(b - b_begin) % 16;
+      left = static_cast<size_t>(b_end - b);
+    }
+    const size_t stretch = left < stretch_over_end ? left : stretch_over_end;
+    if (const int found = compare_stepwise(b + distance, b, stretch);
+        found != 0 || stretch == left) {
+      return found;
+    }
+    b += stretch;
+  }
 }
 
 // Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
@@ -217,8 +221,8 @@ int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
   if (count < 16) {
     return compare_below_16(a, b, count);
   }
-  if (count > room_in_pages(a, b)) [[unlikely]] {
-    return count > 64 ? compare_pages(a, b, count) : compare_stepwise(a, b, count);
+  if (count > 512 || count > room_in_pages(a, b)) [[unlikely]] {
+    return compare_pages(a, b, count);
   }
   if (count > 128) {
     return compare_blocks(a, b, count);
