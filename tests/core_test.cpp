@@ -357,10 +357,13 @@ TEST(TuningValues, AreThoseOfThisProcessorFromTheStart) {
                 mem::derive_tuning(hardware_processor, gather_caches(hardware_processor)));
 }
 
-// Seen by a constructor of this program: the library's own has run before it.
+// Seen by a constructor of this program: the library's own has run before it. The tuning values of
+// many processors are the defaults; that the caches are gathered tells on all of them.
+const std::uint32_t gathered_at_construction = [] { return __libkso_cache_info.ready; }();
 const mem::Tuning tuning_at_construction = __libkso_mem_tuning;
 const std::int32_t class_at_construction = [] { return __libkso_mem_tuning.mem_class; }();
 TEST(TuningValues, AreReadyForConstructors) {
+  EXPECT_EQ(gathered_at_construction, 1u);
   expect_tuning(tuning_at_construction, __libkso_mem_tuning);
   EXPECT_EQ(class_at_construction, __libkso_mem_tuning.mem_class);
 }
@@ -386,6 +389,39 @@ TEST(TuningValues, ReportOfAMissingCacheSize) {
     const ChildResult result = run_child("check_cache_size", quiet);
     EXPECT_EQ(result.status, 7);
     EXPECT_EQ(result.output, "");
+  }
+}
+
+// The initialiser itself, on caches as a broken genuine processor reports them.
+KSOMD_CHILD(initialise_again) {
+  __libkso_cache_info = genuine_caches(static_cast<std::uint32_t>(std::stoul(arguments[0])), 9, 0);
+  __libkso_cache_info.genuine = arguments[1] == "genuine";
+  __libkso_cache_info.ready = 1;
+  __libkso_mem_tuning_init();
+  return __libkso_mem_tuning.l1_size == mem::Tuning{}.l1_size ? 7 : 8;
+}
+
+TEST(TuningValues, InitialiserHeedsTheDebugVariable) {
+  const struct {
+    const char *l1, *vendor, *variable;
+    int status;
+  } cases[] = {{"0", "genuine", "1", 1},
+               {"0", "genuine", "", 7},
+               {"0", "genuine", nullptr, 7},
+               {"0", "other", "1", 7},
+               {"48", "genuine", "1", 8}};
+  for (const auto& c : cases) {
+    std::vector<std::pair<std::string, std::string>> environment;
+    if (c.variable != nullptr) {
+      environment.emplace_back("__ORVEX_LIBKSO_DEBUG", c.variable);
+    }
+    SCOPED_TRACE(std::string(c.l1) + ' ' + c.vendor);
+    expect_exit(run_child("initialise_again", {c.l1, c.vendor}, environment), c.status,
+                c.status != 1
+                    ? ""
+                    : text_mode("\nCache size is incorrectly reported as 0. Please engage "
+                                "your hardware and/or OS support to address the "
+                                "problem.\n\n"));
   }
 }
 

@@ -2,6 +2,10 @@
 // clearing of upper halves, counted one instruction after the other.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+
+#include "mem/vector.h"
 #include "mem_variants.h"
 #include "support/guarded_memory.h"
 #include "support/instruction_count.h"
@@ -216,6 +220,50 @@ TEST_F(Method, VectorRoutinesUseStringsUpToSixteenKibibytes) {
   // 11 bytes first; the rest is below the limit then.
   EXPECT_EQ(copy(_VEC_memcpy, 16385, 5, 5)[Kind::VectorStore], 0u);
   EXPECT_EQ(copy(_VEC_memcpy, 16385, 5, 5)[Kind::StringMove], 3u);
+}
+
+// The probe's two answers: loads that all take as long, and loads that take ever longer.
+std::uint64_t even_clock() {
+  return 0;
+}
+std::uint64_t now = 0;
+std::uint64_t slowing_clock() {
+  now = now * 8 + 1;
+  return now & 0xFFFFFF;
+}
+
+TEST_F(Method, VectorRoutinesStoreAsTheProbeSays) {
+  for (const bool cached : {true, false}) {
+    const auto clock = cached ? even_clock : slowing_clock;
+    for (const std::size_t s : {0u, 5u}) {
+      now = 0;
+      for (std::size_t i = 0; i < 20'100; ++i) {
+        source_.begin()[i] = static_cast<Byte>(i * 7 >> 3);
+      }
+      std::memset(target_.begin(), 0, 20'100);
+      const std::size_t n = 16384 + 128 * 3 + 77;
+      const InstructionCount count = count_instructions(
+          [&, this] { mem::copy_by_clock(target_.begin(), source_.begin() + s, n, clock); });
+      expect_method(count, Kind::StringFill, {false, !cached});
+      EXPECT_EQ(count[cached ? Kind::VectorStore : Kind::NonTemporalStore], n / 128 * 8);
+      EXPECT_EQ(std::memcmp(target_.begin(), source_.begin() + s, n), 0);
+      EXPECT_EQ(target_.begin()[n], 0);
+    }
+    // One string instruction for the rest of a zeroed range, two for that of a filled one.
+    const std::size_t n = 16384 + 128 + 77;
+    for (const bool zero : {true, false}) {
+      now = 0;
+      const InstructionCount count = count_instructions([&, this] {
+        zero ? mem::zero_by_clock(target_.begin(), n, clock)
+             : mem::fill_by_clock(target_.begin(), 0x1AB, n, clock);
+      });
+      expect_method(count, Kind::StringMove, {false, !cached});
+      EXPECT_EQ(count[Kind::StringFill], zero ? 1u : 2u);
+      EXPECT_EQ(count[cached ? Kind::VectorStore : Kind::NonTemporalStore], n / 128 * 8);
+      EXPECT_TRUE(std::all_of(target_.begin(), target_.begin() + n,
+                              [&](Byte byte) { return byte == (zero ? 0 : 0xAB); }));
+    }
+  }
 }
 
 TEST_F(Method, LaterCallsOfADispatchedRoutineGoStraightToTheVariant) {

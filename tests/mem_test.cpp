@@ -365,16 +365,27 @@ TEST(Compare, LongRangesDifferInOneByte) {
   }
 }
 
-// Bytes behind the first difference may lie in memory that cannot be read.
+// Bytes behind the first difference may lie in memory that cannot be read: only the 16 bytes in
+// which it lies are, whichever of the two ranges ends first and wherever the other one lies.
 TEST(Compare, ReadsNothingBeyondTheDifference) {
-  GuardedMemory first(4096), second(4096);
-  Byte* const a = first.end() - 48;
-  Byte* const b = second.end() - 48;
-  for (std::size_t place = 0; place < 48; ++place) {
-    a[place] = 1;
-    EXPECT_EQ(_orvex_fast_memcmp(a, b, 1000), 1) << place;
-    EXPECT_EQ(_orvex_fast_memcmp(b, a, std::size_t{1} << 40), -1) << place;
-    a[place] = 0;
+  GuardedMemory first(4096), second(8192);
+  for (const std::size_t reach :
+       std::initializer_list<std::size_t>{16, 32, 48, 64, 80, 112, 128, 160, 256, 1024, 4096}) {
+    Byte* const a = first.end() - reach;
+    for (Byte* const b : {second.end() - reach, second.begin() + 77, second.begin() + 4090}) {
+      if (b + reach > second.end()) {
+        continue;
+      }
+      for (std::size_t place = 0; place < reach; place += reach > 300 ? 37 : 1) {
+        a[place] = 1;
+        for (const std::size_t n :
+             {reach, reach + 1, reach + 40, reach + 100, reach + 1000, std::size_t{1} << 40}) {
+          ASSERT_EQ(_orvex_fast_memcmp(a, b, n), 1) << reach << ' ' << place << ' ' << n;
+          ASSERT_EQ(_orvex_fast_memcmp(b, a, n), -1) << reach << ' ' << place << ' ' << n;
+        }
+        a[place] = 0;
+      }
+    }
   }
   auto* const unreadable = first.end();
   EXPECT_EQ(_orvex_fast_memcmp(unreadable, unreadable, 100), 0);

@@ -4,6 +4,8 @@
 
 #include "ksomd/core.h"
 
+constinit ksomd::CacheInfo __libkso_cache_info{};
+
 namespace ksomd {
 namespace {
 
@@ -182,8 +184,6 @@ void read_leaf_2(const Processor& processor, CacheInfo& info) {
   }
 }
 
-CacheInfo process_info;
-
 // Copies all but the ready mark, word by word: racing first users store the same values.
 void copy_caches(const CacheInfo& from, CacheInfo& to) {
   constexpr std::size_t words = offsetof(CacheInfo, ready) / sizeof(std::uint32_t);
@@ -219,11 +219,11 @@ CacheInfo gather_caches(const Processor& processor) {
 }
 
 CacheInfo process_caches() {
-  if (__atomic_load_n(&process_info.ready, __ATOMIC_ACQUIRE) == 0) {
+  if (__atomic_load_n(&__libkso_cache_info.ready, __ATOMIC_ACQUIRE) == 0) {
     __libkso_cache_init();
   }
   CacheInfo info{};
-  copy_caches(process_info, info);
+  copy_caches(__libkso_cache_info, info);
   info.ready = 1;
   return info;
 }
@@ -231,8 +231,8 @@ CacheInfo process_caches() {
 }  // namespace ksomd
 
 void __libkso_cache_init() {
-  ksomd::copy_caches(ksomd::gather_caches(ksomd::hardware_processor), ksomd::process_info);
-  __atomic_store_n(&ksomd::process_info.ready, 1, __ATOMIC_RELEASE);
+  ksomd::copy_caches(ksomd::gather_caches(ksomd::hardware_processor), __libkso_cache_info);
+  __atomic_store_n(&__libkso_cache_info.ready, 1, __ATOMIC_RELEASE);
 }
 
 std::uint32_t __cacheSize(std::uint32_t level) {

@@ -35,5 +35,12 @@ CacheInfo process_caches();
 
 }  // namespace ksomd
 
+extern "C" {
+
+// The process's caches: read through process_caches().
+[[gnu::visibility("hidden")]] extern ksomd::CacheInfo __libkso_cache_info;
+
 // Gathers the caches of the processor that the code runs on.
-extern "C" void __libkso_cache_init(void);
+void __libkso_cache_init(void);
+
+}  // extern "C"

@@ -62,6 +62,6 @@ void* __orvex_tvr_avx512_memcpy(void* destination, const void* source, size_t co
   } else {
     copy_vectors(d, s, count);
   }
-  _mm256_zeroupper();
+  clear_upper_halves();
   return destination;
 }

@@ -44,6 +44,6 @@ void* __orvex_tvr_avx512_memset(void* destination, int value, size_t count) {
   } else {
     fill_vectors(d, value, count);
   }
-  _mm256_zeroupper();
+  clear_upper_halves();
   return destination;
 }

@@ -9,7 +9,9 @@ constexpr size_t block = 256;
 constexpr size_t stream_floor = 768;
 
 // n is more than a block.
-[[gnu::always_inline]] inline void copy_long(Byte* d, const Byte* s, size_t n) {
+[[gnu::noinline]] void* copy_long(void* destination, const void* source, size_t n) {
+  auto* d = static_cast<Byte*>(destination);
+  const auto* s = static_cast<const Byte*>(source);
   const Byte* const s_end = s + n;
   Byte* const d_end = d + n;
   const size_t head = distance_to_boundary(32, d);
@@ -20,7 +22,8 @@ constexpr size_t stream_floor = 768;
   if (n >= block && n >= tuning.l1_half - tuning.l1_half / 4) {
     if (n < tuning.copy_nt_threshold) {
       copy_string_bytes(d, s, n);
-      return;
+      clear_upper_halves();
+      return destination;
     }
     do {
       prefetch<4, _MM_HINT_T0>(s + 512);
@@ -34,6 +37,8 @@ constexpr size_t stream_floor = 768;
   }
   // What is left is less than a block: the last block of the range, without a branch.
   copy_block<Piece32, 2, 4, Access::Unaligned, Access::Unaligned>(d_end - block, s_end - block);
+  clear_upper_halves();
+  return destination;
 }
 
 }  // namespace
@@ -43,11 +48,23 @@ void* __orvex_avx_rep_memcpy(void* destination, const void* source, size_t count
   using namespace ksomd::mem;
   auto* d = static_cast<Byte*>(destination);
   const auto* s = static_cast<const Byte*>(source);
-  if (count <= block) [[likely]] {
-    copy_up_to_256(d, s, count);
+  if (count < Piece32::size / 2) {
+    copy_below<Piece16>(d, s, count);
+  } else if (count < Piece32::size) {
+    copy_head_tail<Piece16, 1>(d, s, count);
+    clear_upper_halves<1>();
+    return destination;
+  } else if (count <= block / 2) {
+    copy_quarters<Piece32>(d, s, count);
+    clear_upper_halves<2>();
+    return destination;
+  } else if (count <= block) {
+    const size_t tail = count - block / 2;
+    copy_group<Piece32, 4, Access::Unaligned, Access::Unaligned>(d, s);
+    copy_group<Piece32, 4, Access::Unaligned, Access::Unaligned>(d + tail, s + tail);
   } else {
-    copy_long(d, s, count);
+    [[clang::musttail]] return copy_long(destination, source, count);
   }
-  _mm256_zeroupper();
+  clear_upper_halves();
   return destination;
 }

@@ -7,8 +7,9 @@ namespace {
 constexpr size_t block = 256;
 
 // n is a block or more.
-[[gnu::always_inline]] inline void fill_long(Byte* d, std::uint64_t bytes, size_t n) {
-  const Piece32::Value value = Piece32::pattern(bytes);
+[[gnu::noinline]] void* fill_long(void* destination, int byte, size_t n) {
+  auto* d = static_cast<Byte*>(destination);
+  const Piece32::Value value = _mm256_set1_epi8(static_cast<char>(byte));
   Byte* const d_end = d + n;
   const size_t head = distance_to_boundary(32, d);
   Piece32::store<Access::Unaligned>(d, value);
@@ -17,8 +18,9 @@ constexpr size_t block = 256;
   if (n >= block) {
     const Tuning& tuning = __libkso_mem_tuning;
     if (n >= tuning.l1_size - tuning.l1_size / 16) {
-      fill_string_bytes(d, bytes, n);
-      return;
+      fill_string_bytes(d, repeat_byte(byte), n);
+      clear_upper_halves();
+      return destination;
     }
     do {
       fill_group<Piece32, 8, Access::Aligned>(d, value);
@@ -27,6 +29,8 @@ constexpr size_t block = 256;
   }
   // What is left is less than a block: the last block of the range, without a branch.
   fill_group<Piece32, 8, Access::Unaligned>(d_end - block, value);
+  clear_upper_halves();
+  return destination;
 }
 
 }  // namespace
@@ -35,12 +39,31 @@ constexpr size_t block = 256;
 void* __orvex_avx_rep_memset(void* destination, int value, size_t count) {
   using namespace ksomd::mem;
   auto* d = static_cast<Byte*>(destination);
-  const std::uint64_t bytes = repeat_byte(value);
-  if (count < block) [[likely]] {
-    fill_up_to_256(d, bytes, count);
+  const __m256i bytes = _mm256_set1_epi8(static_cast<char>(value));
+  const __m128i half = _mm256_castsi256_si128(bytes);
+  if (count <= 64) {
+    if (count >= 16) {
+      fill_quarters<Piece16>(d, half, count);
+      clear_upper_halves<1>();
+      return destination;
+    }
+    if (count >= 4) {
+      fill_quarters<Piece4>(d, static_cast<std::uint32_t>(_mm_cvtsi128_si32(half)), count);
+      clear_upper_halves<2>();
+      return destination;
+    }
+    if (count != 0) {
+      d[0] = d[count / 2] = d[count - 1] = static_cast<Byte>(value);
+    }
+  } else if (count <= block / 2) {
+    fill_head_tail<Piece32, 2>(d, bytes, count);
+    clear_upper_halves<3>();
+    return destination;
+  } else if (count < block) {
+    fill_head_tail<Piece32, 4>(d, bytes, count);
   } else {
-    fill_long(d, bytes, count);
+    [[clang::musttail]] return fill_long(destination, value, count);
   }
-  _mm256_zeroupper();
+  clear_upper_halves();
   return destination;
 }

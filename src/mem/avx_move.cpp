@@ -87,57 +87,116 @@ template <class Direction, Access from, Access to>
   move_step<Direction, from, to>(Direction::advance(d, step), Direction::advance(s, step));
 }
 
-// The 32 bytes from byte `shift` of two neighbouring aligned vectors on.
+// The 32 bytes from byte `shift` of two neighbouring aligned vectors on; 0 < shift < 32.
 template <size_t shift>
-[[gnu::always_inline]] inline __m256i realign(__m256i low, __m256i high) {
-  const __m256i middle = _mm256_permute2x128_si256(low, high, 0x21);
-  if constexpr (shift < 16) {
-    return _mm256_alignr_epi8(middle, low, shift);
-  } else {
-    return _mm256_alignr_epi8(high, middle, shift - 16);
+struct FixedShift {
+  [[gnu::always_inline]] __m256i operator()(__m256i low, __m256i high) const {
+    const __m256i middle = _mm256_permute2x128_si256(low, high, 0x21);
+    if constexpr (shift < 16) {
+      return _mm256_alignr_epi8(middle, low, shift);
+    } else {
+      return _mm256_alignr_epi8(high, middle, shift - 16);
+    }
   }
-}
+};
 
-// What is left of a long move, up to 256 bytes: nothing of it has been stored yet.
-template <class Direction>
-[[gnu::noinline]] void* finish(Byte* d, const Byte* s, size_t n, void* result) {
-  copy_up_to_256(Direction::lowest(d, n), Direction::lowest(s, n), n);
-  _mm256_zeroupper();
+// The same by a shift that is not known before: slower, but without a jump that no predictor can
+// tell, and in one piece of code.
+class VariableShift {
+ public:
+  [[gnu::always_inline]] explicit VariableShift(size_t shift)
+      : from_middle_(_mm256_set1_epi8(shift < 16 ? 0 : -1)) {
+    const __m256i place =
+        _mm256_add_epi8(_mm256_broadcastsi128_si256(
+                            _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)),
+                        _mm256_set1_epi8(static_cast<char>(shift % 16)));
+    // A byte of which the highest bit is set selects nothing.
+    in_first_ = _mm256_adds_epu8(place, _mm256_set1_epi8(0x70));
+    in_second_ = _mm256_sub_epi8(place, _mm256_set1_epi8(16));
+  }
+  [[gnu::always_inline]] __m256i operator()(__m256i low, __m256i high) const {
+    const __m256i middle = _mm256_permute2x128_si256(low, high, 0x21);
+    const __m256i first = _mm256_blendv_epi8(low, middle, from_middle_);
+    const __m256i second = _mm256_blendv_epi8(middle, high, from_middle_);
+    return _mm256_or_si256(_mm256_shuffle_epi8(first, in_first_),
+                           _mm256_shuffle_epi8(second, in_second_));
+  }
+
+ private:
+  __m256i from_middle_, in_first_, in_second_;
+};
+
+// Half a block to a block, any overlap.
+[[gnu::always_inline]] inline void* move_up_to_256(Byte* d, const Byte* s, size_t n, void* result) {
+  copy_head_tail<Piece32, 4>(d, s, n);
+  clear_upper_halves();
   return result;
 }
 
-// Moves steps while a block is left; source edge `shift` bytes past a boundary. Reads aligned
+// What is left of a long move, up to a block: nothing of it has been stored yet.
+template <class Direction>
+[[gnu::noinline]] void* finish(Byte* d, const Byte* s, size_t n, void* result) {
+  d = Direction::lowest(d, n);
+  s = Direction::lowest(s, n);
+  if (n > block / 2) {
+    return move_up_to_256(d, s, n, result);
+  }
+  copy_up_to_128(d, s, n);
+  clear_upper_halves();
+  return result;
+}
+
+// Moves steps while a block is left; the source edge lies between two boundaries. Reads aligned
 // vectors only, each once: the one that holds the next byte is in a register. That one begins (or
 // ends) among bytes already moved, and the loop stops more than a vector before the range does, so
 // that nothing outside the source range is read.
+template <class Direction, class Shift>
+[[gnu::always_inline]] inline void* move_realigning(Byte* d, const Byte* s, size_t n, void* result,
+                                                    const Shift& realign) {
+  const size_t ahead = Direction::misalignment(s);
+  const Byte* edge = Direction::advance(s, ahead);
+  __m256i passed = Piece32::load<Access::Aligned>(Direction::vector(edge, -1));
+  do {
+    __m256i value[4];
+#pragma clang loop unroll(full)
+    for (int i = 0; i < 4; ++i) {
+      const __m256i next = Piece32::load<Access::Aligned>(Direction::vector(edge, i));
+      value[i] = realign(Direction::low(passed, next), Direction::high(passed, next));
+      passed = next;
+    }
+#pragma clang loop unroll(full)
+    for (int i = 0; i < 4; ++i) {
+      Piece32::store<Access::Aligned>(Direction::vector(d, i), value[i]);
+    }
+    d = Direction::advance(d, step);
+    edge = Direction::advance(edge, step);
+    n -= step;
+  } while (n >= block);
+  return finish<Direction>(d, Direction::retreat(edge, ahead), n, result);
+}
+
+// A loop for each shift.
 template <class Direction>
 struct RealigningLoop {
   using Routine = void*(Byte* d, const Byte* s, size_t n, void* result);
 
   template <size_t shift>
   static void* run(Byte* d, const Byte* s, size_t n, void* result) {
-    const size_t ahead = Direction::misalignment(s);
-    const Byte* edge = Direction::advance(s, ahead);
-    __m256i passed = Piece32::load<Access::Aligned>(Direction::vector(edge, -1));
-    do {
-      __m256i value[4];
-#pragma clang loop unroll(full)
-      for (int i = 0; i < 4; ++i) {
-        const __m256i next = Piece32::load<Access::Aligned>(Direction::vector(edge, i));
-        value[i] = realign<shift>(Direction::low(passed, next), Direction::high(passed, next));
-        passed = next;
-      }
-#pragma clang loop unroll(full)
-      for (int i = 0; i < 4; ++i) {
-        Piece32::store<Access::Aligned>(Direction::vector(d, i), value[i]);
-      }
-      d = Direction::advance(d, step);
-      edge = Direction::advance(edge, step);
-      n -= step;
-    } while (n >= block);
-    [[clang::musttail]] return finish<Direction>(d, Direction::retreat(edge, ahead), n, result);
+    return move_realigning<Direction>(d, s, n, result, FixedShift<shift>());
   }
 };
+
+// From here on the jump to a loop of its own pays for itself.
+constexpr size_t fixed_shift_floor = 1024;
+
+template <class Direction>
+[[gnu::noinline]] void* move_misaligned(Byte* d, const Byte* s, size_t n, void* result) {
+  const size_t shift = offset_in(32, s);
+  if (n < fixed_shift_floor) {
+    return move_realigning<Direction>(d, s, n, result, VariableShift(shift));
+  }
+  return code_table<RealigningLoop<Direction>, 32>[shift](d, s, n, result);
+}
 
 // d and s are the edges of more than 256 bytes.
 template <class Direction>
@@ -168,16 +227,28 @@ template <class Direction>
       for (; n >= block; advance(block)) {
         move_block<Direction, Access::Unaligned, Access::Aligned>(d, s);
       }
-    } else if (const size_t shift = offset_in(32, s); shift == 0) {
+    } else if (offset_in(32, s) == 0) {
       do {
         move_block<Direction, Access::Aligned, Access::Aligned>(d, s);
         advance(block);
       } while (n >= block);
     } else {
-      [[clang::musttail]] return code_table<RealigningLoop<Direction>, 32>[shift](d, s, n, result);
+      return move_misaligned<Direction>(d, s, n, result);
     }
   }
-  [[clang::musttail]] return finish<Direction>(d, s, n, result);
+  return finish<Direction>(d, s, n, result);
+}
+
+// More than half a block.
+[[gnu::noinline]] void* move_above_128(void* destination, const void* source, size_t n) {
+  auto* d = static_cast<Byte*>(destination);
+  const auto* s = static_cast<const Byte*>(source);
+  if (n <= block) {
+    return move_up_to_256(d, s, n, destination);
+  }
+  return reinterpret_cast<std::uintptr_t>(d) < reinterpret_cast<std::uintptr_t>(s)
+             ? move_long<Ascending>(d, s, n, destination)
+             : move_long<Descending>(d + n, s + n, n, destination);
 }
 
 }  // namespace
@@ -187,17 +258,20 @@ void* __orvex_avx_memmove(void* destination, const void* source, size_t count) {
   using namespace ksomd::mem;
   auto* d = static_cast<Byte*>(destination);
   const auto* s = static_cast<const Byte*>(source);
-  // Equal addresses: memory that may be read only, or not there, above the size of a vector.
-  if (count > Piece32::size && d == s) [[unlikely]] {
+  if (count < Piece32::size / 2) {
+    copy_below<Piece16>(d, s, count);
+  } else if (count < Piece32::size) {
+    copy_head_tail<Piece16, 1>(d, s, count);
+    clear_upper_halves<1>();
+    return destination;
+  } else if (d != s) [[likely]] {
+    if (count > block / 2) {
+      [[clang::musttail]] return move_above_128(destination, source, count);
+    }
+    copy_quarters<Piece32>(d, s, count);
+    clear_upper_halves<2>();
     return destination;
   }
-  if (count <= block) [[likely]] {
-    copy_up_to_256(d, s, count);
-    _mm256_zeroupper();
-    return destination;
-  }
-  if (reinterpret_cast<std::uintptr_t>(d) < reinterpret_cast<std::uintptr_t>(s)) {
-    return move_long<Ascending>(d, s, count, destination);
-  }
-  return move_long<Descending>(d + count, s + count, count, destination);
+  clear_upper_halves();
+  return destination;
 }

@@ -176,6 +176,40 @@ template <class Piece, size_t count>
   fill_group<Piece, count, Access::Unaligned>(d + n - count * Piece::size, value);
 }
 
+// One to four times the size of Piece: two pieces at the start and two ending at the end, which
+// coincide up to twice the size. One piece of code for many sizes, without a branch.
+//
+//   |<- piece ->|<- piece ->|   ...   |<- piece ->|<- piece ->|
+//   0           inner                 n - size    n - size
+//                                      - inner
+template <class Piece>
+[[gnu::always_inline]] inline size_t inner_offset(size_t n) {
+  return (n - 1) / 2 & ~(Piece::size - 1);
+}
+
+// All are loaded before any is stored.
+template <class Piece>
+[[gnu::always_inline]] inline void copy_quarters(Byte* d, const Byte* s, size_t n) {
+  const size_t inner = inner_offset<Piece>(n), last = n - Piece::size;
+  const auto a = Piece::template load<Access::Unaligned>(s);
+  const auto b = Piece::template load<Access::Unaligned>(s + inner);
+  const auto y = Piece::template load<Access::Unaligned>(s + last - inner);
+  const auto z = Piece::template load<Access::Unaligned>(s + last);
+  Piece::template store<Access::Unaligned>(d, a);
+  Piece::template store<Access::Unaligned>(d + inner, b);
+  Piece::template store<Access::Unaligned>(d + last - inner, y);
+  Piece::template store<Access::Unaligned>(d + last, z);
+}
+
+template <class Piece>
+[[gnu::always_inline]] inline void fill_quarters(Byte* d, typename Piece::Value value, size_t n) {
+  const size_t inner = inner_offset<Piece>(n), last = n - Piece::size;
+  Piece::template store<Access::Unaligned>(d, value);
+  Piece::template store<Access::Unaligned>(d + inner, value);
+  Piece::template store<Access::Unaligned>(d + last - inner, value);
+  Piece::template store<Access::Unaligned>(d + last, value);
+}
+
 // Any n below the size of Piece, as a head and a tail of the largest piece not above n. Safe for
 // overlapping ranges.
 template <class Piece>

@@ -38,27 +38,51 @@ template <>
   return true;
 }
 
-// `count` blocks of 16 bytes, each read only if those before it are equal.
-template <size_t count>
-[[gnu::always_inline]] inline bool blocks_differ(const Byte* a, const Byte* b, int& result) {
-#pragma clang loop unroll(full)
-  for (size_t i = 0; i < count; ++i) {
-    if (differ<Piece16>(a + 16 * i, b + 16 * i, result)) {
-      return true;
-    }
-  }
-  return false;
+// ---- whole ranges at once -----------------------------------------------------------------------
+
+// What the processor protects at once: if one byte of a page can be read, all can. A comparison
+// ends at the first difference and the bytes behind it may be out of reach, so that more than 16
+// bytes are read at once only where no page ends among them.
+constexpr size_t page = 4096;
+
+[[gnu::always_inline]] inline size_t room_in_pages(const Byte* a, const Byte* b) {
+  const size_t x = offset_in(page, a), y = offset_in(page, b);
+  return page - (x > y ? x : y);
 }
 
-// `count` blocks from the start and `count` ending at the end, which may overlap.
-template <size_t count>
-[[gnu::always_inline]] inline int compare_head_tail(const Byte* a, const Byte* b, size_t n) {
-  int result = 0;
-  if (!blocks_differ<count>(a, b, result)) {
-    blocks_differ<count>(a + n - 16 * count, b + n - 16 * count, result);
-  }
-  return result;
+template <Access from = Access::Unaligned>
+[[gnu::always_inline]] inline __m128i equal_bytes(const Byte* a, const Byte* b) {
+  return _mm_cmpeq_epi8(Piece16::load<from>(a), Piece16::load<Access::Unaligned>(b));
 }
+
+[[gnu::always_inline]] inline bool all_set(__m128i mask) {
+  return _mm_movemask_epi8(mask) == 0xFFFF;
+}
+
+// 16 to 64 bytes: four blocks, which overlap.
+//
+//   | 0 |inner|  ...  |n - 16 - inner|n - 16|      inner = 0 up to 32 bytes, else 16
+[[gnu::always_inline]] inline bool equal_up_to_64(const Byte* a, const Byte* b, size_t n) {
+  const size_t inner = inner_offset<Piece16>(n), last = n - 16;
+  const __m128i head = _mm_and_si128(equal_bytes(a, b), equal_bytes(a + inner, b + inner));
+  const __m128i tail = _mm_and_si128(equal_bytes(a + last - inner, b + last - inner),
+                                     equal_bytes(a + last, b + last));
+  return all_set(_mm_and_si128(head, tail));
+}
+
+template <Access from = Access::Unaligned>
+[[gnu::always_inline]] inline __m128i equal_64(const Byte* a, const Byte* b) {
+  return _mm_and_si128(
+      _mm_and_si128(equal_bytes<from>(a, b), equal_bytes<from>(a + 16, b + 16)),
+      _mm_and_si128(equal_bytes<from>(a + 32, b + 32), equal_bytes<from>(a + 48, b + 48)));
+}
+
+// 64 to 128 bytes.
+[[gnu::always_inline]] inline bool equal_up_to_128(const Byte* a, const Byte* b, size_t n) {
+  return all_set(_mm_and_si128(equal_64(a, b), equal_64(a + n - 64, b + n - 64)));
+}
+
+// ---- short ranges -------------------------------------------------------------------------------
 
 [[gnu::always_inline]] inline int sign(std::uint64_t x, std::uint64_t y) {
   return (x > y) - (x < y);
@@ -66,9 +90,7 @@ template <size_t count>
 
 // A head and a tail of half a word as one number, the first byte the most significant one.
 [[gnu::always_inline]] inline std::uint64_t joined_halves(const Byte* p, size_t n) {
-  const auto head = static_cast<std::uint32_t>(word<Piece4>(p));
-  const auto tail = static_cast<std::uint32_t>(word<Piece4>(p + n - 4));
-  return std::uint64_t{__builtin_bswap32(head)} << 32 | __builtin_bswap32(tail);
+  return __builtin_bswap64(word<Piece4>(p + n - 4) << 32 | word<Piece4>(p));
 }
 
 // One to three bytes the same way.
@@ -78,16 +100,76 @@ template <size_t count>
 
 [[gnu::always_inline]] inline int compare_below_16(const Byte* a, const Byte* b, size_t n) {
   if (n >= 8) {
-    int result = 0;
-    if (!differ<Piece8>(a, b, result)) {
-      differ<Piece8>(a + n - 8, b + n - 8, result);
-    }
-    return result;
+    const std::uint64_t x = word<Piece8>(a), y = word<Piece8>(b);
+    const std::uint64_t x_tail = word<Piece8>(a + n - 8), y_tail = word<Piece8>(b + n - 8);
+    const bool equal = x == y;
+    return sign(__builtin_bswap64(equal ? x_tail : x), __builtin_bswap64(equal ? y_tail : y));
   }
   if (n >= 4) {
     return sign(joined_halves(a, n), joined_halves(b, n));
   }
   return n == 0 ? 0 : sign(joined_bytes(a, n), joined_bytes(b, n));
+}
+
+// ---- the first difference -----------------------------------------------------------------------
+
+// 16 bytes at a time, counted from the beginning: what is behind the block of the first difference
+// is not read.
+[[gnu::noinline]] int compare_stepwise(const Byte* a, const Byte* b, size_t n) {
+  int result = 0;
+  for (; n >= 16; a += 16, b += 16, n -= 16) {
+    if (differ<Piece16>(a, b, result)) {
+      return result;
+    }
+  }
+  return compare_below_16(a, b, n);
+}
+
+// More than 64 bytes that are in the two pages of a and b.
+[[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
+  const Byte* const a_last = a + n - 64;
+  const Byte* const b_last = b + n - 64;
+  for (; a < a_last; a += 64, b += 64) {
+    if (!all_set(equal_64(a, b))) {
+      return compare_stepwise(a, b, 64);
+    }
+  }
+  return all_set(equal_64(a_last, b_last)) ? 0 : compare_stepwise(a_last, b_last, 64);
+}
+
+// Across any number of pages, in steps of 64 bytes where no page ends. There the first range is
+// read at aligned addresses, elsewhere 16 bytes at a time as counted from the beginning.
+[[gnu::noinline]] int compare_pages(const Byte* a, const Byte* b, size_t n) {
+  constexpr size_t stretch_over_end = 64 + 16;
+  const std::ptrdiff_t distance = a - b;
+  const Byte* const b_begin = b;
+  const Byte* const b_end = b + n;
+  for (;;) {
+    size_t left = static_cast<size_t>(b_end - b);
+    size_t room = room_in_pages(b + distance, b);
+    room = room < left ? room : left;
+    if (room >= stretch_over_end) {
+      int result = 0;
+      if (differ<Piece16>(b + distance, b, result)) {
+        return result;
+      }
+      const size_t head = 16 - offset_in(16, b + distance);
+      b += head;
+      for (size_t blocks = (room - head) / 64; blocks != 0; --blocks, b += 64) {
+        if (!all_set(equal_64<Access::Aligned>(b + distance, b))) {
+          return compare_stepwise(b + distance, b, 64);
+        }
+      }
+      b -= static_cast<size_t>(b - b_begin) % 16;
+      left = static_cast<size_t>(b_end - b);
+    }
+    const size_t stretch = left < stretch_over_end ? left : stretch_over_end;
+    if (const int found = compare_stepwise(b + distance, b, stretch);
+        found != 0 || stretch == left) {
+      return found;
+    }
+    b += stretch;
+  }
 }
 
 // Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
@@ -139,25 +221,14 @@ int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
   if (count < 16) {
     return compare_below_16(a, b, count);
   }
-  if (count <= 32) {
-    return compare_head_tail<1>(a, b, count);
+  if (count > 512 || count > room_in_pages(a, b)) [[unlikely]] {
+    return compare_pages(a, b, count);
   }
-  if (count <= 64) {
-    return compare_head_tail<2>(a, b, count);
+  if (count > 128) {
+    return compare_blocks(a, b, count);
   }
-  if (count <= 128) {
-    return compare_head_tail<4>(a, b, count);
-  }
-  int result = 0;
-  const Byte* const a_tail = a + count - 64;
-  const Byte* const b_tail = b + count - 64;
-  for (; count > 64; a += 64, b += 64, count -= 64) {
-    if (blocks_differ<4>(a, b, result)) {
-      return result;
-    }
-  }
-  blocks_differ<4>(a_tail, b_tail, result);
-  return result;
+  const bool equal = count <= 64 ? equal_up_to_64(a, b, count) : equal_up_to_128(a, b, count);
+  return equal ? 0 : compare_stepwise(a, b, count);
 }
 
 int __orvex_new_memcmp(const void* first, const void* second, size_t count) {

@@ -44,7 +44,7 @@ template <class Line>
   if (n <= small) {
     write_bytes(context, context.staging, context.pending);
     context.pending = 0;
-    _mm256_zeroupper();
+    clear_upper_halves();
     write_bytes(context, chunk, n);
     return;
   }
@@ -67,7 +67,7 @@ template <class Line>
   for (; n >= line; chunk += line, n -= line) {
     stream_lines<Line, 1>(context, chunk);
   }
-  _mm256_zeroupper();
+  clear_upper_halves();
   if (final) {
     write_bytes(context, chunk, n);
   } else {

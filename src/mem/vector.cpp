@@ -30,9 +30,9 @@ void copy_steps(Byte*& d, const Byte*& s, size_t bytes) {
   }
 }
 
-template <Access from>
-void copy_probed(Byte*& d, const Byte*& s, size_t bytes) {
-  if (is_cached(d, bytes, read_clock)) {
+template <Access from, class Clock>
+void copy_probed(Byte*& d, const Byte*& s, size_t bytes, Clock clock) {
+  if (is_cached(d, bytes, clock)) {
     copy_steps<from, Access::Aligned>(d, s, bytes);
   } else {
     copy_steps<from, Access::NonTemporal>(d, s, bytes);
@@ -41,7 +41,8 @@ void copy_probed(Byte*& d, const Byte*& s, size_t bytes) {
 
 // A range above the string limit may fall below it once its destination is aligned: the routine
 // starts over with the rest then.
-void copy(Byte* d, const Byte* s, size_t n) {
+template <class Clock>
+[[gnu::always_inline]] inline void copy(Byte* d, const Byte* s, size_t n, Clock clock) {
   while (n > string_limit && offset_in(16, d) != 0) {
     const size_t head = distance_to_boundary(16, d);
     copy_string_bytes(d, s, head);
@@ -50,9 +51,9 @@ void copy(Byte* d, const Byte* s, size_t n) {
   if (n > string_limit) {
     const size_t bytes = n - n % step;
     if (offset_in(16, s) == 0) {
-      copy_probed<Access::Aligned>(d, s, bytes);
+      copy_probed<Access::Aligned>(d, s, bytes, clock);
     } else {
-      copy_probed<Access::Unaligned>(d, s, bytes);
+      copy_probed<Access::Unaligned>(d, s, bytes, clock);
     }
     n -= bytes;
   }
@@ -72,8 +73,8 @@ void fill_steps(Byte*& d, std::uint64_t pattern, size_t bytes) {
 
 enum class Rest { Words, Bytes };
 
-template <Rest rest>
-[[gnu::always_inline]] inline void fill(Byte* d, std::uint64_t pattern, size_t n) {
+template <Rest rest, class Clock>
+[[gnu::always_inline]] inline void fill(Byte* d, std::uint64_t pattern, size_t n, Clock clock) {
   while (n > string_limit && offset_in(16, d) != 0) {
     const size_t head = distance_to_boundary(16, d);
     fill_string_bytes(d, pattern, head);
@@ -81,7 +82,7 @@ template <Rest rest>
   }
   if (n > string_limit) {
     const size_t bytes = n - n % step;
-    if (is_cached(d, bytes, read_clock)) {
+    if (is_cached(d, bytes, clock)) {
       fill_steps<Access::Aligned>(d, pattern, bytes);
     } else {
       fill_steps<Access::NonTemporal>(d, pattern, bytes);
@@ -97,21 +98,36 @@ template <Rest rest>
 }
 
 }  // namespace
+
+void copy_by_clock(void* destination, const void* source, size_t count, std::uint64_t (*clock)()) {
+  copy(static_cast<Byte*>(destination), static_cast<const Byte*>(source), count, clock);
+}
+
+void fill_by_clock(void* destination, int value, size_t count, std::uint64_t (*clock)()) {
+  fill<Rest::Words>(static_cast<Byte*>(destination), repeat_byte(value), count, clock);
+}
+
+void zero_by_clock(void* destination, size_t count, std::uint64_t (*clock)()) {
+  fill<Rest::Bytes>(static_cast<Byte*>(destination), 0, count, clock);
+}
+
 }  // namespace ksomd::mem
 
 using namespace ksomd::mem;
 
 void* _VEC_memcpy(void* destination, const void* source, size_t count) {
-  copy(static_cast<Byte*>(destination), static_cast<const Byte*>(source), count);
+  copy(static_cast<Byte*>(destination), static_cast<const Byte*>(source), count,
+       [] { return read_clock(); });
   return destination;
 }
 
 void* _VEC_memset(void* destination, int value, size_t count) {
-  fill<Rest::Words>(static_cast<Byte*>(destination), repeat_byte(value), count);
+  fill<Rest::Words>(static_cast<Byte*>(destination), repeat_byte(value), count,
+                    [] { return read_clock(); });
   return destination;
 }
 
 void* _VEC_memzero(void* destination, int, size_t count) {
-  fill<Rest::Bytes>(static_cast<Byte*>(destination), 0, count);
+  fill<Rest::Bytes>(static_cast<Byte*>(destination), 0, count, [] { return read_clock(); });
   return destination;
 }

@@ -25,4 +25,10 @@ template <class Clock>
   return probe(d + bytes / 4) || probe(d + bytes / 4 + bytes / 2);
 }
 
+// The vector routines with another clock.
+void copy_by_clock(void* destination, const void* source, std::size_t count,
+                   std::uint64_t (*clock)());
+void fill_by_clock(void* destination, int value, std::size_t count, std::uint64_t (*clock)());
+void zero_by_clock(void* destination, std::size_t count, std::uint64_t (*clock)());
+
 }  // namespace ksomd::mem
