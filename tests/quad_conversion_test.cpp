@@ -149,8 +149,11 @@ TEST(QuadConversion, ToFloatingPointAtEveryExponent) {
   const struct {
     std::uint64_t first, last;
     int kept;
-  } ranges[] = {
-      {0x3FFF - 1080, 0x3FFF + 1025, 52}, {0x3FFF - 155, 0x3FFF + 129, 23}, {0, 0x7FFF, 63}};
+  } ranges[] = {{0x3FFF - 1080, 0x3FFF + 1025, 52},
+                {0x3FFF - 155, 0x3FFF + 129, 23},
+                {0, 0x7FFF, 63},
+                {0, 0x7FFF, 63}};
+  static_assert(std::size(ranges) == std::size(narrowings));
   for (std::size_t i = 0; i < std::size(narrowings); ++i) {
     const auto& range = ranges[i];
     for (const Bits& value : numbers_of_every_exponent(range.first, range.last, range.kept)) {
