@@ -175,6 +175,64 @@ TEST(QuadCall, EntriesReadTheIndicator) {
   }
 }
 
+// Neither the x87 unit's rounding nor its precision counts; its control and status words stay.
+TEST(QuadCall, X87ControlWordPlaysNoPart) {
+  const auto run_all = [](Bits a, Bits b, Mode mode) {
+    struct Results {
+      quad128 arithmetic[4];
+      quad128 from_extended[2];
+      extended80 extended[2];
+      double as_double;
+      float as_float;
+      std::int64_t integers[4];
+      unsigned flags;
+    } results;
+    std::memset(&results, 0, sizeof results);
+    const quad128 x = quad(a);
+    const quad128 y = quad(b);
+    results.flags = flags_of(mode, 0, [&] {
+      __addq(&results.arithmetic[0], &x, &y);
+      __subq(&results.arithmetic[1], &x, &y);
+      __mulq(&results.arithmetic[2], &x, &y);
+      __divq(&results.arithmetic[3], &x, &y);
+      __qtol(&results.extended[0], &x);
+      a_qtol(&results.extended[1], &x);
+      __ltoq(&results.from_extended[0], &results.extended[0]);
+      a_ltoq(&results.from_extended[1], &results.extended[0]);
+      results.as_double = __qtod(&x);
+      results.as_float = __qtof(&x);
+      for (int rounding = 0; rounding < 4; ++rounding) {
+        results.integers[rounding] = __qtoj(&x, rounding);
+      }
+    });
+    return std::string(reinterpret_cast<const char*>(&results), sizeof results);
+  };
+  constexpr std::uint16_t all_masked = 0x003F;
+  constexpr std::uint16_t usual = 0x037F;
+  Random random(89);
+  for (int i = 0; i < 2000; ++i) {
+    const Bits a =
+        i % 2 == 0 ? random.any() : random.with_exponent(0x3FFF - 140 + random.below(280));
+    const Bits b = random.partner(a);
+    const Mode mode = all_modes[i % 4];
+    const std::string expected = run_all(a, b, mode);
+    for (unsigned rounding_and_precision = 0; rounding_and_precision < 16;
+         ++rounding_and_precision) {
+      const auto control = static_cast<std::uint16_t>(all_masked | rounding_and_precision << 8);
+      asm volatile("fnclex\n\tfldcw %0" : : "m"(control));
+      const bool same = run_all(a, b, mode) == expected;
+      struct {
+        std::uint16_t control, unused0, status, unused1, tag, unused2[9];
+      } environment;
+      asm volatile("fnstenv %0\n\tfldcw %1" : "=m"(environment) : "m"(usual));
+      ASSERT_TRUE(same) << a << ", " << b << ' ' << mode << " with " << control;
+      ASSERT_EQ(environment.control & ~0x40, control & ~0x40);
+      ASSERT_EQ(environment.status & 0xFF, 0) << a << ", " << b;
+      ASSERT_EQ(environment.tag, 0xFFFF);
+    }
+  }
+}
+
 // An exception that MXCSR does not mask traps; masked ones do not.
 constexpr Bits largest = {0x7FFEFFFFFFFFFFFF, ~std::uint64_t{0}};
 const struct {

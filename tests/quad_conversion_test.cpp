@@ -12,11 +12,23 @@ namespace {
 
 constexpr std::uint64_t sign_bit = std::uint64_t{1} << 63;
 
-std::vector<Bits> numbers_of_every_exponent() {
+// Every exponent with fractions of all zeros and all ones, every exponent from `first` to `last`
+// with all patterns and with a tie below `kept` fraction bits, odd and even.
+std::vector<Bits> numbers_of_every_exponent(std::uint64_t first, std::uint64_t last, int kept) {
   std::vector<Bits> values = boundary_values();
+  std::vector<Bits> patterns = fraction_patterns();
+  const int below = 112 - kept;
+  const auto bit = [](int i) {
+    return i >= 64 ? Bits{std::uint64_t{1} << (i - 64), 0} : Bits{0, std::uint64_t{1} << i};
+  };
+  const Bits half = bit(below - 1);
+  const Bits odd = bit(below);
+  patterns.push_back(half);
+  patterns.push_back({half.high | odd.high, half.low | odd.low});
   for (std::uint64_t field = 0; field <= 0x7FFF; ++field) {
-    for (const Bits& pattern : {Bits{0, 0}, Bits{0x0000FFFFFFFFFFFF, ~std::uint64_t{0}}}) {
-      values.push_back({(field & 1) << 63 | field << 48 | pattern.high, pattern.low});
+    const std::size_t count = field < first || field > last ? 3 : patterns.size();
+    for (std::size_t i = 0; i < count; ++i) {
+      values.push_back({((field + i) & 1) << 63 | field << 48 | patterns[i].high, patterns[i].low});
     }
   }
   return values;
@@ -134,10 +146,19 @@ bool check_narrowing(const Narrowing& narrowing, Bits a, Mode mode) {
 }
 
 TEST(QuadConversion, ToFloatingPointAtEveryExponent) {
-  for (const Narrowing& narrowing : narrowings) {
-    for (const Bits& value : numbers_of_every_exponent()) {
+  const struct {
+    std::uint64_t first, last;
+    int kept;
+  } ranges[] = {{0x3FFF - 1080, 0x3FFF + 1025, 52},
+                {0x3FFF - 155, 0x3FFF + 129, 23},
+                {0, 0x7FFF, 63},
+                {0, 0x7FFF, 63}};
+  static_assert(std::size(ranges) == std::size(narrowings));
+  for (std::size_t i = 0; i < std::size(narrowings); ++i) {
+    const auto& range = ranges[i];
+    for (const Bits& value : numbers_of_every_exponent(range.first, range.last, range.kept)) {
       for (const Mode mode : all_modes) {
-        ASSERT_TRUE(check_narrowing(narrowing, value, mode));
+        ASSERT_TRUE(check_narrowing(narrowings[i], value, mode));
       }
     }
   }
@@ -265,12 +286,18 @@ TEST(QuadConversion, ToIntegers) {
   for (std::size_t i = 0; i < values.size(); ++i) {
     ASSERT_TRUE(check_integers(values[i], all_modes[i % 4]));
     if (compiler::available() && !oracle::is_nan(values[i])) {
-      const Outcome expected =
-          oracle::to_signed(values[i], 64, oracle::IntegerRounding::TowardZero);
-      const Outcome second =
-          compiler::run(compiler::Operation::ToInt64, values[i], values[i], all_modes[i % 4]);
-      if ((expected.flags & flag::invalid) == 0) {
-        ASSERT_EQ(second, expected) << values[i];
+      using enum compiler::Operation;
+      const auto toward_zero = oracle::IntegerRounding::TowardZero;
+      const std::pair<compiler::Operation, Outcome> rows[] = {
+          {ToInt32, oracle::to_signed(values[i], 32, toward_zero)},
+          {ToInt64, oracle::to_signed(values[i], 64, toward_zero)},
+          {ToUint32, oracle::to_unsigned(values[i], 32)},
+          {ToUint64, oracle::to_unsigned(values[i], 64)}};
+      for (const auto& [operation, expected] : rows) {
+        if ((expected.flags & flag::invalid) == 0) {  // out of range, each has its own answer
+          ASSERT_EQ(compiler::run(operation, values[i], values[i], all_modes[i % 4]), expected)
+              << values[i];
+        }
       }
     }
   }
@@ -286,10 +313,18 @@ Bits widened(Convert convert) {
   return bits_of(result);
 }
 
+// The compiler's opinion, where there is one.
+void expect_of_compiler(compiler::Source source, Bits narrow, Bits wide) {
+  if (compiler::available()) {
+    ASSERT_EQ(compiler::widen(source, narrow), wide) << narrow;
+  }
+}
+
 void check_double(std::uint64_t bits) {
   const Bits wide = widened([&](quad128* r) { __dtoq(r, std::bit_cast<double>(bits)); });
   ASSERT_EQ(wide, oracle::from_double(bits)) << std::hex << bits;
   if (!oracle::is_nan(wide)) {
+    expect_of_compiler(compiler::Source::Double, {0, bits}, wide);
     ASSERT_EQ(run_narrowing(narrowings[0], wide, Mode::Up, 0), (Outcome{{0, bits}, 0}));
   }
 }
@@ -318,25 +353,42 @@ TEST(QuadConversion, FromDoubles) {
   }
 }
 
-// Every float: its value by the exact oracle where that is quick, by going back where it is not.
+// Every float at full length: by the compiler all, by the exact oracle some, and back again.
 TEST(QuadConversion, FromFloats) {
+  constexpr std::uint64_t block = 1 << 16;
+  constexpr std::uint64_t end = std::uint64_t{1} << 32;
   const std::uint64_t step = full_length() ? 1 : 100003;
-  for (std::uint64_t bits = 0; bits <= 0xFFFFFFFF; bits += step) {
-    show_progress("floats", bits, std::uint64_t{1} << 32);
-    const auto narrow = static_cast<std::uint32_t>(bits);
-    if (step != 1 || bits % 4096 == 0) {
-      check_float(narrow);
-    }
-    quad128 wide;
-    __ftoq(&wide, std::bit_cast<float>(narrow));
-    const std::uint32_t fraction = narrow & 0x7FFFFF;
-    if ((narrow >> 23 & 0xFF) == 0xFF && fraction != 0) {
-      ASSERT_EQ(bits_of(wide),
-                (Bits{std::uint64_t{narrow >> 31} << 63 | std::uint64_t{0x7FFF} << 48 |
-                          std::uint64_t{fraction} << 25,
-                      0}));
-    } else {
-      ASSERT_EQ(std::bit_cast<std::uint32_t>(__qtof(&wide)), narrow);
+  std::vector<quad128> wide(block);
+  for (std::uint64_t first = 0; first < end; first += block * step) {
+    show_progress("floats", first, end);
+    const auto narrow = [&](std::uint64_t i) {
+      return static_cast<std::uint32_t>(first + i * step);
+    };
+    const std::uint64_t count = std::min(block, (end - first + step - 1) / step);
+    const unsigned flags = flags_of(Mode::Up, 0, [&] {
+      for (std::uint64_t i = 0; i < count; ++i) {
+        __ftoq(&wide[i], std::bit_cast<float>(narrow(i)));
+      }
+    });
+    ASSERT_EQ(flags, 0u);
+    for (std::uint64_t i = 0; i < count; ++i) {
+      const std::uint32_t bits = narrow(i);
+      const Bits result = bits_of(wide[i]);
+      if ((bits & 0x7FFFFFFF) > 0x7F800000) {  // a NaN: its fraction moved
+        ASSERT_EQ(result, (Bits{std::uint64_t{bits >> 31} << 63 | std::uint64_t{0x7FFF} << 48 |
+                                    std::uint64_t{bits & 0x7FFFFF} << 25,
+                                0}));
+        continue;
+      }
+      if (compiler::available() && compiler::widen(compiler::Source::Float, {0, bits}) != result) {
+        FAIL() << std::hex << bits << " gives " << result;
+      }
+      if (std::bit_cast<std::uint32_t>(__qtof(&wide[i])) != bits) {
+        FAIL() << std::hex << bits << " comes back as another";
+      }
+      if (step != 1 || bits % 4096 == 0) {
+        check_float(bits);
+      }
     }
   }
 }
@@ -362,6 +414,7 @@ TEST(QuadConversion, FromEightyBits) {
     if (!oracle::is_nan(wide) && normal_integer_bit) {
       ASSERT_EQ(run_narrowing(narrowings[2], wide, Mode::Up, 0),
                 (Outcome{{x.sign_exponent, x.significand}, 0}));
+      expect_of_compiler(compiler::Source::Extended, {x.sign_exponent, x.significand}, wide);
     }
   };
   for (unsigned exponent = 0; exponent <= 0xFFFF; ++exponent) {
@@ -404,6 +457,13 @@ TEST(QuadConversion, FromIntegers) {
     expect_integer(i16, [&](quad128* r) { a_stoq(r, i16); });
     expect_integer(i8, [&](quad128* r) { a_ctoq(r, i8); });
     ASSERT_EQ(widened(returning(__ktoq, value)), oracle::from_integer(false, value));
+    using enum compiler::Source;
+    for (const auto& [source, wide] : {std::pair{Int64, widened(returning(__jtoq, i64))},
+                                       {Int32, widened(returning(__itoq, i32))},
+                                       {Uint32, widened(returning(__utoq, u32))},
+                                       {Uint64, widened(returning(__ktoq, value))}}) {
+      expect_of_compiler(source, {0, value}, wide);
+    }
     // And back.
     const quad128 wide = quad(oracle::from_integer(false, value));
     ASSERT_EQ(__qtok(&wide), value);
@@ -438,6 +498,9 @@ TEST(QuadComparison, EveryPair) {
         const unsigned flags = flags_of(Mode::Up, 0, [&] { actual = row.routine(&x, &y); });
         const bool unordered = oracle::is_nan(a) || oracle::is_nan(b);
         const auto order = unordered ? std::strong_ordering::equal : oracle::compare(a, b);
+        if (compiler::available() && !unordered) {
+          ASSERT_EQ(compiler::compare(a, b) <=> 0, order) << a << ", " << b;
+        }
         const int expected = unordered   ? row.unordered
                              : order < 0 ? row.less
                              : order > 0 ? row.greater

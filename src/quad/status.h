@@ -22,6 +22,17 @@ inline constexpr double smallest_normal = 0x1p-1022;
 inline constexpr double largest = 0x1.fffffffffffffp+1023;
 }  // namespace number
 
+// A value as it is, which the compiler must have ready here as written: it would take sums apart,
+// moving what is known early behind what comes late.
+inline __m128i computed_here(__m128i value) {
+  asm("" : "+x"(value));
+  return value;
+}
+inline std::uint64_t computed_here(std::uint64_t value) {
+  asm("" : "+r"(value));
+  return value;
+}
+
 // One operation each that the compiler neither evaluates nor drops nor reorders.
 inline double add_in_mode(double a, double b) {
   asm volatile("addsd %1, %0" : "+x"(a) : "x"(b));
@@ -49,20 +60,10 @@ inline void raise_underflow_and_inexact() {
   multiply_for_flags(number::smallest_normal, number::smallest_normal);
 }
 
+// Without a branch, which a mixture of exact and inexact operands would mislead.
 inline void raise_inexact_if(bool inexact) {
-  static_assert(std::bit_cast<std::uint64_t>(number::smallest_normal) == std::uint64_t{1} << 52);
-  add_in_mode(number::one, std::bit_cast<double>(static_cast<std::uint64_t>(inexact) << 52));
-}
-
-// A value as it is, which the compiler must have ready here as written: it would take sums apart,
-// moving what is known early behind what comes late.
-inline __m128i computed_here(__m128i value) {
-  asm("" : "+x"(value));
-  return value;
-}
-inline std::uint64_t computed_here(std::uint64_t value) {
-  asm("" : "+r"(value));
-  return value;
+  static constexpr double addends[] = {0.0, number::smallest_normal};
+  add_in_mode(number::one, addends[computed_here(std::uint64_t{inexact})]);
 }
 
 // round_quotient and round_in_mode let the processor round: a double addition does it in the

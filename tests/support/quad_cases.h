@@ -209,9 +209,18 @@ class Random {
 
 // ---- length -------------------------------------------------------------------------------------
 
+#if defined(__has_feature)
+#define KSOMD_SANITIZED (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#else
+#define KSOMD_SANITIZED 0
+#endif
+
 inline bool full_length() {
-  const char* length = std::getenv("KSOMD_TEST_LENGTH");
-  return length != nullptr && std::string_view(length) == "full";
+  static const bool full = [] {
+    const char* length = std::getenv("KSOMD_TEST_LENGTH");
+    return length != nullptr && std::string_view(length) == "full";
+  }();
+  return full;
 }
 
 // Says at full length how far a long loop is.

@@ -1,7 +1,6 @@
 // The run-time behind the compiler's type reports overflow and underflow in the x87 status word
-// only: fetestexcept reads both.
+// only: the flags are those of both units.
 #include <bit>
-#include <cfenv>
 #include <cstring>
 
 #include "support/quad_compiler.h"
@@ -46,8 +45,14 @@ Bits bits(Binary128 a) {
       std::memcpy(&memory, &narrow, sizeof memory);
       return {memory.sign_exponent, memory.significand};
     }
+    case Operation::ToInt32:
+      return {0, static_cast<std::uint32_t>(static_cast<std::int32_t>(a))};
     case Operation::ToInt64:
       return {0, static_cast<std::uint64_t>(static_cast<std::int64_t>(a))};
+    case Operation::ToUint32:
+      return {0, static_cast<std::uint32_t>(a)};
+    case Operation::ToUint64:
+      return {0, static_cast<std::uint64_t>(a)};
   }
   return {};
 }
@@ -59,25 +64,46 @@ bool available() {
 }
 
 Outcome run(Operation operation, Bits a, Bits b, Mode mode) {
-  static constexpr int modes[] = {FE_TONEAREST, FE_DOWNWARD, FE_UPWARD, FE_TOWARDZERO};
-  static constexpr struct {
-    int library;
-    unsigned flag;
-  } flags[] = {{FE_INVALID, flag::invalid},
-               {FE_DIVBYZERO, flag::divide_by_zero},
-               {FE_OVERFLOW, flag::overflow},
-               {FE_UNDERFLOW, flag::underflow},
-               {FE_INEXACT, flag::inexact}};
-  std::fesetround(modes[static_cast<unsigned>(mode)]);
-  std::feclearexcept(FE_ALL_EXCEPT);
+  constexpr unsigned all_masked = 0x1F80;
+  asm volatile("fnclex");
+  __builtin_ia32_ldmxcsr(all_masked | static_cast<unsigned>(mode) << 13);
   Outcome outcome = {apply(operation, value(a), value(b)), 0};
-  const int raised = std::fetestexcept(FE_ALL_EXCEPT);
-  std::feclearexcept(FE_ALL_EXCEPT);
-  std::fesetround(FE_TONEAREST);
-  for (const auto& [library, flag] : flags) {
-    outcome.flags |= (raised & library) != 0 ? flag : 0;
-  }
+  std::uint16_t x87_flags;
+  asm volatile("fnstsw %0" : "=a"(x87_flags));
+  outcome.flags = (__builtin_ia32_stmxcsr() | x87_flags) & (flag::all & ~flag::denormal);
+  __builtin_ia32_ldmxcsr(all_masked);
   return outcome;
+}
+
+Bits widen(Source source, Bits a) {
+  const auto low32 = static_cast<std::uint32_t>(a.low);
+  switch (source) {
+    case Source::Double:
+      return bits(static_cast<Binary128>(std::bit_cast<double>(a.low)));
+    case Source::Float:
+      return bits(static_cast<Binary128>(std::bit_cast<float>(low32)));
+    case Source::Extended: {
+      const extended80 memory = {a.low, static_cast<std::uint16_t>(a.high)};
+      long double x = 0;
+      std::memcpy(&x, &memory, sizeof memory);
+      return bits(static_cast<Binary128>(x));
+    }
+    case Source::Int32:
+      return bits(static_cast<Binary128>(static_cast<std::int32_t>(low32)));
+    case Source::Int64:
+      return bits(static_cast<Binary128>(static_cast<std::int64_t>(a.low)));
+    case Source::Uint32:
+      return bits(static_cast<Binary128>(low32));
+    case Source::Uint64:
+      return bits(static_cast<Binary128>(a.low));
+  }
+  return {};
+}
+
+int compare(Bits a, Bits b) {
+  const Binary128 x = value(a);
+  const Binary128 y = value(b);
+  return (y < x ? 1 : 0) - (x < y ? 1 : 0);
 }
 
 }  // namespace ksomd::test::compiler
