@@ -36,9 +36,15 @@ struct PackedPanels {
     for (Size i = 0; i < rows; i += block_rows) {
       const Size count = min(block_rows, rows - i);
       pack_a(x, i, count, l, depth, memory.a);
-      Tiling::template each_column<Source::panels>(
-          {memory.a, 0, memory.b, 0, 0, x.p + i + j * x.ldp, x.ldp, depth, sums, 0}, count,
-          columns);
+      TileCall<Element> call{};
+      call.a[0] = memory.a;
+      call.segment = Tiling::segment;
+      call.b = memory.b;
+      call.p = x.p + i + j * x.ldp;
+      call.ldp = x.ldp;
+      call.depth = depth;
+      call.sums = sums;
+      Tiling::template each_column<Source::panels>(call, count, columns);
     }
   }
 

@@ -16,11 +16,11 @@ struct Portable {
   using Tiling = Tiles<Rows>;
 
   static constexpr Size tile_rows = Tiling::rows;
-  static constexpr Size panel_elements = panel_bytes / sizeof(Element);
-  static constexpr Size panel_depth =
-      round_down(panel_elements / tile_rows, Panel<Rows, false>::side);
+  static constexpr Size depth_limit = Tiling::depth_limit;
   static constexpr Size row_block =
-      round_up(a_block_bytes / (depth_block * sizeof(Element)), tile_rows);
+      round_up(a_block_bytes / (depth_limit * sizeof(Element)), tile_rows);
+  static constexpr Size column_block =
+      round_up(b_block_bytes / (depth_limit * sizeof(Element)), Tiling::columns);
 
   // No extent is zero, and P overlaps neither operand.
   static void multiply(const Product<Element>& x, Sums sums) {
@@ -39,57 +39,71 @@ struct Portable {
 
   static Call call_at(const Product<Element>& x, Size i, Size j, Size l, Size depth, Sums sums) {
     constexpr bool b_as_is = letters.b == Layout::n;
-    return {x.a + offset<letters.a>(i, l, x.lda),
-            x.lda,
-            x.b + offset<letters.b>(l, j, x.ldb),
-            b_as_is ? 1 : x.ldb,
-            b_as_is ? x.ldb : 1,
-            x.p + i + j * x.ldp,
-            x.ldp,
-            depth,
-            l == 0 ? sums : Sums::resume,
-            0};
+    Call call{};
+    call.segment = Tiling::segment;
+    call.b = x.b + offset<letters.b>(l, j, x.ldb);
+    call.b_depth = b_as_is ? 1 : x.ldb;
+    call.b_column = b_as_is ? x.ldb : 1;
+    call.p = x.p + i + j * x.ldp;
+    call.ldp = x.ldp;
+    call.depth = depth;
+    call.sums = l == 0 ? sums : Sums::resume;
+    return call;
   }
 
   // A block of op(A) stays in the second-level cache while all columns pass by.
   static void as_is(const Product<Element>& x, Sums sums) {
     for (Size i = 0; i < x.m; i += row_block) {
       const Size rows = min(row_block, x.m - i);
-      for (Size l = 0; l < x.k; l += depth_block) {
-        const Size depth = min(depth_block, x.k - l);
-        Tiling::template each_column<Source::in_place>(call_at(x, i, 0, l, depth, sums), rows, x.n);
+      for (Size l = 0; l < x.k; l += depth_limit) {
+        Call call = call_at(x, i, 0, l, min(depth_limit, x.k - l), sums);
+        call.a_depth = x.lda;
+        Tiling::set_segments(call, x.a + i + l * x.lda);
+        Tiling::template each_column<Source::in_place>(call, rows, x.n);
       }
     }
   }
 
-  // Small blocks of op(A) are copied into a panel: for each l, a tile's rows. One block of op(B),
-  // and the rows of P that it serves, stay in the second-level cache while all rows pass by.
+  // A tile's rows of op(A) are copied into a panel. One block of op(B) stays in the second-level
+  // cache while all rows pass by.
   static void in_panels(const Product<Element>& x, Sums sums) {
-    alignas(64) Element panel[panel_elements];
     for (Size j = 0; j < x.n; j += column_block) {
       const Size columns = min(column_block, x.n - j);
-      for (Size l = 0; l < x.k; l += depth_block) {
-        const Size depth_end = min(x.k, l + depth_block);
+      for (Size l = 0; l < x.k; l += depth_limit) {
+        const Size depth = min(depth_limit, x.k - l);
         for (Size i = 0; i < x.m;) {
           const Size rows = Tiling::rows_of_tile(x.m - i);
-          for (Size start = l; start < depth_end; start += panel_depth) {
-            Call call = call_at(x, i, j, start, min(panel_depth, depth_end - start), sums);
-            Panel<Rows, letters.a == Layout::n>::pack(call.a, x.lda, rows, call.depth, panel,
-                                                      tile_rows);
-            call.a = panel;
-            call.a_depth = tile_rows;
-            Tiling::across(call, rows, columns);
-          }
+          Call call = call_at(x, i, j, l, depth, sums);
+          call.a_depth = tile_rows;
+          with_panel<0>(call, x.a + offset<letters.a>(i, l, x.lda), x.lda, rows, columns);
           i += rows;
         }
       }
     }
   }
 
+  // Piece s of the panel lies in this frame, the others in those of the calls from here on.
+  template <Size s>
+  [[gnu::noinline]] static void with_panel(Call& call, const Element* source, Size leading,
+                                           Size rows, Size columns) {
+    alignas(64) Element piece[Tiling::segment * tile_rows];
+    const Size depth = min(Tiling::segment, call.depth - s * Tiling::segment);
+    Panel<Rows, letters.a == Layout::n>::pack(source, leading, rows, depth, piece, tile_rows);
+    call.a[s] = piece;
+    if constexpr (s + 1 < Tiling::segments) {
+      if (call.depth > (s + 1) * Tiling::segment) {
+        with_panel<s + 1>(call, source + offset<letters.a>(0, Tiling::segment, leading), leading,
+                          rows, columns);
+        return;
+      }
+    }
+    Tiling::across(call, rows, columns);
+  }
+
   // The sum of all products is formed apart from P and added to it last: P's old values wait.
   static void sum_apart(const Product<Element>& x) {
-    Element old[panel_elements];
-    constexpr Size columns_at_once = panel_elements / tile_rows;
+    constexpr Size columns_at_once = segment_bytes / sizeof(Element) / tile_rows;
+    Element old[columns_at_once * tile_rows];
     for (Size j = 0; j < x.n; j += columns_at_once) {
       const Size columns = min(columns_at_once, x.n - j);
       for (Size i = 0; i < x.m; i += tile_rows) {
