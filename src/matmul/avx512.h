@@ -39,7 +39,8 @@ struct Avx512Tiles {
   static constexpr TileShape real{3, 8};
   static constexpr TileShape complex{2, 5};
   static constexpr int unroll = 1;
-  static constexpr Size columns_worth_packing = 64;
+  static constexpr Size depth_ahead = 4;
+  static constexpr Size columns_worth_packing = ~Size{0};
   using Shuffles = Avx512Shuffles;
 };
 

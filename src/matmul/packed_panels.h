@@ -39,12 +39,29 @@ struct PackedPanels {
       TileCall<Element> call{};
       call.a[0] = memory.a;
       call.segment = Tiling::segment;
-      call.b = memory.b;
       call.p = x.p + i + j * x.ldp;
       call.ldp = x.ldp;
       call.depth = depth;
       call.sums = sums;
-      Tiling::template each_column<Source::panels>(call, count, columns);
+      each_panel<Tiling::columns>(call, memory.b, count, columns);
+    }
+  }
+
+  // All columns, all rows: one panel of op(B) after the other.
+  template <Size C>
+  static void each_panel(TileCall<Element>& call, const Element* b, Size rows, Size columns) {
+    call.b_depth = C;
+    call.b_column = 1;
+    for (; columns >= C; columns -= C) {
+      Tiling::set_segments(call, call.b, b, C);
+      Tiling::template down<Source::panels, C>(call, rows);
+      b += C * call.depth;
+      call.p += C * call.ldp;
+    }
+    if constexpr (C > 1) {
+      if (columns != 0) {
+        each_panel<C / 2>(call, b, rows, columns);
+      }
     }
   }
 

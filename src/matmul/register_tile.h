@@ -19,13 +19,13 @@ enum class Sums {
 };
 
 // op(A)(i, l) is a[s][i + (l % segment) * a_depth] with s = l / segment: op(A) may lie in several
-// pieces. op(B)(l, j) is b[l * b_depth + j * b_column].
+// pieces. op(B)(l, j) is b[s][(l % segment) * b_depth + j * b_column].
 template <class Element>
 struct TileCall {
   const Element* a[max_segments];
   Size segment;
   Size a_depth;
-  const Element* b;
+  const Element* b[max_segments];
   Size b_depth;
   Size b_column;
   Element* p;
@@ -48,6 +48,7 @@ struct RealRows {
   Vector v;
 
   static constexpr int unroll = Lanes::unroll;
+  static constexpr Size depth_ahead = Lanes::depth_ahead;
   static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
   KSOMD_INLINE static void copy(Element* to, const Element* from) { load(from).store(to); }
@@ -81,6 +82,7 @@ struct ComplexRows {
   Vector im;
 
   static constexpr int unroll = Lanes::unroll;
+  static constexpr Size depth_ahead = Lanes::depth_ahead;
   static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
   KSOMD_INLINE static void copy(Element* to, const Element* from) {
@@ -191,7 +193,6 @@ struct Tile {
 
   template <Size V, Size C, bool part>
   KSOMD_INLINE static void add_products(const Call& call, Rows (&sum)[V][C]) {
-    const Element* b = call.b;
     const Size a_depth = call.a_depth;
     const Size b_depth = call.b_depth;
     const Size b_column = call.b_column;
@@ -199,6 +200,7 @@ struct Tile {
     Size left = call.depth;
     for (Size s = 0; left != 0; ++s) {
       const Element* a = call.a[s];
+      const Element* b = call.b[s];
       const Size steps = min(left, call.segment);
       left -= steps;
       if (s < C) {
@@ -206,6 +208,11 @@ struct Tile {
       }
 #pragma clang loop unroll_count(Rows::unroll)
       for (Size l = steps; l != 0; --l) {
+        if constexpr (Rows::depth_ahead != 0) {
+          for (Size row = 0; row < V * width; row += 64 / sizeof(Element)) {
+            __builtin_prefetch(a + Rows::depth_ahead * a_depth + row);
+          }
+        }
         // The operand with fewer vectors stays in registers.
         if constexpr (V < C) {
           Rows rows[V];
@@ -247,7 +254,7 @@ struct Tile {
     }
     __builtin_prefetch(p + V * width - 1, 1);
     if (call.b_ahead != 0) {
-      const Element* b = call.b + call.b_ahead + column * call.b_column;
+      const Element* b = call.b[0] + call.b_ahead + column * call.b_column;
       for (Size l = 0; l < call.depth; l += line) {
         __builtin_prefetch(b + l);
       }
@@ -261,7 +268,8 @@ struct Tile {
         Element sum = call.sums == Sums::resume ? p : Element{};
         for (Size l = 0; l < call.depth; ++l) {
           const Element* a = call.a[l / call.segment] + l % call.segment * call.a_depth;
-          sum = add(sum, multiply(a[row], call.b[l * call.b_depth + c * call.b_column]));
+          const Element* b = call.b[l / call.segment] + l % call.segment * call.b_depth;
+          sum = add(sum, multiply(a[row], b[c * call.b_column]));
         }
         p = call.sums == Sums::add_old ? add(sum, p) : sum;
       }

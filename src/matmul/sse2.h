@@ -48,6 +48,7 @@ struct Sse2Tiles {
   static constexpr TileShape real{6, 2};
   static constexpr TileShape complex{2, 2};
   static constexpr int unroll = 2;
+  static constexpr Size depth_ahead = 0;
   static constexpr Size columns_worth_packing = 24;
   using Shuffles = Sse2Shuffles;
 };

@@ -32,11 +32,17 @@ struct Tiles {
   static constexpr Size depth_limit = min(segment * segments, depth_block);
   static_assert(segments >= 1);
 
-  // op(A) in one piece.
-  KSOMD_INLINE static void set_segments(Call& call, const Element* a) {
-    call.segment = segment;
+  // An operand in one piece.
+  KSOMD_INLINE static void set_segments(const Call& call, const Element* (&pieces)[max_segments],
+                                        const Element* start, Size depth_step) {
     for (Size s = 0; s * segment < call.depth; ++s) {
-      call.a[s] = a + s * segment * call.a_depth;
+      pieces[s] = start + s * segment * depth_step;
+    }
+  }
+  KSOMD_INLINE static void advance(const Call& call, const Element* (&pieces)[max_segments],
+                                   Size step) {
+    for (Size s = 0; s * segment < call.depth; ++s) {
+      pieces[s] += step;
     }
   }
 
@@ -65,38 +71,17 @@ struct Tiles {
       const Size count = rows_of_tile(row_count);
       if constexpr (source == Source::panels) {
         call.a_depth = count;
-        set_segments(call, call.a[0]);
+        set_segments(call, call.a, call.a[0], count);
       }
       call.p_ahead = count;
       tile<C>(call, count);
       if constexpr (source == Source::panels) {
         call.a[0] += count * call.depth;
       } else {
-        for (Size s = 0; s * segment < call.depth; ++s) {
-          call.a[s] += count;
-        }
+        advance(call, call.a, count);
       }
       call.p += count;
       row_count -= count;
-    }
-  }
-
-  // All columns, all rows.
-  template <Source source, Size C = columns>
-  static void each_column(Call call, Size row_count, Size column_count) {
-    for (; column_count >= C; column_count -= C) {
-      if constexpr (source == Source::panels) {
-        call.b_depth = C;
-        call.b_column = 1;
-      }
-      down<source, C>(call, row_count);
-      call.b += source == Source::panels ? C * call.depth : C * call.b_column;
-      call.p += C * call.ldp;
-    }
-    if constexpr (C > 1) {
-      if (column_count != 0) {
-        each_column<source, C / 2>(call, row_count, column_count);
-      }
     }
   }
 
@@ -107,7 +92,7 @@ struct Tiles {
       call.p_ahead = C * call.ldp;
       call.b_ahead = call.b_depth == 1 ? C * call.b_column : 0;
       tile<C>(call, row_count);
-      call.b += C * call.b_column;
+      advance(call, call.b, C * call.b_column);
       call.p += C * call.ldp;
     }
     if constexpr (C > 1) {
