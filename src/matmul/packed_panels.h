@@ -2,7 +2,8 @@
 //
 // Per element the order is that of the exported tile kernels: the tail chunk overwrites P, the full
 // chunks follow and add their sums to it. A panel holds a tile's rows of op(A), or columns of
-// op(B), for each l of a chunk, without padding.
+// op(B), for each l of a chunk; in place of the products of the padding, zero is added to the sums
+// once.
 #pragma once
 
 #include "matmul/tiling.h"
@@ -43,6 +44,7 @@ struct PackedPanels {
       call.ldp = x.ldp;
       call.depth = depth;
       call.sums = sums;
+      call.add_zero = depth != padded_depth(depth);
       each_panel<Tiling::columns>(call, memory.b, count, columns);
     }
   }

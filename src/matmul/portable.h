@@ -15,6 +15,8 @@ struct Portable {
   using Call = TileCall<Element>;
   using Tiling = Tiles<Rows>;
 
+  // The order wants the sum of all products formed apart from P.
+  static constexpr bool sums_apart = letters.a == Layout::t && letters.b == Layout::t;
   static constexpr Size tile_rows = Tiling::rows;
   static constexpr Size depth_limit = Tiling::depth_limit;
   static constexpr Size row_block =
@@ -30,8 +32,8 @@ struct Portable {
       } else {
         as_is(x, sums);
       }
-    } else if (letters.b == Layout::t && sums == Sums::resume) {
-      sum_apart(x);
+    } else if (sums_apart && sums == Sums::resume) {
+      add_apart(x);
     } else {
       in_panels(x, sums);
     }
@@ -46,7 +48,8 @@ struct Portable {
     call.p = x.p + i + j * x.ldp;
     call.ldp = x.ldp;
     call.depth = depth;
-    call.sums = l == 0 ? sums : Sums::resume;
+    call.sums = l != 0 ? Sums::resume : sums == Sums::on_cleared ? Sums::overwrite : sums;
+    call.add_zero = sums_apart && sums == Sums::on_cleared && l + depth == x.k;
     Tiling::set_segments(call, call.b, x.b + offset<letters.b>(l, j, x.ldb), call.b_depth);
     return call;
   }
@@ -139,7 +142,7 @@ struct Portable {
   }
 
   // The sum of all products is formed apart from P and added to it last: P's old values wait.
-  static void sum_apart(const Product<Element>& x) {
+  static void add_apart(const Product<Element>& x) {
     constexpr Size columns_at_once = segment_bytes / sizeof(Element) / tile_rows;
     Element old[columns_at_once * tile_rows];
     for (Size j = 0; j < x.n; j += columns_at_once) {

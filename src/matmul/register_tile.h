@@ -13,9 +13,10 @@ namespace ksomd::matmul {
 
 // What becomes of P.
 enum class Sums {
-  overwrite,  // sums start from zero and replace P
-  resume,     // sums start from P's elements and replace them
-  add_old,    // sums start from zero; P = sum + P
+  overwrite,   // sums start from zero and replace P
+  on_cleared,  // as resume, on a P of zeros, which is not read
+  resume,      // sums start from P's elements and replace them; sums apart are added to them
+  add_old,     // sums start from zero; P = sum + P
 };
 
 // op(A)(i, l) is a[s][i + (l % segment) * a_depth] with s = l / segment: op(A) may lie in several
@@ -31,10 +32,12 @@ struct TileCall {
   Element* p;
   Size ldp;
   Size depth;
-  Sums sums;
-  Size part;     // rows of a part of a vector
-  Size p_ahead;  // from this tile's place in P to the next one's
-  Size b_ahead;  // from this tile's op(B) to the next one's, if that should be asked for
+  Sums sums;      // not on_cleared
+  bool add_zero;  // the sums are added to zero last, which takes a subnormal one for zero in a mode
+                  // of the caller's
+  Size part;      // rows of a part of a vector
+  Size p_ahead;   // from this tile's place in P to the next one's
+  Size b_ahead;   // from this tile's op(B) to the next one's, if that should be asked for
 };
 
 // `width` rows of one column, or one value in all rows: what the tiles are made of.
@@ -152,6 +155,13 @@ struct Tile {
       }
     }
     add_products<V, C, part>(call, sum);
+    if (call.add_zero) [[unlikely]] {
+      for (Size c = 0; c < C; ++c) {
+        for (Size v = 0; v < V; ++v) {
+          sum[v][c] = Rows::add(sum[v][c], Rows::zero());
+        }
+      }
+    }
     for (Size c = 0; c < C && call.sums == Sums::add_old; ++c) {
       for (Size v = 0; v < V; ++v) {
         sum[v][c] = Rows::add(sum[v][c], load<part>(call.p + c * call.ldp + v * width, call.part));
@@ -270,6 +280,9 @@ struct Tile {
           const Element* a = call.a[l / call.segment] + l % call.segment * call.a_depth;
           const Element* b = call.b[l / call.segment] + l % call.segment * call.b_depth;
           sum = add(sum, multiply(a[row], b[c * call.b_column]));
+        }
+        if (call.add_zero) {
+          sum = add(sum, Element{});
         }
         p = call.sums == Sums::add_old ? add(sum, p) : sum;
       }
