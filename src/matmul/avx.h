@@ -36,7 +36,7 @@ struct AvxTiles {
   static constexpr TileShape real{2, 6};
   static constexpr TileShape complex{1, 4};
   static constexpr int unroll = 2;
-  static constexpr Size depth_ahead = 8;
+  static constexpr Size depth_ahead = 4;
   static constexpr Size columns_worth_packing = ~Size{0};
   using Shuffles = AvxShuffles;
 

@@ -15,15 +15,22 @@ inline constexpr Size order_group = 4;
 // Products with no extent above this are left to plain loops.
 inline constexpr Size small_extent = 3;
 
-// Depth of a block. A block of op(A) stays in the second-level cache while all columns pass by;
-// where op(A) is transposed on the way, a block of op(B) while all rows do.
-inline constexpr Size depth_block = 128;
-inline constexpr Size a_block_bytes = 262144;
-inline constexpr Size column_block = 128;
+// The most pieces in which a tile's op(A) may lie.
+inline constexpr Size max_segments = 8;
 
-// A panel of op(A), transposed, and the old values of P of a product whose order wants its sums
-// apart from P: each lies on the stack, below a page.
-inline constexpr Size panel_bytes = 3840;
+// A panel of op(A), for one tile's rows, lies on the stack in several pieces, each in a frame of
+// its own below a page; together they leave room in a first-level cache of 32 KiB.
+inline constexpr Size segment_bytes = 3584;
+inline constexpr Size panel_bytes = 24576;
+
+// From this many rows on a group of columns of op(B) is worth a copy.
+inline constexpr Size rows_worth_packing = 64;
+
+// Depth of a block at most. While all rows pass by, a block of op(B) stays in the second-level
+// cache; where op(A) is read in place, a block of op(A) while all columns do.
+inline constexpr Size depth_block = 128;
+inline constexpr Size b_block_bytes = 393216;
+inline constexpr Size a_block_bytes = 262144;
 
 // ---- packed double precision --------------------------------------------------------------------
 

@@ -48,7 +48,9 @@ bool overlaps(const Product<Element>& x) {
                                               : span_bytes<Element>(x.k, x.m, x.lda);
   const Size b_bytes = letters.b == Layout::n ? span_bytes<Element>(x.k, x.n, x.ldb)
                                               : span_bytes<Element>(x.n, x.k, x.ldb);
-  return overlap(x.p, p_bytes, x.a, a_bytes) || overlap(x.p, p_bytes, x.b, b_bytes);
+  // Columns of P that share elements overlap each other.
+  return (x.ldp < x.m && x.n > 1) || overlap(x.p, p_bytes, x.a, a_bytes) ||
+         overlap(x.p, p_bytes, x.b, b_bytes);
 }
 
 // So few elements that every vector would be an incomplete one.
@@ -62,7 +64,10 @@ void multiply_small(const Product<Element>& x, Sums sums) {
       for (Size l = 0; l < x.k; ++l) {
         sum = add(sum, term<Element, letters>(x, i, j, l));
       }
-      p = sums_apart && sums == Sums::resume ? add(p, sum) : sum;
+      if (sums_apart) {
+        sum = add(sums == Sums::resume ? p : Element{}, sum);
+      }
+      p = sum;
     }
   }
 }
@@ -74,7 +79,7 @@ KSOMD_INLINE void multiply_portable(const Product<Element>& x, Sums sums,
     return;
   }
   if (x.k == 0 || overlaps<Element, letters>(x)) [[unlikely]] {
-    if (sums == Sums::overwrite) {
+    if (sums == Sums::on_cleared) {
       clear(x.p, x.m, x.n, x.ldp);
     }
     if (sums == Sums::resume || x.k != 0) {
@@ -99,7 +104,7 @@ using namespace ksomd::matmul;
       const element* a, const element* b, element* p, Size rows, Size depth, Size columns, \
       Size lda, Size ldb, Size ldp) {                                                      \
     multiply_portable<element, Letters{Layout::letter_a, Layout::letter_b}>(               \
-        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::overwrite, &Variant::code);  \
+        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::on_cleared, &Variant::code); \
   }                                                                                        \
   void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(                             \
       const element* a, const element* b, element* p, Size rows, Size columns, Size depth, \

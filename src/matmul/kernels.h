@@ -7,8 +7,8 @@
 
 namespace ksomd::matmul {
 
-// P += op(A) * op(B) or, with Sums::overwrite, P = op(A) * op(B). No extent is zero, and P overlaps
-// neither operand.
+// P += op(A) * op(B), or P = op(A) * op(B): any `sums` but add_old. No extent is zero, and P
+// overlaps neither operand.
 template <class Element>
 using Multiply = void (*)(const Product<Element>& x, Sums sums);
 

@@ -155,8 +155,10 @@ void multiply_rest(const Routines& routines, const Product<double>& x) {
     }
   }
   if (columns < x.n) {
-    routines.whole(x.a, x.b + offset<letters.b>(0, columns, x.ldb), x.p + columns * x.ldp, x.m, x.k,
-                   x.n - columns, x.lda, x.ldb, x.ldp);
+    chosen_variant().r8.multiply[letters.a == Layout::t][letters.b == Layout::t](
+        {x.a, x.b + offset<letters.b>(0, columns, x.ldb), x.p + columns * x.ldp, x.m, x.n - columns,
+         x.k, x.lda, x.ldb, x.ldp},
+        Sums::overwrite);
   }
 }
 

@@ -2,7 +2,8 @@
 //
 // Per element the order is that of the exported tile kernels: the tail chunk overwrites P, the full
 // chunks follow and add their sums to it. A panel holds a tile's rows of op(A), or columns of
-// op(B), for each l of a chunk, without padding.
+// op(B), for each l of a chunk; in place of the products of the padding, zero is added to the sums
+// once.
 #pragma once
 
 #include "matmul/tiling.h"
@@ -36,9 +37,33 @@ struct PackedPanels {
     for (Size i = 0; i < rows; i += block_rows) {
       const Size count = min(block_rows, rows - i);
       pack_a(x, i, count, l, depth, memory.a);
-      Tiling::template each_column<Source::panels>(
-          {memory.a, 0, memory.b, 0, 0, x.p + i + j * x.ldp, x.ldp, depth, sums, 0}, count,
-          columns);
+      TileCall<Element> call{};
+      call.a[0] = memory.a;
+      call.segment = Tiling::segment;
+      call.p = x.p + i + j * x.ldp;
+      call.ldp = x.ldp;
+      call.depth = depth;
+      call.sums = sums;
+      call.add_zero = depth != padded_depth(depth);
+      each_panel<Tiling::columns>(call, memory.b, count, columns);
+    }
+  }
+
+  // All columns, all rows: one panel of op(B) after the other.
+  template <Size C>
+  static void each_panel(TileCall<Element>& call, const Element* b, Size rows, Size columns) {
+    call.b_depth = C;
+    call.b_column = 1;
+    for (; columns >= C; columns -= C) {
+      Tiling::set_segments(call, call.b, b, C);
+      Tiling::template down<Source::panels, C>(call, rows);
+      b += C * call.depth;
+      call.p += C * call.ldp;
+    }
+    if constexpr (C > 1) {
+      if (columns != 0) {
+        each_panel<C / 2>(call, b, rows, columns);
+      }
     }
   }
 

@@ -15,8 +15,8 @@ struct Panel {
   static constexpr Size side = Block::side;
 
   // panel[member + l * panel_members] = op(X)(member, l).
-  static void pack(const Element* source, Size leading, Size members, Size depth, Element* panel,
-                   Size panel_members) {
+  [[gnu::noinline]] static void pack(const Element* source, Size leading, Size members, Size depth,
+                                     Element* panel, Size panel_members) {
     if constexpr (adjacent) {
       copy(source, leading, members, depth, panel, panel_members);
     } else if (members >= side && depth >= side) {

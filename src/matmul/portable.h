@@ -15,12 +15,14 @@ struct Portable {
   using Call = TileCall<Element>;
   using Tiling = Tiles<Rows>;
 
+  // The order wants the sum of all products formed apart from P.
+  static constexpr bool sums_apart = letters.a == Layout::t && letters.b == Layout::t;
   static constexpr Size tile_rows = Tiling::rows;
-  static constexpr Size panel_elements = panel_bytes / sizeof(Element);
-  static constexpr Size panel_depth =
-      round_down(panel_elements / tile_rows, Panel<Rows, false>::side);
+  static constexpr Size depth_limit = Tiling::depth_limit;
   static constexpr Size row_block =
-      round_up(a_block_bytes / (depth_block * sizeof(Element)), tile_rows);
+      round_up(a_block_bytes / (depth_limit * sizeof(Element)), tile_rows);
+  static constexpr Size column_block =
+      round_up(b_block_bytes / (depth_limit * sizeof(Element)), Tiling::columns);
 
   // No extent is zero, and P overlaps neither operand.
   static void multiply(const Product<Element>& x, Sums sums) {
@@ -30,8 +32,8 @@ struct Portable {
       } else {
         as_is(x, sums);
       }
-    } else if (letters.b == Layout::t && sums == Sums::resume) {
-      sum_apart(x);
+    } else if (sums_apart && sums == Sums::resume) {
+      add_apart(x);
     } else {
       in_panels(x, sums);
     }
@@ -39,57 +41,110 @@ struct Portable {
 
   static Call call_at(const Product<Element>& x, Size i, Size j, Size l, Size depth, Sums sums) {
     constexpr bool b_as_is = letters.b == Layout::n;
-    return {x.a + offset<letters.a>(i, l, x.lda),
-            x.lda,
-            x.b + offset<letters.b>(l, j, x.ldb),
-            b_as_is ? 1 : x.ldb,
-            b_as_is ? x.ldb : 1,
-            x.p + i + j * x.ldp,
-            x.ldp,
-            depth,
-            l == 0 ? sums : Sums::resume,
-            0};
+    Call call{};
+    call.segment = Tiling::segment;
+    call.b_depth = b_as_is ? 1 : x.ldb;
+    call.b_column = b_as_is ? x.ldb : 1;
+    call.p = x.p + i + j * x.ldp;
+    call.ldp = x.ldp;
+    call.depth = depth;
+    call.sums = l != 0 ? Sums::resume : sums == Sums::on_cleared ? Sums::overwrite : sums;
+    call.add_zero = sums_apart && sums == Sums::on_cleared && l + depth == x.k;
+    Tiling::set_segments(call, call.b, x.b + offset<letters.b>(l, j, x.ldb), call.b_depth);
+    return call;
   }
 
   // A block of op(A) stays in the second-level cache while all columns pass by.
   static void as_is(const Product<Element>& x, Sums sums) {
     for (Size i = 0; i < x.m; i += row_block) {
       const Size rows = min(row_block, x.m - i);
-      for (Size l = 0; l < x.k; l += depth_block) {
-        const Size depth = min(depth_block, x.k - l);
-        Tiling::template each_column<Source::in_place>(call_at(x, i, 0, l, depth, sums), rows, x.n);
+      for (Size l = 0; l < x.k; l += depth_limit) {
+        Call call = call_at(x, i, 0, l, min(depth_limit, x.k - l), sums);
+        call.a_depth = x.lda;
+        Tiling::set_segments(call, call.a, x.a + i + l * x.lda, x.lda);
+        each_group<Tiling::columns>(call, x.ldb, rows, x.n);
       }
     }
   }
 
-  // Small blocks of op(A) are copied into a panel: for each l, a tile's rows. One block of op(B),
-  // and the rows of P that it serves, stay in the second-level cache while all rows pass by.
+  // All columns, all rows. A group of columns of op(B) that serves many rows is copied.
+  template <Size C>
+  static void each_group(Call& call, Size ldb, Size rows, Size columns) {
+    for (; columns >= C; columns -= C) {
+      if (rows >= rows_worth_packing) {
+        Call copied = call;
+        with_columns<C, 0>(copied, ldb, rows);
+      } else {
+        Tiling::template down<Source::in_place, C>(call, rows);
+      }
+      Tiling::advance(call, call.b, C * call.b_column);
+      call.p += C * call.ldp;
+    }
+    if constexpr (C > 1) {
+      if (columns != 0) {
+        each_group<C / 2>(call, ldb, rows, columns);
+      }
+    }
+  }
+
+  // Piece s of the columns lies in this frame, the others in those of the calls from here on.
+  template <Size C, Size s>
+  [[gnu::noinline]] static void with_columns(Call& call, Size ldb, Size rows) {
+    alignas(64) Element piece[Tiling::segment * C];
+    const Size depth = min(Tiling::segment, call.depth - s * Tiling::segment);
+    Panel<Rows, letters.b == Layout::t>::pack(call.b[s], ldb, C, depth, piece, C);
+    call.b[s] = piece;
+    if constexpr (s + 1 < Tiling::segments) {
+      if (call.depth > (s + 1) * Tiling::segment) {
+        with_columns<C, s + 1>(call, ldb, rows);
+        return;
+      }
+    }
+    call.b_depth = C;
+    call.b_column = 1;
+    Tiling::template down<Source::in_place, C>(call, rows);
+  }
+
+  // A tile's rows of op(A) are copied into a panel. One block of op(B) stays in the second-level
+  // cache while all rows pass by.
   static void in_panels(const Product<Element>& x, Sums sums) {
-    alignas(64) Element panel[panel_elements];
     for (Size j = 0; j < x.n; j += column_block) {
       const Size columns = min(column_block, x.n - j);
-      for (Size l = 0; l < x.k; l += depth_block) {
-        const Size depth_end = min(x.k, l + depth_block);
+      for (Size l = 0; l < x.k; l += depth_limit) {
+        const Size depth = min(depth_limit, x.k - l);
         for (Size i = 0; i < x.m;) {
           const Size rows = Tiling::rows_of_tile(x.m - i);
-          for (Size start = l; start < depth_end; start += panel_depth) {
-            Call call = call_at(x, i, j, start, min(panel_depth, depth_end - start), sums);
-            Panel<Rows, letters.a == Layout::n>::pack(call.a, x.lda, rows, call.depth, panel,
-                                                      tile_rows);
-            call.a = panel;
-            call.a_depth = tile_rows;
-            Tiling::across(call, rows, columns);
-          }
+          Call call = call_at(x, i, j, l, depth, sums);
+          call.a_depth = tile_rows;
+          with_panel<0>(call, x.a + offset<letters.a>(i, l, x.lda), x.lda, rows, columns);
           i += rows;
         }
       }
     }
   }
 
+  // Piece s of the panel lies in this frame, the others in those of the calls from here on.
+  template <Size s>
+  [[gnu::noinline]] static void with_panel(Call& call, const Element* source, Size leading,
+                                           Size rows, Size columns) {
+    alignas(64) Element piece[Tiling::segment * tile_rows];
+    const Size depth = min(Tiling::segment, call.depth - s * Tiling::segment);
+    Panel<Rows, letters.a == Layout::n>::pack(source, leading, rows, depth, piece, tile_rows);
+    call.a[s] = piece;
+    if constexpr (s + 1 < Tiling::segments) {
+      if (call.depth > (s + 1) * Tiling::segment) {
+        with_panel<s + 1>(call, source + offset<letters.a>(0, Tiling::segment, leading), leading,
+                          rows, columns);
+        return;
+      }
+    }
+    Tiling::across(call, rows, columns);
+  }
+
   // The sum of all products is formed apart from P and added to it last: P's old values wait.
-  static void sum_apart(const Product<Element>& x) {
-    Element old[panel_elements];
-    constexpr Size columns_at_once = panel_elements / tile_rows;
+  static void add_apart(const Product<Element>& x) {
+    constexpr Size columns_at_once = segment_bytes / sizeof(Element) / tile_rows;
+    Element old[columns_at_once * tile_rows];
     for (Size j = 0; j < x.n; j += columns_at_once) {
       const Size columns = min(columns_at_once, x.n - j);
       for (Size i = 0; i < x.m; i += tile_rows) {

@@ -13,24 +13,31 @@ namespace ksomd::matmul {
 
 // What becomes of P.
 enum class Sums {
-  overwrite,  // sums start from zero and replace P
-  resume,     // sums start from P's elements and replace them
-  add_old,    // sums start from zero; P = sum + P
+  overwrite,   // sums start from zero and replace P
+  on_cleared,  // as resume, on a P of zeros, which is not read
+  resume,      // sums start from P's elements and replace them; sums apart are added to them
+  add_old,     // sums start from zero; P = sum + P
 };
 
-// op(A)(i, l) is a[i + l * a_depth]; op(B)(l, j) is b[l * b_depth + j * b_column].
+// op(A)(i, l) is a[s][i + (l % segment) * a_depth] with s = l / segment: op(A) may lie in several
+// pieces. op(B)(l, j) is b[s][(l % segment) * b_depth + j * b_column].
 template <class Element>
 struct TileCall {
-  const Element* a;
+  const Element* a[max_segments];
+  Size segment;
   Size a_depth;
-  const Element* b;
+  const Element* b[max_segments];
   Size b_depth;
   Size b_column;
   Element* p;
   Size ldp;
   Size depth;
-  Sums sums;
-  Size part;  // rows of a part of a vector
+  Sums sums;      // not on_cleared
+  bool add_zero;  // the sums are added to zero last, which takes a subnormal one for zero in a mode
+                  // of the caller's
+  Size part;      // rows of a part of a vector
+  Size p_ahead;   // from this tile's place in P to the next one's
+  Size b_ahead;   // from this tile's op(B) to the next one's, if that should be asked for
 };
 
 // `width` rows of one column, or one value in all rows: what the tiles are made of.
@@ -148,6 +155,13 @@ struct Tile {
       }
     }
     add_products<V, C, part>(call, sum);
+    if (call.add_zero) [[unlikely]] {
+      for (Size c = 0; c < C; ++c) {
+        for (Size v = 0; v < V; ++v) {
+          sum[v][c] = Rows::add(sum[v][c], Rows::zero());
+        }
+      }
+    }
     for (Size c = 0; c < C && call.sums == Sums::add_old; ++c) {
       for (Size v = 0; v < V; ++v) {
         sum[v][c] = Rows::add(sum[v][c], load<part>(call.p + c * call.ldp + v * width, call.part));
@@ -189,45 +203,71 @@ struct Tile {
 
   template <Size V, Size C, bool part>
   KSOMD_INLINE static void add_products(const Call& call, Rows (&sum)[V][C]) {
-    const Element* a = call.a;
-    const Element* b = call.b;
     const Size a_depth = call.a_depth;
     const Size b_depth = call.b_depth;
     const Size b_column = call.b_column;
     const Size rows_in_part = call.part;
+    Size left = call.depth;
+    for (Size s = 0; left != 0; ++s) {
+      const Element* a = call.a[s];
+      const Element* b = call.b[s];
+      const Size steps = min(left, call.segment);
+      left -= steps;
+      if (s < C) {
+        prefetch_next<V>(call, s);
+      }
 #pragma clang loop unroll_count(Rows::unroll)
-    for (Size l = call.depth; l != 0; --l) {
-      if constexpr (Rows::depth_ahead != 0) {
-        for (Size row = 0; row < V * width; row += 64 / sizeof(Element)) {
-          __builtin_prefetch(a + Rows::depth_ahead * a_depth + row);
+      for (Size l = steps; l != 0; --l) {
+        if constexpr (Rows::depth_ahead != 0) {
+          for (Size row = 0; row < V * width; row += 64 / sizeof(Element)) {
+            __builtin_prefetch(a + Rows::depth_ahead * a_depth + row);
+          }
         }
-      }
-      // The operand with fewer vectors stays in registers.
-      if constexpr (V < C) {
-        Rows rows[V];
-        for (Size v = 0; v < V; ++v) {
-          rows[v] = load<part>(a + v * width, rows_in_part);
-        }
-        for (Size c = 0; c < C; ++c) {
-          const Rows factor = Rows::broadcast(b + c * b_column);
+        // The operand with fewer vectors stays in registers.
+        if constexpr (V < C) {
+          Rows rows[V];
           for (Size v = 0; v < V; ++v) {
-            sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows[v], factor));
+            rows[v] = load<part>(a + v * width, rows_in_part);
           }
-        }
-      } else {
-        Rows factor[C];
-        for (Size c = 0; c < C; ++c) {
-          factor[c] = Rows::broadcast(b + c * b_column);
-        }
-        for (Size v = 0; v < V; ++v) {
-          const Rows rows = load<part>(a + v * width, rows_in_part);
           for (Size c = 0; c < C; ++c) {
-            sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows, factor[c]));
+            const Rows factor = Rows::broadcast(b + c * b_column);
+            for (Size v = 0; v < V; ++v) {
+              sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows[v], factor));
+            }
+          }
+        } else {
+          Rows factor[C];
+          for (Size c = 0; c < C; ++c) {
+            factor[c] = Rows::broadcast(b + c * b_column);
+          }
+          for (Size v = 0; v < V; ++v) {
+            const Rows rows = load<part>(a + v * width, rows_in_part);
+            for (Size c = 0; c < C; ++c) {
+              sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows, factor[c]));
+            }
           }
         }
+        a += a_depth;
+        b += b_depth;
       }
-      a += a_depth;
-      b += b_depth;
+    }
+  }
+
+  // Asks, a column at a time, for what the next tile reads: with a leading dimension of some
+  // kilobytes its lines share few cache sets, and no hardware prefetcher follows such strides.
+  template <Size V>
+  KSOMD_INLINE static void prefetch_next(const Call& call, Size column) {
+    constexpr Size line = 64 / sizeof(Element);
+    const Element* p = call.p + call.p_ahead + column * call.ldp;
+    for (Size row = 0; row < V * width; row += line) {
+      __builtin_prefetch(p + row, 1);
+    }
+    __builtin_prefetch(p + V * width - 1, 1);
+    if (call.b_ahead != 0) {
+      const Element* b = call.b[0] + call.b_ahead + column * call.b_column;
+      for (Size l = 0; l < call.depth; l += line) {
+        __builtin_prefetch(b + l);
+      }
     }
   }
 
@@ -237,8 +277,12 @@ struct Tile {
         Element& p = call.p[c * call.ldp + row];
         Element sum = call.sums == Sums::resume ? p : Element{};
         for (Size l = 0; l < call.depth; ++l) {
-          sum = add(sum, multiply(call.a[row + l * call.a_depth],
-                                  call.b[l * call.b_depth + c * call.b_column]));
+          const Element* a = call.a[l / call.segment] + l % call.segment * call.a_depth;
+          const Element* b = call.b[l / call.segment] + l % call.segment * call.b_depth;
+          sum = add(sum, multiply(a[row], b[c * call.b_column]));
+        }
+        if (call.add_zero) {
+          sum = add(sum, Element{});
         }
         p = call.sums == Sums::add_old ? add(sum, p) : sum;
       }

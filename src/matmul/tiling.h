@@ -20,6 +20,32 @@ struct Tiles {
   static constexpr Size columns = Rows::shape.columns;
   static constexpr Size rows = vectors * width;
 
+  // Depth of a piece of op(A), and of all: complete blocks of the transposition where that leaves
+  // little of the memory unused.
+  static constexpr Size row_bytes = rows * sizeof(Element);
+  static constexpr Size segment_limit = segment_bytes / row_bytes;
+  static constexpr Size whole_blocks = round_down(segment_limit, Panel<Rows, false>::side);
+  static constexpr Size segment =
+      4 * whole_blocks >= 3 * segment_limit ? whole_blocks : segment_limit;
+  static constexpr Size segments = min(max_segments, min(panel_bytes / (segment * row_bytes),
+                                                         round_up(depth_block, segment) / segment));
+  static constexpr Size depth_limit = min(segment * segments, depth_block);
+  static_assert(segments >= 1);
+
+  // An operand in one piece.
+  KSOMD_INLINE static void set_segments(const Call& call, const Element* (&pieces)[max_segments],
+                                        const Element* start, Size depth_step) {
+    for (Size s = 0; s * segment < call.depth; ++s) {
+      pieces[s] = start + s * segment * depth_step;
+    }
+  }
+  KSOMD_INLINE static void advance(const Call& call, const Element* (&pieces)[max_segments],
+                                   Size step) {
+    for (Size s = 0; s * segment < call.depth; ++s) {
+      pieces[s] += step;
+    }
+  }
+
   // The rows of the next tile, when `left` rows are left: complete tiles, then the other complete
   // vectors, then the rest.
   static Size rows_of_tile(Size left) {
@@ -45,31 +71,17 @@ struct Tiles {
       const Size count = rows_of_tile(row_count);
       if constexpr (source == Source::panels) {
         call.a_depth = count;
-        prefetch_result<C>(call);
+        set_segments(call, call.a, call.a[0], count);
       }
+      call.p_ahead = count;
       tile<C>(call, count);
-      call.a += source == Source::panels ? count * call.depth : count;
+      if constexpr (source == Source::panels) {
+        call.a[0] += count * call.depth;
+      } else {
+        advance(call, call.a, count);
+      }
       call.p += count;
       row_count -= count;
-    }
-  }
-
-  // All columns, all rows.
-  template <Source source, Size C = columns>
-  static void each_column(Call call, Size row_count, Size column_count) {
-    for (; column_count >= C; column_count -= C) {
-      if constexpr (source == Source::panels) {
-        call.b_depth = C;
-        call.b_column = 1;
-      }
-      down<source, C>(call, row_count);
-      call.b += source == Source::panels ? C * call.depth : C * call.b_column;
-      call.p += C * call.ldp;
-    }
-    if constexpr (C > 1) {
-      if (column_count != 0) {
-        each_column<source, C / 2>(call, row_count, column_count);
-      }
     }
   }
 
@@ -77,48 +89,15 @@ struct Tiles {
   template <Size C = columns>
   static void across(Call call, Size row_count, Size column_count) {
     for (; column_count >= C; column_count -= C) {
-      prefetch_next<C>(call);
+      call.p_ahead = C * call.ldp;
+      call.b_ahead = call.b_depth == 1 ? C * call.b_column : 0;
       tile<C>(call, row_count);
-      call.b += C * call.b_column;
+      advance(call, call.b, C * call.b_column);
       call.p += C * call.ldp;
     }
     if constexpr (C > 1) {
       if (column_count != 0) {
         across<C / 2>(call, row_count, column_count);
-      }
-    }
-  }
-
- private:
-  static constexpr Size line = 64;
-
-  // Asks for the part of P that a tile adds to at its end.
-  template <Size C>
-  KSOMD_INLINE static void prefetch_result(const Call& call) {
-    for (Size c = 0; c < C; ++c) {
-      prefetch_column(call.p + c * call.ldp);
-    }
-  }
-
-  KSOMD_INLINE static void prefetch_column(const Element* column) {
-    const char* p = reinterpret_cast<const char*>(column);
-    for (Size byte = 0; byte < rows * sizeof(Element); byte += line) {
-      __builtin_prefetch(p + byte, 1);
-    }
-    __builtin_prefetch(p + rows * sizeof(Element) - 1, 1);
-  }
-
-  // Asks for what the tile after this one reads: with a leading dimension of some kilobytes its
-  // lines share few cache sets, and no hardware prefetcher follows such strides.
-  template <Size C>
-  KSOMD_INLINE static void prefetch_next(const Call& call) {
-    for (Size c = C; c < 2 * C; ++c) {
-      prefetch_column(call.p + c * call.ldp);
-      if (call.b_depth == 1) {
-        const char* b = reinterpret_cast<const char*>(call.b + c * call.b_column);
-        for (Size byte = 0; byte < call.depth * sizeof(Element); byte += line) {
-          __builtin_prefetch(b + byte);
-        }
       }
     }
   }
