@@ -81,6 +81,14 @@ ksomd_c8 builtin_product(ksomd_c8 x, ksomd_c8 y) {
   return {__real__ z, __imag__ z};
 }
 
+ksomd_c4 plain_product(ksomd_c4 x, ksomd_c4 y) {
+  return {x.re * y.re - x.im * y.im, x.re * y.im + x.im * y.re};
+}
+
+ksomd_c8 plain_product(ksomd_c8 x, ksomd_c8 y) {
+  return {x.re * y.re - x.im * y.im, x.re * y.im + x.im * y.re};
+}
+
 #define KSOMD_ROW(code, element, a, b, packed, driver) \
   {"_MATMUL_" #code "_" #a "_" #b,                     \
    #a[0] == 't',                                       \
@@ -140,14 +148,29 @@ Real Random::special() {
   return table[below(std::size(table))];
 }
 
+// A step of splitmix64: fast, and any seed will do.
+std::uint64_t Random::bits() {
+  state_ += 0x9E3779B97F4A7C15;
+  std::uint64_t x = state_;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EB;
+  return x ^ (x >> 31);
+}
+
 template <class Real>
 Real Random::value(Values kind) {
-  if (kind == Values::Specials && below(12) == 0) {
+  if ((kind == Values::Specials && below(12) == 0) || (kind == Values::Rare && below(400) == 0)) {
     return special<Real>();
   }
-  const auto fraction = static_cast<Real>(1 + static_cast<double>(engine_()) / 4294967296.0);
-  const Real magnitude = std::ldexp(fraction, static_cast<int>(below(24)) - 12);
-  return below(2) == 0 ? magnitude : -magnitude;
+  // Sign and fraction are random, the exponent is within twelve of its middle.
+  using Bits = std::conditional_t<sizeof(Real) == 4, std::uint32_t, std::uint64_t>;
+  constexpr int fraction_bits = std::numeric_limits<Real>::digits - 1;
+  constexpr int bias = std::numeric_limits<Real>::max_exponent - 1;
+  const int middle = kind == Values::Tiny ? bias / 2 + 1 : bias;
+  const auto exponent = static_cast<Bits>(middle - 12 + static_cast<int>(below(24)));
+  constexpr Bits kept = static_cast<Bits>(~(Bits{2 * bias + 1} << fraction_bits));
+  return std::bit_cast<Real>(
+      static_cast<Bits>((static_cast<Bits>(bits()) & kept) | (exponent << fraction_bits)));
 }
 
 void Random::fill(std::vector<float>& values, Values kind) {
@@ -326,8 +349,11 @@ std::string real_difference(const Real* got, const Real* expected, std::size_t c
                           : std::bit_cast<Bits>(got[i]) == std::bit_cast<Bits>(expected[i]);
     if (!same) {
       char text[160];
-      std::snprintf(text, sizeof text, "value %zu: %a instead of %a", i,
-                    static_cast<double>(got[i]), static_cast<double>(expected[i]));
+      std::snprintf(text, sizeof text, "value %zu: %a (0x%llx) instead of %a (0x%llx)", i,
+                    static_cast<double>(got[i]),
+                    static_cast<unsigned long long>(std::bit_cast<Bits>(got[i])),
+                    static_cast<double>(expected[i]),
+                    static_cast<unsigned long long>(std::bit_cast<Bits>(expected[i])));
       return text;
     }
   }
@@ -353,9 +379,24 @@ std::string difference(const ksomd_c8* got, const ksomd_c8* expected, std::size_
   return real_difference(&got->re, &expected->re, 2 * count);
 }
 
-bool full_length() {
-  const char* length = std::getenv("KSOMD_TEST_LENGTH");
-  return length != nullptr && std::strcmp(length, "full") == 0;
+// ---- rows of the kernel table -------------------------------------------------------------------
+
+const std::vector<const matmul::Variant*>& kernel_rows() {
+  static const std::vector<const matmul::Variant*> rows = [] {
+    std::vector<const matmul::Variant*> found;
+    const std::uint64_t features = feature_word();
+    for (Size row = 0; row < matmul::variant_count; ++row) {
+      const matmul::Variant* variant = matmul::variants[row];
+      const bool served = (variant->required & features) == variant->required;
+      std::printf("kernels \"%s\": %s\n", variant->name,
+                  served ? "tested" : "SKIPPED, not on this processor");
+      if (served) {
+        found.push_back(variant);
+      }
+    }
+    return found;
+  }();
+  return rows;
 }
 
 #define KSOMD_INSTANTIATE(element)                                                           \

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "ksomd/matmul.h"
+#include "matmul/kernels.h"
 
 namespace ksomd::test {
 
@@ -56,6 +56,10 @@ struct Matrix {
         columns(column_count),
         leading(row_count + padding),
         values(static_cast<std::size_t>(leading * column_count) + 1) {}
+  // Elements from the first to the last.
+  std::size_t used() const {
+    return rows == 0 || columns == 0 ? 0 : static_cast<std::size_t>((columns - 1) * leading + rows);
+  }
   Element* data() { return values.data(); }
   const Element* data() const { return values.data(); }
 };
@@ -63,13 +67,17 @@ struct Matrix {
 // What the operands are filled with.
 enum class Values {
   Wide,      // magnitudes and signs so mixed that a sum in another order has other bits
+  Tiny,      // the same, with products about the smallest normal number
   Specials,  // many infinities, NaNs, zeros, subnormals, extremes
+  Rare,      // few of them, so that deep sums do not all end as NaN
 };
 
 class Random {
  public:
-  explicit Random(std::uint32_t seed) : engine_(seed) {}
-  std::uint32_t below(std::uint32_t limit) { return engine_() % limit; }
+  explicit Random(std::uint64_t seed) : state_(seed) {}
+  std::uint32_t below(std::uint32_t limit) {
+    return static_cast<std::uint32_t>(((bits() >> 32) * limit) >> 32);
+  }
   void fill(std::vector<float>& values, Values kind);
   void fill(std::vector<double>& values, Values kind);
   void fill(std::vector<ksomd_c4>& values, Values kind);
@@ -80,7 +88,8 @@ class Random {
   Real value(Values kind);
   template <class Real>
   Real special();
-  std::mt19937 engine_;
+  std::uint64_t bits();
+  std::uint64_t state_;
 };
 
 // The loop nests of the contract, as plain as they can be written.
@@ -101,6 +110,9 @@ void reference_vector(bool a_transposed, const double* a, const double* x, doubl
 // The builtin's product.
 ksomd_c4 builtin_product(ksomd_c4 x, ksomd_c4 y);
 ksomd_c8 builtin_product(ksomd_c8 x, ksomd_c8 y);
+// (ac - bd) + i(ad + bc), each operation rounded by itself.
+ksomd_c4 plain_product(ksomd_c4 x, ksomd_c4 y);
+ksomd_c8 plain_product(ksomd_c8 x, ksomd_c8 y);
 
 // Where two arrays differ in a bit, NaN counting as NaN; empty if nowhere.
 template <class Element>
@@ -110,22 +122,55 @@ std::string difference(const std::vector<Element>& got, const std::vector<Elemen
   return difference(got.data(), expected.data(), expected.size());
 }
 
-// Whether the long form of the tests was asked for.
-bool full_length();
+// ---- rows of the kernel table -------------------------------------------------------------------
 
-// Memory whose last byte lies before a page that cannot be touched.
-class Guarded {
+// The rows that this processor can run, best first.
+const std::vector<const matmul::Variant*>& kernel_rows();
+
+// Puts a row in use until the end of the scope. No product may be under way meanwhile.
+class UseRow {
  public:
-  explicit Guarded(std::size_t bytes);
-  ~Guarded();
-  Guarded(const Guarded&) = delete;
-  Guarded& operator=(const Guarded&) = delete;
-  void* end() const { return end_; }
+  explicit UseRow(const matmul::Variant* row) : before_(matmul::variant_slot) {
+    matmul::variant_slot = row;
+  }
+  ~UseRow() { matmul::variant_slot = before_; }
+  UseRow(const UseRow&) = delete;
+  UseRow& operator=(const UseRow&) = delete;
 
  private:
-  void* pages_;
-  std::size_t size_;
-  void* end_;
+  const matmul::Variant* before_;
 };
+
+// ---- floating-point modes -----------------------------------------------------------------------
+
+inline constexpr unsigned flush_to_zero = 0x8000;
+inline constexpr unsigned denormals_are_zero = 0x0040;
+inline constexpr unsigned denormal_operand_flag = 0x0002;
+inline constexpr unsigned all_flags = 0x003F;
+constexpr unsigned rounding(unsigned mode) {
+  return mode << 13;
+}
+
+// Sets MXCSR, all exceptions masked, until the end of the scope.
+class FloatMode {
+ public:
+  explicit FloatMode(unsigned bits) : before_(__builtin_ia32_stmxcsr()) {
+    __builtin_ia32_ldmxcsr(0x1F80 | bits);
+  }
+  ~FloatMode() { __builtin_ia32_ldmxcsr(before_); }
+  FloatMode(const FloatMode&) = delete;
+  FloatMode& operator=(const FloatMode&) = delete;
+
+ private:
+  unsigned before_;
+};
+
+// The exception flags that `body` raises, but for that of denormal operands.
+template <class Body>
+unsigned flags_of(const Body& body) {
+  __builtin_ia32_ldmxcsr(__builtin_ia32_stmxcsr() & ~all_flags);
+  body();
+  return __builtin_ia32_stmxcsr() & all_flags & ~denormal_operand_flag;
+}
 
 }  // namespace ksomd::test

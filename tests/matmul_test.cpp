@@ -1,135 +1,13 @@
-// Every path of the sixteen products against the plain loop nests, bit for bit.
-#include <gtest/gtest.h>
+// Every path of the sixteen products, by every row of the kernel table, against the plain loop
+// nests: shapes, values, rounding modes.
+#include <cmath>
 
-#include <algorithm>
-#include <cstdio>
-
-#include "matmul_support.h"
+#include "matmul_problem.h"
+#include "support/guarded_memory.h"
 
 namespace ksomd::test {
 namespace {
 
-template <class Element>
-Element filler();
-template <>
-float filler() {
-  return std::numeric_limits<float>::quiet_NaN();
-}
-template <>
-double filler() {
-  return std::numeric_limits<double>::quiet_NaN();
-}
-template <>
-ksomd_c4 filler() {
-  return {filler<float>(), filler<float>()};
-}
-template <>
-ksomd_c8 filler() {
-  return {filler<double>(), filler<double>()};
-}
-
-template <class Element>
-struct Problem {
-  const Routines<Element>& layout;
-  Shape shape;
-  Matrix<Element> a, b, p;
-
-  Problem(const Routines<Element>& routine, const Shape& extents, Size padding)
-      : layout(routine),
-        shape(extents),
-        a(routine.a_transposed ? extents.k : extents.m,
-          routine.a_transposed ? extents.m : extents.k, padding),
-        b(routine.b_transposed ? extents.n : extents.k,
-          routine.b_transposed ? extents.k : extents.n, 2 * padding),
-        p(extents.m, extents.n, 3 * padding) {}
-
-  void fill(Random& random, Values kind) {
-    random.fill(a.values, kind);
-    random.fill(b.values, kind);
-  }
-  std::string name(const char* path) const {
-    return std::string(layout.name) + path + " m=" + std::to_string(shape.m) +
-           " n=" + std::to_string(shape.n) + " k=" + std::to_string(shape.k) +
-           " lda=" + std::to_string(a.leading);
-  }
-};
-
-// Elements of P outside its rectangle must keep these bits, which count as equal only bit for bit.
-template <class Element>
-void mark_outside(Matrix<Element>& p) {
-  std::vector<Element>& values = p.values;
-  Element mark;
-  std::memset(&mark, 0x5a, sizeof mark);
-  for (Size i = 0; i < values.size(); ++i) {
-    if (p.leading == 0 || i % p.leading >= p.rows || i / p.leading >= p.columns) {
-      values[i] = mark;
-    }
-  }
-}
-
-template <class Element>
-class Comparison {
- public:
-  std::size_t calls = 0;
-
-  // All paths of one routine on one problem.
-  void paths(Problem<Element>& x) {
-    const Element* a = x.a.data();
-    const Element* b = x.b.data();
-    const auto [m, n, k] = x.shape;
-    const Size lda = x.a.leading;
-    const Size ldb = x.b.leading;
-    const Size ldp = x.p.leading;
-    std::fill(x.p.values.begin(), x.p.values.end(), filler<Element>());
-    mark_outside(x.p);
-    const std::vector<Element> before = x.p.values;
-    std::vector<Element> portable = before;
-    reference_portable(x.layout, a, b, portable.data(), x.shape, lda, ldb, ldp);
-    std::vector<Element> packed = portable;
-    if constexpr (std::is_same_v<Element, double>) {
-      reference_packed(x.layout, a, b, packed.data(), x.shape, lda, ldb, ldp);
-      expect(x, ".J", packed, before,
-             [&](double* p) { x.layout.packed(a, b, p, m, k, n, lda, ldb, ldp); });
-      expect(x, "_QWide", packed, before,
-             [&](double* p) { x.layout.driver(a, b, p, m, n, k, lda, ldb, ldp); });
-    }
-    expect(x, "", packed, before,
-           [&](Element* p) { x.layout.entry(a, b, p, m, k, n, lda, ldb, ldp); });
-    expect(x, ".A", portable, before,
-           [&](Element* p) { x.layout.portable(a, b, p, m, k, n, lda, ldb, ldp); });
-  }
-
-  // The kernel alone, which adds to what P holds.
-  void kernel(Problem<Element>& x, Random& random, Values kind) {
-    random.fill(x.p.values, kind);
-    mark_outside(x.p);
-    const std::vector<Element> before = x.p.values;
-    std::vector<Element> expected = before;
-    reference_general(x.layout, x.a.data(), x.b.data(), expected.data(), x.shape, x.a.leading,
-                      x.b.leading, x.p.leading);
-    expect(x, "_pst_General", expected, before, [&](Element* p) {
-      x.layout.general(x.a.data(), x.b.data(), p, x.shape.m, x.shape.n, x.shape.k, x.a.leading,
-                       x.b.leading, x.p.leading);
-    });
-  }
-
- private:
-  template <class Call>
-  void expect(const Problem<Element>& x, const char* path, const std::vector<Element>& expected,
-              const std::vector<Element>& before, const Call& call) {
-    std::vector<Element> got = before;
-    call(got.data());
-    ++calls;
-    const std::string problem = difference(got, expected);
-    if (!problem.empty()) {
-      ADD_FAILURE() << x.name(path) << ": " << problem;
-    }
-  }
-};
-
-template <class Element>
-class Product : public testing::Test {};
-using Elements = testing::Types<float, double, ksomd_c4, ksomd_c8>;
 TYPED_TEST_SUITE(Product, Elements, );
 
 TYPED_TEST(Product, AllSmallShapes) {
@@ -142,13 +20,11 @@ TYPED_TEST(Product, AllSmallShapes) {
           Problem<TypeParam> x(layout, {m, n, k}, (m + n + k) % 3);
           const Values kind = (m + 3 * n + k) % 5 == 0 ? Values::Specials : Values::Wide;
           x.fill(random, kind);
-          compare.paths(x);
-          compare.kernel(x, random, kind);
+          compare.all(x, random, kind);
         }
       }
     }
   }
-  std::printf("%zu calls compared\n", compare.calls);
 }
 
 constexpr Size extents[] = {33,  34,  37,  38,  39,  63,  64,  112, 113, 127,
@@ -158,7 +34,7 @@ TYPED_TEST(Product, BlockBoundaries) {
   Random random(2);
   Comparison<TypeParam> compare;
   constexpr std::uint32_t count = std::size(extents);
-  const Size work_limit = (full_length() ? 400 : 16) * Size{1000000};
+  const Size work_limit = (full_length() ? 400 : 8) * Size{1000000};
   for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
     Size work = 0;
     for (std::uint32_t round = 0; work < work_limit && !this->HasFailure(); ++round) {
@@ -166,10 +42,9 @@ TYPED_TEST(Product, BlockBoundaries) {
       const Shape shape{extents[round % count], extents[random.below(count)],
                         extents[(round + random.below(2) * random.below(count)) % count]};
       Problem<TypeParam> x(layout, shape, round % 2 * (1 + random.below(9)));
-      const Values kind = round % 7 == 6 ? Values::Specials : Values::Wide;
+      const Values kind = round % 5 == 4 ? Values::Rare : Values::Wide;
       x.fill(random, kind);
-      compare.paths(x);
-      compare.kernel(x, random, kind);
+      compare.all(x, random, kind);
       work += shape.m * shape.n * shape.k;
     }
     if (full_length()) {
@@ -177,28 +52,81 @@ TYPED_TEST(Product, BlockBoundaries) {
       std::fflush(stdout);
     }
   }
-  std::printf("%zu calls compared\n", compare.calls);
 }
 
-// The kernels' own thresholds and shapes on both sides of them, packed path included.
-TEST(PackedProduct, ThresholdsAndChunks) {
+// One long extent beside two short ones: blocks, panels and passes of every kind come to an end.
+TYPED_TEST(Product, LongAndThin) {
   Random random(3);
+  Comparison<TypeParam> compare;
+  const Shape shapes[] = {{1, 1, 2050}, {3, 2, 517},   {1, 700, 5},   {2, 1030, 3}, {1030, 1, 2},
+                          {777, 3, 1},  {530, 5, 140}, {5, 530, 140}, {21, 23, 640}};
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    for (const Shape& shape : shapes) {
+      Problem<TypeParam> x(layout, shape, random.below(3));
+      x.fill(random, Values::Wide);
+      compare.all(x, random, Values::Wide);
+    }
+  }
+}
+
+// The packed path: shapes on both sides of its thresholds, chunks, row blocks, column panels.
+TEST(PackedProduct, ThresholdsChunksAndPanels) {
+  Random random(4);
   Comparison<double> compare;
-  const Shape shapes[] = {{33, 60, 60},  {34, 38, 38},  {34, 37, 38},   {34, 38, 37},
-                          {37, 39, 38},  {35, 41, 112}, {36, 40, 224},  {39, 43, 230},
-                          {38, 38, 111}, {36, 44, 113}, {264, 40, 115}, {523, 42, 116}};
+  const Shape shapes[] = {{33, 60, 60},    {34, 38, 38},    {34, 37, 38},    {34, 38, 37},
+                          {37, 39, 38},    {35, 41, 112},   {36, 40, 224},   {39, 43, 230},
+                          {38, 38, 111},   {36, 44, 113},   {264, 40, 115},  {523, 42, 116},
+                          {33, 200, 200},  {35, 4001, 39},  {34, 2003, 113}, {34, 1999, 38},
+                          {262, 2001, 38}, {36, 2000, 126}, {40, 4006, 41},  {41, 47, 673}};
   for (const Routines<double>& layout : routines<double>()) {
     for (const Shape& shape : shapes) {
-      Problem<double> x(layout, shape, 1);
+      Problem<double> x(layout, shape, shape.n > 300 ? 0 : 1);
       x.fill(random, Values::Wide);
       compare.paths(x);
     }
-    Problem<double> x(layout, {35, 4001, 39}, 0);
-    x.fill(random, Values::Wide);
-    compare.paths(x);
   }
-  // On shapes where the two paths sum in different orders, the references must differ, or the
-  // comparisons above could not tell the paths apart.
+}
+
+// The comparisons can tell what they are meant to tell: with these values, a sum in another order,
+// a fused or a wider one often has other bits.
+TEST(Reference, OtherOrdersShow) {
+  Random random(5);
+  constexpr std::size_t sums = 1000;
+  constexpr std::size_t depth = 16;
+  std::size_t same_reversed = 0;
+  std::size_t same_fused = 0;
+  std::size_t same_paired = 0;
+  std::size_t same_wider = 0;
+  for (std::size_t s = 0; s < sums; ++s) {
+    std::vector<double> x(depth);
+    std::vector<double> y(depth);
+    random.fill(x, Values::Wide);
+    random.fill(y, Values::Wide);
+    double plain = 0;
+    double reversed = 0;
+    double fused = 0;
+    double even = 0;
+    double odd = 0;
+    long double wider = 0;
+    for (std::size_t l = 0; l < depth; ++l) {
+      const double product = x[l] * y[l];
+      plain = plain + product;
+      reversed = reversed + x[depth - 1 - l] * y[depth - 1 - l];
+      fused = std::fma(x[l], y[l], fused);
+      (l % 2 == 0 ? even : odd) += product;
+      wider = wider + static_cast<long double>(product);
+    }
+    same_reversed += plain == reversed ? 1 : 0;
+    same_fused += plain == fused ? 1 : 0;
+    same_paired += plain == even + odd ? 1 : 0;
+    same_wider += plain == static_cast<double>(wider) ? 1 : 0;
+  }
+  EXPECT_LT(same_reversed, sums / 2);
+  EXPECT_LT(same_fused, sums * 4 / 5);
+  EXPECT_LT(same_paired, sums / 2);
+  EXPECT_LT(same_wider, sums / 2);
+
+  // The portable and the packed order, too.
   Problem<double> x(routines<double>()[0], {64, 64, 230}, 0);
   x.fill(random, Values::Wide);
   std::vector<double> portable(x.p.values);
@@ -208,94 +136,98 @@ TEST(PackedProduct, ThresholdsAndChunks) {
   EXPECT_NE(difference(portable, packed), "");
 }
 
-TYPED_TEST(Product, RoundingModes) {
-  Random random(4);
+// Four roundings, each with and without flush-to-zero and denormals-are-zero.
+TYPED_TEST(Product, FloatModes) {
+  Random random(6);
   Comparison<TypeParam> compare;
-  const Shape shapes[] = {{1, 1, 1}, {5, 3, 7}, {13, 9, 131}, {64, 40, 118}, {37, 41, 230}};
-  const unsigned saved = __builtin_ia32_stmxcsr();
+  const auto check = [&](const Routines<TypeParam>& layout, const Shape& shape, unsigned mode,
+                         Values kind) {
+    Problem<TypeParam> x(layout, shape, 1);
+    x.fill(random, kind);
+    const FloatMode set(mode);
+    compare.all(x, random, kind);
+  };
+  const Shape shapes[] = {{1, 1, 1}, {5, 3, 7}, {13, 9, 131}, {36, 40, 118}, {37, 41, 230}};
   for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
     for (unsigned mode = 0; mode < 4; ++mode) {
       for (const Shape& shape : shapes) {
-        Problem<TypeParam> x(layout, shape, 1);
-        x.fill(random, Values::Wide);
-        __builtin_ia32_ldmxcsr((saved & ~0x6000U) | mode << 13);
-        compare.paths(x);
-        compare.kernel(x, random, Values::Wide);
-        __builtin_ia32_ldmxcsr(saved);
+        check(layout, shape, rounding(mode), Values::Wide);
+      }
+      for (const unsigned zeros :
+           {0U, flush_to_zero, denormals_are_zero, flush_to_zero | denormals_are_zero}) {
+        check(layout, {13, 9, 21}, rounding(mode) | zeros, Values::Tiny);
+        if (zeros != 0) {
+          check(layout, {36, 40, 42}, rounding(mode) | zeros, Values::Tiny);
+        }
       }
     }
   }
 }
 
-// Each array ends where a page begins that cannot be touched.
+// ---- places in memory ---------------------------------------------------------------------------
+
+// Each array begins, or ends, at a page that cannot be touched.
 TYPED_TEST(Product, GuardPages) {
-  Random random(5);
+  Random random(8);
+  Comparison<TypeParam> compare;
+  const GuardedMemory memory_a(sizeof(TypeParam) * 42000);
+  const GuardedMemory memory_b(sizeof(TypeParam) * 42000);
+  const GuardedMemory memory_p(sizeof(TypeParam) * 42000);
+  ASSERT_TRUE(memory_a && memory_b && memory_p);
+  const auto put = [](const GuardedMemory& memory, std::size_t used, bool at_end) {
+    return at_end ? reinterpret_cast<TypeParam*>(memory.end()) - used
+                  : reinterpret_cast<TypeParam*>(memory.begin());
+  };
+  std::vector<Shape> shapes;
+  for (Size size = 1; size <= 40; size += full_length() || size < 18 ? 1 : 3) {
+    shapes.push_back({size, 1 + random.below(40), 1 + random.below(40)});
+    shapes.push_back({1 + random.below(40), size, 1 + random.below(40)});
+    shapes.push_back({1 + random.below(40), 1 + random.below(40), size});
+  }
+  for (const Size size : {45U, 55U, 67U, 115U, 131U, 195U}) {
+    shapes.push_back({size, size - random.below(4), size + random.below(4)});
+  }
   for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
-    for (Size size = 1; size <= 60; size += size < 24 ? 1 : 7) {
-      Problem<TypeParam> x(layout, {size, size + random.below(3), size + random.below(4)}, 0);
+    for (const Shape& shape : shapes) {
+      Problem<TypeParam> x(layout, shape, random.below(2) * random.below(4));
       x.fill(random, Values::Wide);
-      const auto place = [](Guarded& memory, const std::vector<TypeParam>& values) {
-        const std::size_t count = values.size() - 1;
-        auto* start = static_cast<TypeParam*>(memory.end()) - count;
-        std::memcpy(start, values.data(), count * sizeof(TypeParam));
-        return start;
-      };
-      const auto bytes = [](const std::vector<TypeParam>& values) {
-        return values.size() * sizeof(TypeParam);
-      };
-      Guarded guarded_a(bytes(x.a.values));
-      Guarded guarded_b(bytes(x.b.values));
-      Guarded guarded_p(bytes(x.p.values));
-      const TypeParam* a = place(guarded_a, x.a.values);
-      const TypeParam* b = place(guarded_b, x.b.values);
-      TypeParam* p = place(guarded_p, x.p.values);
-      const auto [m, n, k] = x.shape;
-      const Size lda = x.a.leading;
-      const Size ldb = x.b.leading;
-      std::vector<TypeParam> expected(m * n);
-      reference_portable(layout, a, b, expected.data(), x.shape, lda, ldb, m);
-      layout.portable(a, b, p, m, k, n, lda, ldb, m);
-      EXPECT_EQ(difference(p, expected.data(), m * n), "") << x.name(".A");
-      layout.entry(a, b, p, m, k, n, lda, ldb, m);
-      if constexpr (std::is_same_v<TypeParam, double>) {
-        reference_packed(layout, a, b, expected.data(), x.shape, lda, ldb, m);
+      for (const bool at_end : {false, true}) {
+        compare.place = {put(memory_a, x.a.used(), at_end), put(memory_b, x.b.used(), at_end),
+                         put(memory_p, x.p.used(), at_end)};
+        compare.all(x, random, Values::Wide);
       }
-      EXPECT_EQ(difference(p, expected.data(), m * n), "") << x.name("");
     }
   }
 }
 
-// The bits depend on no operand's place in memory.
+// The bits depend on no array's place: 64 combinations of offsets, in parts of an element.
 TYPED_TEST(Product, Alignments) {
-  Random random(6);
-  const Shape shape{39, 45, 117};
+  using Real = RealOf<TypeParam>;
+  Random random(9);
+  Comparison<TypeParam> compare;
+  alignas(64) static Real a[2 * 8192];
+  alignas(64) static Real b[2 * 8192];
+  alignas(64) static Real p[2 * 8192];
   for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
-    Problem<TypeParam> x(layout, shape, 3);
-    x.fill(random, Values::Wide);
-    std::vector<TypeParam> first;
-    for (std::size_t alignment = 0; alignment < 64; ++alignment) {
-      std::vector<TypeParam> a(x.a.values.size() + 64);
-      std::vector<TypeParam> b(x.b.values.size() + 64);
-      std::vector<TypeParam> p(x.p.values.size() + 64);
-      TypeParam* start_a = a.data() + alignment % 8;
-      TypeParam* start_b = b.data() + alignment / 8;
-      TypeParam* start_p = p.data() + (alignment * 5) % 16;
-      std::copy(x.a.values.begin(), x.a.values.end(), start_a);
-      std::copy(x.b.values.begin(), x.b.values.end(), start_b);
-      layout.entry(start_a, start_b, start_p, shape.m, shape.k, shape.n, x.a.leading, x.b.leading,
-                   x.p.leading);
-      const std::vector<TypeParam> result(start_p, start_p + x.p.values.size());
-      if (first.empty()) {
-        first = result;
+    for (const Shape& shape : {Shape{37, 41, 42}, {9, 7, 11}}) {
+      Problem<TypeParam> x(layout, shape, 1);
+      x.fill(random, Values::Wide);
+      for (std::size_t combination = 0; combination < 64; ++combination) {
+        compare.place = {reinterpret_cast<TypeParam*>(a + combination % 16),
+                         reinterpret_cast<TypeParam*>(b + combination / 4),
+                         reinterpret_cast<TypeParam*>(p + combination * 5 % 16)};
+        compare.all(x, random, Values::Wide);
       }
-      ASSERT_EQ(difference(result, first), "") << x.name("") << " alignment " << alignment;
     }
   }
 }
 
-// P lies across an operand, in one array: the order of every read and write shows.
+// P lies across an operand, in one array: the order of every read and write shows. Offsets count
+// parts of an element.
 TYPED_TEST(Product, OverlappingKernels) {
-  Random random(7);
+  using Real = RealOf<TypeParam>;
+  constexpr std::size_t parts = sizeof(TypeParam) / sizeof(Real);
+  Random random(10);
   const Shape shapes[] = {{1, 1, 3}, {5, 3, 6}, {9, 8, 11}, {20, 13, 17}, {130, 5, 131}, {8, 4, 0}};
   std::size_t calls = 0;
   for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
@@ -303,26 +235,79 @@ TYPED_TEST(Product, OverlappingKernels) {
       for (int round = 0; round < 24; ++round) {
         Problem<TypeParam> x(layout, shape, random.below(3));
         const std::size_t room = x.a.values.size() + x.b.values.size() + x.p.values.size();
-        std::vector<TypeParam> expected(room);
-        random.fill(expected, Values::Wide);
-        std::vector<TypeParam> got = expected;
+        std::vector<TypeParam> start(room);
+        random.fill(start, Values::Wide);
         const auto span =
-            static_cast<std::uint32_t>(std::max(x.a.values.size(), x.b.values.size()));
+            static_cast<std::uint32_t>(parts * std::max(x.a.values.size(), x.b.values.size()));
         const std::size_t a = random.below(4);
-        const std::size_t b = round % 2 == 0 ? room - x.b.values.size() : random.below(4);
+        const std::size_t b = round % 2 == 0 ? parts * (room - x.b.values.size()) : random.below(4);
         const std::size_t p = random.below(span);
+        const auto at = [](std::vector<TypeParam>& array, std::size_t offset) {
+          return reinterpret_cast<TypeParam*>(reinterpret_cast<Real*>(array.data()) + offset);
+        };
+        const auto [m, n, k] = shape;
         const Size lda = x.a.leading;
         const Size ldb = x.b.leading;
         const Size ldp = x.p.leading;
-        reference_general(layout, &expected[a], &expected[b], &expected[p], shape, lda, ldb, ldp);
-        layout.general(&got[a], &got[b], &got[p], shape.m, shape.n, shape.k, lda, ldb, ldp);
-        ++calls;
-        ASSERT_EQ(difference(got, expected), "")
-            << x.name("_pst_General") << " a at " << a << " b at " << b << " p at " << p;
+        const bool adds = round % 4 != 3;
+        std::vector<TypeParam> expected = start;
+        (adds ? reference_general<TypeParam>
+              : reference_portable<TypeParam>)(layout, at(expected, a), at(expected, b),
+                                               at(expected, p), shape, lda, ldb, ldp);
+        for (const matmul::Variant* row : kernel_rows()) {
+          const UseRow use(row);
+          std::vector<TypeParam> got = start;
+          if (adds) {
+            layout.general(at(got, a), at(got, b), at(got, p), m, n, k, lda, ldb, ldp);
+          } else {
+            layout.portable(at(got, a), at(got, b), at(got, p), m, k, n, lda, ldb, ldp);
+          }
+          ++calls;
+          ASSERT_EQ(difference(got, expected), "")
+              << x.name(adds ? "_pst_General" : ".A") << " " << row->name << " a at " << a
+              << " b at " << b << " p at " << p;
+        }
       }
     }
   }
   std::printf("%zu calls compared\n", calls);
+}
+
+// Leading dimensions of operands below their extents, 0 among them: columns share elements.
+TYPED_TEST(Product, OperandsWhoseColumnsOverlap) {
+  Random random(11);
+  Comparison<TypeParam> compare;
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    for (const Shape& shape : {Shape{7, 6, 9}, {40, 45, 50}, {35, 40, 131}}) {
+      for (const Size leading : {0U, 1U, 5U}) {
+        Problem<TypeParam> x(layout, shape, 0);
+        x.fill(random, Values::Wide);
+        x.a.leading = x.b.leading = leading;
+        compare.all(x, random, Values::Wide);
+      }
+    }
+  }
+}
+
+// All three are row ranges of one array: their extents mix, their elements do not.
+TYPED_TEST(Product, RowRangesOfOneArray) {
+  Random random(12);
+  const Size size = 39;
+  const Size leading = 3 * size;
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    std::vector<TypeParam> start(leading * size);
+    random.fill(start, Values::Wide);
+    std::vector<TypeParam> expected = start;
+    reference_portable(layout, &expected[0], &expected[size], &expected[2 * size],
+                       {size, size, size}, leading, leading, leading);
+    for (const matmul::Variant* row : kernel_rows()) {
+      const UseRow use(row);
+      std::vector<TypeParam> got = start;
+      layout.portable(&got[0], &got[size], &got[2 * size], size, size, size, leading, leading,
+                      leading);
+      EXPECT_EQ(difference(got, expected), "") << layout.name << " " << row->name;
+    }
+  }
 }
 
 TYPED_TEST(Product, ClearWritesExactlyTheRectangle) {
