@@ -5,6 +5,7 @@
 #   lib/libksomd.so[.N]       lib/libksomd.a                          on Linux
 #   lib/cmake/ksomd/          find_package(ksomd): ksomd::shared and ksomd::static
 #   lib/pkgconfig/ksomd.pc    pkg-config ksomd
+#   bin/ksomd-info            what the library finds on a processor, and its manual page in share/man
 #   share/doc/ksomd/          licence and documents
 include(CMakePackageConfigHelpers)
 

@@ -53,7 +53,8 @@ class Installation:
         documents = self.prefix / "share" / "doc" / "ksomd"
         for path in (documents / "LICENSE", documents / "README.md",
                      self.prefix / "include" / "ksomd" / "matmul.f90",
-                     self.prefix / "include" / "ksomd" / "libksomd.def"):
+                     self.prefix / "include" / "ksomd" / "libksomd.def",
+                     self.prefix / "share" / "man" / "man1" / "ksomd-info.1"):
             if path.stat().st_size == 0:
                 sys.exit(f"{path} is empty")
         if (TOP / "docs").is_dir():
@@ -64,6 +65,12 @@ class Installation:
         for path in self.prefix.rglob("*"):
             if path.suffix in (".cmake", ".pc") and str(TOP) in path.read_text():
                 sys.exit(f"{path} names the directory that it was built in")
+
+    def run_info(self):
+        suffix = ".exe" if self.toolchain else ""
+        program = [self.prefix / "bin" / f"ksomd-info{suffix}", "--require", "sse2"]
+        run(*([self.emulator] if self.emulator else []), *program)
+        print("ksomd-info ran")
 
     def package_clients(self):
         build = self.scratch / "package"
@@ -111,6 +118,7 @@ class Installation:
 def main():
     installation = Installation(*sys.argv[1:])
     installation.check_layout()
+    installation.run_info()
     installation.package_clients()
     installation.plain_clients()
 
