@@ -3,16 +3,19 @@
 
 usage: install_test.py BUILD_DIRECTORY SCRATCH_DIRECTORY [TOOLCHAIN_FILE EMULATOR]
 
-With a toolchain file the clients are Windows programs, run by the emulator.
+With a toolchain file the clients are Windows programs, run by the emulator. Without one there are
+clients in Fortran, too.
 """
 
+import itertools
 import os
 import pathlib
 import shutil
 import subprocess
 import sys
 
-SOURCES = pathlib.Path(__file__).resolve().parent / "install"
+TOP = pathlib.Path(__file__).resolve().parent.parent
+SOURCES = TOP / "tests" / "install"
 
 
 def run(*command, **options):
@@ -25,9 +28,10 @@ def run(*command, **options):
 
 class Installation:
     def __init__(self, build, scratch, toolchain=None, emulator=None):
-        self.scratch = pathlib.Path(scratch)
+        self.scratch = pathlib.Path(scratch).resolve()
         self.prefix = self.scratch / "prefix"
         self.toolchain, self.emulator = toolchain, emulator
+        self.fortran = None if toolchain else "gfortran"
         shutil.rmtree(self.scratch, ignore_errors=True)
         run("cmake", "--install", build, "--prefix", self.prefix)
         # Nothing may depend on where it was installed first.
@@ -44,38 +48,77 @@ class Installation:
             sys.exit(f"{program} printed:\n{output}")
         print(f"{pathlib.Path(program).name} ran")
 
+    def check_layout(self):
+        """What people need beside the library itself."""
+        documents = self.prefix / "share" / "doc" / "ksomd"
+        for path in (documents / "LICENSE", documents / "README.md",
+                     self.prefix / "include" / "ksomd" / "matmul.f90",
+                     self.prefix / "include" / "ksomd" / "libksomd.def",
+                     self.prefix / "share" / "man" / "man1" / "ksomd-info.1"):
+            if path.stat().st_size == 0:
+                sys.exit(f"{path} is empty")
+        if (TOP / "docs").is_dir():
+            installed = {page.name for page in documents.rglob("*.md")}
+            missing = {page.name for page in (TOP / "docs").rglob("*.md")} - installed
+            if missing:
+                sys.exit(f"not installed: {sorted(missing)}")
+        for path in self.prefix.rglob("*"):
+            if path.suffix in (".cmake", ".pc") and str(TOP) in path.read_text():
+                sys.exit(f"{path} names the directory that it was built in")
+
+    def run_info(self):
+        suffix = ".exe" if self.toolchain else ""
+        program = [self.prefix / "bin" / f"ksomd-info{suffix}", "--require", "sse2"]
+        run(*([self.emulator] if self.emulator else []), *program)
+        print("ksomd-info ran")
+
     def package_clients(self):
         build = self.scratch / "package"
-        toolchain = [f"-DCMAKE_TOOLCHAIN_FILE={self.toolchain}"] if self.toolchain else []
+        options = [f"-DCMAKE_TOOLCHAIN_FILE={self.toolchain}"] if self.toolchain else []
+        languages = ["c", "cpp"]
+        if self.fortran:
+            options.append("-DCONSUMER_FORTRAN=ON")
+            languages.append("f90")
         run("cmake", "-S", SOURCES, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
-            f"-Dksomd_DIR={self.prefix}/lib/cmake/ksomd", *toolchain)
+            f"-Dksomd_DIR={self.prefix}/lib/cmake/ksomd", *options)
         run("cmake", "--build", build)
         suffix = ".exe" if self.toolchain else ""
-        for language in ("c", "cpp"):
-            for kind in ("shared", "static"):
-                self.execute(build / f"package_{language}_{kind}{suffix}")
+        for language, kind in itertools.product(languages, ("shared", "static")):
+            self.execute(build / f"package_{language}_{kind}{suffix}")
+
+    def pkg_config(self, *options):
+        here = {"PKG_CONFIG_PATH": str(self.prefix / "lib" / "pkgconfig")}
+        return run("pkg-config", *options, "ksomd", env=dict(os.environ, **here)).split()
 
     def plain_clients(self):
         """One with -lksomd alone, one with what pkg-config says; the system's own compilers."""
-        here = {"PKG_CONFIG_PATH": str(self.prefix / "lib" / "pkgconfig")}
-        flags = run("pkg-config", "--cflags", "--libs", "ksomd", env=dict(os.environ, **here)).split()
-        compilers = {"client.c": "gcc", "client.cpp": "g++"}
+        roads = {
+            "linked": ([f"-I{self.prefix}/include"], [f"-L{self.prefix}/lib", "-lksomd"]),
+            "pkgconfig": (self.pkg_config("--cflags"), self.pkg_config("--libs")),
+        }
+        compilers = {"c": "gcc", "cpp": "g++"}
         if self.toolchain:
-            compilers = {"client.c": "x86_64-w64-mingw32-gcc-posix",
-                         "client.cpp": "x86_64-w64-mingw32-g++-posix"}
-        for source, compiler in compilers.items():
-            kind = source.rsplit(".", maxsplit=1)[-1]
-            linked = self.scratch / f"linked_{kind}.exe"
-            run(compiler, SOURCES / source, f"-I{self.prefix}/include", f"-L{self.prefix}/lib",
-                "-lksomd", "-o", linked)
-            self.execute(linked)
-            configured = self.scratch / f"pkgconfig_{kind}.exe"
-            run(compiler, SOURCES / source, *flags, "-o", configured)
-            self.execute(configured)
+            compilers = {"c": "x86_64-w64-mingw32-gcc-posix",
+                         "cpp": "x86_64-w64-mingw32-g++-posix"}
+        for (road, (flags, libraries)), (language, compiler) in itertools.product(
+                roads.items(), compilers.items()):
+            client = self.scratch / f"{road}_{language}.exe"
+            run(compiler, *flags, SOURCES / f"client.{language}", *libraries, "-o", client)
+            self.execute(client)
+        if self.fortran:
+            module = {"linked": [self.prefix / "include" / "ksomd" / "matmul.f90"],
+                      "pkgconfig": self.pkg_config("--variable=fortran_sources")}
+            for road, (_, libraries) in roads.items():
+                client = self.scratch / f"{road}_f90.exe"
+                run(self.fortran, f"-J{self.scratch}", *module[road], SOURCES / "client.f90",
+                    *libraries, "-o", client)
+                self.execute(client)
 
 
 def main():
     installation = Installation(*sys.argv[1:])
+    installation.check_layout()
+    installation.run_info()
     installation.package_clients()
     installation.plain_clients()
 

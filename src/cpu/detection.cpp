@@ -30,9 +30,15 @@ class Snapshot {
  public:
   explicit Snapshot(const Processor& processor);
 
-  bool reports(const Report& report) const {
-    return (reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum &&
-           holds(report.condition);
+  bool reports(const Report& report) const { return explain(report).finding == Finding::Present; }
+
+  Explanation explain(const Report& report) const {
+    if ((reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum) {
+      return holds(report.condition) ? Explanation{Finding::Present, Condition::None}
+                                     : Explanation{Finding::ConditionFails, report.condition};
+    }
+    return was_read(report.leaf) ? Explanation{Finding::NotReported, Condition::None}
+                                 : Explanation{Finding::NotAsked, report.condition};
   }
 
  private:
@@ -45,10 +51,13 @@ class Snapshot {
   }
   void read(const Processor& processor, Leaf leaf, std::uint32_t number, std::uint32_t subleaf) {
     leaves_[static_cast<int>(leaf)] = processor.leaf(number, subleaf);
+    read_ |= bit(static_cast<unsigned>(leaf));
   }
+  bool was_read(Leaf leaf) const { return all_of(read_, bit(static_cast<unsigned>(leaf))); }
 
   CpuidResult leaves_[leaf_count] = {};  // a leaf that may not be read stays 0: it reports nothing
   std::uint32_t conditions_ = 0;
+  std::uint32_t read_ = 0;
 };
 
 Snapshot::Snapshot(const Processor& processor) {
@@ -142,6 +151,27 @@ Detection detect_features(const Processor& processor, const char* disabled_names
   detection.features[0] &= ~disabled[0];
   detection.features[1] &= ~disabled[1];
   return detection;
+}
+
+void explain_features(const Processor& processor, const char* disabled_names,
+                      Explanation (&explanations)[isa_id_count]) {
+  FeatureSet disabled = {};
+  add_disabled_features(disabled_names, disabled);
+  const bool silent = processor.leaf(0).eax == 0;
+  const Snapshot snapshot(processor);
+  for (int id = 0; id < isa_id_count; ++id) {
+    const Report& report = feature_table::rows[id].report;
+    Explanation& explanation = explanations[id];
+    explanation = {Finding::NotReported, Condition::None};
+    if (report.reported == Reported::Always) {
+      explanation.finding = Finding::Present;
+    } else if (report.reported == Reported::ByCpuid && !silent) {
+      explanation = snapshot.explain(report);
+    }
+    if (explanation.finding == Finding::Present && __orvex_test_feature(disabled, id) == 1) {
+      explanation.finding = Finding::SwitchedOff;
+    }
+  }
 }
 
 void publish(const Detection& detection) {

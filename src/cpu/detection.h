@@ -2,6 +2,7 @@
 #pragma once
 
 #include "cpu/feature_set.h"
+#include "cpu/feature_table.h"
 #include "cpu/processor.h"
 
 namespace ksomd {
@@ -24,6 +25,24 @@ struct Detection {
 // "GenuineOrvex" has bit 0 alone.
 Detection detect_features(const Processor& processor, const char* disabled_names,
                           bool check_vendor);
+
+// Why a feature is, or is not, in the set that detect_features gives.
+enum class Finding : std::uint8_t {
+  Present,
+  NotReported,     // CPUID does not report it, or nothing ever does
+  NotAsked,        // the leaf that reports it is not read, since the condition does not hold
+  ConditionFails,  // CPUID reports it, but the condition does not hold
+  SwitchedOff,     // it would be present, did not the disable variable name it
+};
+
+struct Explanation {
+  Finding finding;
+  Condition condition;  // the one that does not hold, for NotAsked and ConditionFails
+};
+
+// Explains every row of the feature table; a row without a feature is NotReported.
+void explain_features(const Processor& processor, const char* disabled_names,
+                      Explanation (&explanations)[isa_id_count]);
 
 // Stores a detection's features where they belong, unless it failed: the vendor-gated set before
 // the general one, word 1 before word 0, which is what readers look at first.

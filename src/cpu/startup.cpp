@@ -27,15 +27,6 @@ struct HardwareMxcsr {
 
 using Report = void (*)(std::uint32_t message);
 
-// A processor level: the features of word 0 that it requires, what it guarantees of MXCSR, and how
-// a processor below it is reported. A level without a report lets such a processor pass.
-struct Level {
-  std::uint64_t required;
-  Guarantees known;
-  Report report;
-  std::uint32_t message;
-};
-
 constexpr Guarantees daz = KSOMD_DENORMALS_ARE_ZERO;
 constexpr Guarantees daz_17 = KSOMD_DENORMALS_ARE_ZERO | KSOMD_MXCSR_BIT_17;
 constexpr Report processor_report = __libkso_fatal_processor;
@@ -50,17 +41,17 @@ constexpr std::uint64_t set_H = set_S | feature_mask("SSE4_2", "POPCNT");
 constexpr std::uint64_t set_G = set_H | feature_mask("AVX");
 constexpr std::uint64_t set_I = set_G | feature_mask("F16C");
 
-constexpr Level level_none{set_none, 0, nullptr, 0};
-constexpr Level level_B{set_B, daz, processor_report, 44};
-constexpr Level level_N{set_B, daz, processor_report, 45};
-constexpr Level level_P{set_P, daz, processor_report, 43};
-constexpr Level level_T{set_T, daz, processor_report, 42};
-constexpr Level level_L{set_T | feature_mask("MOVBE"), daz, processor_report, 48};
-constexpr Level level_S{set_S, daz, processor_report, 46};
-constexpr Level level_H{set_H, daz_17, processor_report, 47};
-constexpr Level level_G{set_G, daz_17, system_report, 50};
-constexpr Level level_I{set_I, daz_17, system_report, 51};
-constexpr Level level_E{set_I | feature_mask("MOVBE", "FMA", "BMI", "LZCNT", "AVX2"), daz_17,
+constexpr Level level_none{"", set_none, 0, nullptr, 0};
+constexpr Level level_B{"B", set_B, daz, processor_report, 44};
+constexpr Level level_N{"N", set_B, daz, processor_report, 45};
+constexpr Level level_P{"P", set_P, daz, processor_report, 43};
+constexpr Level level_T{"T", set_T, daz, processor_report, 42};
+constexpr Level level_L{"L", set_T | feature_mask("MOVBE"), daz, processor_report, 48};
+constexpr Level level_S{"S", set_S, daz, processor_report, 46};
+constexpr Level level_H{"H", set_H, daz_17, processor_report, 47};
+constexpr Level level_G{"G", set_G, daz_17, system_report, 50};
+constexpr Level level_I{"I", set_I, daz_17, system_report, 51};
+constexpr Level level_E{"E", set_I | feature_mask("MOVBE", "FMA", "BMI", "LZCNT", "AVX2"), daz_17,
                         system_report, 52};
 
 constexpr std::uint32_t default_flags = KSOMD_FLUSH_TO_ZERO | KSOMD_DENORMALS_ARE_ZERO;
@@ -103,6 +94,10 @@ class List {
 }
 
 }  // namespace
+
+const Level* const levels[] = {&level_none, &level_B, &level_N, &level_P, &level_T, &level_L,
+                               &level_S,    &level_H, &level_G, &level_I, &level_E};
+const std::size_t level_count = sizeof levels / sizeof *levels;
 
 bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[feature_list_size]) {
   constexpr const char* separator = ", ";

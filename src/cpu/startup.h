@@ -5,8 +5,23 @@
 #include <cstdint>
 
 #include "cpu/feature_set.h"
+#include "cpu/fp_mode.h"
 
 namespace ksomd {
+
+// A processor level: the features of word 0 that it requires, what it guarantees of MXCSR, and how
+// a processor below it is reported. A level without a report lets such a processor pass.
+struct Level {
+  const char* letter;  // as the entries' names end; "": the lowest
+  std::uint64_t required;
+  Guarantees known;
+  void (*report)(std::uint32_t message);
+  std::uint32_t message;
+};
+
+// Every level, in the order of what they require.
+[[gnu::visibility("hidden")]] extern const Level* const levels[];
+[[gnu::visibility("hidden")]] extern const std::size_t level_count;
 
 inline constexpr std::size_t feature_list_size = 1024;
 

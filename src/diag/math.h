@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
+#include "cpu/dispatching_entry.h"
 #include "cpu/feature_set.h"
 
 extern "C" {
@@ -66,6 +68,9 @@ struct LevelState {
   std::uint32_t level;
   std::uint32_t started;
 };
+
+// The dispatched functions.
+std::span<const DispatchingEntry> dispatching_entries();
 
 // The level, computed by the first caller; others spin until it is there.
 std::uint32_t process_level(LevelState& state);

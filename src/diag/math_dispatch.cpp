@@ -47,6 +47,15 @@ constexpr ErrorRow errors[] = {
     {Error::ScalbnfOverflow, ERANGE, false}, {Error::ScalbnfUnderflow, ERANGE, true},
 };
 
+const char* variant(const FeatureSet& features) {
+  return level_of(features) < first_vector_level ? "general" : "vector";
+}
+
+constexpr DispatchingEntry entries[] = {
+    {"__libkso_fmax", variant},      {"__libkso_fmaxf", variant}, {"__libkso_copysign", variant},
+    {"__libkso_copysignf", variant}, {"__libkso_logb", variant},  {"__libkso_scalbn", variant},
+};
+
 }  // namespace
 
 void report(Error error, bool result_is_zero) {
@@ -55,6 +64,10 @@ void report(Error error, bool result_is_zero) {
       errno = row.number;
     }
   }
+}
+
+std::span<const DispatchingEntry> dispatching_entries() {
+  return entries;
 }
 
 std::uint32_t level_of(const FeatureSet& features) {

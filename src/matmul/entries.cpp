@@ -55,3 +55,29 @@ template <auto* portable, auto* packed, class... Arguments>
                                                                                lda, ldb, ldp);    \
   }
 KSOMD_MATMUL_EACH(KSOMD_DEFINE)
+#undef KSOMD_DEFINE
+
+namespace {
+
+const char* portable_stage(const ksomd::FeatureSet&) {
+  return "portable";
+}
+const char* packed_stage(const ksomd::FeatureSet& features) {
+  return (features[0] & packed_features) == packed_features ? "packed" : "portable";
+}
+
+// Whether an entry has a packed second stage is a matter of the type.
+template <auto* portable, auto* packed>
+constexpr auto* stage = packed != portable ? packed_stage : portable_stage;
+
+#define KSOMD_DEFINE(code, element, a, b) \
+  {"_MATMUL_" #code "_" #a "_" #b,        \
+   stage<_MATMUL_##code##_##a##_##b##_portable, KSOMD_PACKED_##code(a, b)>},
+constexpr ksomd::DispatchingEntry entries[] = {KSOMD_MATMUL_EACH(KSOMD_DEFINE)};
+#undef KSOMD_DEFINE
+
+}  // namespace
+
+std::span<const ksomd::DispatchingEntry> ksomd::matmul::dispatching_entries() {
+  return entries;
+}

@@ -142,3 +142,32 @@ void MATMUL_v_tt_pst(const double* a, const double* x, double* y, Size k, Size m
                      Stride incx) {
   chosen_variant().matrix_vector[t]({a, x, y, m, k, lda, incx});
 }
+
+namespace {
+
+const char* kernels_of(const ksomd::FeatureSet& features) {
+  return choose_variant(features[0]).name;
+}
+
+#define KSOMD_DEFINE(code, element, a, b) \
+  {"_MATMUL_" #code "_" #a "_" #b "_pst_General", kernels_of},
+#define KSOMD_DEFINE_PACKED(code, element, a, b) \
+  {"_MATMUL_" #code "_" #a "_" #b "_QWide", kernels_of},
+// clang-format off
+constexpr ksomd::DispatchingEntry entries[] = {
+    KSOMD_MATMUL_EACH(KSOMD_DEFINE)
+    KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE_PACKED)
+    {"MATMUL_v_nn_pst", kernels_of},
+    {"MATMUL_v_tn_pst", kernels_of},
+    {"MATMUL_v_nt_pst", kernels_of},
+    {"MATMUL_v_tt_pst", kernels_of},
+};
+// clang-format on
+#undef KSOMD_DEFINE
+#undef KSOMD_DEFINE_PACKED
+
+}  // namespace
+
+std::span<const ksomd::DispatchingEntry> ksomd::matmul::kernel_entries() {
+  return entries;
+}

@@ -1,6 +1,9 @@
 // The variants of the portable kernels, best first, and the choice among them.
 #pragma once
 
+#include <span>
+
+#include "cpu/dispatching_entry.h"
 #include "cpu/feature_set.h"
 #include "matmul/matrix_vector.h"
 #include "matmul/register_tile.h"
@@ -48,6 +51,10 @@ const Variant& chosen_variant();
 
 // The first variant whose features are all among `features`, word 0 of the indicator.
 const Variant& choose_variant(std::uint64_t features);
+
+// The entry points, which choose their second stage, and what chooses its kernels below them.
+std::span<const DispatchingEntry> dispatching_entries();
+std::span<const DispatchingEntry> kernel_entries();
 
 }  // namespace ksomd::matmul
 

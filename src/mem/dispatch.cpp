@@ -10,22 +10,33 @@ namespace ksomd::mem {
 namespace {
 
 constexpr Variant<CopyRoutine> memcpy_variants[] = {
-    {avx2_level, __orvex_avx_rep_memcpy},
-    {baseline_level, __orvex_new_memcpy},
-    {0, std::memmove},
+    KSOMD_VARIANT(avx2_level, __orvex_avx_rep_memcpy),
+    KSOMD_VARIANT(baseline_level, __orvex_new_memcpy),
+    KSOMD_VARIANT(0, std::memmove),
 };
 constexpr Variant<CopyRoutine> memmove_variants[] = {
-    {avx2_level, __orvex_avx_memmove},
-    {baseline_level, __orvex_new_memmove},
-    {0, std::memmove},
+    KSOMD_VARIANT(avx2_level, __orvex_avx_memmove),
+    KSOMD_VARIANT(baseline_level, __orvex_new_memmove),
+    KSOMD_VARIANT(0, std::memmove),
 };
 constexpr Variant<FillRoutine> memset_variants[] = {
-    {avx2_level, __orvex_avx_rep_memset},
-    {baseline_level, __orvex_new_memset},
-    {0, std::memset},
+    KSOMD_VARIANT(avx2_level, __orvex_avx_rep_memset),
+    KSOMD_VARIANT(baseline_level, __orvex_new_memset),
+    KSOMD_VARIANT(0, std::memset),
+};
+
+constexpr DispatchingEntry entries[] = {
+    dispatching_entry<memcpy_variants>("_orvex_fast_memcpy"),
+    dispatching_entry<memmove_variants>("_orvex_fast_memmove"),
+    dispatching_entry<memset_variants>("_orvex_fast_memset"),
 };
 
 }  // namespace
+
+std::span<const DispatchingEntry> memory_entries() {
+  return entries;
+}
+
 }  // namespace ksomd::mem
 
 using namespace ksomd::mem;

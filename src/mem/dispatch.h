@@ -3,7 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
+#include "cpu/dispatching_entry.h"
 #include "cpu/feature_set.h"
 #include "cpu/feature_table.h"
 #include "ksomd/memory.h"
@@ -18,21 +20,24 @@ inline constexpr std::uint64_t avx512_level =
     avx2_level | feature_mask("AVX512DQ", "AVX512F", "ADX", "AVX512CD", "AVX512BW", "AVX512VL");
 static_assert(baseline_level == 0x6E && avx2_level == 0x9D9FEE && avx512_level == 0x64199D9FEE);
 
-// A variant and the features that it needs.
+// A variant, its name, and the features that it needs.
 template <class Routine>
 struct Variant {
   std::uint64_t required;
   Routine* routine;
+  const char* name;
 };
+#define KSOMD_VARIANT(required, routine) {required, routine, #routine}
 
 // The first variant whose features are all present; the last one needs none.
 template <class Routine, std::size_t count>
-constexpr Routine* choose_variant(const Variant<Routine> (&variants)[count], std::uint64_t word) {
+constexpr const Variant<Routine>& choose_variant(const Variant<Routine> (&variants)[count],
+                                                 std::uint64_t word) {
   std::size_t i = 0;
   while ((word & variants[i].required) != variants[i].required) {
     ++i;
   }
-  return variants[i].routine;
+  return variants[i];
 }
 
 // Empty (null), or the chosen variant. Racing first calls store the same address.
@@ -42,10 +47,21 @@ Routine* load_slot(Routine* const& slot) {
 }
 template <class Routine, std::size_t count>
 Routine* fill_slot(Routine*& slot, const Variant<Routine> (&variants)[count]) {
-  Routine* const chosen = choose_variant(variants, feature_word());
+  Routine* const chosen = choose_variant(variants, feature_word()).routine;
   __atomic_store_n(&slot, chosen, __ATOMIC_RELAXED);
   return chosen;
 }
+
+// The row of a report for the entry point with these variants.
+template <const auto& variants>
+constexpr DispatchingEntry dispatching_entry(const char* name) {
+  return {name,
+          [](const FeatureSet& features) { return choose_variant(variants, features[0]).name; }};
+}
+
+// The entry points that copy and fill, and those that stream.
+std::span<const DispatchingEntry> memory_entries();
+std::span<const DispatchingEntry> streaming_entries();
 
 using CopyRoutine = void*(void*, const void*, std::size_t);
 using FillRoutine = void*(void*, int, std::size_t);

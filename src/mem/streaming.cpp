@@ -24,17 +24,26 @@ void store_dynamic_plain(__libkso_nt_context* context, size_t length, int, int) 
 }
 
 constexpr Variant<StreamRoutine> store_variants[] = {
-    {avx512_level, __libkso_nontemporal_store_512},
-    {avx2_level, __libkso_nontemporal_store_256},
-    {0, store_plain},
+    KSOMD_VARIANT(avx512_level, __libkso_nontemporal_store_512),
+    KSOMD_VARIANT(avx2_level, __libkso_nontemporal_store_256),
+    KSOMD_VARIANT(0, store_plain),
 };
 constexpr Variant<DynamicStreamRoutine> store_dynamic_variants[] = {
-    {avx512_level, __libkso_nontemporal_store_dynamic_512},
-    {avx2_level, __libkso_nontemporal_store_dynamic_256},
-    {0, store_dynamic_plain},
+    KSOMD_VARIANT(avx512_level, __libkso_nontemporal_store_dynamic_512),
+    KSOMD_VARIANT(avx2_level, __libkso_nontemporal_store_dynamic_256),
+    KSOMD_VARIANT(0, store_dynamic_plain),
+};
+
+constexpr DispatchingEntry entries[] = {
+    dispatching_entry<store_variants>("__libkso_nontemporal_store"),
+    dispatching_entry<store_dynamic_variants>("__libkso_nontemporal_store_dynamic"),
 };
 
 }  // namespace
+
+std::span<const DispatchingEntry> streaming_entries() {
+  return entries;
+}
 
 void copy_chunk(__libkso_nt_context* context, size_t length) {
   auto* d = static_cast<Byte*>(context->destination);

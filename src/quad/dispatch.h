@@ -2,12 +2,18 @@
 // other .A.
 #pragma once
 
+#include <span>
+
+#include "cpu/dispatching_entry.h"
 #include "cpu/feature_set.h"
 
 namespace ksomd::quad {
 
 // X87, CMOV, MMX, SSE, SSE2, SSE3
 inline constexpr std::uint64_t features_of_l = 0xEE;
+
+// The arithmetic entry points.
+std::span<const DispatchingEntry> dispatching_entries();
 
 // Whether .L suits the processor, as far as the indicator is filled: true settles it.
 inline bool l_is_known() {

@@ -1,0 +1,78 @@
+// What ksomd-info tells about a processor, gathered apart from how it is printed.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cpu/cache.h"
+#include "cpu/core_type.h"
+#include "cpu/detection.h"
+#include "cpu/dispatching_entry.h"
+#include "cpu/processor.h"
+#include "cpu/startup.h"
+#include "mem/tuning.h"
+
+namespace ksomd::info {
+
+struct Identity {
+  std::string vendor;
+  bool genuine;  // the vendor that the feature start-up check accepts
+  std::uint32_t family, model, stepping;
+  bool xgetbv;  // the system has enabled XGETBV; without it xcr0 is 0
+  std::uint32_t xcr0;
+  bool hybrid;  // core types can be told
+};
+
+// A start-up check and its outcome.
+struct LevelOutcome {
+  const Level* level;
+  FeatureSet missing;
+  bool passes() const { return missing[0] == 0; }
+};
+
+// Dispatching entry points of one kind.
+struct Family {
+  const char* title;
+  std::span<const DispatchingEntry> entries;
+};
+std::span<const Family> families();
+
+struct TuningField {
+  const char* name;
+  std::uint64_t value;
+};
+
+struct Report {
+  Identity identity;
+  std::string disabled;                    // the disable variable's value, or empty
+  std::vector<std::string> unknown_names;  // those in it that no feature has
+  FeatureSet features;                     // as detection fills the general set
+  Explanation explanations[isa_id_count];
+  std::vector<LevelOutcome> levels;
+  CacheInfo caches;
+  std::vector<TuningField> tuning;
+};
+
+Report make_report(const Processor& processor, const char* disabled_names);
+
+// Why the feature is not present, as a sentence's end; empty for one that is.
+std::string reason(const Report& report, int id);
+
+// The ISA id of the feature with this name: as reports print it or as the disable variable spells
+// it, in letters of either case; 0 if none has it.
+int find_feature(std::string_view name);
+
+// The texts between the commas, empty ones left out.
+std::vector<std::string> split(std::string_view list);
+
+void print_text(const Report& report);
+void print_json(const Report& report);
+
+// What a program would print whose start-up check fails, without the lines around it: the message.
+const char* level_message(const Level& level);
+// "__orvex_new_proc_init_E" for the level E.
+std::string level_entry(const Level& level);
+
+}  // namespace ksomd::info
