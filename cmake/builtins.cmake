@@ -8,7 +8,10 @@ set(target_option "")
 if(CMAKE_CXX_COMPILER_TARGET)
   set(target_option --target=${CMAKE_CXX_COMPILER_TARGET})
 endif()
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
+if(NOT KSOMD_BUILTINS_COMPILER)
+  set(KSOMD_BUILTINS_COMPILER ${CMAKE_CXX_COMPILER})
+endif()
+execute_process(COMMAND ${KSOMD_BUILTINS_COMPILER} ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
   OUTPUT_VARIABLE archive OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 if(WIN32)
   set(suffix .c.obj)

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "mem/tuning.h"
 
@@ -97,20 +98,16 @@ struct Piece16 {
 
 // ---- tables of straight-line code ---------------------------------------------------------------
 
-template <class Number, Number... i>
-struct Indices {};
-
 // Routines Code::run<0>, Code::run<1>, ... by number: code that is instantiated for each of a
 // range of sizes or shifts, reached through one jump.
 template <class Code, class Numbers>
 struct CodeTable;
 template <class Code, size_t... i>
-struct CodeTable<Code, Indices<size_t, i...>> {
+struct CodeTable<Code, std::index_sequence<i...>> {
   static constexpr typename Code::Routine* entries[] = {Code::template run<i>...};
 };
 template <class Code, size_t limit>
-inline constexpr auto& code_table =
-    CodeTable<Code, __make_integer_seq<Indices, size_t, limit>>::entries;
+inline constexpr auto& code_table = CodeTable<Code, std::make_index_sequence<limit>>::entries;
 
 // ---- a few pieces at a time ---------------------------------------------------------------------
 
@@ -229,7 +226,7 @@ template <size_t lines, int hint>
 [[gnu::always_inline]] inline void prefetch(const Byte* p) {
 #pragma clang loop unroll(full)
   for (size_t i = 0; i < lines; ++i) {
-    _mm_prefetch(reinterpret_cast<const char*>(p + i * cache_line), hint);
+    __builtin_prefetch(p + i * cache_line, 0, hint);
   }
 }
 
