@@ -1,6 +1,7 @@
-# The compiler's own run-time supplies the 128-bit division and complex builtins. Their objects are
-# taken out of its archive; on the copies hidden symbols become visible, and the math routines that
-# they call by name become the library's own. Sets KSOMD_BUILTIN_OBJECTS.
+# The products' compiler supplies the 128-bit division and complex builtins from its run-time,
+# whatever compiler builds this tree. Their objects are taken out of its archive; on the copies
+# hidden symbols become visible, and the math routines that they call by name become the library's
+# own. Sets KSOMD_BUILTIN_OBJECTS.
 set(routines divti3 udivti3 udivmodti4 muldc3 mulsc3 mulxc3 divdc3 divsc3 divxc3)
 set(math fabs fabsf fmax fmaxf fmaxl copysign copysignf logb logbf logbl scalbn scalbnf scalbnl)
 
@@ -8,10 +9,7 @@ set(target_option "")
 if(CMAKE_CXX_COMPILER_TARGET)
   set(target_option --target=${CMAKE_CXX_COMPILER_TARGET})
 endif()
-if(NOT KSOMD_BUILTINS_COMPILER)
-  set(KSOMD_BUILTINS_COMPILER ${CMAKE_CXX_COMPILER})
-endif()
-execute_process(COMMAND ${KSOMD_BUILTINS_COMPILER} ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
+execute_process(COMMAND clang++-22 ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
   OUTPUT_VARIABLE archive OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 if(WIN32)
   set(suffix .c.obj)

@@ -5,7 +5,7 @@
 function(ksomd_trace_section target)
   find_package(Python3 REQUIRED COMPONENTS Interpreter)
   set(tool ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../tools/trace_section.py)
-  target_compile_options(${target} PRIVATE $<IF:$<CXX_COMPILER_ID:Clang>,-gline-tables-only,-g1>)
+  target_compile_options(${target} PRIVATE -g1)
   set_target_properties(${target} PROPERTIES
     RULE_LAUNCH_LINK "${Python3_EXECUTABLE} ${tool} --prefix ${CMAKE_SOURCE_DIR}/ --link"
     LINK_DEPENDS ${tool})

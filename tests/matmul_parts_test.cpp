@@ -46,7 +46,7 @@ void __wrap_free(void* memory) {
     watched = nullptr;
   }
   volatile std::size_t nothing = 0;
-  (void)std::realloc(memory, nothing);
+  [[maybe_unused]] void* const none = std::realloc(memory, nothing);
 }
 }
 

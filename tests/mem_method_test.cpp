@@ -113,6 +113,8 @@ TEST_F(Method, FillSwitches) {
   mem::Tuning genuine = genuine_tuning();
   const Switch<mem::FillRoutine> switches[] = {
       {"avx", __orvex_avx_rep_memset, needs_avx2, defaults, 15360, plain, string},
+      // Small ranges never go to the string instruction, a block may.
+      {"avx, tiny", __orvex_avx_rep_memset, needs_avx2, uniform_tuning(0), 256, plain, string},
       {"avx, genuine", __orvex_avx_rep_memset, needs_avx2, genuine, 46080, plain, string},
       {"generic, integers", __orvex_new_memset, 0, with_class(0), 131073, plain, streaming},
       {"generic, SSE2", __orvex_memset, 0, with_class(2), 131073, plain, streaming},

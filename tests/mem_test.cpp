@@ -225,6 +225,18 @@ TEST_P(MemoryRoutines, MovesOfOverlappingRanges) {
   }
 }
 
+// Above the size of a vector a move onto itself touches nothing: the memory need not be there.
+TEST(MemoryRoutines, MovesOntoThemselvesReturnAtOnce) {
+  if (!has_features(needs_avx2)) {
+    GTEST_SKIP() << "needs AVX2";
+  }
+  const GuardedMemory memory(4096);
+  for (const std::size_t n :
+       std::initializer_list<std::size_t>{33, 64, 65, 255, 256, 257, 5000, 100'000}) {
+    EXPECT_EQ(__orvex_avx_memmove(memory.end(), memory.end(), n), memory.end()) << n;
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Tunings, MemoryRoutines, testing::ValuesIn(interesting_tunings()),
                          [](const auto& tuning) { return std::to_string(tuning.index); });
 

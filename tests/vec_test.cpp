@@ -1,6 +1,8 @@
 // Reductions against a definition written out element by element.
 #include <gtest/gtest.h>
+#include <immintrin.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -13,6 +15,7 @@
 #include "ksomd/quad.h"
 #include "ksomd/vector.h"
 #include "support/child_process.h"
+#include "support/guarded_memory.h"
 #include "vec/reduction.h"
 
 namespace {
@@ -80,23 +83,42 @@ T identity(int operation, std::uint32_t part) {
 }
 
 template <class T>
+using BitsOf = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+
+// By the bits, so that no flag is raised.
+template <class T>
+bool is_nan(T a) {
+  const auto infinity = std::bit_cast<BitsOf<T>>(std::numeric_limits<T>::infinity());
+  return (std::bit_cast<BitsOf<T>>(a) << 1) > (infinity << 1);
+}
+
+template <class T>
+T quieted(T a) {
+  return std::bit_cast<T>(std::bit_cast<BitsOf<T>>(a) | BitsOf<T>{1} << (sizeof(T) == 4 ? 22 : 51));
+}
+
+// Of two NaNs the first survives, quiet.
+template <class T>
+T arithmetic(int operation, T d, T s) {
+  const T result = operation == 1 ? d + s : operation == 2 ? d * s : d - s;
+  return is_nan(d) ? quieted(d) : is_nan(s) ? quieted(s) : result;
+}
+
+quad128 arithmetic(int operation, quad128 d, quad128 s) {
+  (operation == 1 ? __addq : operation == 2 ? __mulq : __subq)(&d, &d, &s);
+  return d;
+}
+
+template <class T>
 T combined(int operation, T d, T s) {
   if constexpr (std::is_same_v<T, quad128>) {
-    T r = d;
     switch (operation) {
-      case 1:
-        __addq(&r, &d, &s);
-        return r;
-      case 2:
-        __mulq(&r, &d, &s);
-        return r;
-      case 3:
-        __subq(&r, &d, &s);
-        return r;
       case 4:
         return __leq(&d, &s) ? s : d;
-      default:
+      case 5:
         return __geq(&d, &s) ? s : d;
+      default:
+        return arithmetic(operation, d, s);
     }
   } else {
     if constexpr (std::is_integral_v<T>) {
@@ -119,19 +141,8 @@ T combined(int operation, T d, T s) {
         default:
           break;
       }
-    } else {
-      volatile T a = d;
-      volatile T b = s;
-      switch (operation) {
-        case 1:
-          return a + b;
-        case 2:
-          return a * b;
-        case 3:
-          return a - b;
-        default:
-          break;
-      }
+    } else if (operation <= 3) {
+      return arithmetic(operation, d, s);
     }
     switch (operation) {
       case 4:
@@ -139,9 +150,9 @@ T combined(int operation, T d, T s) {
       case 5:
         return d <= s ? d : s;
       case 6:
-        return T(d != T{} && s != T{});
+        return T((d != T{}) & (s != T{}));
       case 7:
-        return T(d != T{} || s != T{});
+        return T((d != T{}) | (s != T{}));
       case 12:
         return T(d == s);
       default:
@@ -151,10 +162,20 @@ T combined(int operation, T d, T s) {
 }
 
 template <class T>
-T product_part(const T (&d)[2], const T (&s)[2], int part) {
-  const auto term = [](T a, T b) { return combined<T>(2, a, b); };
-  return part == 0 ? combined<T>(3, term(d[0], s[0]), term(d[1], s[1]))
-                   : combined<T>(1, term(d[0], s[1]), term(d[1], s[0]));
+struct Parts {
+  T re, im;
+};
+
+template <class T>
+Parts<T> product(Parts<T> d, Parts<T> s) {
+  return {arithmetic(3, arithmetic(2, d.re, s.re), arithmetic(2, d.im, s.im)),
+          arithmetic(1, arithmetic(2, d.re, s.im), arithmetic(2, d.im, s.re))};
+}
+
+Parts<quad128> product(Parts<quad128> d, Parts<quad128> s) {
+  cquad128 result;
+  __cmulq(&result, &d.re, &d.im, &s.re, &s.im);
+  return {result.re, result.im};
 }
 
 template <class T>
@@ -185,28 +206,25 @@ T random_value(std::mt19937_64& random) {
                          Limits::lowest(),
                          Limits::denorm_min(),
                          Limits::min()};
-    return random() % 4 == 0 ? special[random() % std::size(special)]
-                             : static_cast<T>(static_cast<std::int64_t>(random())) /
-                                   static_cast<T>(1 << random() % 30);
+    using Bits = BitsOf<T>;
+    switch (random() % 8) {
+      case 0:
+      case 1:
+        return special[random() % std::size(special)];
+      case 2: {  // a NaN, quiet or signalling, that can be told from others
+        const Bits exponent = std::bit_cast<Bits>(Limits::infinity());
+        return std::bit_cast<T>(static_cast<Bits>(random()) | exponent | 1);
+      }
+      case 3:  // any exponent
+        return std::bit_cast<T>(static_cast<Bits>(random()));
+      default:
+        return static_cast<T>(static_cast<std::int64_t>(random())) /
+               static_cast<T>(1 << random() % 30);
+    }
   } else {
     const T special[] = {0, 1, 2, static_cast<T>(-1), extreme<T>(true), extreme<T>(false)};
     return random() % 3 == 0 ? special[random() % std::size(special)] : static_cast<T>(random());
   }
-}
-
-template <class T>
-bool is_nan(const T& a) {
-  if constexpr (std::is_same_v<T, quad128>) {
-    return __eqq(&a, &a) == 0;
-  } else {
-    return a != a;
-  }
-}
-
-// Bits agree. Where an operation makes a NaN of two, which one is not the definition's matter.
-template <class T>
-bool same(const T& a, const T& b) {
-  return std::memcmp(&a, &b, sizeof a) == 0 || (is_nan(a) && is_nan(b));
 }
 
 template <class E>
@@ -220,92 +238,144 @@ using Elements =
                    Element<double, 21, 2>, Element<quad128, 23, 2>>;
 TYPED_TEST_SUITE(Reduction, Elements);
 
-constexpr char untouched = 0x5A;
+// Where an array lies: up against the page before it, up against the page after it, or one byte off
+// any alignment in between.
+enum class Place { Front, Back, Odd, Count };
+
+class Area {
+ public:
+  explicit Area(std::size_t size) : memory_(size) {}
+
+  // Room for `size` bytes, the rest filled with a mark.
+  unsigned char* place(std::size_t size, Place place) {
+    size_ = size;
+    start_ = place == Place::Front  ? memory_.begin()
+             : place == Place::Back ? memory_.end() - size
+                                    : memory_.begin() + 17;
+    std::memset(memory_.begin(), mark, static_cast<std::size_t>(start_ - memory_.begin()));
+    std::memset(start_ + size, mark, static_cast<std::size_t>(memory_.end() - start_) - size);
+    return start_;
+  }
+  bool rest_is_untouched() const {
+    const auto is_mark = [](unsigned char byte) { return byte == mark; };
+    return std::all_of(memory_.begin(), start_, is_mark) &&
+           std::all_of(start_ + size_, memory_.end(), is_mark);
+  }
+
+ private:
+  static constexpr unsigned char mark = 0x5A;
+  GuardedMemory memory_;
+  unsigned char* start_ = nullptr;
+  std::size_t size_ = 0;
+};
 
 TYPED_TEST(Reduction, Fill) {
   using T = TypeParam::Component;
+  Area area(4096);
   for (int operation = 1; operation <= 13; ++operation) {
     if (!TypeParam::allows(operation)) {
       continue;
     }
     for (std::size_t count = 0; count <= 40; ++count) {
-      // One byte off any alignment, with margins that stay as they are.
-      std::vector<char> bytes(count * TypeParam::size + 34, untouched);
-      __orvex_reduction_init_array(bytes.data() + 17, count, operation, TypeParam::code);
-      for (std::size_t j = 0; j < count * TypeParam::parts; ++j) {
-        T value;
-        std::memcpy(&value, bytes.data() + 17 + j * sizeof(T), sizeof(T));
-        const T expected = identity<T>(operation, j % TypeParam::parts);
-        ASSERT_EQ(std::memcmp(&value, &expected, sizeof(T)), 0)
-            << "operation " << operation << ", part " << j << " of " << count << " elements";
-      }
-      for (std::size_t j = 0; j < 17; ++j) {
-        ASSERT_EQ(bytes[j], untouched);
-        ASSERT_EQ(bytes[bytes.size() - 1 - j], untouched);
+      for (int place = 0; place < static_cast<int>(Place::Count); ++place) {
+        const unsigned char* const array =
+            area.place(count * TypeParam::size, static_cast<Place>(place));
+        __orvex_reduction_init_array(const_cast<unsigned char*>(array), count, operation,
+                                     TypeParam::code);
+        for (std::size_t j = 0; j < count * TypeParam::parts; ++j) {
+          const T expected = identity<T>(operation, j % TypeParam::parts);
+          ASSERT_EQ(std::memcmp(array + j * sizeof(T), &expected, sizeof(T)), 0)
+              << "operation " << operation << ", part " << j << " of " << count << " elements";
+        }
+        ASSERT_TRUE(area.rest_is_untouched()) << operation << ", " << count << " elements";
       }
     }
   }
 }
 
+constexpr std::size_t largest_count = 1000;
+constexpr int largest_stride = 5;
+constexpr unsigned flag_bits = 0x3F;
+
+struct Areas {
+  Area destination;
+  Area source;
+};
+
+// One fold in a random place and a random rounding mode, against the definition: every bit of the
+// result, every flag.
 template <class E>
-void check_fold(int operation, std::size_t count, int stride, std::mt19937_64& random) {
+void check_fold(Areas& areas, int operation, std::size_t count, int stride,
+                std::mt19937_64& random) {
   using T = E::Component;
-  constexpr std::size_t margin = 19;
   const std::size_t reach =
       1 + (count == 0 ? 0 : count - 1) * static_cast<std::size_t>(std::abs(stride));
   std::vector<T> d(count * E::parts), s(reach * E::parts);
-  for (T& value : d) {
-    value = random_value<T>(random);
-  }
-  for (T& value : s) {
-    value = random_value<T>(random);
-  }
-  std::vector<char> destination(d.size() * sizeof(T) + 2 * margin, untouched);
-  std::vector<char> source(s.size() * sizeof(T) + 3);
+  std::generate(d.begin(), d.end(), [&] { return random_value<T>(random); });
+  std::generate(s.begin(), s.end(), [&] { return random_value<T>(random); });
+  const auto place = [&] { return static_cast<Place>(random() % int(Place::Count)); };
+  unsigned char* const destination = areas.destination.place(d.size() * sizeof(T), place());
+  unsigned char* const source = areas.source.place(s.size() * sizeof(T), place());
   if (!d.empty()) {
-    std::memcpy(destination.data() + margin, d.data(), d.size() * sizeof(T));
+    std::memcpy(destination, d.data(), d.size() * sizeof(T));
   }
-  std::memcpy(source.data() + 3, s.data(), s.size() * sizeof(T));
+  std::memcpy(source, s.data(), s.size() * sizeof(T));
   const std::size_t origin = stride < 0 ? reach - 1 : 0;
-  __orvex_simd_reduction_final_array(destination.data() + margin,
-                                     source.data() + 3 + origin * E::size, count, stride, 1,
+
+  const unsigned saved = _mm_getcsr();
+  const unsigned mode = random() % 4;
+  _mm_setcsr(0x1F80 | mode << 13);
+  __orvex_simd_reduction_final_array(destination, source + origin * E::size, count, stride, 1,
                                      operation, E::code);
+  const unsigned flags = _mm_getcsr() & flag_bits;
+  _mm_setcsr(0x1F80 | mode << 13);
   for (std::size_t i = 0; i < count; ++i) {
     const auto at = static_cast<std::size_t>(static_cast<std::int64_t>(origin) +
                                              static_cast<std::int64_t>(i) * stride) *
                     E::parts;
-    for (std::size_t part = 0; part < E::parts; ++part) {
-      const std::size_t j = i * E::parts + part;
-      T expected;
-      if (E::parts == 2 && operation == 2) {
-        expected =
-            product_part<T>({d[i * 2], d[i * 2 + 1]}, {s[at], s[at + 1]}, static_cast<int>(part));
-      } else {
-        expected = combined<T>(operation, d[j], s[at + part]);
+    T* const element = &d[i * E::parts];
+    if constexpr (E::parts == 2) {
+      if (operation == 2) {
+        const Parts<T> r = product(Parts<T>{element[0], element[1]}, Parts<T>{s[at], s[at + 1]});
+        element[0] = r.re;
+        element[1] = r.im;
+        continue;
       }
-      T value;
-      std::memcpy(&value, destination.data() + margin + j * sizeof(T), sizeof(T));
-      ASSERT_TRUE(same(value, expected)) << "operation " << operation << ", element " << i << " of "
-                                         << count << ", part " << part << ", stride " << stride;
+    }
+    for (std::size_t part = 0; part < E::parts; ++part) {
+      element[part] = combined<T>(operation, element[part], s[at + part]);
     }
   }
-  for (std::size_t j = 0; j < margin; ++j) {
-    ASSERT_EQ(destination[j], untouched);
-    ASSERT_EQ(destination[destination.size() - 1 - j], untouched);
+  const unsigned expected_flags = _mm_getcsr() & flag_bits;
+  _mm_setcsr(saved);
+
+  for (std::size_t j = 0; j < d.size(); ++j) {
+    ASSERT_EQ(std::memcmp(destination + j * sizeof(T), &d[j], sizeof(T)), 0)
+        << "operation " << operation << ", part " << j << " of " << count << " elements, stride "
+        << stride << ", mode " << mode;
   }
+  ASSERT_EQ(flags, expected_flags) << "operation " << operation << ", " << count
+                                   << " elements, stride " << stride << ", mode " << mode;
+  ASSERT_TRUE(areas.destination.rest_is_untouched()) << operation << ", " << count << " elements";
 }
 
 TYPED_TEST(Reduction, Fold) {
   std::mt19937_64 random(TypeParam::code);
+  Areas areas = {Area(largest_count * TypeParam::size + 64),
+                 Area(largest_count * largest_stride * TypeParam::size + 64)};
+  const int rounds = full_length() ? 50 : 1;
   for (int operation = 1; operation <= 13; ++operation) {
     if (!TypeParam::allows(operation)) {
       continue;
     }
-    for (int stride = -3; stride <= 5; ++stride) {
-      for (std::size_t count = 0; count <= 40; ++count) {
-        ASSERT_NO_FATAL_FAILURE(check_fold<TypeParam>(operation, count, stride, random));
+    for (int stride = -3; stride <= largest_stride; ++stride) {
+      for (int round = 0; round < (stride == 1 ? 4 : 1) * rounds; ++round) {
+        for (std::size_t count = 0; count <= 40; ++count) {
+          ASSERT_NO_FATAL_FAILURE(check_fold<TypeParam>(areas, operation, count, stride, random));
+        }
+        ASSERT_NO_FATAL_FAILURE(
+            check_fold<TypeParam>(areas, operation, largest_count, stride, random));
       }
-      ASSERT_NO_FATAL_FAILURE(check_fold<TypeParam>(operation, 1000, stride, random));
     }
   }
 }

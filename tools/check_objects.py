@@ -6,6 +6,7 @@
   - Readers of the feature set reach their feature test after one load and one compare.
   - Each product runs the load-time constructors that it should, and no more.
   - The DLL imports KERNEL32, the C run-time and imagehlp, nothing else.
+  - No product needs or holds a binary128 routine of the compiler's run-time.
 """
 
 import pathlib
@@ -25,6 +26,11 @@ WIDE = re.compile(
     r"v(?!err|erw|mcall|mclear|mfunc|mlaunch|mload|mptr|mread|mresume|mrun|msave|mwrite|mx)"
     r"|k(add|and|mov|not|or|shift|test|unpck|xnor|xor)"
     r"|(andn|bextr|blsi|blsmsk|blsr|bzhi|mulx|pdep|pext|rorx|sarx|shlx|shrx)[lq]?$")
+# The compiler's own binary128 routines, on Windows also as imported pointers.
+BINARY128 = re.compile(
+    r"(?:__imp_)?__(?:(?:add|sub|mul|div)tf3|(?:eq|ne|lt|le|gt|ge|cmp|unord|neg|powi)tf2"
+    r"|extend\w+tf2?|trunctf\w+|fix(?:uns)?tf\w+|float\w*[sdt]itf|(?:mul|div)tc3)")
+PRODUCTS = ["host/libksomd.so", "host/libksomd.a", "windows/libksomd.dll", "windows/libksomd.a"]
 FUSED = re.compile(r"\s(vfn?m(add|sub)\S*)")
 
 
@@ -88,8 +94,18 @@ def check_needed_libraries():
         yield "libksomd.so needs a C++ run-time library"
 
 
+def check_binary128():
+    for product in PRODUCTS:
+        path = f"build/{product}"
+        symbols = run("llvm-nm-22", "--format=just-symbols", path).split()
+        for symbol in sorted({s for s in symbols if BINARY128.fullmatch(s)}):
+            yield f"{path}: {symbol} of the compiler's run-time"
+        if "__addq" not in symbols:
+            yield f"{path}: no __addq: was the listing understood?"
+
+
 def main():
-    problems = [*check_imports(), *check_needed_libraries()]
+    problems = [*check_imports(), *check_needed_libraries(), *check_binary128()]
     for preset in ("host", "windows"):
         problems += [
             *check_instructions(preset), *check_reader(preset), *check_constructors(preset)]

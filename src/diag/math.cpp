@@ -21,7 +21,6 @@ struct Binary32 {
   static constexpr std::int32_t bias = 127;
   static constexpr std::int32_t lift = 25;
   static constexpr std::int32_t lost = -24;
-  static constexpr float up = 0x1p25F;
   static constexpr float down = 0x1p-25F;
   static constexpr float huge = 0x1p100F;
   static constexpr float tiny = 0x1p-100F;
@@ -39,7 +38,6 @@ struct Binary64 {
   static constexpr std::int32_t bias = 1023;
   static constexpr std::int32_t lift = 55;
   static constexpr std::int32_t lost = -53;
-  static constexpr double up = 0x1p55;
   static constexpr double down = 0x1p-55;
   static constexpr double huge = 0x1p1000;
   static constexpr double tiny = 0x1p-1000;
@@ -52,13 +50,12 @@ struct Binary64 {
 // x87 extended: the integer bit, 63 of the significand, is explicit.
 struct Extended {
   using Value = long double;
-  using Bits = unsigned __int128;
+  __extension__ using Bits = unsigned __int128;
   static constexpr int fraction_bits = 64;
   static constexpr std::int32_t exponent_mask = 0x7FFF;
   static constexpr std::int32_t bias = 16383;
   static constexpr std::int32_t lift = 66;
   static constexpr std::int32_t lost = -65;
-  static constexpr long double up = 0x1p66L;
   static constexpr long double down = 0x1p-66L;
   static constexpr long double huge = 0x1p16000L;
   static constexpr long double tiny = 0x1p-16000L;
@@ -129,6 +126,18 @@ std::int32_t infinity_sign(typename Format::Value x) {
   return (bits_of<Format>(x) & sign_bit<Format>()) != 0 ? -1 : 1;
 }
 
+// By the comparison instruction. A compiler would make the maximum instruction of the operator, and
+// that returns zero for a subnormal number where such numbers count as zero.
+bool less(float x, float y) {
+  return _mm_comilt_ss(_mm_set_ss(x), _mm_set_ss(y)) != 0;
+}
+bool less(double x, double y) {
+  return _mm_comilt_sd(_mm_set_sd(x), _mm_set_sd(y)) != 0;
+}
+bool less(long double x, long double y) {
+  return x < y;
+}
+
 template <class Format>
 Format::Value larger(typename Format::Value x, typename Format::Value y) {
   if (is_nan<Format>(x)) {
@@ -137,7 +146,7 @@ Format::Value larger(typename Format::Value x, typename Format::Value y) {
   if (is_nan<Format>(y)) {
     return x;
   }
-  return x < y ? y : x;
+  return less(x, y) ? y : x;
 }
 
 template <class Format>
@@ -146,25 +155,30 @@ Format::Value with_sign(typename Format::Value x, typename Format::Value y) {
   return value_of<Format>((bits_of<Format>(x) & ~sign) | (bits_of<Format>(y) & sign));
 }
 
-// Ways to make a subnormal number normal, and to tell by how many binades: a multiplication, or a
-// shift by the leading zeros.
+// Ways to make a subnormal number normal: its significand, up to where a normal number's begins, in
+// a value whose exponent field is still to be set, and that field. By a shift, or by a conversion
+// of the fraction from an integer. Neither is an operation on the subnormal number, which the
+// thread may have told the processor to take for zero.
 template <class Format>
-struct ByProduct {
+struct ByShift {
   static Format::Value normalize(Format::Value x, std::int32_t& field) {
-    x *= Format::up;
-    field = exponent_field<Format>(bits_of<Format>(x)) - Format::lift;
-    return x;
+    using Bits = Format::Bits;
+    constexpr int first_bit = Format::fraction_bits == 64 ? 63 : Format::fraction_bits;
+    const auto fraction = static_cast<std::uint64_t>(magnitude<Format>(x));
+    const int shift = std::countl_zero(fraction) - (63 - first_bit);
+    field = 1 - shift;
+    const Bits sign = bits_of<Format>(x) & sign_bit<Format>();
+    return value_of<Format>(sign | static_cast<Bits>(fraction << shift));
   }
 };
 
-struct ByShift64 {
+struct ByConversion {
   static double normalize(double x, std::int32_t& field) {
-    const std::uint64_t bits = std::bit_cast<std::uint64_t>(x);
-    const std::uint64_t fraction = bits << 1 >> 1;
-    const int shift = std::countl_zero(fraction) - 11;
-    field = 1 - shift;
-    const std::uint64_t normal = (fraction << shift & 0xFFFFFFFFFFFFF) | std::uint64_t{1} << 52;
-    return std::bit_cast<double>((bits & std::uint64_t{1} << 63) | normal);
+    const auto fraction = static_cast<std::int64_t>(magnitude<Binary64>(x));
+    const double count = _mm_cvtsd_f64(_mm_cvtsi64_sd(_mm_setzero_pd(), fraction));
+    field = exponent_field<Binary64>(bits_of<Binary64>(count)) -
+            (Binary64::bias + Binary64::fraction_bits - 1);
+    return with_sign<Binary64>(count, x);
   }
 };
 
@@ -244,13 +258,15 @@ float copysignf(float x, float y) {
   return with_sign<Binary32>(x, y);
 }
 double logb(double x) {
-  return exponent_of<Binary64, ByProduct<Binary64>>(x);
+  return exponent_of<Binary64, ByShift<Binary64>>(x);
 }
 double scalbn(double x, std::int32_t n) {
-  return scaled<Binary64, ByProduct<Binary64>>(x, n);
+  return scaled<Binary64, ByShift<Binary64>>(x, n);
 }
 }  // namespace general
 
+// The maximum instructions are no help: where subnormal operands count as zero, they return zero
+// for them.
 namespace vector {
 double fmax(double x, double y) {
   const __m128d a = _mm_set_sd(x);
@@ -262,7 +278,8 @@ double fmax(double x, double y) {
   }
   const __m128d first = _mm_or_pd(_mm_andnot_pd(a_nan, a), _mm_and_pd(a_nan, b));
   const __m128d second = _mm_or_pd(_mm_andnot_pd(b_nan, b), _mm_and_pd(b_nan, a));
-  return _mm_cvtsd_f64(_mm_max_sd(second, first));
+  const __m128d less = _mm_cmplt_sd(first, second);
+  return _mm_cvtsd_f64(_mm_or_pd(_mm_and_pd(less, second), _mm_andnot_pd(less, first)));
 }
 float fmaxf(float x, float y) {
   const __m128 a = _mm_set_ss(x);
@@ -274,7 +291,8 @@ float fmaxf(float x, float y) {
   }
   const __m128 first = _mm_or_ps(_mm_andnot_ps(a_nan, a), _mm_and_ps(a_nan, b));
   const __m128 second = _mm_or_ps(_mm_andnot_ps(b_nan, b), _mm_and_ps(b_nan, a));
-  return _mm_cvtss_f32(_mm_max_ss(second, first));
+  const __m128 less = _mm_cmplt_ss(first, second);
+  return _mm_cvtss_f32(_mm_or_ps(_mm_and_ps(less, second), _mm_andnot_ps(less, first)));
 }
 double copysign(double x, double y) {
   const __m128d sign = _mm_set_sd(-0.0);
@@ -287,10 +305,10 @@ float copysignf(float x, float y) {
       _mm_or_ps(_mm_andnot_ps(sign, _mm_set_ss(x)), _mm_and_ps(sign, _mm_set_ss(y))));
 }
 double logb(double x) {
-  return exponent_of<Binary64, ByShift64>(x);
+  return exponent_of<Binary64, ByConversion>(x);
 }
 double scalbn(double x, std::int32_t n) {
-  return scaled<Binary64, ByShift64>(x, n);
+  return scaled<Binary64, ByConversion>(x, n);
 }
 }  // namespace vector
 }  // namespace ksomd::math
@@ -307,16 +325,16 @@ long double __libkso_fmaxl(long double x, long double y) {
   return larger<Extended>(x, y);
 }
 float __libkso_logbf(float x) {
-  return exponent_of<Binary32, ByProduct<Binary32>>(x);
+  return exponent_of<Binary32, ByShift<Binary32>>(x);
 }
 long double __libkso_logbl(long double x) {
-  return exponent_of<Extended, ByProduct<Extended>>(x);
+  return exponent_of<Extended, ByShift<Extended>>(x);
 }
 float __libkso_scalbnf(float x, std::int32_t n) {
-  return scaled<Binary32, ByProduct<Binary32>>(x, n);
+  return scaled<Binary32, ByShift<Binary32>>(x, n);
 }
 long double __libkso_scalbnl(long double x, std::int32_t n) {
-  return scaled<Extended, ByProduct<Extended>>(x, n);
+  return scaled<Extended, ByShift<Extended>>(x, n);
 }
 std::int32_t __libkso_isfinite(double x) {
   return is_finite<Binary64>(x);

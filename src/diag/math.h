@@ -61,7 +61,7 @@ void report(Error error, bool result_is_zero);
 // 1 to 12: the implementation level that a processor with these features has.
 std::uint32_t level_of(const FeatureSet& features);
 
-// The process's level, 0 until it is computed; and whether somebody has begun to.
+// A process's level, 0 until it is computed; and whether somebody has begun to.
 struct LevelState {
   std::uint32_t level;
   std::uint32_t started;
@@ -92,30 +92,44 @@ double logb(double x);
 double scalbn(double x, std::int32_t n);
 }  // namespace vector
 
-// A dispatched function: its slot holds the resolver, then the implementation for the level.
+// What a slot holds at first, the resolver, and the implementation for each level.
 template <class Function>
-struct Dispatched {
-  Function slot;
-  Function table[level_count + 1];  // entry 0: the resolver
-
-  Function resolve(LevelState& state) {
-    const std::uint32_t level = process_level(state);
-    Function expected = table[0];
-    Function chosen = table[level < level_count ? level : level_count];
-    __atomic_compare_exchange_n(&slot, &expected, chosen, false, __ATOMIC_ACQ_REL,
-                                __ATOMIC_ACQUIRE);
-    return chosen;
-  }
-  Function load() const { return __atomic_load_n(&slot, __ATOMIC_ACQUIRE); }
+struct Table {
+  Function* entries[level_count + 1];
 };
 
 template <class Function>
-constexpr Dispatched<Function> dispatched(Function resolver, Function first, Function second) {
-  Dispatched<Function> result{resolver, {resolver}};
+constexpr Table<Function> table_of(Function* resolver, Function* first, Function* second) {
+  Table<Function> table{{resolver}};
   for (std::uint32_t level = 1; level <= level_count; ++level) {
-    result.table[level] = level < first_vector_level ? first : second;
+    table.entries[level] = level < first_vector_level ? first : second;
   }
-  return result;
+  return table;
+}
+
+// Replaces the resolver in a slot; what the slot holds then.
+template <class Function>
+Function* install(Function*& slot, const Table<Function>& table, LevelState& state) {
+  const std::uint32_t level = process_level(state);
+  Function* held = table.entries[0];
+  Function* const chosen = table.entries[level < level_count ? level : level_count];
+  return __atomic_compare_exchange_n(&slot, &held, chosen, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE)
+             ? chosen
+             : held;
 }
 
 }  // namespace ksomd::math
+
+extern "C" {
+
+// The process's own level and slots. A slot holds its resolver until the first call.
+[[gnu::visibility("hidden")]] extern ksomd::math::LevelState __libkso_math_level;
+[[gnu::visibility("hidden")]] extern double (*__libkso_fmax_slot)(double, double);
+[[gnu::visibility("hidden")]] extern float (*__libkso_fmaxf_slot)(float, float);
+[[gnu::visibility("hidden")]] extern double (*__libkso_copysign_slot)(double, double);
+[[gnu::visibility("hidden")]] extern float (*__libkso_copysignf_slot)(float, float);
+[[gnu::visibility("hidden")]] extern double (*__libkso_logb_slot)(double);
+[[gnu::visibility("hidden")]] extern double (*__libkso_scalbn_slot)(double, std::int32_t);
+
+}  // extern "C"

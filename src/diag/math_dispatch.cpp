@@ -46,8 +46,6 @@ constexpr ErrorRow errors[] = {
     {Error::ScalbnfOverflow, ERANGE, false}, {Error::ScalbnfUnderflow, ERANGE, true},
 };
 
-constinit LevelState level_state{};
-
 }  // namespace
 
 void report(Error error, bool result_is_zero) {
@@ -89,65 +87,58 @@ std::uint32_t process_level(LevelState& state) {
 
 namespace {
 
-using BinaryDouble = double (*)(double, double);
-using BinaryFloat = float (*)(float, float);
-using UnaryDouble = double (*)(double);
-using ScaleDouble = double (*)(double, std::int32_t);
+// A slot's resolver and table.
+template <auto& slot, auto* first, auto* second, class = decltype(first)>
+struct Dispatch;
 
-double resolve_fmax(double x, double y);
-float resolve_fmaxf(float x, float y);
-double resolve_copysign(double x, double y);
-float resolve_copysignf(float x, float y);
-double resolve_logb(double x);
-double resolve_scalbn(double x, std::int32_t n);
+template <auto& slot, auto* first, auto* second, class Result, class... Argument>
+struct Dispatch<slot, first, second, Result (*)(Argument...)> {
+  static Result resolve(Argument... argument) {
+    static constexpr auto table = table_of<Result(Argument...)>(resolve, first, second);
+    return install(slot, table, __libkso_math_level)(argument...);
+  }
+};
 
-constinit auto fmax_slot = dispatched<BinaryDouble>(resolve_fmax, general::fmax, vector::fmax);
-constinit auto fmaxf_slot = dispatched<BinaryFloat>(resolve_fmaxf, general::fmaxf, vector::fmaxf);
-constinit auto copysign_slot =
-    dispatched<BinaryDouble>(resolve_copysign, general::copysign, vector::copysign);
-constinit auto copysignf_slot =
-    dispatched<BinaryFloat>(resolve_copysignf, general::copysignf, vector::copysignf);
-constinit auto logb_slot = dispatched<UnaryDouble>(resolve_logb, general::logb, vector::logb);
-constinit auto scalbn_slot =
-    dispatched<ScaleDouble>(resolve_scalbn, general::scalbn, vector::scalbn);
-
-double resolve_fmax(double x, double y) {
-  return fmax_slot.resolve(level_state)(x, y);
-}
-float resolve_fmaxf(float x, float y) {
-  return fmaxf_slot.resolve(level_state)(x, y);
-}
-double resolve_copysign(double x, double y) {
-  return copysign_slot.resolve(level_state)(x, y);
-}
-float resolve_copysignf(float x, float y) {
-  return copysignf_slot.resolve(level_state)(x, y);
-}
-double resolve_logb(double x) {
-  return logb_slot.resolve(level_state)(x);
-}
-double resolve_scalbn(double x, std::int32_t n) {
-  return scalbn_slot.resolve(level_state)(x, n);
+template <class Function>
+Function* load(Function* const& slot) {
+  return __atomic_load_n(&slot, __ATOMIC_ACQUIRE);
 }
 
 }  // namespace
 }  // namespace ksomd::math
 
+using namespace ksomd::math;
+
+constinit LevelState __libkso_math_level{};
+
+constinit double (*__libkso_fmax_slot)(double, double) =
+    Dispatch<__libkso_fmax_slot, general::fmax, vector::fmax>::resolve;
+constinit float (*__libkso_fmaxf_slot)(float, float) =
+    Dispatch<__libkso_fmaxf_slot, general::fmaxf, vector::fmaxf>::resolve;
+constinit double (*__libkso_copysign_slot)(double, double) =
+    Dispatch<__libkso_copysign_slot, general::copysign, vector::copysign>::resolve;
+constinit float (*__libkso_copysignf_slot)(float, float) =
+    Dispatch<__libkso_copysignf_slot, general::copysignf, vector::copysignf>::resolve;
+constinit double (*__libkso_logb_slot)(double) =
+    Dispatch<__libkso_logb_slot, general::logb, vector::logb>::resolve;
+constinit double (*__libkso_scalbn_slot)(double, std::int32_t) =
+    Dispatch<__libkso_scalbn_slot, general::scalbn, vector::scalbn>::resolve;
+
 double __libkso_fmax(double x, double y) {
-  return ksomd::math::fmax_slot.load()(x, y);
+  return load(__libkso_fmax_slot)(x, y);
 }
 float __libkso_fmaxf(float x, float y) {
-  return ksomd::math::fmaxf_slot.load()(x, y);
+  return load(__libkso_fmaxf_slot)(x, y);
 }
 double __libkso_copysign(double x, double y) {
-  return ksomd::math::copysign_slot.load()(x, y);
+  return load(__libkso_copysign_slot)(x, y);
 }
 float __libkso_copysignf(float x, float y) {
-  return ksomd::math::copysignf_slot.load()(x, y);
+  return load(__libkso_copysignf_slot)(x, y);
 }
 double __libkso_logb(double x) {
-  return ksomd::math::logb_slot.load()(x);
+  return load(__libkso_logb_slot)(x);
 }
 double __libkso_scalbn(double x, std::int32_t n) {
-  return ksomd::math::scalbn_slot.load()(x, n);
+  return load(__libkso_scalbn_slot)(x, n);
 }

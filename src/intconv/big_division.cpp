@@ -16,7 +16,7 @@
 namespace {
 
 using Digit = std::uint64_t;
-using TwoDigits = unsigned __int128;
+__extension__ using TwoDigits = unsigned __int128;
 
 // Digits of an array of words. The top digit of an odd number of words is half a digit.
 Digit load(const std::uint32_t* words, std::uint32_t count, std::uint32_t j) {

@@ -12,20 +12,18 @@ inline constexpr Size order_block = 128;
 // Products whose sums enter an element of P together in that order.
 inline constexpr Size order_group = 4;
 
-// One block of op(B), depth x columns, stays in the second-level cache while all rows pass by.
+// Products with no extent above this are left to plain loops.
+inline constexpr Size small_extent = 3;
+
+// Depth of a block. A block of op(A) stays in the second-level cache while all columns pass by;
+// where op(A) is transposed on the way, a block of op(B) while all rows do.
 inline constexpr Size depth_block = 128;
+inline constexpr Size a_block_bytes = 262144;
 inline constexpr Size column_block = 128;
 
-// A panel of op(A), and the sums of a product whose order wants them apart from P, lie on the
-// stack, together below a page:
-//
-//     |<- panel: depth x tile rows ->|<- sums: columns x tile rows ->|<- edge tile ->|
-inline constexpr Size panel_bytes = 3072;
-inline constexpr Size panel_bytes_beside_sums = 1920;
-inline constexpr Size sums_bytes = 1536;
-
-// Below this many columns a panel of op(A) is not worth a copy, if A can be read where it is.
-inline constexpr Size columns_worth_packing = 24;
+// A panel of op(A), transposed, and the old values of P of a product whose order wants its sums
+// apart from P: each lies on the stack, below a page.
+inline constexpr Size panel_bytes = 3840;
 
 // ---- packed double precision --------------------------------------------------------------------
 
@@ -76,6 +74,17 @@ struct ScratchRegions {
 constexpr ScratchRegions scratch_regions(std::uintptr_t start, Size columns) {
   return {round_down(start, 4096) + 4096, round_down(start + 241664, 4096) + 4096,
           round_down(start + columns * 896 + 249856, 128) + 384};
+}
+
+// Where the packed blocks of a product lie.
+struct PanelMemory {
+  double* a;
+  double* b;
+};
+
+// Depth of the chunk of a packed product that comes first.
+constexpr Size tail_depth(Size depth) {
+  return depth % depth_chunk == 0 ? depth_chunk : depth % depth_chunk;
 }
 
 }  // namespace ksomd::matmul

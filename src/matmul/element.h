@@ -10,6 +10,10 @@
 #include "ksomd/matmul.h"
 #include "matmul/complex_multiply.h"
 
+// Files compiled for different instruction sets include this header: what could be compiled out of
+// line there must not be shared, so nothing here is.
+#define KSOMD_INLINE [[gnu::always_inline]] inline
+
 namespace ksomd::matmul {
 
 using Size = std::uint64_t;
@@ -30,6 +34,12 @@ using Complex = ComplexOf<Real>::Type;
 template <class Element>
 inline constexpr bool is_complex = requires(Element x) { x.re; };
 
+// A register tile: vectors of rows, and columns.
+struct TileShape {
+  Size vectors;
+  Size columns;
+};
+
 // How an operand is stored: as op(X) itself, or transposed.
 enum class Layout { n, t };
 
@@ -41,25 +51,25 @@ struct Letters {
 
 // Where op(X)(row, column) lies in the stored array.
 template <Layout layout>
-constexpr Size offset(Size row, Size column, Size leading) {
+KSOMD_INLINE constexpr Size offset(Size row, Size column, Size leading) {
   return layout == Layout::n ? row + column * leading : column + row * leading;
 }
 
-constexpr Size min(Size x, Size y) {
+KSOMD_INLINE constexpr Size min(Size x, Size y) {
   return x < y ? x : y;
 }
 
-constexpr Size round_down(Size value, Size unit) {
+KSOMD_INLINE constexpr Size round_down(Size value, Size unit) {
   return value - value % unit;
 }
 
-constexpr Size round_up(Size value, Size unit) {
+KSOMD_INLINE constexpr Size round_up(Size value, Size unit) {
   return round_down(value + unit - 1, unit);
 }
 
 // One product and one addition, each rounded by itself.
 template <class Element>
-inline Element multiply(Element x, Element y) {
+KSOMD_INLINE Element multiply(Element x, Element y) {
   if constexpr (is_complex<Element>) {
     const auto product = annex_g_product(x.re, x.im, y.re, y.im);
     return {__real__ product, __imag__ product};
@@ -69,7 +79,7 @@ inline Element multiply(Element x, Element y) {
 }
 
 template <class Element>
-inline Element add(Element x, Element y) {
+KSOMD_INLINE Element add(Element x, Element y) {
   if constexpr (is_complex<Element>) {
     return {x.re + y.re, x.im + y.im};
   } else {
@@ -77,8 +87,18 @@ inline Element add(Element x, Element y) {
   }
 }
 
+// The operands and the result of one product.
+template <class Element>
+struct Product {
+  const Element* a;
+  const Element* b;
+  Element* p;
+  Size m, n, k;
+  Size lda, ldb, ldp;
+};
+
 // Whether two byte ranges share a byte.
-inline bool overlap(const void* x, Size x_bytes, const void* y, Size y_bytes) {
+KSOMD_INLINE bool overlap(const void* x, Size x_bytes, const void* y, Size y_bytes) {
   const auto x_start = reinterpret_cast<std::uintptr_t>(x);
   const auto y_start = reinterpret_cast<std::uintptr_t>(y);
   return x_start < y_start + y_bytes && y_start < x_start + x_bytes;
@@ -86,7 +106,7 @@ inline bool overlap(const void* x, Size x_bytes, const void* y, Size y_bytes) {
 
 // Bytes from the first to the last element of a matrix stored with `rows` x `columns` elements.
 template <class Element>
-constexpr Size span_bytes(Size rows, Size columns, Size leading) {
+KSOMD_INLINE constexpr Size span_bytes(Size rows, Size columns, Size leading) {
   return rows == 0 || columns == 0 ? 0 : ((columns - 1) * leading + rows) * sizeof(Element);
 }
 

@@ -1,7 +1,7 @@
 // The entry points of MATMUL and their second stages.
 #include "cpu/feature_set.h"
 #include "cpu/feature_table.h"
-#include "matmul/element.h"
+#include "matmul/kernels.h"
 
 using ksomd::matmul::Size;
 
@@ -12,17 +12,6 @@ constexpr std::uint64_t packed_features = ksomd::feature_mask("X87", "CMOV", "MM
 }  // namespace
 
 extern "C" {
-
-// Exported as NAME.A: clears P, then adds the product. The kernels take n before k.
-#define KSOMD_DEFINE(code, element, a, b)                                                    \
-  void _MATMUL_##code##_##a##_##b##_portable(const element* A, const element* B, element* P, \
-                                             Size m, Size k, Size n, Size lda, Size ldb,     \
-                                             Size ldp) {                                     \
-    _MATMUL_##code##_n_n_pst_init(P, m, n, ldp);                                             \
-    _MATMUL_##code##_##a##_##b##_pst_General(A, B, P, m, n, k, lda, ldb, ldp);               \
-  }
-KSOMD_MATMUL_EACH(KSOMD_DEFINE)
-#undef KSOMD_DEFINE
 
 // Exported as NAME.J.
 #define KSOMD_DEFINE(code, element, a, b)                                                          \

@@ -7,15 +7,6 @@
 
 namespace ksomd::matmul {
 
-template <class Element>
-struct Product {
-  const Element* a;
-  const Element* b;
-  Element* p;
-  Size m, n, k;
-  Size lda, ldb, ldp;
-};
-
 template <class Element, Letters letters>
 inline Element term(const Product<Element>& x, Size i, Size j, Size l) {
   return multiply(x.a[offset<letters.a>(i, l, x.lda)], x.b[offset<letters.b>(l, j, x.ldb)]);

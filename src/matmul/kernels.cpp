@@ -3,10 +3,13 @@
 
 #include <cstring>
 
+#include "matmul/in_order.h"
+
 namespace ksomd::matmul {
 
-const Variant* const variants[] = {&baseline};
+const Variant* const variants[] = {&avx512, &avx, &baseline};
 const Size variant_count = sizeof variants / sizeof *variants;
+const Variant* variant_slot;
 
 const Variant& choose_variant(std::uint64_t features) {
   const Variant* const* row = variants;
@@ -17,14 +20,19 @@ const Variant& choose_variant(std::uint64_t features) {
   return **row;
 }
 
+const Variant& chosen_variant() {
+  const Variant* variant = __atomic_load_n(&variant_slot, __ATOMIC_RELAXED);
+  if (variant == nullptr) [[unlikely]] {
+    variant = &choose_variant(feature_word());
+    __atomic_store_n(&variant_slot, variant, __ATOMIC_RELAXED);
+  }
+  return *variant;
+}
+
 namespace {
 
 constexpr int n = 0;
 constexpr int t = 1;
-
-const Variant& chosen() {
-  return choose_variant(feature_word());
-}
 
 template <class Element>
 void clear(Element* p, Size rows, Size columns, Size ldp) {
@@ -33,16 +41,71 @@ void clear(Element* p, Size rows, Size columns, Size ldp) {
   }
 }
 
+template <class Element, Letters letters>
+bool overlaps(const Product<Element>& x) {
+  const Size p_bytes = span_bytes<Element>(x.m, x.n, x.ldp);
+  const Size a_bytes = letters.a == Layout::n ? span_bytes<Element>(x.m, x.k, x.lda)
+                                              : span_bytes<Element>(x.k, x.m, x.lda);
+  const Size b_bytes = letters.b == Layout::n ? span_bytes<Element>(x.k, x.n, x.ldb)
+                                              : span_bytes<Element>(x.n, x.k, x.ldb);
+  return overlap(x.p, p_bytes, x.a, a_bytes) || overlap(x.p, p_bytes, x.b, b_bytes);
+}
+
+// So few elements that every vector would be an incomplete one.
+template <class Element, Letters letters>
+void multiply_small(const Product<Element>& x, Sums sums) {
+  constexpr bool sums_apart = letters.a == Layout::t && letters.b == Layout::t;
+  for (Size j = 0; j < x.n; ++j) {
+    for (Size i = 0; i < x.m; ++i) {
+      Element& p = x.p[i + j * x.ldp];
+      Element sum = !sums_apart && sums == Sums::resume ? p : Element{};
+      for (Size l = 0; l < x.k; ++l) {
+        sum = add(sum, term<Element, letters>(x, i, j, l));
+      }
+      p = sums_apart && sums == Sums::resume ? add(p, sum) : sum;
+    }
+  }
+}
+
+template <class Element, Letters letters>
+KSOMD_INLINE void multiply_portable(const Product<Element>& x, Sums sums,
+                                    const ElementKernels<Element> Variant::* kernels) {
+  if (x.m == 0 || x.n == 0) {
+    return;
+  }
+  if (x.k == 0 || overlaps<Element, letters>(x)) [[unlikely]] {
+    if (sums == Sums::overwrite) {
+      clear(x.p, x.m, x.n, x.ldp);
+    }
+    if (sums == Sums::resume || x.k != 0) {
+      accumulate_in_order<Element, letters>(x);
+    }
+    return;
+  }
+  if (x.m <= small_extent && x.n <= small_extent && x.k <= small_extent) {
+    multiply_small<Element, letters>(x, sums);
+    return;
+  }
+  (chosen_variant().*kernels).multiply[letters.a == Layout::t][letters.b == Layout::t](x, sums);
+}
+
 }  // namespace
 }  // namespace ksomd::matmul
 
 using namespace ksomd::matmul;
 
-#define KSOMD_DEFINE(code, element, letter_a, letter_b)                                         \
-  void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(                                  \
-      const element* a, const element* b, element* p, Size rows, Size columns, Size depth,      \
-      Size lda, Size ldb, Size ldp) {                                                           \
-    chosen().code.accumulate[letter_a][letter_b](a, b, p, rows, columns, depth, lda, ldb, ldp); \
+#define KSOMD_DEFINE(code, element, letter_a, letter_b)                                    \
+  void _MATMUL_##code##_##letter_a##_##letter_b##_portable(                                \
+      const element* a, const element* b, element* p, Size rows, Size depth, Size columns, \
+      Size lda, Size ldb, Size ldp) {                                                      \
+    multiply_portable<element, Letters{Layout::letter_a, Layout::letter_b}>(               \
+        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::overwrite, &Variant::code);  \
+  }                                                                                        \
+  void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(                             \
+      const element* a, const element* b, element* p, Size rows, Size columns, Size depth, \
+      Size lda, Size ldb, Size ldp) {                                                      \
+    multiply_portable<element, Letters{Layout::letter_a, Layout::letter_b}>(               \
+        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::resume, &Variant::code);     \
   }
 KSOMD_MATMUL_EACH(KSOMD_DEFINE)
 #undef KSOMD_DEFINE
@@ -61,16 +124,16 @@ void _MATMUL_c8_n_n_pst_init(ksomd_c8* p, Size rows, Size columns, Size ldp) {
 }
 
 void MATMUL_v_nn_pst(const double* a, const double* x, double* y, Size m, Size k, Stride lda) {
-  chosen().matrix_vector[n]({a, x, y, m, k, lda, 1});
+  chosen_variant().matrix_vector[n]({a, x, y, m, k, lda, 1});
 }
 void MATMUL_v_tn_pst(const double* a, const double* x, double* y, Size k, Size m, Stride lda) {
-  chosen().matrix_vector[t]({a, x, y, m, k, lda, 1});
+  chosen_variant().matrix_vector[t]({a, x, y, m, k, lda, 1});
 }
 void MATMUL_v_nt_pst(const double* a, const double* x, double* y, Size m, Size k, Stride lda,
                      Stride incx) {
-  chosen().matrix_vector[n]({a, x, y, m, k, lda, incx});
+  chosen_variant().matrix_vector[n]({a, x, y, m, k, lda, incx});
 }
 void MATMUL_v_tt_pst(const double* a, const double* x, double* y, Size k, Size m, Stride lda,
                      Stride incx) {
-  chosen().matrix_vector[t]({a, x, y, m, k, lda, incx});
+  chosen_variant().matrix_vector[t]({a, x, y, m, k, lda, incx});
 }

@@ -5,6 +5,7 @@
 // as operands in that order.
 #pragma once
 
+#include "matmul/block_transpose.h"
 #include "matmul/blocking.h"
 
 namespace ksomd::matmul {
@@ -20,7 +21,8 @@ struct MatrixVector {
 };
 
 // Whether y lies apart from the `count` runs of `run` elements that start `stride` apart.
-inline bool apart(const MatrixVector& z, const double* start, Size count, Size run, Stride stride) {
+KSOMD_INLINE bool apart(const MatrixVector& z, const double* start, Size count, Size run,
+                        Stride stride) {
   if (count == 0 || run == 0) {
     return true;
   }
@@ -109,13 +111,13 @@ struct MatrixVectorKernel {
         factor[step] = Lanes::broadcast(z.x[static_cast<Stride>(l + step) * z.incx]);
       }
       for (Size v = 0; v < vectors; ++v) {
-        Vector block[width];
-        for (Size row = 0; row < width; ++row) {
-          block[row] = Lanes::load(z.a + l + (i + static_cast<Stride>(v * width + row)) * z.lda);
-        }
-        Lanes::transpose(block);
+        alignas(64) double block[width * width];
+        BlockTranspose<typename Lanes::Shuffles, sizeof(double)>::run(
+            z.a + static_cast<Stride>(l) + (i + static_cast<Stride>(v * width)) * z.lda, z.lda,
+            block, width);
         for (Size step = 0; step < width; ++step) {
-          sum[v] = Lanes::add(sum[v], Lanes::multiply(block[step], factor[step]));
+          sum[v] =
+              Lanes::add(sum[v], Lanes::multiply(Lanes::load(block + step * width), factor[step]));
         }
       }
     }

@@ -1,7 +1,7 @@
 // The packed, cache-blocked double-precision product.
 #include <cstdlib>
 
-#include "matmul/blocking.h"
+#include "matmul/kernels.h"
 
 namespace ksomd::matmul {
 namespace {
@@ -10,7 +10,7 @@ using Pack = void (*)(Size, Size, const double*, Size, double*);
 using TileKernel = void (*)(const Size* m, const Size* n, const Size* depth, const double* a,
                             const double* b, const Size* unused, double* p, const Size* ldp,
                             double* doubled);
-using MatrixProduct = void (*)(const double* a, const double* b, double* p, Size m, Size n, Size k,
+using MatrixProduct = void (*)(const double* a, const double* b, double* p, Size, Size, Size,
                                Size lda, Size ldb, Size ldp);
 
 // op(A)(., l..) * x for the column j of op(B).
@@ -21,15 +21,17 @@ using ColumnProduct = void (*)(const double* a, const double* column, double* p,
 struct Routines {
   Pack pack_a;             // rows, depth, ...
   Pack pack_b;             // depth, columns, ...
+  MatrixProduct whole;     // the whole product, portable; m, k, n
   MatrixProduct portable;  // rows that fill no group of four
   ColumnProduct column;    // columns that fill no group of four
 };
 
 template <Letters letters>
-constexpr Routines routines_of(MatrixProduct portable) {
+constexpr Routines routines_of(MatrixProduct whole, MatrixProduct portable) {
   return {
       letters.a == Layout::n ? __orvex_dgcopyan_qwide : __orvex_dgcopyat_qwide,
       letters.b == Layout::n ? __orvex_dgcopybn_psc : __orvex_dgcopybt_psc,
+      whole,
       portable,
       [](const double* a, const double* column, double* p, Size m, Size k, Size lda, Size ldb) {
         const auto stride_a = static_cast<std::int64_t>(lda);
@@ -85,7 +87,7 @@ class PackedProduct {
         ldp_(ldp) {}
 
   void run(Size columns_per_pass) {
-    const Size tail = k_ % depth_chunk == 0 ? depth_chunk : k_ % depth_chunk;
+    const Size tail = tail_depth(k_);
     const Size full_columns = round_down(n_, tile);
     for (Size j = 0; j < full_columns; j += columns_per_pass) {
       const Size columns = min(full_columns - j, columns_per_pass);
@@ -135,6 +137,29 @@ class PackedProduct {
   Size lda_, ldb_, ldp_;
 };
 
+// The rows and columns that fill no group of four, which the wide variants leave out. The sums of
+// the columns run over all of k as in a matrix-vector product.
+template <Letters letters>
+void multiply_rest(const Routines& routines, const Product<double>& x) {
+  const Size rows = round_down(x.m, tile);
+  const Size columns = round_down(x.n, tile);
+  if (rows < x.m) {
+    const double* a = x.a + offset<letters.a>(rows, 0, x.lda);
+    const Size tail = tail_depth(x.k);
+    const Size start = x.k - tail;
+    routines.whole(a + offset<letters.a>(0, start, x.lda), x.b + offset<letters.b>(start, 0, x.ldb),
+                   x.p + rows, x.m - rows, tail, columns, x.lda, x.ldb, x.ldp);
+    for (Size l = 0; l < start; l += depth_chunk) {
+      routines.portable(a + offset<letters.a>(0, l, x.lda), x.b + offset<letters.b>(l, 0, x.ldb),
+                        x.p + rows, x.m - rows, columns, depth_chunk, x.lda, x.ldb, x.ldp);
+    }
+  }
+  if (columns < x.n) {
+    routines.whole(x.a, x.b + offset<letters.b>(0, columns, x.ldb), x.p + columns * x.ldp, x.m, x.k,
+                   x.n - columns, x.lda, x.ldb, x.ldp);
+  }
+}
+
 template <Letters letters>
 void multiply_packed(const Routines& routines, const double* a, const double* b, double* p, Size m,
                      Size n, Size k, Size lda, Size ldb, Size ldp) {
@@ -142,12 +167,17 @@ void multiply_packed(const Routines& routines, const double* a, const double* b,
     const Size columns = min(n, column_panel);
     const Scratch scratch(columns);
     if (scratch) {
+      if (const MultiplyPacked wide =
+              chosen_variant().packed[letters.a == Layout::t][letters.b == Layout::t]) {
+        wide({a, b, p, m, n, k, lda, ldb, ldp}, {scratch.a(), scratch.b()}, columns);
+        multiply_rest<letters>(routines, {a, b, p, m, n, k, lda, ldb, ldp});
+        return;
+      }
       PackedProduct<letters>(routines, scratch, a, b, p, m, n, k, lda, ldb, ldp).run(columns);
       return;
     }
   }
-  _MATMUL_r8_n_n_pst_init(p, m, n, ldp);
-  routines.portable(a, b, p, m, n, k, lda, ldb, ldp);
+  routines.whole(a, b, p, m, k, n, lda, ldb, ldp);
 }
 
 }  // namespace
@@ -161,7 +191,8 @@ using namespace ksomd::matmul;
                                                         Size lda, Size ldb, Size ldp) {     \
     constexpr Letters letters{Layout::letter_a, Layout::letter_b};                          \
     static constexpr Routines routines =                                                    \
-        routines_of<letters>(_MATMUL_##code##_##letter_a##_##letter_b##_pst_General);       \
+        routines_of<letters>(_MATMUL_##code##_##letter_a##_##letter_b##_portable,           \
+                             _MATMUL_##code##_##letter_a##_##letter_b##_pst_General);       \
     multiply_packed<letters>(routines, a, b, p, m, n, k, lda, ldb, ldp);                    \
   }
 KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE)

@@ -1,85 +1,65 @@
-// Register tiles of the portable kernels.
+// Register tiles: the inner loops of every variant.
 //
-// The contract of every tile, of any variant: a tile adds, to `rows` x `columns` elements of P, the
-// products of `depth` consecutive indices l, in increasing order, each product and each sum rounded
-// by itself; sums start from P's elements and stay in registers until all of `depth` is done. P
-// overlaps neither operand. A lane past the last row repeats that row, so no lane computes anything
-// (or raises any floating-point flag) that the product itself does not.
-//
-// `a` is a panel of op(A): for each l, `vectors` vectors of rows (complex: the real parts of a
-// vector of rows, then the imaginary parts), `a_stride` values apart from one l to the next.
-// op(B)(l, j) is b[l * b_depth + j * b_column], in elements.
+// The contract of a tile: it computes the sums of the products of `depth` consecutive indices l, in
+// increasing order, for some rows and columns of P, each product and each sum rounded by itself;
+// sums stay in registers until all of `depth` is done. P overlaps neither operand. A lane past the
+// last row repeats that row, so no lane computes anything (or raises any floating-point flag) that
+// the product itself does not.
 #pragma once
 
 #include "matmul/blocking.h"
 
 namespace ksomd::matmul {
 
-struct Steps {
-  Size depth;
-  Size column;
+// What becomes of P.
+enum class Sums {
+  overwrite,  // sums start from zero and replace P
+  resume,     // sums start from P's elements and replace them
+  add_old,    // sums start from zero; P = sum + P
 };
 
-// P(i..., j...) from a panel of op(A) and elements of op(B).
-template <class Real, class Element>
+// op(A)(i, l) is a[i + l * a_depth]; op(B)(l, j) is b[l * b_depth + j * b_column].
+template <class Element>
 struct TileCall {
-  const Real* a;
-  Size a_stride;
-  Size depth;
+  const Element* a;
+  Size a_depth;
   const Element* b;
-  Steps b_steps;
+  Size b_depth;
+  Size b_column;
   Element* p;
   Size ldp;
+  Size depth;
+  Sums sums;
+  Size part;  // rows of a part of a vector
 };
 
+// `width` rows of one column, or one value in all rows: what the tiles are made of.
 template <class Lanes>
-struct RealTile {
-  using Real = Lanes::Real;
+struct RealRows {
+  using Element = Lanes::Real;
   using Vector = Lanes::Vector;
-  using Element = Real;
-  // 6 x 2 sums, one vector of op(A), two of op(B) and a product: 16 registers.
-  static constexpr Size vectors = 6;
-  static constexpr Size columns = 2;
-  static constexpr bool reads_in_place = true;
+  using Shuffles = Lanes::Shuffles;
+  static constexpr Size width = Lanes::width;
+  static constexpr TileShape shape = Lanes::real;
+  Vector v;
 
-  template <Size V, Size C>
-  static void run(const TileCall<Real, Element>& call) {
-    const Real* a = call.a;
-    const Real* b = call.b;
-    const Size b_depth = call.b_steps.depth;
-    const Size b_column = call.b_steps.column;
-    Vector sum[V][C];
-    for (Size c = 0; c < C; ++c) {
-      for (Size v = 0; v < V; ++v) {
-        sum[v][c] = Lanes::load(call.p + c * call.ldp + v * Lanes::width);
-      }
-    }
-    for (Size l = 0; l < call.depth; ++l) {
-      Vector factor[C];
-      for (Size c = 0; c < C; ++c) {
-        factor[c] = Lanes::broadcast(b[c * b_column]);
-      }
-      for (Size v = 0; v < V; ++v) {
-        const Vector rows = Lanes::load(a + v * Lanes::width);
-        for (Size c = 0; c < C; ++c) {
-          sum[v][c] = Lanes::add(sum[v][c], Lanes::multiply(rows, factor[c]));
-        }
-      }
-      a += call.a_stride;
-      b += b_depth;
-    }
-    for (Size c = 0; c < C; ++c) {
-      for (Size v = 0; v < V; ++v) {
-        Lanes::store(call.p + c * call.ldp + v * Lanes::width, sum[v][c]);
-      }
-    }
-  }
+  static constexpr int unroll = Lanes::unroll;
+  static constexpr Size depth_ahead = Lanes::depth_ahead;
+  static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
-  // Panel entries of a vector of consecutive rows, and of one row.
-  static void pack_rows(Real* panel, const Element* rows) {
-    Lanes::store(panel, Lanes::load(rows));
+  KSOMD_INLINE static void copy(Element* to, const Element* from) { load(from).store(to); }
+  KSOMD_INLINE static RealRows zero() { return {Lanes::zero()}; }
+  KSOMD_INLINE static RealRows broadcast(const Element* p) { return {Lanes::broadcast(*p)}; }
+  KSOMD_INLINE static RealRows load(const Element* p) { return {Lanes::load(p)}; }
+  KSOMD_INLINE static RealRows load_part(const Element* p, Size rows) {
+    return {Lanes::load_part(p, rows, Lanes::broadcast(p[rows - 1]))};
   }
-  static void pack_one(Real* panel, Element x) { *panel = x; }
+  KSOMD_INLINE void store(Element* p) const { Lanes::store(p, v); }
+  KSOMD_INLINE void store_part(Element* p, Size rows) const { Lanes::store_part(p, rows, v); }
+  KSOMD_INLINE static RealRows add(RealRows x, RealRows y) { return {Lanes::add(x.v, y.v)}; }
+  KSOMD_INLINE static RealRows multiply(RealRows x, RealRows y) {
+    return {Lanes::multiply(x.v, y.v)};
+  }
 };
 
 // Complex products follow the compiler's builtin for every operand. It differs from the plain
@@ -87,90 +67,182 @@ struct RealTile {
 // NaN from there on: so the tile uses the plain formula, and only where a sum ends with both parts
 // NaN the tile is done again with the builtin, before anything is stored.
 template <class Lanes>
-struct ComplexTile {
+struct ComplexRows {
   using Real = Lanes::Real;
-  using Vector = Lanes::Vector;
   using Element = Complex<Real>;
-  // 2 x 2 sums of two registers each, and six registers for factors and products.
-  static constexpr Size vectors = 2;
-  static constexpr Size columns = 2;
-  static constexpr bool reads_in_place = false;
+  using Vector = Lanes::Vector;
+  using Shuffles = Lanes::Shuffles;
+  static constexpr Size width = Lanes::width;
+  static constexpr TileShape shape = Lanes::complex;
+  Vector re;
+  Vector im;
 
-  template <Size V, Size C>
-  static void run(const TileCall<Real, Element>& call) {
-    constexpr Size width = Lanes::width;
-    const Real* a = call.a;
-    const Element* b = call.b;
-    Vector re[V][C];
-    Vector im[V][C];
+  static constexpr int unroll = Lanes::unroll;
+  static constexpr Size depth_ahead = Lanes::depth_ahead;
+  static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
+
+  KSOMD_INLINE static void copy(Element* to, const Element* from) {
+    Lanes::store(&to->re, Lanes::load(&from->re));
+    Lanes::store(&to->re + width, Lanes::load(&from->re + width));
+  }
+  KSOMD_INLINE static ComplexRows zero() { return {Lanes::zero(), Lanes::zero()}; }
+  KSOMD_INLINE static ComplexRows broadcast(const Element* p) {
+    return {Lanes::broadcast(p->re), Lanes::broadcast(p->im)};
+  }
+  KSOMD_INLINE static ComplexRows load(const Element* p) {
+    return split(Lanes::load(&p->re), Lanes::load(&p->re + width));
+  }
+  KSOMD_INLINE static ComplexRows load_part(const Element* p, Size rows) {
+    const Vector rest = Lanes::broadcast_pair(&p[rows - 1].re);
+    const Size values = 2 * rows;
+    return split(Lanes::load_part(&p->re, min(values, width), rest),
+                 Lanes::load_part(&p->re + width, values - min(values, width), rest));
+  }
+  KSOMD_INLINE void store(Element* p) const {
+    Vector first;
+    Vector second;
+    Lanes::join(re, im, first, second);
+    Lanes::store(&p->re, first);
+    Lanes::store(&p->re + width, second);
+  }
+  KSOMD_INLINE void store_part(Element* p, Size rows) const {
+    Vector first;
+    Vector second;
+    Lanes::join(re, im, first, second);
+    const Size values = 2 * rows;
+    Lanes::store_part(&p->re, min(values, width), first);
+    Lanes::store_part(&p->re + width, values - min(values, width), second);
+  }
+  KSOMD_INLINE static ComplexRows add(ComplexRows x, ComplexRows y) {
+    return {Lanes::add(x.re, y.re), Lanes::add(x.im, y.im)};
+  }
+  KSOMD_INLINE static ComplexRows multiply(ComplexRows x, ComplexRows y) {
+    return {Lanes::subtract(Lanes::multiply(x.re, y.re), Lanes::multiply(x.im, y.im)),
+            Lanes::add(Lanes::multiply(x.re, y.im), Lanes::multiply(x.im, y.re))};
+  }
+  KSOMD_INLINE bool any_both_nan() const { return Lanes::any_both_nan(re, im); }
+
+ private:
+  KSOMD_INLINE static ComplexRows split(Vector first, Vector second) {
+    ComplexRows rows;
+    Lanes::split(first, second, rows.re, rows.im);
+    return rows;
+  }
+};
+
+template <class Rows>
+struct Tile {
+  using Element = Rows::Element;
+  using Call = TileCall<Element>;
+  static constexpr Size width = Rows::width;
+
+  // V vectors of rows (of the last, if `part`, its first call.part rows), C columns.
+  template <Size V, Size C, bool part>
+  [[gnu::noinline]] static void run(const Call& call) {
+    Rows sum[V][C];
     for (Size c = 0; c < C; ++c) {
       for (Size v = 0; v < V; ++v) {
-        Lanes::split(&call.p[c * call.ldp + v * width].re, re[v][c], im[v][c]);
+        sum[v][c] = call.sums == Sums::resume
+                        ? load<part>(call.p + c * call.ldp + v * width, call.part)
+                        : Rows::zero();
       }
     }
-    for (Size l = 0; l < call.depth; ++l) {
+    add_products<V, C, part>(call, sum);
+    for (Size c = 0; c < C && call.sums == Sums::add_old; ++c) {
+      for (Size v = 0; v < V; ++v) {
+        sum[v][c] = Rows::add(sum[v][c], load<part>(call.p + c * call.ldp + v * width, call.part));
+      }
+    }
+    if constexpr (is_complex<Element>) {
+      bool lost = false;
       for (Size c = 0; c < C; ++c) {
-        const Vector b_re = Lanes::broadcast(b[c * call.b_steps.column].re);
-        const Vector b_im = Lanes::broadcast(b[c * call.b_steps.column].im);
         for (Size v = 0; v < V; ++v) {
-          const Vector a_re = Lanes::load(a + v * 2 * width);
-          const Vector a_im = Lanes::load(a + v * 2 * width + width);
-          const Vector product_re =
-              Lanes::subtract(Lanes::multiply(a_re, b_re), Lanes::multiply(a_im, b_im));
-          const Vector product_im =
-              Lanes::add(Lanes::multiply(a_re, b_im), Lanes::multiply(a_im, b_re));
-          re[v][c] = Lanes::add(re[v][c], product_re);
-          im[v][c] = Lanes::add(im[v][c], product_im);
+          lost |= sum[v][c].any_both_nan();
         }
       }
-      a += call.a_stride;
-      b += call.b_steps.depth;
-    }
-    bool lost = false;
-    for (Size c = 0; c < C; ++c) {
-      for (Size v = 0; v < V; ++v) {
-        lost |= Lanes::any_both_nan(re[v][c], im[v][c]);
+      if (lost) [[unlikely]] {
+        recover(call, part ? call.part : V * width, C);
+        return;
       }
     }
-    if (lost) [[unlikely]] {
-      recover(call, V * width, C);
-      return;
-    }
     for (Size c = 0; c < C; ++c) {
       for (Size v = 0; v < V; ++v) {
-        Lanes::join(&call.p[c * call.ldp + v * width].re, re[v][c], im[v][c]);
+        Element* p = call.p + c * call.ldp + v * width;
+        if constexpr (part) {
+          sum[v][c].store_part(p, call.part);
+        } else {
+          sum[v][c].store(p);
+        }
       }
     }
   }
 
-  [[gnu::noinline]] static void recover(const TileCall<Real, Element>& call, Size rows,
-                                        Size columns_here) {
-    for (Size c = 0; c < columns_here; ++c) {
+ private:
+  template <bool part>
+  KSOMD_INLINE static Rows load(const Element* p, [[maybe_unused]] Size rows) {
+    if constexpr (part) {
+      return Rows::load_part(p, rows);
+    } else {
+      return Rows::load(p);
+    }
+  }
+
+  template <Size V, Size C, bool part>
+  KSOMD_INLINE static void add_products(const Call& call, Rows (&sum)[V][C]) {
+    const Element* a = call.a;
+    const Element* b = call.b;
+    const Size a_depth = call.a_depth;
+    const Size b_depth = call.b_depth;
+    const Size b_column = call.b_column;
+    const Size rows_in_part = call.part;
+#pragma clang loop unroll_count(Rows::unroll)
+    for (Size l = call.depth; l != 0; --l) {
+      if constexpr (Rows::depth_ahead != 0) {
+        for (Size row = 0; row < V * width; row += 64 / sizeof(Element)) {
+          __builtin_prefetch(a + Rows::depth_ahead * a_depth + row);
+        }
+      }
+      // The operand with fewer vectors stays in registers.
+      if constexpr (V < C) {
+        Rows rows[V];
+        for (Size v = 0; v < V; ++v) {
+          rows[v] = load<part>(a + v * width, rows_in_part);
+        }
+        for (Size c = 0; c < C; ++c) {
+          const Rows factor = Rows::broadcast(b + c * b_column);
+          for (Size v = 0; v < V; ++v) {
+            sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows[v], factor));
+          }
+        }
+      } else {
+        Rows factor[C];
+        for (Size c = 0; c < C; ++c) {
+          factor[c] = Rows::broadcast(b + c * b_column);
+        }
+        for (Size v = 0; v < V; ++v) {
+          const Rows rows = load<part>(a + v * width, rows_in_part);
+          for (Size c = 0; c < C; ++c) {
+            sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows, factor[c]));
+          }
+        }
+      }
+      a += a_depth;
+      b += b_depth;
+    }
+  }
+
+  [[gnu::noinline]] static void recover(const Call& call, Size rows, Size columns) {
+    for (Size c = 0; c < columns; ++c) {
       for (Size row = 0; row < rows; ++row) {
-        const Real* a = call.a + row / Lanes::width * 2 * Lanes::width + row % Lanes::width;
-        const Element* b = call.b + c * call.b_steps.column;
-        Element sum = call.p[c * call.ldp + row];
+        Element& p = call.p[c * call.ldp + row];
+        Element sum = call.sums == Sums::resume ? p : Element{};
         for (Size l = 0; l < call.depth; ++l) {
-          const Real* factor = a + l * call.a_stride;
-          sum = add(sum,
-                    multiply(Element{factor[0], factor[Lanes::width]}, b[l * call.b_steps.depth]));
+          sum = add(sum, multiply(call.a[row + l * call.a_depth],
+                                  call.b[l * call.b_depth + c * call.b_column]));
         }
-        call.p[c * call.ldp + row] = sum;
+        p = call.sums == Sums::add_old ? add(sum, p) : sum;
       }
     }
-  }
-
-  // Panel entries of a vector of consecutive rows, and of one row.
-  static void pack_rows(Real* panel, const Element* rows) {
-    Vector re;
-    Vector im;
-    Lanes::split(&rows->re, re, im);
-    Lanes::store(panel, re);
-    Lanes::store(panel + Lanes::width, im);
-  }
-  static void pack_one(Real* panel, Element x) {
-    panel[0] = x.re;
-    panel[Lanes::width] = x.im;
   }
 };
 

@@ -1,12 +1,19 @@
 // Vectors of the baseline instruction set.
 //
-// What the kernel templates ask of a vector type, here and in any wider variant:
+// What the kernel templates ask of the vectors of every instruction set, here and in the wider
+// ones:
 //   Real, Vector, width   element, vector, elements per vector
+//   Shuffles              see matmul/block_transpose.h
+//   real, complex         shapes of the register tiles: vectors of rows, columns
+//   zero, broadcast, broadcast_pair
 //   load, store           at any alignment
-//   broadcast             one value in every lane
+//   load_part             `filled` elements, at least the first of `width`; the lanes after them
+//   are
+//                         those of `rest`, in which the last element (or pair) is repeated
+//   store_part            the first `filled` elements
 //   add, subtract, multiply
-//   transpose             width vectors of width elements, in place
-//   split, join           2 * width values re, im, re, im, ... to and from two vectors
+//   split, join           2 * width values re, im, re, im, ... to and from two vectors, in an order
+//                         of lanes of the instruction set's own
 //   any_both_nan          whether some lane is NaN in both vectors
 #pragma once
 
@@ -16,70 +23,121 @@
 
 namespace ksomd::matmul {
 
+struct Sse2Shuffles {
+  using Bits = __m128d;
+  static constexpr Size parts = 1;
+
+  KSOMD_INLINE static Bits load(const void* p) {
+    return _mm_loadu_pd(static_cast<const double*>(p));
+  }
+  KSOMD_INLINE static void store(void* p, Bits v) { _mm_storeu_pd(static_cast<double*>(p), v); }
+  KSOMD_INLINE static Bits low32(Bits x, Bits y) {
+    return _mm_castps_pd(_mm_unpacklo_ps(_mm_castpd_ps(x), _mm_castpd_ps(y)));
+  }
+  KSOMD_INLINE static Bits high32(Bits x, Bits y) {
+    return _mm_castps_pd(_mm_unpackhi_ps(_mm_castpd_ps(x), _mm_castpd_ps(y)));
+  }
+  KSOMD_INLINE static Bits low64(Bits x, Bits y) { return _mm_unpacklo_pd(x, y); }
+  KSOMD_INLINE static Bits high64(Bits x, Bits y) { return _mm_unpackhi_pd(x, y); }
+  KSOMD_INLINE static void exchange_parts(Bits (&)[parts]) {}
+};
+
+// 6 x 2 sums, one vector of op(A), two of op(B) and a product: 16 registers. Complex: 2 x 2 sums of
+// two registers each, and eight for factors and products.
+struct Sse2Tiles {
+  static constexpr TileShape real{6, 2};
+  static constexpr TileShape complex{2, 2};
+  static constexpr int unroll = 2;
+  static constexpr Size depth_ahead = 0;
+  static constexpr Size columns_worth_packing = 24;
+  using Shuffles = Sse2Shuffles;
+};
+
 template <class T>
 struct Sse2;
 
 template <>
-struct Sse2<double> {
+struct Sse2<double> : Sse2Tiles {
   using Real = double;
   using Vector = __m128d;
   static constexpr Size width = 2;
 
-  static Vector load(const double* p) { return _mm_loadu_pd(p); }
-  static void store(double* p, Vector v) { _mm_storeu_pd(p, v); }
-  static Vector broadcast(double x) { return _mm_set1_pd(x); }
-  static Vector add(Vector x, Vector y) { return _mm_add_pd(x, y); }
-  static Vector subtract(Vector x, Vector y) { return _mm_sub_pd(x, y); }
-  static Vector multiply(Vector x, Vector y) { return _mm_mul_pd(x, y); }
-  static void transpose(Vector (&v)[width]) {
-    const Vector low = _mm_unpacklo_pd(v[0], v[1]);
-    v[1] = _mm_unpackhi_pd(v[0], v[1]);
-    v[0] = low;
+  KSOMD_INLINE static Vector zero() { return _mm_setzero_pd(); }
+  KSOMD_INLINE static Vector broadcast(double x) { return _mm_set1_pd(x); }
+  KSOMD_INLINE static Vector broadcast_pair(const double* p) { return load(p); }
+  KSOMD_INLINE static Vector load(const double* p) { return _mm_loadu_pd(p); }
+  KSOMD_INLINE static void store(double* p, Vector v) { _mm_storeu_pd(p, v); }
+  KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
+    return filled < width ? rest : load(p);
   }
-  static void split(const double* p, Vector& re, Vector& im) {
-    re = _mm_unpacklo_pd(load(p), load(p + width));
-    im = _mm_unpackhi_pd(load(p), load(p + width));
+  KSOMD_INLINE static void store_part(double* p, Size filled, Vector v) {
+    if (filled == width) {
+      store(p, v);
+    } else if (filled != 0) {
+      _mm_store_sd(p, v);
+    }
   }
-  static void join(double* p, Vector re, Vector im) {
-    store(p, _mm_unpacklo_pd(re, im));
-    store(p + width, _mm_unpackhi_pd(re, im));
+  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm_add_pd(x, y); }
+  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm_sub_pd(x, y); }
+  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm_mul_pd(x, y); }
+  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
+    re = _mm_unpacklo_pd(first, second);
+    im = _mm_unpackhi_pd(first, second);
   }
-  static bool any_both_nan(Vector x, Vector y) {
+  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
+    first = _mm_unpacklo_pd(re, im);
+    second = _mm_unpackhi_pd(re, im);
+  }
+  KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm_movemask_pd(_mm_and_pd(_mm_cmpunord_pd(x, x), _mm_cmpunord_pd(y, y))) != 0;
   }
 };
 
 template <>
-struct Sse2<float> {
+struct Sse2<float> : Sse2Tiles {
   using Real = float;
   using Vector = __m128;
   static constexpr Size width = 4;
 
-  static Vector load(const float* p) { return _mm_loadu_ps(p); }
-  static void store(float* p, Vector v) { _mm_storeu_ps(p, v); }
-  static Vector broadcast(float x) { return _mm_set1_ps(x); }
-  static Vector add(Vector x, Vector y) { return _mm_add_ps(x, y); }
-  static Vector subtract(Vector x, Vector y) { return _mm_sub_ps(x, y); }
-  static Vector multiply(Vector x, Vector y) { return _mm_mul_ps(x, y); }
-  static void transpose(Vector (&v)[width]) {
-    const Vector low01 = _mm_unpacklo_ps(v[0], v[1]);
-    const Vector low23 = _mm_unpacklo_ps(v[2], v[3]);
-    const Vector high01 = _mm_unpackhi_ps(v[0], v[1]);
-    const Vector high23 = _mm_unpackhi_ps(v[2], v[3]);
-    v[0] = _mm_movelh_ps(low01, low23);
-    v[1] = _mm_movehl_ps(low23, low01);
-    v[2] = _mm_movelh_ps(high01, high23);
-    v[3] = _mm_movehl_ps(high23, high01);
+  KSOMD_INLINE static Vector zero() { return _mm_setzero_ps(); }
+  KSOMD_INLINE static Vector broadcast(float x) { return _mm_set1_ps(x); }
+  KSOMD_INLINE static Vector broadcast_pair(const float* p) {
+    return _mm_castpd_ps(_mm_load1_pd(reinterpret_cast<const double*>(p)));
   }
-  static void split(const float* p, Vector& re, Vector& im) {
-    re = _mm_shuffle_ps(load(p), load(p + width), _MM_SHUFFLE(2, 0, 2, 0));
-    im = _mm_shuffle_ps(load(p), load(p + width), _MM_SHUFFLE(3, 1, 3, 1));
+  KSOMD_INLINE static Vector load(const float* p) { return _mm_loadu_ps(p); }
+  KSOMD_INLINE static void store(float* p, Vector v) { _mm_storeu_ps(p, v); }
+  KSOMD_INLINE static Vector load_part(const float* p, Size filled, Vector rest) {
+    if (filled == width) {
+      return load(p);
+    }
+    // With three elements, lane 2 of `rest` is the third.
+    return filled < 2 ? rest : _mm_loadl_pi(rest, reinterpret_cast<const __m64*>(p));
   }
-  static void join(float* p, Vector re, Vector im) {
-    store(p, _mm_unpacklo_ps(re, im));
-    store(p + width, _mm_unpackhi_ps(re, im));
+  KSOMD_INLINE static void store_part(float* p, Size filled, Vector v) {
+    if (filled == width) {
+      store(p, v);
+      return;
+    }
+    if (filled >= 2) {
+      _mm_storel_pi(reinterpret_cast<__m64*>(p), v);
+      v = _mm_movehl_ps(v, v);
+    }
+    if (filled % 2 != 0) {
+      _mm_store_ss(p + filled - 1, v);
+    }
   }
-  static bool any_both_nan(Vector x, Vector y) {
+  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm_add_ps(x, y); }
+  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm_sub_ps(x, y); }
+  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm_mul_ps(x, y); }
+  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
+    re = _mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
+    im = _mm_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
+  }
+  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
+    first = _mm_unpacklo_ps(re, im);
+    second = _mm_unpackhi_ps(re, im);
+  }
+  KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm_movemask_ps(_mm_and_ps(_mm_cmpunord_ps(x, x), _mm_cmpunord_ps(y, y))) != 0;
   }
 };

@@ -6,7 +6,7 @@ namespace {
 
 constexpr size_t block = 256;
 
-// n is more than a block.
+// n is a block or more.
 [[gnu::always_inline]] inline void fill_long(Byte* d, std::uint64_t bytes, size_t n) {
   const Piece32::Value value = Piece32::pattern(bytes);
   Byte* const d_end = d + n;
@@ -36,7 +36,7 @@ void* __orvex_avx_rep_memset(void* destination, int value, size_t count) {
   using namespace ksomd::mem;
   auto* d = static_cast<Byte*>(destination);
   const std::uint64_t bytes = repeat_byte(value);
-  if (count <= block) [[likely]] {
+  if (count < block) [[likely]] {
     fill_up_to_256(d, bytes, count);
   } else {
     fill_long(d, bytes, count);

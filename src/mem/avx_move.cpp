@@ -23,6 +23,15 @@ struct Ascending {
   [[gnu::always_inline]] static Pointer advance(Pointer edge, size_t bytes) {
     return edge + bytes;
   }
+  template <class Pointer>
+  [[gnu::always_inline]] static Pointer retreat(Pointer edge, size_t bytes) {
+    return edge - bytes;
+  }
+  // The lowest address of the n bytes before the edge.
+  template <class Pointer>
+  [[gnu::always_inline]] static Pointer lowest(Pointer edge, size_t) {
+    return edge;
+  }
   // The bytes between the edge and the next boundary in the direction of the move.
   static size_t misalignment(const Byte* edge) { return distance_to_boundary(32, edge); }
   [[gnu::always_inline]] static void prefetch_ahead(const Byte* edge) {
@@ -41,6 +50,14 @@ struct Descending {
   template <class Pointer>
   [[gnu::always_inline]] static Pointer advance(Pointer edge, size_t bytes) {
     return edge - bytes;
+  }
+  template <class Pointer>
+  [[gnu::always_inline]] static Pointer retreat(Pointer edge, size_t bytes) {
+    return edge + bytes;
+  }
+  template <class Pointer>
+  [[gnu::always_inline]] static Pointer lowest(Pointer edge, size_t n) {
+    return edge - n;
   }
   static size_t misalignment(const Byte* edge) { return offset_in(32, edge); }
   [[gnu::always_inline]] static void prefetch_ahead(const Byte* edge) {
@@ -81,18 +98,26 @@ template <size_t shift>
   }
 }
 
+// What is left of a long move, up to 256 bytes: nothing of it has been stored yet.
+template <class Direction>
+[[gnu::noinline]] void* finish(Byte* d, const Byte* s, size_t n, void* result) {
+  copy_up_to_256(Direction::lowest(d, n), Direction::lowest(s, n), n);
+  _mm256_zeroupper();
+  return result;
+}
+
 // Moves steps while a block is left; source edge `shift` bytes past a boundary. Reads aligned
 // vectors only, each once: the one that holds the next byte is in a register. That one begins (or
 // ends) among bytes already moved, and the loop stops more than a vector before the range does, so
-// that nothing outside the source range is read. Result: the bytes moved.
+// that nothing outside the source range is read.
 template <class Direction>
 struct RealigningLoop {
-  using Routine = size_t(Byte* d, const Byte* s, size_t n);
+  using Routine = void*(Byte* d, const Byte* s, size_t n, void* result);
 
   template <size_t shift>
-  static size_t run(Byte* d, const Byte* s, size_t n) {
-    const size_t before = n;
-    const Byte* edge = Direction::advance(s, Direction::misalignment(s));
+  static void* run(Byte* d, const Byte* s, size_t n, void* result) {
+    const size_t ahead = Direction::misalignment(s);
+    const Byte* edge = Direction::advance(s, ahead);
     __m256i passed = Piece32::load<Access::Aligned>(Direction::vector(edge, -1));
     do {
       __m256i value[4];
@@ -110,67 +135,49 @@ struct RealigningLoop {
       edge = Direction::advance(edge, step);
       n -= step;
     } while (n >= block);
-    return before - n;
+    [[clang::musttail]] return finish<Direction>(d, Direction::retreat(edge, ahead), n, result);
   }
 };
 
+// d and s are the edges of more than 256 bytes.
 template <class Direction>
-[[gnu::always_inline]] inline void move_long(Byte* d, const Byte* s, size_t n) {
-  // Read before anything is stored: the vector at the edge, the one behind the misaligned bytes,
-  // and the one at the far end, of which what is left at last is stored.
+[[gnu::noinline]] void* move_long(Byte* d, const Byte* s, size_t n, void* result) {
+  // Both are read before the first is stored.
   const size_t head = Direction::misalignment(d);
   const __m256i first = Piece32::load<Access::Unaligned>(Direction::vector(s, 0));
   const __m256i second =
       Piece32::load<Access::Unaligned>(Direction::vector(Direction::advance(s, head), 0));
-  Byte* const d_far = Direction::advance(d, n - 32);
-  const __m256i last =
-      Piece32::load<Access::Unaligned>(Direction::vector(Direction::advance(s, n - 32), 0));
   Piece32::store<Access::Unaligned>(Direction::vector(d, 0), first);
-  d = Direction::advance(d, head);
-  s = Direction::advance(s, head);
-  n -= head;
+  const auto advance = [&](size_t bytes) {
+    d = Direction::advance(d, bytes);
+    s = Direction::advance(s, bytes);
+    n -= bytes;
+  };
+  advance(head);
   Piece32::store<Access::Aligned>(Direction::vector(d, 0), second);
-  d = Direction::advance(d, 32);
-  s = Direction::advance(s, 32);
-  n -= 32;
+  advance(32);
 
   if (n >= block) {
-    const auto advance_block = [&] {
-      d = Direction::advance(d, block);
-      s = Direction::advance(s, block);
-      n -= block;
-    };
     if (n >= __libkso_mem_tuning.copy_nt_threshold) {
       do {
         Direction::prefetch_ahead(s);
         move_block<Direction, Access::Unaligned, Access::NonTemporal>(d, s);
-        advance_block();
+        advance(block);
       } while (n >= stream_floor);
       _mm_sfence();
-      for (; n >= block; advance_block()) {
+      for (; n >= block; advance(block)) {
         move_block<Direction, Access::Unaligned, Access::Aligned>(d, s);
       }
     } else if (const size_t shift = offset_in(32, s); shift == 0) {
       do {
         move_block<Direction, Access::Aligned, Access::Aligned>(d, s);
-        advance_block();
+        advance(block);
       } while (n >= block);
     } else {
-      const size_t moved = code_table<RealigningLoop<Direction>, 32>[shift](d, s, n);
-      d = Direction::advance(d, moved);
-      s = Direction::advance(s, moved);
-      n -= moved;
+      [[clang::musttail]] return code_table<RealigningLoop<Direction>, 32>[shift](d, s, n, result);
     }
   }
-  for (; n >= 32; n -= 32) {
-    const __m256i value = Piece32::load<Access::Unaligned>(Direction::vector(s, 0));
-    Piece32::store<Access::Aligned>(Direction::vector(d, 0), value);
-    d = Direction::advance(d, 32);
-    s = Direction::advance(s, 32);
-  }
-  if (n != 0) {
-    Piece32::store<Access::Unaligned>(Direction::vector(d_far, 0), last);
-  }
+  [[clang::musttail]] return finish<Direction>(d, s, n, result);
 }
 
 }  // namespace
@@ -180,15 +187,17 @@ void* __orvex_avx_memmove(void* destination, const void* source, size_t count) {
   using namespace ksomd::mem;
   auto* d = static_cast<Byte*>(destination);
   const auto* s = static_cast<const Byte*>(source);
-  const auto to = reinterpret_cast<std::uintptr_t>(d);
-  const auto from = reinterpret_cast<std::uintptr_t>(s);
+  // Equal addresses: memory that may be read only, or not there, above the size of a vector.
+  if (count > Piece32::size && d == s) [[unlikely]] {
+    return destination;
+  }
   if (count <= block) [[likely]] {
     copy_up_to_256(d, s, count);
-  } else if (to < from) {
-    move_long<Ascending>(d, s, count);
-  } else if (to > from) {
-    move_long<Descending>(d + count, s + count, count);
+    _mm256_zeroupper();
+    return destination;
   }
-  _mm256_zeroupper();
-  return destination;
+  if (reinterpret_cast<std::uintptr_t>(d) < reinterpret_cast<std::uintptr_t>(s)) {
+    return move_long<Ascending>(d, s, count, destination);
+  }
+  return move_long<Descending>(d + count, s + count, count, destination);
 }

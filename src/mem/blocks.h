@@ -107,7 +107,8 @@ struct CodeTable<Code, std::index_sequence<i...>> {
   static constexpr typename Code::Routine* entries[] = {Code::template run<i>...};
 };
 template <class Code, size_t limit>
-inline constexpr auto& code_table = CodeTable<Code, std::make_index_sequence<limit>>::entries;
+inline constexpr auto& code_table =
+    CodeTable<Code, std::make_index_sequence<limit>>::entries;
 
 // ---- a few pieces at a time ---------------------------------------------------------------------
 
@@ -226,7 +227,7 @@ template <size_t lines, int hint>
 [[gnu::always_inline]] inline void prefetch(const Byte* p) {
 #pragma clang loop unroll(full)
   for (size_t i = 0; i < lines; ++i) {
-    __builtin_prefetch(p + i * cache_line, 0, hint);
+    __builtin_prefetch(p + i * cache_line, hint >> 2 & 1, hint & 3);
   }
 }
 

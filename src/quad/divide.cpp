@@ -73,9 +73,9 @@ __extension__ using Int128 = __int128;
   return q | static_cast<Uint128>(rest != 0);
 }
 
-// n / d, its leading one moved to bit 127, for significands with theirs there and 15 low bits of 0.
-// The shift is 1 if n < d.
-[[gnu::always_inline]] inline Shifted quotient(Uint128 n, Uint128 d) {
+// n / d in units of 2^-126, its lowest bit set if it is not exact: between 2^125 and 2^127, and
+// below 2^126 if n < d. n and d have their leading ones at bit 127 and 15 low bits of 0.
+[[gnu::always_inline]] inline Uint128 quotient(Uint128 n, Uint128 d) {
   const Uint128 divisor = d >> 8;
   const std::int64_t w = reciprocal(high_word(d));
   const auto q1 = high_word(static_cast<Uint128>(high_word(n)) * static_cast<std::uint64_t>(w));
@@ -89,8 +89,7 @@ __extension__ using Int128 = __int128;
       [[unlikely]] {
     q = exact_quotient(q, q1, remainder, divisor);
   }
-  // 2^125 < q < 2^127
-  return shift_to_top(q << 1);
+  return q;
 }
 
 [[gnu::cold, gnu::noinline]] void divide_any(quad128* r, const quad128* a, const quad128* b) {
@@ -122,9 +121,8 @@ __extension__ using Int128 = __int128;
   }
   const Normalized n = normalize(a->high, a->low);
   const Normalized d = normalize(b->high, b->low);
-  const Shifted result = quotient(n.significand, d.significand);
-  round_and_store_any(r, sign, n.exponent - d.exponent + bias - static_cast<int>(result.shift),
-                      result.significand);
+  round_and_store_any(r, sign, n.exponent - d.exponent + bias + 1,
+                      quotient(n.significand, d.significand));
 }
 
 [[gnu::always_inline]] inline void divide(quad128* r, const quad128* a, const quad128* b) {
@@ -142,11 +140,13 @@ __extension__ using Int128 = __int128;
   if (a_field - b_field + bias - 2 > largest_exponent - 1 - 2) [[unlikely]] {
     return divide_any(r, a, b);
   }
-  const Shifted result =
+  const Uint128 result =
       quotient(normal_significand(a_high, a->low), normal_significand(b_high, b->low));
-  round_and_store(r, (a_high ^ b_high) & sign_bit,
-                  sign_and_exponent(a_high) - sign_and_exponent(b_high) + bias - result.shift,
-                  result.significand);
+  const std::uint64_t at_least_one = high_word(result) >> 62;
+  round_and_store<2 - remainder_width>(
+      r, a_high ^ b_high,
+      sign_and_exponent(a_high) - sign_and_exponent(b_high) + bias - 1 + at_least_one, result,
+      at_least_one);
 }
 
 [[gnu::cold, gnu::noinline]] void divide_on_doubt(quad128* r, const quad128* a, const quad128* b) {

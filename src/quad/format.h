@@ -70,17 +70,6 @@ inline Normalized normalize(std::uint64_t high, std::uint64_t low) {
   return {1 - shift, fraction << shift};
 }
 
-// Shifts left by one bit unless bit 127 is set, and tells by how many.
-struct Shifted {
-  Uint128 significand;
-  std::uint64_t shift;
-};
-inline Shifted shift_to_top(Uint128 significand) {
-  const std::uint64_t set = high_word(significand) >> 63;
-  const Uint128 mask = static_cast<Uint128>(set) - 1;
-  return {significand + (significand & mask), set ^ 1};
-}
-
 // Sign and exponent as the upper 16 bits of a quad have them. Sums of them need no masks: what
 // carries out of the exponent is the sign's business, and what carries out of the sign is lost.
 inline std::uint64_t sign_and_exponent(std::uint64_t high) {
@@ -90,25 +79,28 @@ inline std::uint64_t sign_and_exponent(std::uint64_t sign, int exponent) {
   return sign_and_exponent(sign) + static_cast<std::uint64_t>(exponent);
 }
 
-// Rounds a significand in the thread's mode and stores it; inexact if the remainder is not 0.
-// The exponent is 1 to 0x7FFD for one with its leading one at bit 127, and 1 for smaller ones,
-// which are subnormal numbers. A carry out of the significand moves into the exponent.
-[[gnu::always_inline]] inline void round_and_store(quad128* r, std::uint64_t sign,
-                                                   std::uint64_t sign_exponent,
-                                                   Uint128 significand) {
+// Rounds significand / 2^position in the thread's mode and stores it with bit 63 of signed_word as
+// the sign; inexact if it is not an integer. The exponent, below the sign as in a quad's upper 16
+// bits, is 1 to 0x7FFD for an integer of 113 bits, and 1 for smaller ones, which are subnormal
+// numbers. A carry out of the 113 bits moves into it. position = count - uncounted, from 1 to 15.
+template <int uncounted>
+[[gnu::always_inline]] inline void round_and_store(quad128* r, std::uint64_t signed_word,
+                                                   std::uint64_t sign_exponent, Uint128 significand,
+                                                   std::uint64_t count) {
+  // The low half of the low word is left to the rounding.
+  const std::uint64_t low = low_word(significand);
   const std::uint64_t rounded =
-      round_in_mode<remainder_width>(sign, low_word(significand) & (2 * remainder_mask + 1));
-  const std::uint64_t high = high_word(significand);
-  const std::uint64_t low =
-      high << (64 - remainder_width) | low_word(significand) >> remainder_width;
-  // The last bit is in `rounded`, and the leading one, at bit 48, counts as 1 in the exponent.
-  const Uint128 result = make_uint128(((sign_exponent - 1) << 48) + (high >> remainder_width),
-                                      low & ~std::uint64_t{1}) +
-                         rounded;
+      round_quotient<uncounted>(signed_word, static_cast<std::uint32_t>(low), count);
+  const Uint128 rest = make_uint128(high_word(significand), low >> 32 << 32);
+  const int position = static_cast<int>(count) - uncounted;
+  // The leading one, at bit 48, counts as 1 in the exponent.
+  const Uint128 result =
+      (rest >> (position & 63)) + make_uint128(computed_here(sign_exponent - 1) << 48, rounded);
   store(r, high_word(result), low_word(result));
 }
 
-// The same for any exponent, with overflow and underflow.
+// The same for any exponent, with overflow and underflow: the exponent is that of a leading one at
+// bit 127, which the significand, other than 0, need not have.
 void round_and_store_any(quad128* r, std::uint64_t sign, int exponent, Uint128 significand);
 
 // Whether the mode rounds magnitudes of this sign up when last (0 or 1) is followed by remainder,

@@ -53,9 +53,8 @@ namespace {
   }
   const Normalized x = normalize(a->high, a->low);
   const Normalized y = normalize(b->high, b->low);
-  const Shifted product = shift_to_top(high_product(x.significand, y.significand));
-  round_and_store_any(r, sign, x.exponent + y.exponent - bias + 1 - static_cast<int>(product.shift),
-                      product.significand);
+  round_and_store_any(r, sign, x.exponent + y.exponent - bias + 1,
+                      high_product(x.significand, y.significand));
 }
 
 [[gnu::always_inline]] inline void multiply(quad128* r, const quad128* a, const quad128* b) {
@@ -75,11 +74,12 @@ namespace {
   if (a_field + b_field - lowest_sum > highest_sum - lowest_sum) [[unlikely]] {
     return multiply_any(r, a, b);
   }
-  const Shifted product = shift_to_top(
-      high_product(normal_significand(a_high, a->low), normal_significand(b_high, b->low)));
-  round_and_store(r, (a_high ^ b_high) & sign_bit,
-                  sign_and_exponent(a_high) + sign_and_exponent(b_high) - bias + 1 - product.shift,
-                  product.significand);
+  const Uint128 product =
+      high_product(normal_significand(a_high, a->low), normal_significand(b_high, b->low));
+  const std::uint64_t carry = high_word(product) >> 63;
+  round_and_store<1 - remainder_width>(
+      r, a_high ^ b_high, sign_and_exponent(a_high) + sign_and_exponent(b_high) - bias + carry,
+      product, carry);
 }
 
 [[gnu::cold, gnu::noinline]] void multiply_on_doubt(quad128* r, const quad128* a,

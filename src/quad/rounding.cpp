@@ -18,6 +18,9 @@ void store_underflow(quad128* r, std::uint64_t sign) {
 
 [[gnu::cold]] void round_and_store_any(quad128* r, std::uint64_t sign, int exponent,
                                        Uint128 significand) {
+  const int shift = leading_zeros(significand);
+  significand <<= shift;
+  exponent -= shift;
   // Rounding up carries out of 113 ones. This is asked before any flag is raised.
   constexpr Uint128 all_ones = ~static_cast<Uint128>(0) >> remainder_width;
   constexpr std::uint64_t half = 1u << (remainder_width - 1);
@@ -31,7 +34,7 @@ void store_underflow(quad128* r, std::uint64_t sign) {
     return;
   }
   if (exponent >= 1) {
-    round_and_store(r, sign, sign_and_exponent(sign, exponent), significand);
+    round_and_store<0>(r, sign, sign_and_exponent(sign, exponent), significand, remainder_width);
     return;
   }
   // Tiny, unless it is the number just below the smallest normal one and rounds up to it.
@@ -40,7 +43,7 @@ void store_underflow(quad128* r, std::uint64_t sign) {
   if (tiny && (low_word(significand) & remainder_mask) != 0) {
     raise_underflow_and_inexact();
   }
-  round_and_store(r, sign, sign_and_exponent(sign, 1), significand);
+  round_and_store<0>(r, sign, sign_and_exponent(sign, 1), significand, remainder_width);
 }
 
 }  // namespace ksomd::quad

@@ -89,10 +89,13 @@ template <class Word>
 // ---- the common case ----------------------------------------------------------------------------
 
 // Bounds for both exponents. At the upper one, neither a carry of the sum nor one of the
-// rounding reaches infinity; at the lower one, cancellation of up to 63 bits leaves a normal
-// number.
-constexpr std::uint64_t lowest_common_exponent = 64;
+// rounding reaches infinity; at the lower one, cancellation that the kernel deals with leaves a
+// normal number.
+constexpr std::uint64_t lowest_common_exponent = 16;
 constexpr std::uint64_t highest_common_exponent = largest_exponent - 2;
+// The lowest place of the leading one in the sum's high word that leaves a remainder below 113
+// bits.
+constexpr int lowest_top = 49;
 constexpr std::uint64_t common_exponents = highest_common_exponent - lowest_common_exponent;
 
 // Everything else: a + b, or a + (-b) if turn_b is the sign bit.
@@ -105,16 +108,15 @@ constexpr std::uint64_t common_exponents = highest_common_exponent - lowest_comm
   return add ? quad_add_magnitudes_32(r, a, b) : quad_subtract_magnitudes_32(r, a, b);
 }
 
-// A difference of neighbouring exponents whose upper word cancelled: exact.
-[[gnu::cold, gnu::noinline]] void store_cancelled(quad128* r, std::uint64_t sign, int exponent,
-                                                  std::uint64_t difference_low) {
-  if (difference_low == 0) {
+// A difference of neighbouring exponents that lost all of its remainder: exact.
+[[gnu::cold, gnu::noinline]] void store_cancelled(quad128* r, std::uint64_t x_high,
+                                                  std::uint64_t high, std::uint64_t low) {
+  if ((high | low) == 0) {
     store(r, rounding_mode() == RoundingMode::Down ? sign_bit : 0, 0);
     return;
   }
-  const int shift = 64 + std::countl_zero(difference_low);
-  round_and_store_any(r, sign, exponent + carry_room - shift,
-                      static_cast<Uint128>(difference_low) << shift);
+  round_and_store_any(r, x_high & sign_bit, exponent_field(x_high) + carry_room,
+                      make_uint128(high, low));
 }
 
 // A normal number, its significand with room for a carry.
@@ -122,27 +124,28 @@ struct Roomy {
   std::uint64_t high;
   std::uint64_t low;
 };
-inline Roomy roomy(std::uint64_t high, std::uint64_t low) {
+constexpr std::uint64_t roomy_one = hidden_bit << (remainder_width - carry_room);
+// `leading_one` is roomy_one, in a register: as a constant it would be added, by a slow
+// instruction.
+inline Roomy roomy(std::uint64_t high, std::uint64_t low, std::uint64_t leading_one) {
   constexpr int padding = remainder_width - carry_room;
-  const std::uint64_t top = (high & fraction_bits) | hidden_bit;
-  return {top << padding | low >> (64 - padding), low << padding};
+  const std::uint64_t shifted = high << padding | low >> (64 - padding);
+  return {(shifted & (roomy_one - 1)) | leading_one, low << padding};
 }
 
-// Whether shifting y right by `distance` loses a bit that is set: the lowest one stands lower.
-inline bool loses_bits(Roomy y, std::uint64_t distance) {
+// The number of zeros below the lowest bit that is set, which y.high has anyway.
+inline std::uint64_t trailing_zeros(Roomy y) {
   const auto in_low = static_cast<std::uint64_t>(std::countr_zero(y.low));
   const auto in_high = static_cast<std::uint64_t>(__builtin_ctzll(y.high));
-  return distance > (y.low != 0 ? in_low : in_high | 64);
+  return y.low != 0 ? in_low : in_high | 64;
 }
 
 [[gnu::always_inline]] inline void sum_or_difference(quad128* r, const quad128* a, const quad128* b,
                                                      std::uint64_t turn_b) {
   const std::uint64_t a_high = a->high;
   const std::uint64_t b_high = b->high ^ turn_b;
-  const std::uint64_t a_magnitude = a_high & magnitude_bits;
-  const std::uint64_t b_magnitude = b_high & magnitude_bits;
-  const std::uint64_t a_exponent = a_magnitude >> 48;
-  const std::uint64_t b_exponent = b_magnitude >> 48;
+  const std::uint64_t a_exponent = a_high << 1 >> 49;
+  const std::uint64_t b_exponent = b_high << 1 >> 49;
   if (a_exponent - lowest_common_exponent > common_exponents) [[unlikely]] {
     return sum_by_cores(r, a, b, turn_b);
   }
@@ -153,30 +156,33 @@ inline bool loses_bits(Roomy y, std::uint64_t distance) {
     return sum_by_cores(r, a, b, turn_b);
   }
   // x has the larger magnitude. Beyond a distance of 127, nothing but y's sticky bit is left.
-  const bool swap = make_uint128(b_magnitude, b->low) > make_uint128(a_magnitude, a->low);
-  const Roomy a_roomy = roomy(a_high, a->low);
-  const Roomy b_roomy = roomy(b_high, b->low);
+  const bool swap = make_uint128(a_high << 1, a->low) < make_uint128(b_high << 1, b->low);
+  const std::uint64_t leading_one = computed_here(roomy_one);
+  const Roomy a_roomy = roomy(a_high, a->low, leading_one);
+  const Roomy b_roomy = roomy(b_high, b->low, leading_one);
+  const std::uint64_t x_high = swap ? b_high : a_high;
   const Roomy x = {swap ? b_roomy.high : a_roomy.high, swap ? b_roomy.low : a_roomy.low};
   const Roomy y = {swap ? a_roomy.high : b_roomy.high, swap ? a_roomy.low : b_roomy.low};
-  const std::uint64_t x_high = swap ? b_high : a_high;
-  const std::uint64_t sign = x_high & sign_bit;
   const auto difference = static_cast<std::int64_t>(a_exponent - b_exponent);
   const auto distance =
       static_cast<std::uint64_t>(std::min<std::int64_t>(std::abs(difference), 127));
 
-  const Uint128 aligned =
-      make_uint128(y.high, y.low) >> distance | static_cast<Uint128>(loses_bits(y, distance));
-  const std::uint64_t turned = (a_high ^ b_high) >> 63;
-  const Uint128 turned_mask = -static_cast<Uint128>(turned);
-  const Uint128 sum = make_uint128(x.high, x.low | turned) + (aligned ^ turned_mask);
-  const std::uint64_t high = high_word(sum);
-  const std::uint64_t low = low_word(sum);
-  if (high == 0) [[unlikely]] {
-    return store_cancelled(r, sign, exponent_field(x_high), low);
+  // x - y, less 1 if y loses bits; or x + y as x - ~y - 1. The lowest bit is made sticky below.
+  const Uint128 aligned = make_uint128(y.high, y.low) >> distance;
+  const std::uint64_t zeros = trailing_zeros(y);
+  const auto add_mask =
+      static_cast<std::uint64_t>(static_cast<std::int64_t>(~(a_high ^ b_high)) >> 63);
+  unsigned long long borrow = zeros < (distance | add_mask) ? 1 : 0;
+  const std::uint64_t low = __builtin_subcll(x.low, low_word(aligned) ^ add_mask, borrow, &borrow);
+  const std::uint64_t high =
+      __builtin_subcll(x.high, high_word(aligned) ^ add_mask, borrow, &borrow);
+  const std::uint64_t sticky = zeros < distance ? 1 : 0;
+  if (high >> lowest_top == 0) [[unlikely]] {
+    return store_cancelled(r, x_high, high, low);
   }
-  const auto shift = static_cast<std::uint64_t>(std::countl_zero(high)) & 63;
-  const Uint128 normalized = make_uint128(high << shift | low >> 1 >> (63 - shift), low << shift);
-  round_and_store(r, sign, sign_and_exponent(x_high) + carry_room - shift, normalized);
+  const std::uint64_t top = highest_bit(high);
+  round_and_store<lowest_top - 1>(r, x_high, sign_and_exponent(x_high) + carry_room + top - 63,
+                                  make_uint128(high, low | sticky), top);
 }
 
 }  // namespace

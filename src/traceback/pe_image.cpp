@@ -23,8 +23,8 @@ bool find_pe_section(Bytes headers, const char* name, SectionPlace& place) {
   }
   const std::uint64_t count = read_unsigned(pe.data + 6, 2);
   Bytes table = pe.from(file_header_size + read_unsigned(pe.data + 20, 2));
-  char wanted[section_name_size];
-  std::strncpy(wanted, name, sizeof wanted);  // padded with zero bytes, as in the table
+  char wanted[section_name_size] = {};  // padded with zero bytes, as in the table
+  std::memcpy(wanted, name, strnlen(name, sizeof wanted));
   for (std::uint64_t i = 0; i < count && table.size >= section_entry_size; ++i) {
     if (std::memcmp(table.data, wanted, sizeof wanted) == 0) {
       place.size = static_cast<std::uint32_t>(read_unsigned(table.data + 8, 4));

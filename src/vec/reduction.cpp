@@ -40,7 +40,7 @@ struct Type {
 
 template <class T, class Operation>
 constexpr Pair pair() {
-  if constexpr (Operation::template allowed<T>) {
+  if constexpr (includes<T>(Operation::types)) {
     return {fill<T, Operation>, fold<T, Operation>};
   } else {
     return {};

@@ -34,11 +34,11 @@ std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arg
   static_assert(sizeof...(Arguments) == sizeof...(Parameters) && sizeof...(Arguments) <= 4);
   enum { rcx = 1, rdx = 2, rbx = 3, rbp = 5, rsi = 6, rdi = 7, r8 = 8, r9 = 9 };
 #ifdef _WIN32
-  constexpr int argument_registers[] = {rcx, rdx, r8, r9};
+  [[maybe_unused]] constexpr int argument_registers[] = {rcx, rdx, r8, r9};
   constexpr int callee_saved[] = {rbx, rbp, rsi, rdi, 12, 13, 14, 15};
   constexpr int first_saved_vector = 6, end_saved_vectors = 16;
 #else
-  constexpr int argument_registers[] = {rdi, rsi, rdx, rcx};
+  [[maybe_unused]] constexpr int argument_registers[] = {rdi, rsi, rdx, rcx};
   constexpr int callee_saved[] = {rbx, rbp, 12, 13, 14, 15};
   constexpr int first_saved_vector = 0, end_saved_vectors = 0;
 #endif

@@ -1,0 +1,71 @@
+// The packed double-precision product of the wide variants.
+//
+// Per element the order is that of the exported tile kernels: the tail chunk overwrites P, the full
+// chunks follow and add their sums to it. A panel holds a tile's rows of op(A), or columns of
+// op(B), for each l of a chunk, without padding.
+#pragma once
+
+#include "matmul/tiling.h"
+
+namespace ksomd::matmul {
+
+template <class Rows, Letters letters>
+struct PackedPanels {
+  using Element = Rows::Element;
+  using Tiling = Tiles<Rows>;
+  static constexpr Size block_rows = round_down(row_chunk, Tiling::rows);
+
+  static void multiply(const Product<Element>& x, const PanelMemory& memory,
+                       Size columns_per_pass) {
+    const Size tail = tail_depth(x.k);
+    const Size columns = round_down(x.n, tile);
+    for (Size j = 0; j < columns; j += columns_per_pass) {
+      const Size count = min(columns - j, columns_per_pass);
+      chunk(x, memory, x.k - tail, tail, j, count, Sums::overwrite);
+      for (Size l = 0; l < x.k - tail; l += depth_chunk) {
+        chunk(x, memory, l, depth_chunk, j, count, Sums::add_old);
+      }
+    }
+  }
+
+ private:
+  static void chunk(const Product<Element>& x, const PanelMemory& memory, Size l, Size depth,
+                    Size j, Size columns, Sums sums) {
+    const Size rows = round_down(x.m, tile);
+    pack_b(x, l, depth, j, columns, memory.b);
+    for (Size i = 0; i < rows; i += block_rows) {
+      const Size count = min(block_rows, rows - i);
+      pack_a(x, i, count, l, depth, memory.a);
+      Tiling::template each_column<Source::panels>(
+          {memory.a, 0, memory.b, 0, 0, x.p + i + j * x.ldp, x.ldp, depth, sums, 0}, count,
+          columns);
+    }
+  }
+
+  static void pack_a(const Product<Element>& x, Size i, Size rows, Size l, Size depth,
+                     Element* panel) {
+    for (Size row = 0; row < rows;) {
+      const Size count = Tiling::rows_of_tile(rows - row);
+      Panel<Rows, letters.a == Layout::n>::pack(x.a + offset<letters.a>(i + row, l, x.lda), x.lda,
+                                                count, depth, panel, count);
+      panel += count * depth;
+      row += count;
+    }
+  }
+
+  template <Size C = Tiling::columns>
+  static void pack_b(const Product<Element>& x, Size l, Size depth, Size j, Size columns,
+                     Element* panel) {
+    for (; columns >= C; columns -= C, j += C, panel += C * depth) {
+      Panel<Rows, letters.b == Layout::t>::pack(x.b + offset<letters.b>(l, j, x.ldb), x.ldb, C,
+                                                depth, panel, C);
+    }
+    if constexpr (C > 1) {
+      if (columns != 0) {
+        pack_b<C / 2>(x, l, depth, j, columns, panel);
+      }
+    }
+  }
+};
+
+}  // namespace ksomd::matmul
