@@ -176,7 +176,7 @@ def main():
     parser.add_argument("program")
     arguments = parser.parse_args()
     chosen = [p for p in processors() if p.short or not arguments.short]
-    effort = "1" if arguments.short else "4"
+    effort = "1" if arguments.short else "2"
     native = subprocess.run([arguments.program, effort], check=True, text=True,
                             stdout=subprocess.PIPE).stdout
     reference = report(native)[1]
