@@ -250,14 +250,43 @@ TEST(MemoryRoutines, RangesAcrossTheSignBitsOfAddresses) {
     for (std::size_t i = 0; i < before.size(); ++i) {
       before[i] = static_cast<Byte>(i * 167 >> 4);
     }
-    for (const auto& copy : copy_routines) {
-      for (const std::size_t n : std::initializer_list<std::size_t>{40, 200, 700, 20000, 100000}) {
+    Arena apart(131072);
+    for (const std::size_t n : std::initializer_list<std::size_t>{40, 200, 700, 20000, 100000}) {
+      const std::size_t s = 131072 - n / 2;
+      // The destination across the boundary, then the source.
+      for (const auto& copy : copy_routines) {
+        if (!copy.available()) {
+          continue;
+        }
+        std::memset(memory.begin(), 0, memory.size());
+        copy.routine(memory.begin() + s, before.data(), n);
+        ASSERT_EQ(std::memcmp(memory.begin() + s, before.data(), n), 0) << copy.name << ' ' << n;
+        ASSERT_TRUE(memory.begin()[s - 1] == 0 && memory.begin()[s + n] == 0) << copy.name;
+        Byte* const d = apart.target().begin() + margin;
+        copy.routine(d, memory.begin() + s, n);
+        ASSERT_TRUE(
+            apart.check(d, n, [&](const Byte* p) { return std::memcmp(p, before.data(), n) == 0; }))
+            << copy.name << ' ' << n;
+      }
+      EXPECT_EQ(_orvex_fast_memcmp(memory.begin() + s, before.data(), n), 0);
+      EXPECT_EQ(__orvex_new_memcmp(memory.begin() + s, before.data(), n), 0);
+      for (const auto& fill : fill_routines) {
+        if (!fill.available()) {
+          continue;
+        }
+        std::memset(memory.begin(), 0, memory.size());
+        fill.routine(memory.begin() + s, 0x61, n);
+        ASSERT_EQ(std::count(memory.begin(), memory.end(), Byte{0x61}),
+                  static_cast<std::ptrdiff_t>(n))
+            << fill.name;
+        ASSERT_TRUE(memory.begin()[s] == 0x61 && memory.begin()[s + n - 1] == 0x61) << fill.name;
+      }
+      for (const auto& copy : copy_routines) {
         for (const std::ptrdiff_t distance : {-33, 33}) {
           if (!copy.available() || !copy.overlap) {
             continue;
           }
           std::memcpy(memory.begin(), before.data(), before.size());
-          const std::size_t s = 131072 - n / 2;
           const std::size_t d = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(s) + distance);
           copy.routine(memory.begin() + d, memory.begin() + s, n);
           std::vector<Byte> expected = before;

@@ -37,8 +37,8 @@ KSOMD_API void* _orvex_fast_memmove(void* destination, const void* source, size_
 KSOMD_API void* _orvex_fast_memset(void* destination, int value, size_t count);
 
 /* -1, 0 or +1: the sign of the first difference, of unsigned bytes in address order. Equal
- * addresses compare equal without being read. Reads ascending, at most the 16 bytes around the
- * first difference, and nothing beyond. */
+ * addresses compare equal without being read. Reads no page of memory that lies beyond the first
+ * difference's block of 16 bytes, counted from the beginning. */
 KSOMD_API int _orvex_fast_memcmp(const void* first, const void* second, size_t count);
 
 /* ---- generic variants: any x86-64 processor ---------------------------------------------------
