@@ -2,9 +2,10 @@
 //
 // Everything reduces to sign(a) * (|a| + |b|) or sign(a) * (|a| - |b|), the sign turned if |b| is
 // larger. A kernel for the common case has no branch on signs, order or distance of its operands:
-// the signs become a mask, the order a selection, the distance a shift count. What it leaves
-// (operands that are not normal, results near the ends of the exponent range, long cancellation)
-// goes to the complete cores, one source for 64-bit and 32-bit words.
+// the signs become a mask, the order a selection, the distance a shift count. What it leaves goes
+// to the complete cores, one source for 64-bit and 32-bit words: operands that are not normal and
+// results near the ends of the exponent range. Long cancellation, which is exact, has a function of
+// its own.
 #include <immintrin.h>
 
 #include <cstdlib>

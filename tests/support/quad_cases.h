@@ -209,10 +209,10 @@ class Random {
 
 // ---- length -------------------------------------------------------------------------------------
 
-#if defined(__has_feature)
-#define KSOMD_SANITIZED (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool sanitized = true;
 #else
-#define KSOMD_SANITIZED 0
+inline constexpr bool sanitized = false;
 #endif
 
 inline bool full_length() {
