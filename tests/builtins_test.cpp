@@ -20,12 +20,12 @@ namespace {
 
 using namespace ksomd::test;
 
-#define FOR_EACH_BUILTIN(X)                                                                  \
-  X(__divti3)                                                                                \
-  X(__udivti3)                                                                               \
-  X(__udivmodti4)                                                                            \
-  X(__udivmodei5) X(__divmodei5) X(__mulsc3) X(__muldc3) X(__mulxc3) X(__divsc3) X(__divdc3) \
-      X(__divxc3)
+#define FOR_EACH_BUILTIN(X) \
+  X(__divti3)               \
+  X(__udivti3)              \
+  X(__udivmodti4)           \
+  X(__udivmodei5)           \
+  X(__divmodei5) X(__mulsc3) X(__muldc3) X(__mulxc3) X(__divsc3) X(__divdc3) X(__divxc3)
 
 struct Builtins {
 #define MEMBER(name) decltype(::name)* name;
@@ -148,6 +148,24 @@ TEST_P(Linked, DivisionWithWrongEstimates) {
       const Words b = words_of(
           {patterns[j % count], patterns[j / count % count], patterns[j / count / count], 0});
       ASSERT_NO_FATAL_FAILURE(check(builtins, a, b, false));
+    }
+  }
+}
+
+// Multiples of a divisor just above the middle of a digit's range: the quotient by the reciprocal
+// is one too small, and leaves the divisor itself as the remainder.
+TEST_P(Linked, DivisionOfMultiples) {
+  constexpr std::uint64_t half = std::uint64_t{1} << 63;
+  for (std::uint64_t above = 0; above < 16; ++above) {
+    for (std::uint64_t below = 0; below < 16; ++below) {
+      for (std::uint64_t delta = 0; delta < 3; ++delta) {
+        const auto product = static_cast<ksomd_uint128>(half + above) * (half - below);
+        const auto dividend = product + delta - 1;
+        const Words a = words_of(
+            {static_cast<std::uint64_t>(dividend), static_cast<std::uint64_t>(dividend >> 64)});
+        ASSERT_NO_FATAL_FAILURE(check(builtins, a, words_of({half + above, 0}), false));
+        ASSERT_NO_FATAL_FAILURE(check(builtins, a, words_of({half - below, 0}), false));
+      }
     }
   }
 }

@@ -122,7 +122,7 @@ void* call_test(void* argument) {
 
 // On a stack that has no room for a call per range.
 TEST(Dependence, DepthStaysSmall) {
-  constexpr std::size_t n = 10000;
+  constexpr std::size_t n = 5000;
   pthread_attr_t attributes;
   ASSERT_EQ(pthread_attr_init(&attributes), 0);
   ASSERT_EQ(pthread_attr_setstacksize(&attributes, 128 << 10), 0);

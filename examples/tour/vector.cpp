@@ -1,5 +1,6 @@
 #include "ksomd/vector.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -16,21 +17,22 @@ namespace {
 // Each lane has a copy of the array; the copies lie side by side, an element of every lane in a
 // row.
 void show_reduction() {
-  constexpr int lanes = 8;
-  constexpr int length = 4;
+  constexpr std::size_t lanes = 8;
+  constexpr std::size_t length = 4;
   double highest[length] = {-1, -1, -1, 1e6};
   double copies[length][lanes];
   __orvex_reduction_init_array(copies, length * lanes, KSOMD_MAXIMUM, KSOMD_DOUBLE);
-  for (int i = 0; i < 1000; ++i) {
-    const double reading = i * 37 % 1000;
+  for (std::size_t i = 0; i < 1000; ++i) {
+    const auto reading = static_cast<double>(i * 37 % 1000);
     double& copy = copies[i % length][i / length % lanes];
     copy = reading > copy ? reading : copy;
   }
-  for (int lane = 0; lane < lanes; ++lane) {
-    __orvex_simd_reduction_final_array(highest, &copies[0][lane], length, lanes, 1, KSOMD_MAXIMUM,
+  for (std::size_t lane = 0; lane < lanes; ++lane) {
+    __orvex_simd_reduction_final_array(highest, &copies[0][lane], length,
+                                       static_cast<std::int32_t>(lanes), 1, KSOMD_MAXIMUM,
                                        KSOMD_DOUBLE);
   }
-  std::printf("  maxima folded from %d lanes: %g %g %g %g\n", lanes, highest[0], highest[1],
+  std::printf("  maxima folded from %zu lanes: %g %g %g %g\n", lanes, highest[0], highest[1],
               highest[2], highest[3]);
 }
 

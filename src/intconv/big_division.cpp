@@ -198,6 +198,9 @@ bool is_negative(const std::uint32_t* words, std::uint32_t count) {
 
 void __udivmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend, uint32_t* divisor,
                   uint32_t words) {
+  if (words == 0) {
+    return;
+  }
   const std::size_t size = std::size_t{words} * sizeof(uint32_t);
   const std::uint32_t n = significant_digits(divisor, words);
   if (n == 0) {

@@ -33,7 +33,7 @@ struct Pair {
 constexpr std::uint32_t operations = 13;
 
 struct Type {
-  std::uint32_t size;  // 0: no such type
+  std::uint32_t size;
   Gather gather;
   Pair pairs[operations];
 };
@@ -88,12 +88,13 @@ constexpr Type types[] = {
 };
 
 const Type& type_or_abort(std::uint32_t code) {
-  if (code >= sizeof types / sizeof types[0] || types[code].size == 0) {
+  if (code >= sizeof types / sizeof types[0]) {
     std::abort();
   }
   return types[code];
 }
 
+// A code that is no type's has no pairs.
 const Pair& pair_or_abort(const Type& type, std::int32_t operation) {
   const auto index = static_cast<std::uint32_t>(operation) - 1;
   if (index >= operations || type.pairs[index].fill == nullptr) {
