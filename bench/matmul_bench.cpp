@@ -1,33 +1,57 @@
-// Matrix products in GFLOP/s, one thread, against the Fortran compiler's MATMUL, a BLAS library and
-// the processor's own limit: separate multiplies and adds of 128-bit vectors in registers.
+// Matrix products in GFLOP/s, one thread: the sixteen entries, on every row of the kernel table,
+// against the Fortran compiler's MATMUL and two BLAS libraries, each told to use its best kernels,
+// beside what the processor can do at most with separate multiplies and adds.
 //
-//   matmul_bench [REPETITIONS]     the best of so many interleaved rounds (default 5)
-#include <emmintrin.h>
+// A benchmark is named ENTRY/EXTENT/CONTESTANT, as in r8_n_n/512/ksomd, and its counter GFLOP/s is
+// the one that counts: all contestants of an entry and extent take turns, and the best turn of each
+// is reported. (The library's own timing, a few calls of one contestant by itself, is not used.)
+//
+//   ksomd            the exported entry, kernels as chosen for this processor
+//   ksomd_ROW        the same on another row of the kernel table
+//   ksomd_portable   r8: the portable path, NAME.A
+//   gfortran         MATMUL at -O3: above 30 the run-time library's, for this processor
+//   gfortran_inline  MATMUL at -O3, always inlined: baseline instructions
+//   gfortran_native  MATMUL at -O3 -march=native, always inlined
+//   openblas, blis   gemm, loaded if installed
+//   loop             up to 16: three nested loops
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "ksomd/matmul.h"
+#include "matmul/kernels.h"
+#include "matmul_ceiling.h"
 
 extern "C" {
-// The Fortran compiler's MATMUL, built for the baseline (matmul_peer.f90). Letters: 'n' or 't'.
-void peer_matmul_r4(const float*, const float*, float*, const int* n, const int* layout);
-void peer_matmul_r8(const double*, const double*, double*, const int* n, const int* layout);
-void peer_matmul_c4(const ksomd_c4*, const ksomd_c4*, ksomd_c4*, const int* n, const int* layout);
-void peer_matmul_c8(const ksomd_c8*, const ksomd_c8*, ksomd_c8*, const int* n, const int* layout);
-
-#define KSOMD_DOTTED(code, element, a, b)                                                        \
-  void portable_##code##_##a##_##b(const element*, const element*, element*, uint64_t, uint64_t, \
-                                   uint64_t, uint64_t, uint64_t,                                 \
-                                   uint64_t) __asm__("_MATMUL_" #code "_" #a "_" #b ".A");
-KSOMD_MATMUL_EACH(KSOMD_DOTTED)
+// matmul_peer.f90. Layouts: 0 to 3 for n_n, t_n, n_t, t_t.
+#define KSOMD_PEER(code, element, build) \
+  void build##_##code(const element*, const element*, element*, const int* n, const int* layout);
+#define KSOMD_PEERS(code, element)           \
+  KSOMD_PEER(code, element, gfortran)        \
+  KSOMD_PEER(code, element, gfortran_inline) \
+  KSOMD_PEER(code, element, gfortran_native)
+KSOMD_PEERS(r4, float)
+KSOMD_PEERS(r8, double)
+KSOMD_PEERS(c4, ksomd_c4)
+KSOMD_PEERS(c8, ksomd_c8)
 }
 
 namespace {
+
+using ksomd::matmul::Size;
+using ksomd::matmul::Variant;
 
 // Time that this thread had the processor: other programs' turns do not count.
 double thread_time() {
@@ -36,115 +60,388 @@ double thread_time() {
   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-template <class Body>
-double seconds(const Body& body) {
-  const double start = thread_time();
-  body();
-  return thread_time() - start;
-}
-
-// Twelve independent chains of one multiply and one add each: GFLOP/s in elements of `lanes`.
-double ceiling(int lanes) {
-  constexpr int chains = 12;
-  constexpr int steps = 2000000;
-  __m128d sum[chains];
-  for (int c = 0; c < chains; ++c) sum[c] = _mm_set1_pd(1.0 + c);
-  __m128d factor = _mm_set1_pd(1.0);
-  const double time = seconds([&] {
-    for (int step = 0; step < steps; ++step) {
-#pragma clang loop unroll(full)
-      for (int c = 0; c < chains; ++c) {
-        // A multiply that no other depends on, as in a product.
-        __m128d product = factor;
-        __asm__ volatile("mulpd %1, %0" : "+x"(product) : "x"(factor));
-        sum[c] = _mm_add_pd(sum[c], product);
-      }
-      __asm__ volatile("" : "+x"(factor));
-    }
-  });
-  double sink = 0;
-  for (const __m128d& s : sum) sink += _mm_cvtsd_f64(s);
-  if (sink == 12345) std::printf(" ");
-  return 2.0 * chains * steps * lanes / time * 1e-9;
-}
+// ---- contestants --------------------------------------------------------------------------------
 
 template <class Element>
-using Entry = void (*)(const Element*, const Element*, Element*, uint64_t, uint64_t, uint64_t,
-                       uint64_t, uint64_t, uint64_t);
-
-template <class Element>
-struct Row {
-  const char* name;
-  int layout;
-  Entry<Element> routine;
+struct Operands {
+  int n;
+  const Element* a;
+  const Element* b;
+  Element* p;
 };
 
-template <class Element, class Peer>
-void measure(const std::vector<Row<Element>>& rows, Peer peer, int flops, double limit,
-             int rounds) {
-  std::mt19937 engine(1);
-  for (const int n : {2, 4, 8, 16, 64, 128, 256, 512, 1024}) {
-    const auto size = static_cast<std::size_t>(n);
-    std::vector<Element> a(size * size);
-    std::vector<Element> b(a);
-    std::vector<Element> p(a);
-    auto* raw_a = reinterpret_cast<unsigned char*>(a.data());
-    auto* raw_b = reinterpret_cast<unsigned char*>(b.data());
-    for (std::size_t i = 0; i < a.size() * sizeof(Element); ++i) {
-      // Small positive numbers of either width: the exponent's bytes stay in the middle.
-      raw_a[i] = i % 4 == 3 ? 0x3f : static_cast<unsigned char>(engine() & 0x7f);
-      raw_b[i] = i % 4 == 3 ? 0x3f : static_cast<unsigned char>(engine() & 0x7f);
+template <class Element>
+struct Contestant {
+  std::string name;
+  std::function<void(const Operands<Element>&)> multiply;
+};
+
+template <class Element>
+constexpr Element unity() {
+  if constexpr (ksomd::matmul::is_complex<Element>) {
+    return {1, 0};
+  } else {
+    return 1;
+  }
+}
+
+template <class Element>
+struct Type;
+
+#define KSOMD_LAYOUT(code, a, b) \
+  {#code "_" #a "_" #b, _MATMUL_##code##_##a##_##b, _MATMUL_##code##_##a##_##b##_portable}
+#define KSOMD_TYPE(code_, element, gemm_, flops_)                                                  \
+  template <>                                                                                      \
+  struct Type<element> {                                                                           \
+    using Entry = void (*)(const element*, const element*, element*, uint64_t, uint64_t, uint64_t, \
+                           uint64_t, uint64_t, uint64_t);                                          \
+    using Peer = void (*)(const element*, const element*, element*, const int*, const int*);       \
+    struct Layout {                                                                                \
+      const char* name;                                                                            \
+      Entry entry;                                                                                 \
+      Entry portable;                                                                              \
+    };                                                                                             \
+    static constexpr Layout layouts[4] = {KSOMD_LAYOUT(code_, n, n), KSOMD_LAYOUT(code_, t, n),    \
+                                          KSOMD_LAYOUT(code_, n, t), KSOMD_LAYOUT(code_, t, t)};   \
+    static constexpr struct {                                                                      \
+      const char* name;                                                                            \
+      Peer peer;                                                                                   \
+    } peers[] = {{"gfortran", gfortran_##code_},                                                   \
+                 {"gfortran_inline", gfortran_inline_##code_},                                     \
+                 {"gfortran_native", gfortran_native_##code_}};                                    \
+    static constexpr const char* gemm = gemm_;                                                     \
+    static constexpr double flops = flops_; /* of a product and a sum */                           \
+  };
+KSOMD_TYPE(r4, float, "sgemm_", 2)
+KSOMD_TYPE(r8, double, "dgemm_", 2)
+KSOMD_TYPE(c4, ksomd_c4, "cgemm_", 8)
+KSOMD_TYPE(c8, ksomd_c8, "zgemm_", 8)
+
+// A BLAS library with its kernels forced; what it says that it uses is in the report's context.
+struct Blas {
+  const char* name;
+  void* library;
+};
+Blas blas_libraries[] = {{"openblas", nullptr}, {"blis", nullptr}};
+
+const char* best_kernels(const char* kernels_512, const char* kernels_256) {
+  return __builtin_cpu_supports("avx512f") != 0 ? kernels_512 : kernels_256;
+}
+
+template <class Function>
+Function find(void* library, const char* name) {
+  return library == nullptr ? nullptr : reinterpret_cast<Function>(dlsym(library, name));
+}
+
+void report(const char* name, const void* library, const char* variable, const char* in_use) {
+  const char* value = std::getenv(variable);
+  benchmark::AddCustomContext(name, library == nullptr ? "missing"
+                                                       : std::string(variable) + "=" +
+                                                             (value != nullptr ? value : "") +
+                                                             ", in use: " + in_use);
+}
+
+// It reads its variable while it is loaded.
+void* load_openblas() {
+  constexpr const char* variable = "OPENBLAS_CORETYPE";
+  setenv(variable, best_kernels("SKYLAKEX", "HASWELL"), 0);
+  void* const library = dlopen("libopenblas.so.0", RTLD_NOW | RTLD_LOCAL);
+  const auto in_use = find<const char* (*)()>(library, "openblas_get_corename");
+  report("openblas", library, variable, in_use != nullptr ? in_use() : "unknown");
+  return library;
+}
+
+// It reads its variable, a number, when it initialises itself; the last name is "generic".
+void* load_blis() {
+  constexpr const char* variable = "BLIS_ARCH_TYPE";
+  void* const library = dlopen("libblis.so.4", RTLD_NOW | RTLD_LOCAL);
+  const auto name_of = find<const char* (*)(int)>(library, "bli_arch_string");
+  const auto in_use = find<int (*)()>(library, "bli_arch_query_id");
+  const auto initialize = find<void (*)()>(library, "bli_init");
+  if (name_of == nullptr || in_use == nullptr || initialize == nullptr) {
+    report("blis", library, variable, "unknown");
+    return library;
+  }
+  const std::string wanted = best_kernels("skx", "haswell");
+  for (int id = 0; id < 64; ++id) {
+    const std::string name = name_of(id);
+    if (name == wanted) {
+      setenv(variable, std::to_string(id).c_str(), 0);
     }
-    const double work = static_cast<double>(flops) * n * n * n;
-    const int calls = std::max(1, static_cast<int>(2e7 / work));
-    for (const Row<Element>& row : rows) {
-      double ours = 1e9;
-      double theirs = 1e9;
-      for (int round = 0; round < (n >= 1024 ? 1 : rounds); ++round) {
-        const auto u = static_cast<uint64_t>(n);
-        ours = std::min(ours, seconds([&] {
-                          for (int call = 0; call < calls; ++call) {
-                            row.routine(a.data(), b.data(), p.data(), u, u, u, u, u, u);
-                          }
-                        }));
-        theirs = std::min(theirs, seconds([&] {
-                            for (int call = 0; call < calls; ++call) {
-                              peer(a.data(), b.data(), p.data(), &n, &row.layout);
-                            }
-                          }));
+    if (name == wanted || name == "generic") {
+      break;
+    }
+  }
+  initialize();
+  report("blis", library, variable, name_of(in_use()));
+  return library;
+}
+
+template <class Element>
+void multiply_in_loops(int layout, const Operands<Element>& x) {
+  const auto n = static_cast<Size>(x.n);
+  const bool a_transposed = layout % 2 != 0;
+  const bool b_transposed = layout / 2 != 0;
+  for (Size j = 0; j < n; ++j) {
+    for (Size i = 0; i < n; ++i) {
+      Element sum{};
+      for (Size l = 0; l < n; ++l) {
+        const Element& a = a_transposed ? x.a[l + i * n] : x.a[i + l * n];
+        const Element& b = b_transposed ? x.b[j + l * n] : x.b[l + j * n];
+        sum = ksomd::matmul::add(sum, ksomd::matmul::multiply(a, b));
       }
-      const double rate = work * calls / ours * 1e-9;
-      std::printf(
-          "%-18s %5d  %8.2f GFLOP/s  %5.1f %% of the limit  Fortran %8.2f  ratio %5.2f  %9.1f ns\n",
-          row.name, n, rate, 100 * rate / limit, work * calls / theirs * 1e-9, theirs / ours,
-          ours / calls * 1e9);
+      x.p[i + j * n] = sum;
     }
   }
 }
 
-#define KSOMD_ROWS(code, p)                                      \
-  {                                                              \
-    {"_MATMUL_" #code "_n_n" p, 0, portable_##code##_n_n},       \
-        {"_MATMUL_" #code "_t_n" p, 1, portable_##code##_t_n},   \
-        {"_MATMUL_" #code "_n_t" p, 2, portable_##code##_n_t}, { \
-      "_MATMUL_" #code "_t_t" p, 3, portable_##code##_t_t        \
-    }                                                            \
+template <class Element>
+Contestant<Element> entry_on(std::string name, typename Type<Element>::Entry entry,
+                             const Variant* row) {
+  return {std::move(name), [entry, row](const Operands<Element>& x) {
+            ksomd::matmul::variant_slot = row;
+            const auto n = static_cast<Size>(x.n);
+            entry(x.a, x.b, x.p, n, n, n, n, n, n);
+          }};
+}
+
+template <class Element>
+std::vector<Contestant<Element>> contestants(int layout, int n) {
+  using T = Type<Element>;
+  std::vector<Contestant<Element>> all;
+  const std::uint64_t features = ksomd::feature_word();
+  const Variant* best = &ksomd::matmul::choose_variant(features);
+  const auto& routines = T::layouts[layout];
+  all.push_back(entry_on<Element>("ksomd", routines.entry, best));
+  if (std::is_same_v<Element, double>) {
+    all.push_back(entry_on<Element>("ksomd_portable", routines.portable, best));
   }
+  for (Size row = 0; row < ksomd::matmul::variant_count; ++row) {
+    const Variant* variant = ksomd::matmul::variants[row];
+    if (variant != best && (variant->required & features) == variant->required) {
+      all.push_back(
+          entry_on<Element>(std::string("ksomd_") + variant->name, routines.entry, variant));
+    }
+  }
+  for (const auto& peer : T::peers) {
+    // Some tens of seconds for one product of complex numbers.
+    if (n < 2048 || T::flops == 2) {
+      all.push_back({peer.name, [layout, call = peer.peer](const Operands<Element>& x) {
+                       call(x.a, x.b, x.p, &x.n, &layout);
+                     }});
+    }
+  }
+  for (const Blas& blas : blas_libraries) {
+    using Gemm = void (*)(const char*, const char*, const int*, const int*, const int*,
+                          const Element*, const Element*, const int*, const Element*, const int*,
+                          const Element*, Element*, const int*);
+    const auto gemm =
+        blas.library == nullptr ? nullptr : reinterpret_cast<Gemm>(dlsym(blas.library, T::gemm));
+    if (gemm != nullptr) {
+      all.push_back({blas.name, [layout, gemm](const Operands<Element>& x) {
+                       static constexpr Element zero{};
+                       static constexpr Element one = unity<Element>();
+                       const int* n = &x.n;
+                       gemm(layout % 2 != 0 ? "T" : "N", layout / 2 != 0 ? "T" : "N", n, n, n, &one,
+                            x.a, n, x.b, n, &zero, x.p, n);
+                     }});
+    }
+  }
+  if (n <= 16) {
+    all.push_back({"loop", [layout](const Operands<Element>& x) { multiply_in_loops(layout, x); }});
+  }
+  return all;
+}
+
+// ---- measurement --------------------------------------------------------------------------------
+
+struct Freed {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+// Contestants of one entry and extent, and the operands they share.
+template <class Element>
+class Contest {
+ public:
+  Contest(int layout, int n) : all(contestants<Element>(layout, n)), n_(n) {}
+
+  std::vector<Contestant<Element>> all;
+
+  // Seconds per call, of each contestant's best turn.
+  const std::vector<double>& times() {
+    if (times_.empty()) {
+      allocate();
+      check_results();
+      take_turns();
+    }
+    return times_;
+  }
+
+  Operands<Element> operands() const { return {n_, a_.get(), b_.get(), p_.get()}; }
+
+ private:
+  using Array = std::unique_ptr<Element, Freed>;
+  int n_;
+  Array a_, b_, p_;
+  std::vector<double> times_;
+
+  std::size_t count() const { return static_cast<std::size_t>(n_) * static_cast<std::size_t>(n_); }
+
+  void allocate() {
+    std::mt19937 random(1);  // NOLINT: the same numbers in every run
+    const auto array = [&] {
+      const std::size_t bytes = (count() * sizeof(Element) + 4095) / 4096 * 4096;
+      Array memory(static_cast<Element*>(std::aligned_alloc(4096, bytes)));
+      for (std::size_t i = 0; i < count(); ++i) {
+        const auto value = [&] { return static_cast<float>(random() % 1024) / 1024 - 0.5F; };
+        if constexpr (ksomd::matmul::is_complex<Element>) {
+          memory.get()[i] = {value(), value()};
+        } else {
+          memory.get()[i] = value();
+        }
+      }
+      return memory;
+    };
+    a_ = array();
+    b_ = array();
+    p_ = array();
+  }
+
+  // All compute the same product, or the contest is void.
+  void check_results() {
+    if (n_ > 512) {
+      return;
+    }
+    std::vector<Element> first;
+    for (const Contestant<Element>& contestant : all) {
+      contestant.multiply(operands());
+      if (first.empty()) {
+        first.assign(p_.get(), p_.get() + count());
+      }
+      for (std::size_t i = 0; i < count(); ++i) {
+        if (!(distance(first[i], p_.get()[i]) < 1e-3)) {
+          std::fprintf(stderr, "%s computes another product\n", contestant.name.c_str());
+          std::exit(1);
+        }
+      }
+    }
+  }
+
+  static double distance(const Element& x, const Element& y) {
+    if constexpr (ksomd::matmul::is_complex<Element>) {
+      return std::hypot(static_cast<double>(x.re - y.re), static_cast<double>(x.im - y.im));
+    } else {
+      return std::fabs(static_cast<double>(x - y));
+    }
+  }
+
+  // Turns of about `turn_time`, or one call, until each had `turns`, or `patience` at least.
+  void take_turns() {
+    constexpr double turn_time = 0.002;
+    constexpr double patience = 0.25;
+    constexpr int turns = 15;
+    times_.assign(all.size(), 1e9);
+    std::vector<double> spent(all.size());
+    std::vector<int> calls(all.size(), 1);
+    for (int turn = 0; turn <= turns; ++turn) {
+      for (std::size_t i = 0; i < all.size(); ++i) {
+        if (spent[i] > patience) {
+          continue;
+        }
+        const double start = thread_time();
+        for (int call = 0; call < calls[i]; ++call) {
+          all[i].multiply(operands());
+        }
+        const double time = thread_time() - start;
+        spent[i] += time;
+        times_[i] = std::min(times_[i], time / calls[i]);
+        calls[i] = std::max(1, static_cast<int>(turn_time / times_[i]));
+      }
+    }
+  }
+};
+
+template <class Element>
+void register_type() {
+  for (int layout = 0; layout < 4; ++layout) {
+    for (const int n : {2, 3, 4, 6, 8, 12, 16, 24, 32, 48, 64, 128, 256, 512, 1024, 2048}) {
+      const auto contest = std::make_shared<Contest<Element>>(layout, n);
+      for (std::size_t i = 0; i < contest->all.size(); ++i) {
+        const std::string name = std::string(Type<Element>::layouts[layout].name) + "/" +
+                                 std::to_string(n) + "/" + contest->all[i].name;
+        benchmark::RegisterBenchmark(name.c_str(), [contest, i, n](benchmark::State& state) {
+          const double time = contest->times()[i];
+          for (auto _ : state) {
+            contest->all[i].multiply(contest->operands());
+          }
+          state.counters["GFLOP/s"] = Type<Element>::flops * n * n * n / time * 1e-9;
+          state.counters["ns"] = time * 1e9;
+        });
+      }
+    }
+  }
+}
+
+// ceiling/r8/512: the best of some turns.
+void register_ceilings() {
+  for (const Ceiling& ceiling : ceilings) {
+    for (const bool is_double : {true, false}) {
+      if (!ceiling.available()) {
+        continue;
+      }
+      const std::string name =
+          std::string("ceiling/") + (is_double ? "r8/" : "r4/") + std::to_string(ceiling.bits);
+      benchmark::RegisterBenchmark(name.c_str(), [&ceiling, is_double](benchmark::State& state) {
+        constexpr long steps = 300000;
+        const auto run = is_double ? ceiling.sums_r8 : ceiling.sums_r4;
+        double best = 1e9;
+        for (int turn = 0; turn < 20; ++turn) {
+          const double start = thread_time();
+          benchmark::DoNotOptimize(run(steps));
+          best = std::min(best, thread_time() - start);
+        }
+        for (auto _ : state) {
+          benchmark::DoNotOptimize(run(1));
+        }
+        const int lanes = ceiling.bits / (is_double ? 64 : 32);
+        state.counters["GFLOP/s"] = 2.0 * products_per_step * steps * lanes / best * 1e-9;
+      });
+    }
+  }
+}
+
+std::string processor_name() {
+  std::ifstream file("/proc/cpuinfo");
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with("model name")) {
+      return line.substr(line.find(':') + 2);
+    }
+  }
+  return "unknown";
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int rounds = argc > 1 ? std::atoi(argv[1]) : 5;
-  const double limit = std::max({ceiling(2), ceiling(2), ceiling(2)});
-  std::printf("limit of 128-bit multiplies and adds: %.2f GFLOP/s double, %.2f single\n", limit,
-              2 * limit);
-  measure<double>({{"_MATMUL_r8_n_n", 0, _MATMUL_r8_n_n},
-                   {"_MATMUL_r8_t_n", 1, _MATMUL_r8_t_n},
-                   {"_MATMUL_r8_n_t", 2, _MATMUL_r8_n_t},
-                   {"_MATMUL_r8_t_t", 3, _MATMUL_r8_t_t}},
-                  peer_matmul_r8, 2, limit, rounds);
-  measure<double>(KSOMD_ROWS(r8, ".A"), peer_matmul_r8, 2, limit, rounds);
-  measure<float>(KSOMD_ROWS(r4, ".A"), peer_matmul_r4, 2, 2 * limit, rounds);
-  measure<ksomd_c8>(KSOMD_ROWS(c8, ".A"), peer_matmul_c8, 8, limit, rounds);
-  measure<ksomd_c4>(KSOMD_ROWS(c4, ".A"), peer_matmul_c4, 8, 2 * limit, rounds);
+  // What counts is measured apart: the library's own loop may be as short as it can.
+  std::vector<char*> arguments(argv, argv + argc);
+  std::string short_loop = "--benchmark_min_time=0.0001";
+  arguments.insert(arguments.begin() + 1, short_loop.data());
+  int count = static_cast<int>(arguments.size());
+  benchmark::Initialize(&count, arguments.data());
+  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+    return 1;
+  }
+  benchmark::AddCustomContext("processor", processor_name());
+  benchmark::AddCustomContext("ksomd kernels",
+                              ksomd::matmul::choose_variant(ksomd::feature_word()).name);
+  blas_libraries[0].library = load_openblas();
+  blas_libraries[1].library = load_blis();
+  register_ceilings();
+  register_type<float>();
+  register_type<double>();
+  register_type<ksomd_c4>();
+  register_type<ksomd_c8>();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
 }

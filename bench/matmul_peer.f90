@@ -1,10 +1,10 @@
-! The Fortran compiler's MATMUL, for the benchmark.
+! The Fortran compiler's MATMUL, for the benchmark. PEER is the prefix of the routines' names.
 module matmul_peer
   use, intrinsic :: iso_c_binding
   implicit none
 contains
 
-  subroutine peer_matmul_r4(a, b, p, n, layout) bind(c)
+  subroutine matmul_r4(a, b, p, n, layout) bind(c, name=PEER//"_r4")
     integer(c_int), intent(in) :: n, layout
     real(c_float), intent(in) :: a(n, n), b(n, n)
     real(c_float), intent(out) :: p(n, n)
@@ -20,7 +20,7 @@ contains
     end select
   end subroutine
 
-  subroutine peer_matmul_r8(a, b, p, n, layout) bind(c)
+  subroutine matmul_r8(a, b, p, n, layout) bind(c, name=PEER//"_r8")
     integer(c_int), intent(in) :: n, layout
     real(c_double), intent(in) :: a(n, n), b(n, n)
     real(c_double), intent(out) :: p(n, n)
@@ -36,7 +36,7 @@ contains
     end select
   end subroutine
 
-  subroutine peer_matmul_c4(a, b, p, n, layout) bind(c)
+  subroutine matmul_c4(a, b, p, n, layout) bind(c, name=PEER//"_c4")
     integer(c_int), intent(in) :: n, layout
     complex(c_float_complex), intent(in) :: a(n, n), b(n, n)
     complex(c_float_complex), intent(out) :: p(n, n)
@@ -52,7 +52,7 @@ contains
     end select
   end subroutine
 
-  subroutine peer_matmul_c8(a, b, p, n, layout) bind(c)
+  subroutine matmul_c8(a, b, p, n, layout) bind(c, name=PEER//"_c8")
     integer(c_int), intent(in) :: n, layout
     complex(c_double_complex), intent(in) :: a(n, n), b(n, n)
     complex(c_double_complex), intent(out) :: p(n, n)

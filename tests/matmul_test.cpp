@@ -164,6 +164,41 @@ TYPED_TEST(Product, FloatModes) {
   }
 }
 
+// Sums that come out subnormal from normal products, where one more addition of zero shows: the
+// last step of t_t, and the padding of a packed tail.
+TYPED_TEST(Product, SubnormalSumsWithDenormalsAreZero) {
+  Random random(7);
+  Comparison<TypeParam> compare;
+  using Real = RealOf<TypeParam>;
+  constexpr Real smallest = std::numeric_limits<Real>::min();
+  const auto element = [](Real re) {
+    if constexpr (matmul::is_complex<TypeParam>) {
+      return TypeParam{re, 0};
+    } else {
+      return re;
+    }
+  };
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    for (const Shape& shape :
+         {Shape{1, 1, 2}, {5, 6, 9}, {40, 40, 38}, {41, 43, 40}, {37, 46, 150}}) {
+      Problem<TypeParam> x(layout, shape, 0);
+      std::fill(x.a.values.begin(), x.a.values.end(), TypeParam{});
+      std::fill(x.b.values.begin(), x.b.values.end(), element(1));
+      for (Size i = 0; i < shape.m; ++i) {
+        for (const Size back : {Size{2}, Size{1}}) {
+          const Size l = shape.k - back;
+          x.a.values[layout.a_transposed ? l + i * x.a.leading : i + l * x.a.leading] =
+              element(back == 2 ? smallest * Real{1.5} : -smallest);
+        }
+      }
+      for (const unsigned zeros : {0U, flush_to_zero, denormals_are_zero}) {
+        const FloatMode set(zeros);
+        compare.all(x, random, Values::Tiny);
+      }
+    }
+  }
+}
+
 // ---- places in memory ---------------------------------------------------------------------------
 
 // Each array begins, or ends, at a page that cannot be touched.
@@ -306,6 +341,31 @@ TYPED_TEST(Product, RowRangesOfOneArray) {
       layout.portable(&got[0], &got[size], &got[2 * size], size, size, size, leading, leading,
                       leading);
       EXPECT_EQ(difference(got, expected), "") << layout.name << " " << row->name;
+    }
+  }
+}
+
+// Columns of P closer together than they are long share elements, which collect the products of
+// all of them in the order of the loop nest.
+TYPED_TEST(Product, ResultWhoseColumnsOverlap) {
+  Random random(13);
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    for (const Shape& shape : {Shape{4, 2, 1}, {7, 6, 9}, {37, 21, 133}}) {
+      for (const Size leading : {0U, 2U, 3U}) {
+        Problem<TypeParam> x(layout, shape, 0);
+        x.fill(random, Values::Wide);
+        random.fill(x.p.values, Values::Wide);
+        std::vector<TypeParam> expected = x.p.values;
+        reference_general(layout, x.a.data(), x.b.data(), expected.data(), shape, x.a.leading,
+                          x.b.leading, leading);
+        for (const matmul::Variant* row : kernel_rows()) {
+          const UseRow use(row);
+          std::vector<TypeParam> got = x.p.values;
+          layout.general(x.a.data(), x.b.data(), got.data(), shape.m, shape.n, shape.k, x.a.leading,
+                         x.b.leading, leading);
+          EXPECT_EQ(difference(got, expected), "") << x.name("") << " ldp=" << leading;
+        }
+      }
     }
   }
 }
