@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Installs a build into a scratch prefix and builds outside projects against it.
+"""Installs a build, or unpacks an archive, into a scratch prefix and builds outside projects against it.
 
-usage: install_test.py BUILD_DIRECTORY SCRATCH_DIRECTORY [TOOLCHAIN_FILE EMULATOR]
+usage: install_test.py BUILD_DIRECTORY|ARCHIVE SCRATCH_DIRECTORY [TOOLCHAIN_FILE EMULATOR]
 
 With a toolchain file the clients are Windows programs, run by the emulator. Without one there are
 clients in Fortran, too.
@@ -33,11 +33,23 @@ class Installation:
         self.toolchain, self.emulator = toolchain, emulator
         self.fortran = None if toolchain else "gfortran"
         shutil.rmtree(self.scratch, ignore_errors=True)
-        run("cmake", "--install", build, "--prefix", self.prefix)
+        if pathlib.Path(build).is_dir():
+            run("cmake", "--install", build, "--prefix", self.prefix)
+        else:
+            self.unpack(pathlib.Path(build))
         # Nothing may depend on where it was installed first.
         moved = self.scratch / "moved"
         self.prefix.rename(moved)
         self.prefix = moved
+
+    def unpack(self, archive):
+        self.scratch.mkdir(parents=True)
+        if archive.suffix == ".zip":
+            shutil.unpack_archive(archive, self.scratch)
+        else:
+            run("tar", "--zstd", "-xf", archive, "-C", self.scratch)
+        top, = self.scratch.iterdir()
+        top.rename(self.prefix)
 
     def execute(self, program):
         environment = dict(os.environ, LD_LIBRARY_PATH=str(self.prefix / "lib"),
