@@ -51,7 +51,7 @@ class Installation:
             f"-Dksomd_DIR={self.prefix}/lib/cmake/ksomd", *toolchain)
         run("cmake", "--build", build)
         suffix = ".exe" if self.toolchain else ""
-        for language in ("c", "cpp"):
+        for language in ("c", "cpp", "quad"):
             for kind in ("shared", "static"):
                 self.execute(build / f"package_{language}_{kind}{suffix}")
 
