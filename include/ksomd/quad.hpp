@@ -545,7 +545,7 @@ constexpr std::optional<Quad> from_string(std::string_view text) noexcept {
 }
 
 /// Writes the shortest text; the stream's width and fill count, its precision and notation do not.
-/// For programs that include <ostream>.
+/// For programs that include the ostream header.
 template <class Traits>
 std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& stream,
                                              const Quad& a) {
@@ -566,11 +566,11 @@ consteval Quad operator""_q(const char* text) {
 
 }  // namespace ksomd
 
-/// The format's limits.
+/// @cond
+// The format's limits.
 template <>
 class std::numeric_limits<ksomd::Quad> {
  public:
-  /// @cond
   static constexpr bool is_specialized = true;
   static constexpr bool is_signed = true;
   static constexpr bool is_integer = false;
@@ -606,7 +606,6 @@ class std::numeric_limits<ksomd::Quad> {
   static constexpr ksomd::Quad quiet_NaN() noexcept { return bits(0x7FFF800000000000, 0); }
   static constexpr ksomd::Quad signaling_NaN() noexcept { return bits(0x7FFF400000000000, 0); }
   static constexpr ksomd::Quad denorm_min() noexcept { return bits(0, 1); }
-  /// @endcond
 
  private:
   static constexpr ksomd::Quad bits(std::uint64_t high, std::uint64_t low) noexcept {
@@ -614,10 +613,9 @@ class std::numeric_limits<ksomd::Quad> {
   }
 };
 
-/// Equal numbers have equal hashes: +0 and -0 too.
+// Equal numbers have equal hashes: +0 and -0 too. No flag is raised.
 template <>
 struct std::hash<ksomd::Quad> {
-  /// No flag is raised.
   std::size_t operator()(const ksomd::Quad& a) const noexcept {
     const quad128& bits = a.bits();
     if (!a) {
@@ -628,5 +626,7 @@ struct std::hash<ksomd::Quad> {
     return static_cast<std::size_t>(mixed ^ mixed >> 29);
   }
 };
+
+/// @endcond
 
 #endif
