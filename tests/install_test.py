@@ -87,7 +87,7 @@ class Installation:
     def package_clients(self):
         build = self.scratch / "package"
         options = [f"-DCMAKE_TOOLCHAIN_FILE={self.toolchain}"] if self.toolchain else []
-        languages = ["c", "cpp"]
+        languages = ["c", "cpp", "quad"]
         if self.fortran:
             options.append("-DCONSUMER_FORTRAN=ON")
             languages.append("f90")

@@ -13,6 +13,7 @@
 #define KSOMD_API
 #endif
 
+/* What stands around the declarations of a header, and before a routine that never returns. */
 #ifdef __cplusplus
 #define KSOMD_BEGIN extern "C" {
 #define KSOMD_END }

@@ -9,6 +9,7 @@
 
 KSOMD_BEGIN
 
+/* The 128-bit integers of the compiler, under names that strict C and C++ accept. */
 __extension__ typedef __int128 ksomd_int128;
 __extension__ typedef unsigned __int128 ksomd_uint128;
 
@@ -35,7 +36,7 @@ KSOMD_API void __udivmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* d
 KSOMD_API void __divmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
                            uint32_t* divisor, uint32_t words);
 
-/* Real part first; no part of C++ itself. */
+/* Complex numbers of the compiler: real part first; no part of C++ itself. */
 __extension__ typedef float _Complex ksomd_complex_float;
 __extension__ typedef double _Complex ksomd_complex_double;
 __extension__ typedef long double _Complex ksomd_complex_extended;

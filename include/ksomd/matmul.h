@@ -33,14 +33,16 @@
 
 KSOMD_BEGIN
 
+/* An element of type c4. */
 typedef struct ksomd_c4 {
-  float re;
-  float im;
+  float re; /* real part */
+  float im; /* imaginary part */
 } ksomd_c4;
 
+/* An element of type c8. */
 typedef struct ksomd_c8 {
-  double re;
-  double im;
+  double re; /* real part */
+  double im; /* imaginary part */
 } ksomd_c8;
 
 /* The element types and letters of the routines below: X(code, element, letter of A, of B). */
@@ -59,6 +61,7 @@ typedef struct ksomd_c8 {
   X(c8, ksomd_c8, n, t)      \
   X(c8, ksomd_c8, t, t)
 
+/* The r8 rows of that table. */
 #define KSOMD_MATMUL_EACH_R8(X) \
   X(r8, double, n, n)           \
   X(r8, double, t, n)           \

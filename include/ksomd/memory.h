@@ -137,7 +137,7 @@ typedef struct __libkso_nt_context {
   unsigned char staging[64]; /* the first `pending` bytes wait */
   void* destination;         /* advanced by every byte written */
   uint64_t head_offset;      /* other than 0: align the destination first; reset to 0 then */
-  uint64_t pending;
+  uint64_t pending;          /* bytes of `staging` that wait */
   /* The chunk follows, at offset 88. */
 } __libkso_nt_context;
 

@@ -28,19 +28,20 @@ KSOMD_BEGIN
 /* high: sign (bit 63), exponent with bias 16383 (bits 62-48), fraction bits 111-64 (bits 47-0);
  * bit 47 set in a NaN makes it quiet. */
 typedef struct quad128 {
-  uint64_t low;
-  uint64_t high;
+  uint64_t low;  /* fraction bits 63-0 */
+  uint64_t high; /* sign, exponent and fraction bits 111-64 */
 } __attribute__((packed)) quad128;
 
+/* A complex quad: 32 bytes, no alignment requirement. */
 typedef struct cquad128 {
-  quad128 re;
-  quad128 im;
+  quad128 re; /* real part */
+  quad128 im; /* imaginary part */
 } __attribute__((packed)) cquad128;
 
 /* x87 extended precision as it lies in memory: 10 bytes, integer bit explicit, bias 16383. */
 typedef struct extended80 {
-  uint64_t significand;
-  uint16_t sign_exponent;
+  uint64_t significand;   /* integer bit, then 63 fraction bits */
+  uint16_t sign_exponent; /* sign in bit 15, biased exponent below */
 } __attribute__((packed)) extended80;
 
 /* ---- arithmetic -------------------------------------------------------------------------------

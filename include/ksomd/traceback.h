@@ -76,9 +76,9 @@ KSOMD_API void tbk_getModuleName(uint64_t address, char* name, uint32_t size, ui
 
 /* What a lookup finds: three terminated texts. A name longer than 259 bytes is cut to that. */
 struct ksomd_pc_info {
-  char routine[260];
-  char file[260]; /* as recorded, with or without directory */
-  char line[260]; /* decimal */
+  char routine[260]; /* as recorded by the compiler */
+  char file[260];    /* as recorded, with or without directory */
+  char line[260];    /* decimal */
 };
 
 /* Looks `pc` up in the trace section of its module. The result is always 0; if there is no trace

@@ -74,8 +74,8 @@ KSOMD_API void __orvex_simd_reduction_final_array(void* destination, const void*
 
 /* A range of addresses, both ends included. */
 typedef struct ksomd_range {
-  uint64_t start;
-  uint64_t end;
+  uint64_t start; /* address of the first byte */
+  uint64_t end;   /* address of the last byte */
 } ksomd_range;
 
 /* Sorts the n ranges by start and tells whether one overlaps or touches the next: 1 if so, else 0,
