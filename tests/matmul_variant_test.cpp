@@ -37,9 +37,6 @@ void* __wrap_malloc(std::size_t size) {
   return std::realloc(null, size);
 }
 
-__extension__ _Complex float __mulsc3(float a, float b, float c, float d);
-__extension__ _Complex double __muldc3(double a, double b, double c, double d);
-
 #define KSOMD_DOTTED(code, element, a, b)                                                         \
   void variant_A_##code##_##a##_##b(const element*, const element*, element*, uint64_t, uint64_t, \
                                     uint64_t, uint64_t, uint64_t,                                 \
@@ -287,7 +284,7 @@ class Comparison {
  private:
   template <class Expected>
   void path(const Problem<Element>& x, const Array<Element>& p, const std::vector<Element>& before,
-            const char* suffix, typename Entry<Element>::Routine routine, Size fifth, Size sixth,
+            const char* suffix, Entry<Element>::Routine routine, Size fifth, Size sixth,
             const Expected& expected) {
     std::vector<Element> first;
     for (const Variant* row : rows_here()) {

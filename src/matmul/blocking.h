@@ -23,9 +23,6 @@ inline constexpr Size max_segments = 8;
 inline constexpr Size segment_bytes = 3584;
 inline constexpr Size panel_bytes = 24576;
 
-// From this many rows on a group of columns of op(B) is worth a copy.
-inline constexpr Size rows_worth_packing = 64;
-
 // Depth of a block at most. While all rows pass by, a block of op(B) stays in the second-level
 // cache; where op(A) is read in place, a block of op(A) while all columns do.
 inline constexpr Size depth_block = 128;

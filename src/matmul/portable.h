@@ -62,47 +62,24 @@ struct Portable {
         Call call = call_at(x, i, 0, l, min(depth_limit, x.k - l), sums);
         call.a_depth = x.lda;
         Tiling::set_segments(call, call.a, x.a + i + l * x.lda, x.lda);
-        each_group<Tiling::columns>(call, x.ldb, rows, x.n);
+        each_group<Tiling::columns>(call, rows, x.n);
       }
     }
   }
 
-  // All columns, all rows. A group of columns of op(B) that serves many rows is copied.
+  // All columns, all rows. A copy of the columns of op(B) costs more than it gives.
   template <Size C>
-  static void each_group(Call& call, Size ldb, Size rows, Size columns) {
+  static void each_group(Call& call, Size rows, Size columns) {
     for (; columns >= C; columns -= C) {
-      if (rows >= rows_worth_packing) {
-        Call copied = call;
-        with_columns<C, 0>(copied, ldb, rows);
-      } else {
-        Tiling::template down<Source::in_place, C>(call, rows);
-      }
+      Tiling::template down<Source::in_place, C>(call, rows);
       Tiling::advance(call, call.b, C * call.b_column);
       call.p += C * call.ldp;
     }
     if constexpr (C > 1) {
       if (columns != 0) {
-        each_group<C / 2>(call, ldb, rows, columns);
+        each_group<C / 2>(call, rows, columns);
       }
     }
-  }
-
-  // Piece s of the columns lies in this frame, the others in those of the calls from here on.
-  template <Size C, Size s>
-  [[gnu::noinline]] static void with_columns(Call& call, Size ldb, Size rows) {
-    alignas(64) Element piece[Tiling::segment * C];
-    const Size depth = min(Tiling::segment, call.depth - s * Tiling::segment);
-    Panel<Rows, letters.b == Layout::t>::pack(call.b[s], ldb, C, depth, piece, C);
-    call.b[s] = piece;
-    if constexpr (s + 1 < Tiling::segments) {
-      if (call.depth > (s + 1) * Tiling::segment) {
-        with_columns<C, s + 1>(call, ldb, rows);
-        return;
-      }
-    }
-    call.b_depth = C;
-    call.b_column = 1;
-    Tiling::template down<Source::in_place, C>(call, rows);
   }
 
   // A tile's rows of op(A) are copied into a panel. One block of op(B) stays in the second-level
