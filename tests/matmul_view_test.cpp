@@ -15,7 +15,7 @@ template <class T>
 void fill(std::vector<T>& values, unsigned seed) {
   auto next = [&seed] {
     seed = seed * 1664525 + 1013904223;
-    return static_cast<int>(seed >> 12) % 4096 / 37.0F - 30.0F;
+    return static_cast<float>(seed >> 12 & 4095) / 37.0F - 30.0F;
   };
   for (T& value : values) {
     if constexpr (std::is_floating_point_v<T>) {

@@ -38,7 +38,7 @@ struct Element<std::complex<double>> {
   using type = ksomd_c8;
 };
 template <class T>
-using element_t = typename Element<std::remove_const_t<T>>::type;
+using element_t = Element<std::remove_const_t<T>>::type;
 
 template <class T>
 inline constexpr bool is_element = false;
@@ -129,11 +129,11 @@ constexpr MatrixView<T> transposed(const Transposed<T>& matrix) noexcept {
 namespace matrix {
 
 template <class T>
-constexpr const MatrixView<T>& stored(const MatrixView<T>& operand) noexcept {
+constexpr MatrixView<T> stored(const MatrixView<T>& operand) noexcept {
   return operand;
 }
 template <class T>
-constexpr const MatrixView<T>& stored(const Transposed<T>& operand) noexcept {
+constexpr MatrixView<T> stored(const Transposed<T>& operand) noexcept {
   return operand.stored;
 }
 

@@ -559,7 +559,7 @@ inline namespace literals {
 
 /// A decimal literal, correctly rounded by the compiler. Text that is no number does not compile.
 consteval Quad operator""_q(const char* text) {
-  return from_string(text).value();
+  return from_string(text).value();  // NOLINT(bugprone-unchecked-optional-access)
 }
 
 }  // namespace literals
