@@ -2,10 +2,12 @@
 """Puts small defects into a private copy of the sources, one at a time, and sees whether the test
 that should notice does.
 
-usage: mutate.py [--jobs N] [REGEX]
+usage: mutate.py [--jobs N] [--keep] [REGEX]
 
 REGEX chooses rows of tools/mutations.py by "source: text -> replacement". The copy and its build
-stay in build/mutate*, so that a later run builds only what a defect touches.
+stay in build/mutate*, so that a later run builds only what a defect touches; --keep takes the copy
+as it is, so that sources under work disturb nothing. A test program is built, and tried without a
+defect, when the first row wants it.
 """
 
 import argparse
@@ -59,8 +61,11 @@ class Workshop:
     def __init__(self, directory):
         self.top = directory
         self.build = directory / "build"
+        self.sound = {}
 
-    def prepare(self, programs):
+    def prepare(self, keep):
+        if keep and (self.build / "build.ninja").exists():
+            return
         files = subprocess.check_output(["git", "ls-files", *PARTS], cwd=TOP, text=True).split("\n")
         for name in filter(None, files):
             copy_if_changed(TOP / name, self.top / name)
@@ -70,15 +75,16 @@ class Workshop:
                     "-DKSOMD_OPTIMIZE=1", "-DCMAKE_TOOLCHAIN_FILE=" + str(TOP / "cmake/host.cmake")],
                    self.top, log):
                 sys.exit(f"The copy does not configure: {log}")
-        log = self.top / "build.log"
-        if self.compile(programs, log):
-            sys.exit(f"The copy does not build: {log}")
-        for program in programs:
-            if self.test(program, log):
-                sys.exit(f"{program} fails without a defect: {log}")
 
-    def compile(self, programs, log):
-        return run(["cmake", "--build", str(self.build), "-j2", "--target", *programs], self.top, log)
+    def is_sound(self, program):
+        """Whether the program builds and passes without a defect."""
+        if program not in self.sound:
+            log = self.top / f"{program}.log"
+            self.sound[program] = not self.compile(program, log) and not self.test(program, log)
+        return self.sound[program]
+
+    def compile(self, program, log):
+        return run(["cmake", "--build", str(self.build), "-j2", "--target", program], self.top, log)
 
     def test(self, program, log):
         tests = self.build / "tests"
@@ -89,10 +95,12 @@ class Workshop:
         text = path.read_text()
         if text.count(mutation.find) != 1:
             return f"not applicable: the text stands there {text.count(mutation.find)} times"
+        if not self.is_sound(mutation.program):
+            return f"not applicable: {mutation.program} fails without it"
         log = self.top / "mutation.log"
         try:
             path.write_text(text.replace(mutation.find, mutation.replacement))
-            if self.compile([mutation.program], log):
+            if self.compile(mutation.program, log):
                 return "not applicable: does not compile"
             return "caught" if self.test(mutation.program, log) else "survived"
         finally:
@@ -102,16 +110,15 @@ class Workshop:
 def main():
     parser = argparse.ArgumentParser(usage=__doc__)
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--keep", action="store_true")
     parser.add_argument("regex", nargs="?", default="")
     arguments = parser.parse_args()
     chosen = [m for m in (Mutation(*row) for row in MUTATIONS) if re.search(arguments.regex, str(m))]
-    programs = sorted({mutation.program for mutation in chosen})
-    print(f"{len(chosen)} defects; building and trying {len(programs)} test programs without one",
-          flush=True)
+    print(f"{len(chosen)} defects", flush=True)
     workshops = queue.Queue()
     for number in range(arguments.jobs):
         workshop = Workshop(TOP / "build" / f"mutate{number or ''}")
-        workshop.prepare(programs)
+        workshop.prepare(arguments.keep)
         workshops.put(workshop)
     started, outcomes, remarks = time.monotonic(), collections.Counter(), []
 
