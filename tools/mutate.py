@@ -21,6 +21,7 @@ import subprocess
 import sys
 import time
 
+sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 from mutations import MUTATIONS  # noqa: E402  (the table stands beside this file)
 
