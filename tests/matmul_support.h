@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ksomd/matmul.h"
+#include "support/seed.h"
 
 namespace ksomd::test {
 
@@ -68,7 +69,7 @@ enum class Values {
 
 class Random {
  public:
-  explicit Random(std::uint32_t seed) : engine_(seed) {}
+  explicit Random(std::uint32_t seed) : engine_(seed_of(seed)) {}
   std::uint32_t below(std::uint32_t limit) { return engine_() % limit; }
   void fill(std::vector<float>& values, Values kind);
   void fill(std::vector<double>& values, Values kind);
