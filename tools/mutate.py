@@ -28,7 +28,9 @@ from mutations import MUTATIONS  # noqa: E402  (the table stands beside this fil
 TOP = pathlib.Path(__file__).resolve().parent.parent
 PARTS = ["CMakeLists.txt", "CMakePresets.json", "cmake", "examples", "include", "src", "tests",
          "tools", "LICENSE", "README.md"]
-TIME_LIMIT = 300
+# A defect may make a test run forever: it may take this many times as long as without, in seconds.
+PATIENCE, LEAST_PATIENCE = 10, 60
+FIRST_LIMIT = 1800
 
 
 class Mutation:
@@ -62,9 +64,12 @@ class Workshop:
     def __init__(self, directory):
         self.top = directory
         self.build = directory / "build"
-        self.sound = {}
+        self.sound, self.limit = {}, {}
 
     def prepare(self, keep):
+        # An interrupted run leaves its defect behind, and the sound source beside it.
+        for sound in self.top.glob("src/**/*.sound"):
+            sound.rename(sound.with_suffix(""))
         if keep and (self.build / "build.ninja").exists():
             return
         files = subprocess.check_output(["git", "ls-files", *PARTS], cwd=TOP, text=True).split("\n")
@@ -81,15 +86,18 @@ class Workshop:
         """Whether the program builds and passes without a defect."""
         if program not in self.sound:
             log = self.top / f"{program}.log"
-            self.sound[program] = not self.compile(program, log) and not self.test(program, log)
+            built = not self.compile(program, log)
+            started = time.monotonic()
+            self.sound[program] = built and not self.test(program, log, FIRST_LIMIT)
+            self.limit[program] = max(LEAST_PATIENCE, PATIENCE * (time.monotonic() - started))
         return self.sound[program]
 
     def compile(self, program, log):
         return run(["cmake", "--build", str(self.build), "-j2", "--target", program], self.top, log)
 
-    def test(self, program, log):
+    def test(self, program, log, limit):
         tests = self.build / "tests"
-        return run([f"./{program}", "--gtest_fail_fast", "--gtest_brief=1"], tests, log, TIME_LIMIT)
+        return run([f"./{program}", "--gtest_fail_fast", "--gtest_brief=1"], tests, log, limit)
 
     def examine(self, mutation):
         path = self.top / "src" / mutation.source
@@ -99,13 +107,17 @@ class Workshop:
         if not self.is_sound(mutation.program):
             return f"not applicable: {mutation.program} fails without it"
         log = self.top / "mutation.log"
+        sound = path.with_name(path.name + ".sound")
+        shutil.copy(path, sound)
         try:
             path.write_text(text.replace(mutation.find, mutation.replacement))
             if self.compile(mutation.program, log):
                 return "not applicable: does not compile"
-            return "caught" if self.test(mutation.program, log) else "survived"
+            status = self.test(mutation.program, log, self.limit[mutation.program])
+            return {0: "survived", "timeout": "caught: it never ends"}.get(status, "caught")
         finally:
             path.write_text(text)
+            sound.unlink()
 
 
 def main():
@@ -138,7 +150,7 @@ def main():
             if kind == "survived" and mutation.equivalent:
                 kind = "equivalent"
                 remarks.append(f"equivalent: {mutation}: {mutation.equivalent}")
-            elif kind != "caught":
+            elif outcome != "caught":
                 remarks.append(f"{outcome}: {mutation}")
             outcomes[kind] += 1
     judged = outcomes["caught"] + outcomes["survived"]
