@@ -14,6 +14,7 @@
 
 #include "support/guarded_memory.h"
 #include "support/long_division.h"
+#include "support/seed.h"
 #include "support/shared_library.h"
 
 namespace {
@@ -113,7 +114,7 @@ Words operand(std::mt19937_64& random, std::size_t n) {
 }
 
 TEST_P(Linked, LongDivision) {
-  std::mt19937_64 random(3);
+  std::mt19937_64 random(seed_of(3));
   const int rounds = full_length() ? 50000 : GetParam() ? 20 : 400;
   for (std::size_t n = 1; n <= 64; ++n) {
     for (int round = 0; round < rounds; ++round) {

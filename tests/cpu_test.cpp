@@ -12,6 +12,7 @@
 #include "cpu/isa_names.h"
 #include "feature_golden.h"
 #include "support/child_process.h"
+#include "support/seed.h"
 #include "support/synthetic_processor.h"
 
 namespace ksomd::test {
@@ -240,7 +241,7 @@ TEST(Detection, LeavesThatMayNotExistAreReadOnlyBehindTheirBits) {
 }
 
 TEST(Detection, RandomProcessorsAndNoClearedBitEnablesAnything) {
-  std::mt19937 random(20240607);
+  std::mt19937 random(seed_of(20240607));
   for (int round = 0; round < 10000; ++round) {
     SyntheticProcessor p = random_processor(random);
     const Bits before = detect(p);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ksomd/vector.h"
+#include "support/seed.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ void check(Ranges ranges) {
 }
 
 TEST(Dependence, OrderAndResult) {
-  std::mt19937_64 random(1);
+  std::mt19937_64 random(ksomd::test::seed_of(1));
   for (std::size_t n = 0; n < 60; ++n) {
     for (int round = 0; round < 60; ++round) {
       const std::uint64_t span = round % 3 == 0 ? 4 : round % 3 == 1 ? 100 * (n + 1) : ~0ull;

@@ -8,6 +8,7 @@
 
 #include "ksomd/matmul.h"
 #include "matmul/kernels.h"
+#include "support/seed.h"
 
 namespace ksomd::test {
 
@@ -74,7 +75,7 @@ enum class Values {
 
 class Random {
  public:
-  explicit Random(std::uint64_t seed) : state_(seed) {}
+  explicit Random(std::uint64_t seed) : state_(seed_of(static_cast<std::uint32_t>(seed))) {}
   std::uint32_t below(std::uint32_t limit) {
     return static_cast<std::uint32_t>(((bits() >> 32) * limit) >> 32);
   }

@@ -103,7 +103,8 @@ bool allowed(std::uint32_t type, int operation) {
   if (integer) {
     return true;
   }
-  return !bitwise && !(complex_quad && order) && !((quad || complex_quad) && operation > 5);
+  const bool beyond_quads = (quad || complex_quad) && operation > KSOMD_MINIMUM;
+  return !bitwise && !beyond_quads && !(complex_quad && order);
 }
 
 // Fills an array with numbers of the type; without NaNs, of which emulators may choose another.

@@ -10,6 +10,7 @@
 
 #include "mem_variants.h"
 #include "support/guarded_memory.h"
+#include "support/seed.h"
 
 namespace ksomd::test {
 namespace {
@@ -183,7 +184,7 @@ TEST_P(MemoryRoutines, MovesOfOverlappingRanges) {
   constexpr std::size_t room = 3 * 140'000;
   GuardedMemory memory(room);
   std::vector<Byte> before(memory.size()), expected(memory.size());
-  std::mt19937_64 random(7);
+  std::mt19937_64 random(seed_of(7));
   std::generate(before.begin(), before.end(), [&] { return static_cast<Byte>(random()); });
   std::set<std::size_t> sizes;
   for (std::size_t n = 0; n <= 320; n += n < 64 ? 1 : 7) {
@@ -339,7 +340,7 @@ const CompareRoutine compare_routines[] = {{"_orvex_fast_memcmp", _orvex_fast_me
 
 TEST(Compare, EverySizeAndPlaceOfADifference) {
   GuardedMemory first(4096), second(4096);
-  std::mt19937 random(3);
+  std::mt19937 random(seed_of(3));
   for (const CompareRoutine& compare : compare_routines) {
     for (std::size_t n = 0; n <= 300; ++n) {
       for (std::size_t offset = 0; offset < 64; offset += 7) {

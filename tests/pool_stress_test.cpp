@@ -6,6 +6,7 @@
 #include <random>
 
 #include "pool_support.h"
+#include "support/seed.h"
 
 namespace {
 
@@ -129,7 +130,7 @@ struct Shared {
 
 class Program {
  public:
-  Program(Shared& shared, unsigned seed) : shared_(shared), random_(seed) {}
+  Program(Shared& shared, unsigned seed) : shared_(shared), random_(ksomd::test::seed_of(seed)) {}
 
   void run(std::int64_t count) {
     for (operation_ = 0; operation_ < count; ++operation_) {

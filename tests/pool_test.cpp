@@ -11,6 +11,7 @@
 #include "pool/runtime.h"
 #include "pool_support.h"
 #include "support/child_process.h"
+#include "support/seed.h"
 
 // Heap requests that cannot be met are part of these tests.
 extern "C" const char* __asan_default_options() {
@@ -127,7 +128,7 @@ KSOMD_CHILD(strides) {
 // A region starts again when its last block is freed, in whatever order, and never before.
 KSOMD_CHILD(recycling) {
   make_lists({100}, {});
-  std::mt19937 random(1);
+  std::mt19937 random(ksomd::test::seed_of(1));
   std::vector<char*> blocks = blocks_of(100, 30000);
   char* const region = blocks[0];
   for (int round = 0; round < 5; ++round) {

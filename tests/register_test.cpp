@@ -13,6 +13,7 @@
 #include "cpu/isa_names.h"
 #include "support/backtrace.h"
 #include "support/register_probe.h"
+#include "support/seed.h"
 
 namespace {
 
@@ -113,7 +114,7 @@ class FillEntry : public testing::TestWithParam<Entry> {};
 
 TEST_P(FillEntry, KeepsEveryRegister) {
   vector_state = available_state();
-  std::mt19937_64 random(7);
+  std::mt19937_64 random(seed_of(7));
   for (int round = 0; round < 20; ++round) {
     destroyed = 0;
     expect_registers_kept(GetParam(), random);

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "support/child_process.h"
+#include "support/seed.h"
 #include "traceback/pe_image.h"
 #include "traceback/trace_section.h"
 #include "traceback_sample.h"
@@ -304,7 +305,7 @@ TEST(TraceSection, EverySingleByteChange) {
 }
 
 TEST(TraceSection, RandomChanges) {
-  std::mt19937_64 random(7);
+  std::mt19937_64 random(seed_of(7));
   for (int round = 0; round < 20000; ++round) {
     Data section = sample_section();
     for (std::uint64_t changes = 1 + random() % 6; changes > 0; --changes) {

@@ -16,6 +16,7 @@
 #include "ksomd/vector.h"
 #include "support/child_process.h"
 #include "support/guarded_memory.h"
+#include "support/seed.h"
 #include "vec/reduction.h"
 
 namespace {
@@ -360,7 +361,7 @@ void check_fold(Areas& areas, int operation, std::size_t count, int stride,
 }
 
 TYPED_TEST(Reduction, Fold) {
-  std::mt19937_64 random(TypeParam::code);
+  std::mt19937_64 random(seed_of(static_cast<std::uint32_t>(TypeParam::code)));
   Areas areas = {Area(largest_count * TypeParam::size + 64),
                  Area(largest_count * largest_stride * TypeParam::size + 64)};
   const int rounds = full_length() ? 50 : 1;

@@ -2,10 +2,12 @@
 """Puts small defects into a private copy of the sources, one at a time, and sees whether the test
 that should notice does.
 
-usage: mutate.py [--jobs N] [REGEX]
+usage: mutate.py [--jobs N] [--keep] [REGEX]
 
 REGEX chooses rows of tools/mutations.py by "source: text -> replacement". The copy and its build
-stay in build/mutate*, so that a later run builds only what a defect touches.
+stay in build/mutate*, so that a later run builds only what a defect touches; --keep takes the copy
+as it is, so that sources under work disturb nothing. A test program is built, and tried without a
+defect, when the first row wants it.
 """
 
 import argparse
@@ -19,13 +21,16 @@ import subprocess
 import sys
 import time
 
+sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 from mutations import MUTATIONS  # noqa: E402  (the table stands beside this file)
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 PARTS = ["CMakeLists.txt", "CMakePresets.json", "cmake", "examples", "include", "src", "tests",
          "tools", "LICENSE", "README.md"]
-TIME_LIMIT = 300
+# A defect may make a test run forever: it may take this many times as long as without, in seconds.
+PATIENCE, LEAST_PATIENCE = 10, 60
+FIRST_LIMIT = 1800
 
 
 class Mutation:
@@ -59,8 +64,14 @@ class Workshop:
     def __init__(self, directory):
         self.top = directory
         self.build = directory / "build"
+        self.sound, self.limit = {}, {}
 
-    def prepare(self, programs):
+    def prepare(self, keep):
+        # An interrupted run leaves its defect behind, and the sound source beside it.
+        for sound in self.top.glob("src/**/*.sound"):
+            sound.rename(sound.with_suffix(""))
+        if keep and (self.build / "build.ninja").exists():
+            return
         files = subprocess.check_output(["git", "ls-files", *PARTS], cwd=TOP, text=True).split("\n")
         for name in filter(None, files):
             copy_if_changed(TOP / name, self.top / name)
@@ -70,48 +81,57 @@ class Workshop:
                     "-DKSOMD_OPTIMIZE=1", "-DCMAKE_TOOLCHAIN_FILE=" + str(TOP / "cmake/host.cmake")],
                    self.top, log):
                 sys.exit(f"The copy does not configure: {log}")
-        log = self.top / "build.log"
-        if self.compile(programs, log):
-            sys.exit(f"The copy does not build: {log}")
-        for program in programs:
-            if self.test(program, log):
-                sys.exit(f"{program} fails without a defect: {log}")
 
-    def compile(self, programs, log):
-        return run(["cmake", "--build", str(self.build), "-j2", "--target", *programs], self.top, log)
+    def is_sound(self, program):
+        """Whether the program builds and passes without a defect."""
+        if program not in self.sound:
+            log = self.top / f"{program}.log"
+            built = not self.compile(program, log)
+            started = time.monotonic()
+            self.sound[program] = built and not self.test(program, log, FIRST_LIMIT)
+            self.limit[program] = max(LEAST_PATIENCE, PATIENCE * (time.monotonic() - started))
+        return self.sound[program]
 
-    def test(self, program, log):
+    def compile(self, program, log):
+        return run(["cmake", "--build", str(self.build), "-j2", "--target", program], self.top, log)
+
+    def test(self, program, log, limit):
         tests = self.build / "tests"
-        return run([f"./{program}", "--gtest_fail_fast", "--gtest_brief=1"], tests, log, TIME_LIMIT)
+        return run([f"./{program}", "--gtest_fail_fast", "--gtest_brief=1"], tests, log, limit)
 
     def examine(self, mutation):
         path = self.top / "src" / mutation.source
         text = path.read_text()
         if text.count(mutation.find) != 1:
             return f"not applicable: the text stands there {text.count(mutation.find)} times"
+        if not self.is_sound(mutation.program):
+            return f"not applicable: {mutation.program} fails without it"
         log = self.top / "mutation.log"
+        sound = path.with_name(path.name + ".sound")
+        shutil.copy(path, sound)
         try:
             path.write_text(text.replace(mutation.find, mutation.replacement))
-            if self.compile([mutation.program], log):
+            if self.compile(mutation.program, log):
                 return "not applicable: does not compile"
-            return "caught" if self.test(mutation.program, log) else "survived"
+            status = self.test(mutation.program, log, self.limit[mutation.program])
+            return {0: "survived", "timeout": "caught: it never ends"}.get(status, "caught")
         finally:
             path.write_text(text)
+            sound.unlink()
 
 
 def main():
     parser = argparse.ArgumentParser(usage=__doc__)
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--keep", action="store_true")
     parser.add_argument("regex", nargs="?", default="")
     arguments = parser.parse_args()
     chosen = [m for m in (Mutation(*row) for row in MUTATIONS) if re.search(arguments.regex, str(m))]
-    programs = sorted({mutation.program for mutation in chosen})
-    print(f"{len(chosen)} defects; building and trying {len(programs)} test programs without one",
-          flush=True)
+    print(f"{len(chosen)} defects", flush=True)
     workshops = queue.Queue()
     for number in range(arguments.jobs):
         workshop = Workshop(TOP / "build" / f"mutate{number or ''}")
-        workshop.prepare(programs)
+        workshop.prepare(arguments.keep)
         workshops.put(workshop)
     started, outcomes, remarks = time.monotonic(), collections.Counter(), []
 
@@ -130,7 +150,7 @@ def main():
             if kind == "survived" and mutation.equivalent:
                 kind = "equivalent"
                 remarks.append(f"equivalent: {mutation}: {mutation.equivalent}")
-            elif kind != "caught":
+            elif outcome != "caught":
                 remarks.append(f"{outcome}: {mutation}")
             outcomes[kind] += 1
     judged = outcomes["caught"] + outcomes["survived"]

@@ -37,7 +37,7 @@ MUTATIONS = [
     ("cpu/startup.cpp", "closed > feature_list_size - 1", "closed > feature_list_size",
      "feature_check_test"),
     ("msg/messages.cpp", '"FORMAL",\n    "RETURN"', '"RETURN",\n    "FORMAL"', "message_test"),
-    ("msg/fatal.cpp", "__libkso_print(1, 49, 0)", "__libkso_print(1, 48, 0)", "message_test"),
+    ("msg/fatal.cpp", "__libkso_print(1, 49, 0)", "__libkso_print(1, 48, 0)", "startup_test"),
     # ---- memory ---------------------------------------------------------------------------------
     ("mem/dispatch.cpp", "{avx2_level, __orvex_avx_rep_memcpy}", "{avx2_level, __orvex_avx_memmove}",
      "mem_dispatch_test"),

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/quad_oracle.h"
+#include "support/seed.h"
 
 namespace ksomd::test {
 
@@ -124,7 +125,7 @@ inline std::vector<Bits> fraction_patterns() {
 
 class Random {
  public:
-  explicit Random(std::uint64_t seed) : state_(seed) {}
+  explicit Random(std::uint32_t seed) : state_(seed_of(seed)) {}
 
   std::uint64_t next() {  // splitmix64
     std::uint64_t z = state_ += 0x9E3779B97F4A7C15;

@@ -1,0 +1,307 @@
+#!/usr/bin/env python3
+"""Runs the benchmarks, keeps their raw results, and writes docs/benchmarks.md from them.
+
+usage: bench_report.py [--quick] [--compare OLD.json] [--report RESULTS.json] [PART ...]
+
+Contestants alternate within one run (random interleaving of the repetitions); medians and spreads
+are kept. Raw results go to build/bench/results.json. With --compare, what became slower or faster
+than in OLD.json by more than the noise is told, and no page is written. --report runs nothing: it
+writes the page from earlier results. --quick ends within two minutes, and writes no page.
+"""
+
+import argparse
+import datetime
+import json
+import os
+import pathlib
+import platform
+import subprocess
+import sys
+import time
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).parent))
+import bench_results  # noqa: E402
+from bench_results import OURS  # noqa: E402
+
+PROGRAMS = pathlib.Path("build/bench/bench")
+RESULTS = pathlib.Path("build/bench/results.json")
+PAGE = pathlib.Path("docs/benchmarks.md")
+PLOTS = pathlib.Path("docs/benchmarks")
+
+# Seconds that a part may take, and repetitions of each benchmark.
+FULL = {"seconds": 240, "repetitions": 9}
+QUICK = {"seconds": 14, "repetitions": 3}
+
+TITLES = {"mem": "Memory", "quad": "Quad precision", "matmul": "Matrix products",
+          "vec": "Vectorised loops", "pool": "Pools"}
+VERSIONS = {"clang": ["clang++-22", "--version"], "gcc": ["g++", "--version"],
+            "gfortran": ["gfortran", "--version"], "C library": ["ldd", "--version"]}
+PACKAGES = ["libopenblas0-pthread", "libopenblas-dev", "libblis4-pthread", "libblis-dev",
+            "libblis4-serial", "libmimalloc2.0", "libbenchmark1debian", "libbenchmark-dev"]
+
+
+# ---- running ------------------------------------------------------------------------------------
+
+def parts():
+    return {p.name.removesuffix("_bench"): p for p in sorted(PROGRAMS.glob("*_bench"))}
+
+
+def one_processor():
+    """Runs a child on the last processor that this process may use, BLAS on one thread."""
+    allowed = sorted(os.sched_getaffinity(0))
+    return {"preexec_fn": lambda: os.sched_setaffinity(0, {allowed[-1]}),
+            "env": {**os.environ, "OPENBLAS_NUM_THREADS": "1", "BLIS_NUM_THREADS": "1"}}
+
+
+def count_of(program):
+    """How many benchmarks a program has; 0: it does not know Google Benchmark's options."""
+    if not any(mark in program.read_bytes() for mark in (b"libbenchmark", b"benchmark_list_tests")):
+        return 0
+    result = subprocess.run([program, "--benchmark_list_tests=true"], text=True,
+                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    return len(result.stdout.splitlines())
+
+
+def run_part(program, plan):
+    count = count_of(program)
+    if count == 0:
+        limit = plan["seconds"] * 3
+        process = subprocess.Popen([program, str(plan["repetitions"])], text=True,
+                                   stdout=subprocess.PIPE, **one_processor())
+        try:
+            output, _ = process.communicate(timeout=limit)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            output, _ = process.communicate()
+        return {"lines": output.splitlines()}
+    out = PROGRAMS.parent / f"{program.name}.json"
+    out.unlink(missing_ok=True)
+    each = plan["seconds"] / (count * plan["repetitions"]) / 2
+    command = [program, f"--benchmark_out={out}", "--benchmark_out_format=json",
+               f"--benchmark_repetitions={plan['repetitions']}",
+               f"--benchmark_min_time={min(max(each, 0.0005), 0.2):.4f}",
+               "--benchmark_enable_random_interleaving=true",
+               "--benchmark_report_aggregates_only=false"]
+    # Two threads need two processors.
+    pinned = {} if program.name == "pool_bench" else one_processor()
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                   **pinned)
+    text = out.read_text()
+    return json.loads(text) if text.strip() else {"benchmarks": []}
+
+
+def first_line(command):
+    try:
+        result = subprocess.run(command, text=True, stdout=subprocess.PIPE, check=True,
+                                stderr=subprocess.DEVNULL)
+        return result.stdout.splitlines()[0]
+    except (OSError, subprocess.CalledProcessError):
+        return None
+
+
+def versions():
+    found = {name: first_line(command) for name, command in VERSIONS.items()}
+    for package in PACKAGES:
+        version = first_line(["dpkg-query", "-W", "-f=${Version}\\n", package])
+        found[package] = version
+    return {name: version for name, version in found.items() if version}
+
+
+def processor_name():
+    with open("/proc/cpuinfo", encoding="ascii") as lines:
+        for line in lines:
+            if line.startswith("model name"):
+                return line.split(":", 1)[1].strip()
+    return platform.processor()
+
+
+def run_all(chosen, plan, command):
+    results = {"processor": processor_name(), "processors": os.cpu_count(),
+               "date": datetime.date.today().isoformat(), "command": command,
+               "versions": versions(), "load": os.getloadavg()[0], "parts": {}}
+    started, left = time.monotonic(), len(chosen)
+    for done, (part, program) in enumerate(chosen.items()):
+        spent = time.monotonic() - started
+        estimate = spent / done * left if done else plan["seconds"] * 1.3 * left
+        print(f"{part}: about {estimate:.0f} s left in all", flush=True)
+        results["parts"][part] = run_part(program, plan)
+        left -= 1
+    print(f"{time.monotonic() - started:.0f} s")
+    return results
+
+
+# ---- the page -----------------------------------------------------------------------------------
+
+def families(series):
+    """{(part, family): [series]}; a family is what stands before the first slash of the case."""
+    found = {}
+    for one in series.values():
+        found.setdefault((one.part, one.key.case.split("/")[0]), []).append(one)
+    return found
+
+
+def order(contestants):
+    return sorted(contestants, key=lambda c: (c != OURS, bool(bench_results.CEILING.match(c)), c))
+
+
+def style(contestant):
+    if bench_results.CEILING.match(contestant):
+        return {"linestyle": "--", "color": "0.6"}
+    return {"linewidth": 2.2, "color": "C3"} if contestant == OURS else {"linewidth": 1.3}
+
+
+def plot_lines(pyplot, case, group, path):
+    figure, axes = pyplot.subplots(figsize=(6.4, 3.6))
+    unit = group[0].rate()[1]
+    for contestant in order({s.key.contestant for s in group}):
+        line = sorted((s for s in group if s.key.contestant == contestant), key=lambda s: s.key.size)
+        axes.plot([s.key.size for s in line], [s.rate()[0] for s in line], marker="o", markersize=3,
+                  label=contestant, **style(contestant))
+    axes.set_xscale("log", base=2)
+    axes.set_ylim(bottom=0)
+    axes.set_xlabel("size")
+    axes.set_ylabel(unit)
+    axes.set_title(case)
+    axes.legend(fontsize=8)
+    figure.savefig(path, bbox_inches="tight", metadata={"Date": None})
+    pyplot.close(figure)
+
+
+def label_of(series):
+    return series.key.case + (f"/{series.key.size}" if series.key.size is not None else "")
+
+
+def plot_bars(pyplot, family, group, path):
+    labels = list(dict.fromkeys(label_of(s) for s in group))
+    contestants = order({s.key.contestant for s in group})
+    figure, axes = pyplot.subplots(figsize=(6.4, 0.6 + 0.13 * len(labels) * (len(contestants) + 1)))
+    height = 0.8 / len(contestants)
+    for number, contestant in enumerate(contestants):
+        values = {label_of(s): s.median for s in group if s.key.contestant == contestant}
+        places = [i + number * height for i, label in enumerate(labels) if label in values]
+        axes.barh(places, [values[label] for label in labels if label in values], height,
+                  label=contestant, color="C3" if contestant == OURS else None)
+    axes.set_yticks([i + 0.4 for i in range(len(labels))], labels, fontsize=7)
+    axes.invert_yaxis()
+    axes.set_xscale("log")
+    axes.set_xlabel("ns per operation")
+    axes.set_title(family)
+    axes.legend(fontsize=8)
+    figure.savefig(path, bbox_inches="tight", metadata={"Date": None})
+    pyplot.close(figure)
+
+
+def table(group):
+    contestants = order({s.key.contestant for s in group})
+    unit = group[0].rate()[1]
+    yield f"| {unit} | " + " | ".join(contestants) + " | times the best peer | spread |"
+    yield "|---" * (len(contestants) + 3) + "|"
+    for label in dict.fromkeys(label_of(s) for s in group):
+        row = {s.key.contestant: s for s in group if label_of(s) == label}
+        cells = [f"{row[c].rate()[0]:.3g}" if c in row else "" for c in contestants]
+        peers = [row[c].median for c in row if c in bench_results.PEERS]
+        speed = f"{min(peers) / row[OURS].median:.2f}" if peers and OURS in row else ""
+        spread = max(s.spread for s in row.values())
+        yield f"| {label} | " + " | ".join(cells) + f" | {speed} | {100 * spread:.0f} % |"
+
+
+def write_page(results):
+    import matplotlib
+    matplotlib.use("svg")
+    matplotlib.rcParams["svg.hashsalt"] = "ksomd"
+    from matplotlib import pyplot
+
+    PLOTS.mkdir(parents=True, exist_ok=True)
+    for old in PLOTS.glob("*.svg"):
+        old.unlink()
+    lines = ["# Benchmarks", "", "Written by `./dev bench`; the raw results are its "
+             "`build/bench/results.json`.", "",
+             f"- Processor: {results['processor']}, {results['processors']} visible",
+             f"- Date: {results['date']}", f"- Command: `{results['command']}`",
+             f"- Load when it began: {results['load']:.1f}",
+             "- Versions: " + "; ".join(f"{n}: {v}" for n, v in results["versions"].items()), "",
+             "Medians of interleaved repetitions; the spread is half the distance between the "
+             "quartiles, the largest of a row. \"Times the best peer\" is how many times as fast "
+             "as the fastest peer the library is. Dashed: what the processor itself can do in a "
+             "bare loop.", ""]
+    part_before = None
+    for (part, family), group in sorted(families(bench_results.read(results)).items()):
+        if part != part_before:
+            lines += [f"## {TITLES.get(part, part)}", ""]
+            part_before = part
+        lines += [f"### {family}", ""]
+        cases = {}
+        for one in group:
+            cases.setdefault(one.key.case, []).append(one)
+        by_size = {c: g for c, g in cases.items() if len({s.key.size for s in g}) >= 3}
+        for case, of_case in sorted(by_size.items()):
+            path = PLOTS / f"{part}_{case.replace('/', '_').replace(' ', '_')}.svg"
+            plot_lines(pyplot, case, of_case, path)
+            lines += [f"![{case}](benchmarks/{path.name})", ""]
+        rest = [s for c, g in cases.items() if c not in by_size for s in g]
+        if rest:
+            path = PLOTS / f"{part}_{family.replace(' ', '_')}_by_case.svg"
+            plot_bars(pyplot, family, rest, path)
+            lines += [f"![{family}](benchmarks/{path.name})", ""]
+        group.sort(key=lambda s: (s.key.case, s.key.size or 0))
+        units = dict.fromkeys(s.rate()[1] for s in group)
+        for unit in units:
+            lines += [*table([s for s in group if s.rate()[1] == unit]), ""]
+    PAGE.write_text("\n".join(lines))
+    print(f"{PAGE} and {len(list(PLOTS.glob('*.svg')))} plots")
+
+
+# ---- comparing ----------------------------------------------------------------------------------
+
+def tell_changes(old, new):
+    slower, faster, unchanged = bench_results.compare(bench_results.read(old),
+                                                      bench_results.read(new))
+    for title, changes in (("slower", slower), ("faster", faster)):
+        for change, before, after in changes:
+            print(f"{title}: {after.part} {after.name}: {before.median:.3g} -> {after.median:.3g} ns "
+                  f"({100 * change:+.0f} %, spreads {100 * before.spread:.0f} % and "
+                  f"{100 * after.spread:.0f} %)")
+    if old["processor"] != new["processor"]:
+        print(f"Not the same processor: {old['processor']}; {new['processor']}")
+    print(f"{len(slower)} slower, {len(faster)} faster, {unchanged} as before")
+    return 1 if slower else 0
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--compare", metavar="OLD.json", type=pathlib.Path)
+    parser.add_argument("--report", metavar="RESULTS.json", type=pathlib.Path)
+    parser.add_argument("--out", type=pathlib.Path, default=RESULTS)
+    parser.add_argument("parts", nargs="*")
+    arguments = parser.parse_args()
+    if arguments.report:
+        results = json.loads(arguments.report.read_text())
+        if arguments.compare:
+            return tell_changes(json.loads(arguments.compare.read_text()), results)
+        write_page(results)
+        return 0
+    available = parts()
+    unknown = set(arguments.parts) - available.keys()
+    if unknown:
+        parser.error(f"no such part: {', '.join(unknown)}; there are {', '.join(available)}")
+    chosen = {p: path for p, path in available.items() if not arguments.parts or p in arguments.parts}
+    old = json.loads(arguments.compare.read_text()) if arguments.compare else None
+    command = " ".join(["./dev bench", *sys.argv[1:]])
+    results = run_all(chosen, QUICK if arguments.quick else FULL, command)
+    arguments.out.parent.mkdir(parents=True, exist_ok=True)
+    arguments.out.write_text(json.dumps(results))
+    print(f"Raw results: {arguments.out}")
+    if old:
+        return tell_changes(old, results)
+    if not arguments.quick:
+        if arguments.parts:
+            print("Only some parts ran: the page keeps its figures.")
+        else:
+            write_page(results)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

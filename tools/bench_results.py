@@ -1,0 +1,140 @@
+"""Results of the benchmark programs: read, summed up, compared."""
+
+import re
+import statistics
+
+# What the contestants of a case are called; anything else in its place is one, too.
+OURS = "ksomd"
+PEERS = {"C", "libc", "gcc", "llvm", "clang", "mimalloc", "Fortran", "gfortran", "OpenBLAS", "BLIS"}
+CEILING = re.compile(r"^(bare|limit|ceiling)")
+# What Google Benchmark adds to a name.
+SUFFIX = re.compile(r"^(manual_time|real_time|process_time|\w+:[\d.]+)$")
+
+
+class Key:
+    """A benchmark's name taken apart: case, size (or None), contestant."""
+
+    def __init__(self, name):
+        parts = [part for part in name.split("/") if not SUFFIX.match(part)]
+        known = [p for p in parts if p == OURS or p in PEERS or CEILING.match(p)]
+        words = [p for p in parts if not p.isdigit()]
+        self.contestant = known[-1] if known else words[-1]
+        parts.reverse()
+        parts.remove(self.contestant)
+        parts.reverse()
+        numbers = [p for p in parts if p.isdigit()]
+        self.size = int(numbers[-1]) if numbers else None
+        if numbers:
+            parts.reverse()
+            parts.remove(numbers[-1])
+            parts.reverse()
+        self.case = "/".join(parts)
+
+
+class Series:
+    """One benchmark: its repetitions, in nanoseconds for each operation, and the work of one."""
+
+    def __init__(self, part, name):
+        self.part, self.name, self.key = part, name, Key(name)
+        self.times, self.bytes, self.flops = [], None, None
+
+    @property
+    def median(self):
+        return statistics.median(self.times)
+
+    @property
+    def spread(self):
+        """Half the distance between the quartiles, relative to the median."""
+        if len(self.times) < 2:
+            return 0.0
+        low, _, high = statistics.quantiles(self.times, n=4, method="inclusive")
+        return (high - low) / 2 / self.median
+
+    def rate(self):
+        """(value, unit) as it is shown."""
+        if self.bytes:
+            return self.bytes / self.median, "GB/s"
+        if self.flops:
+            return self.flops / self.median, "GFLOP/s"
+        return self.median, "ns"
+
+
+SCALE = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+def read_google(part, document):
+    found = {}
+    for run in document.get("benchmarks", []):
+        if run.get("run_type") == "aggregate" or run.get("error_occurred"):
+            continue
+        name = run.get("run_name", run["name"])
+        series = found.setdefault(name, Series(part, name))
+        clock = "real_time" if "manual_time" in name or "/real_time" in name else "cpu_time"
+        nanoseconds = run[clock] * SCALE[run["time_unit"]]
+        if "per_call" in run:
+            nanoseconds = run["per_call"] * 1e9
+        if nanoseconds <= 0:
+            continue
+        if "bytes_per_second" in run and "per_call" not in run:
+            series.bytes = run["bytes_per_second"] * run["cpu_time"] * SCALE[run["time_unit"]] * 1e-9
+        for name_of_flops in ("FLOPS", "flops", "FLOP/s", "flop_rate"):
+            if name_of_flops in run:
+                series.flops = run[name_of_flops] * nanoseconds * 1e-9
+        series.times.append(nanoseconds)
+    return [s for s in found.values() if s.times]
+
+
+MATRIX_LINE = re.compile(r"^(_MATMUL_\S+)\s+(\d+)\s+([\d.]+) GFLOP/s\s+([\d.]+) % of the limit\s+"
+                         r"Fortran\s+([\d.]+)")
+
+
+def read_matrix_lines(part, lines):
+    """The table that matmul_bench prints, when it knows no JSON."""
+    found = {}
+    for line in lines:
+        match = MATRIX_LINE.match(line)
+        if not match:
+            continue
+        routine, size = match[1].replace("_MATMUL_", ""), int(match[2])
+        flops = (8 if routine.startswith("c") else 2) * size**3
+        rates = {OURS: float(match[3]), "Fortran": float(match[5])}
+        if float(match[4]) > 0:
+            rates["limit"] = float(match[3]) * 100 / float(match[4])
+        for contestant, rate in rates.items():
+            if rate > 0:
+                name = f"{routine}/{size}/{contestant}"
+                series = found.setdefault(name, Series(part, name))
+                series.flops = flops
+                series.times.append(flops / rate)
+    return list(found.values())
+
+
+def read(results):
+    """All series of a results file, by (part, name)."""
+    series = []
+    for part, document in results["parts"].items():
+        series += read_google(part, document)
+        series += read_matrix_lines(part, document.get("lines", []))
+    return {(s.part, s.name): s for s in series}
+
+
+# A difference counts from this share on, or from three times both spreads.
+LEAST_CHANGE = 0.05
+
+
+def compare(old, new):
+    """(slower, faster, unchanged count): lists of (change, old series, new series)."""
+    slower, faster, unchanged = [], [], 0
+    for name in old.keys() & new.keys():
+        before, after = old[name], new[name]
+        if before.key.contestant != OURS:
+            continue
+        change = after.median / before.median - 1
+        noise = max(LEAST_CHANGE, 3 * (before.spread + after.spread))
+        if change > noise:
+            slower.append((change, before, after))
+        elif change < -noise / (1 + noise):
+            faster.append((change, before, after))
+        else:
+            unchanged += 1
+    return sorted(slower, key=lambda c: -c[0]), sorted(faster, key=lambda c: c[0]), unchanged
