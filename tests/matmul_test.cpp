@@ -261,6 +261,7 @@ TYPED_TEST(Product, Alignments) {
 // parts of an element.
 TYPED_TEST(Product, OverlappingKernels) {
   using Real = RealOf<TypeParam>;
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): 1 for the real types
   constexpr std::size_t parts = sizeof(TypeParam) / sizeof(Real);
   Random random(10);
   const Shape shapes[] = {{1, 1, 3}, {5, 3, 6}, {9, 8, 11}, {20, 13, 17}, {130, 5, 131}, {8, 4, 0}};
