@@ -30,8 +30,9 @@ enum {
 /* Declares the sizes in bytes that pools serve, for one kind: `sizes` ends with 0, and no more than
  * its first 50 are used (then the 0 may be missing). The array is copied. A later call for a kind
  * replaces its list and leaves the other's alone. To be called before the first request of that
- * kind; changing the list while the program holds blocks of the kind's pools is not supported. While
- * a call replaces a list, the heap may serve other threads' requests for any size of that kind. */
+ * kind; changing the list while the program holds blocks of the kind's pools is not supported.
+ * While a call replaces a list, the heap may serve other threads' requests for any size of that
+ * kind. */
 KSOMD_API void __i_pool_init(const size_t* sizes, int kind);
 
 /* A block of `size` bytes; null if the heap is exhausted (errno is ENOMEM then). A pooled block is

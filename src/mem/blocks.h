@@ -107,8 +107,7 @@ struct CodeTable<Code, std::index_sequence<i...>> {
   static constexpr typename Code::Routine* entries[] = {Code::template run<i>...};
 };
 template <class Code, size_t limit>
-inline constexpr auto& code_table =
-    CodeTable<Code, std::make_index_sequence<limit>>::entries;
+inline constexpr auto& code_table = CodeTable<Code, std::make_index_sequence<limit>>::entries;
 
 // ---- a few pieces at a time ---------------------------------------------------------------------
 
