@@ -6,9 +6,6 @@
 #include <limits>
 
 extern "C" {
-__extension__ _Complex float __mulsc3(float a, float b, float c, float d);
-__extension__ _Complex double __muldc3(double a, double b, double c, double d);
-
 // The dotted names have no spelling in the language.
 #define KSOMD_DOTTED(code, element, a, b)                                                        \
   void dotted_A_##code##_##a##_##b(const element*, const element*, element*, uint64_t, uint64_t, \

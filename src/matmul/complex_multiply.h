@@ -3,10 +3,7 @@
 // ISO/IEC 9899, Annex G. This is the one place that names them.
 #pragma once
 
-extern "C" {
-__extension__ _Complex float __mulsc3(float a, float b, float c, float d);
-__extension__ _Complex double __muldc3(double a, double b, double c, double d);
-}
+#include "ksomd/builtins.h"
 
 namespace ksomd::matmul {
 

@@ -19,7 +19,7 @@ struct VectorOf {
   using Type [[gnu::vector_size(16)]] = T;
 };
 template <class T>
-using Vector = typename VectorOf<T>::Type;
+using Vector = VectorOf<T>::Type;
 
 // What a number or a vector of them consists of.
 template <class T, class = void>
