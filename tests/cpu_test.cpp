@@ -1,9 +1,11 @@
 // Feature detection, the two feature sets and their fill entries, names and the disable variable.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <barrier>
-#include <chrono>
+#include <ctime>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -415,12 +417,17 @@ TEST(Disable, AppliesToTheGatedSetToo) {
 
 TEST(Detection, TenThousandTakeLessThanASecond) {
   const SyntheticProcessor p = full_processor();
-  const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < 10000; ++i) {
-    p.asked.clear();
-    detect_features(p.processor(), "avx2,fma", false);
+  // Processor time, and the best of three: other programs may be running.
+  std::clock_t least = std::numeric_limits<std::clock_t>::max();
+  for (int round = 0; round < 3; ++round) {
+    const std::clock_t start = std::clock();
+    for (int i = 0; i < 10000; ++i) {
+      p.asked.clear();
+      detect_features(p.processor(), "avx2,fma", false);
+    }
+    least = std::min(least, std::clock() - start);
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_LT(least, CLOCKS_PER_SEC);
 }
 
 // ---- this processor --------------------------------------------------------------------------
