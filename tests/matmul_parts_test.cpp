@@ -483,6 +483,25 @@ TEST(Scratch, OneAllocationAndThePortablePathWithoutIt) {
   }
 }
 
+// One step below a threshold, the portable path serves: for k, the scratch alone tells.
+TEST(Scratch, NoneBelowTheThresholds) {
+  const std::vector<double> operand(64 * 64, 1.0);
+  std::vector<double> p(64 * 64);
+  for (const Routines<double>& layout : routines<double>()) {
+    for (const auto& [shape, expected] : {std::pair{Shape{34, 38, 38}, 1},
+                                          {{33, 38, 38}, 0},
+                                          {{34, 37, 38}, 0},
+                                          {{34, 38, 37}, 0}}) {
+      allocations = 0;
+      watched_size = scratch_size(shape.n);
+      layout.entry(operand.data(), operand.data(), p.data(), shape.m, shape.k, shape.n, 64, 64, 64);
+      watched_size = 0;
+      EXPECT_EQ(allocations, expected)
+          << layout.name << " m=" << shape.m << " n=" << shape.n << " k=" << shape.k;
+    }
+  }
+}
+
 // Nothing beyond the allocation is touched, wherever it starts in a page.
 TEST(Scratch, EndsAtAGuardPage) {
   Random random(17);
