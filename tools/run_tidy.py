@@ -33,7 +33,7 @@ def digest(*parts):
 
 
 def shared_digest():
-    headers = sorted(pathlib.Path(".").glob("[!b]*/**/*.h"))
+    headers = sorted(pathlib.Path(".").glob("[!b]*/**/*.h*"))
     return digest(pathlib.Path(".clang-tidy").read_bytes(), *(h.read_bytes() for h in headers))
 
 
