@@ -31,6 +31,8 @@ PARTS = ["CMakeLists.txt", "CMakePresets.json", "cmake", "examples", "include", 
 # A defect may make a test run forever: it may take this many times as long as without, in seconds.
 PATIENCE, LEAST_PATIENCE = 10, 60
 FIRST_LIMIT = 1800
+# Tests that are scripts around a report program.
+SCRIPTS = {"memory_emulation_test": "memory_report"}
 
 
 class Mutation:
@@ -93,11 +95,15 @@ class Workshop:
         return self.sound[program]
 
     def compile(self, program, log):
-        return run(["cmake", "--build", str(self.build), "-j2", "--target", program], self.top, log)
+        target = SCRIPTS.get(program, program)
+        return run(["cmake", "--build", str(self.build), "-j2", "--target", target], self.top, log)
 
     def test(self, program, log, limit):
-        tests = self.build / "tests"
-        return run([f"./{program}", "--gtest_fail_fast", "--gtest_brief=1"], tests, log, limit)
+        command = [f"./{program}", "--gtest_fail_fast", "--gtest_brief=1"]
+        if program in SCRIPTS:
+            command = [sys.executable, str(self.top / f"tests/{program}.py"),
+                       f"./{SCRIPTS[program]}"]
+        return run(command, self.build / "tests", log, limit)
 
     def examine(self, mutation):
         path = self.top / "src" / mutation.source
