@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 #include "support/long_division.h"
 #include "support/seed.h"

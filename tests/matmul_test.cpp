@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "matmul_problem.h"
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 
 namespace ksomd::test {

@@ -15,6 +15,7 @@
 #include "cpu/feature_set.h"
 #include "ksomd/matmul.h"
 #include "matmul/kernels.h"
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 
 // The allocator, with a switch to make it fail for the size watched.
@@ -152,13 +153,8 @@ KSOMD_TABLE(c8, ksomd_c8)
 // ---- values and comparison ----------------------------------------------------------------------
 
 template <class Element>
-using RealOf = std::remove_cvref_t<decltype([](auto x) {
-  if constexpr (requires { x.re; }) {
-    return x.re;
-  } else {
-    return x;
-  }
-}(Element{}))>;
+using RealOf =
+    std::conditional_t<sizeof(Element) == 4 || std::is_same_v<Element, ksomd_c4>, float, double>;
 
 // Magnitudes and signs so mixed that a sum in another order has other bits; now and then, if
 // `specials`, an infinity, a NaN, a zero or a subnormal.

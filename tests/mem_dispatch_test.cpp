@@ -9,6 +9,7 @@
 #include "mem/vector.h"
 #include "mem_variants.h"
 #include "support/child_process.h"
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 
 namespace ksomd::test {

@@ -7,6 +7,7 @@
 
 #include "mem/vector.h"
 #include "mem_variants.h"
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 #include "support/instruction_count.h"
 
@@ -24,13 +25,9 @@ class Method : public testing::Test {
     if (!can_single_step()) {
       GTEST_SKIP() << "this process cannot be single-stepped";
     }
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "a sanitizer's own instructions would be counted";
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    GTEST_SKIP() << "a sanitizer's own instructions would be counted";
-#endif
-#endif
+    if (sanitized) {
+      GTEST_SKIP() << "a sanitizer's own instructions would be counted";
+    }
   }
 
   // Aligned to 4096 both, and more.

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "mem_variants.h"
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 #include "support/seed.h"
 

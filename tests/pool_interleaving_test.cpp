@@ -10,6 +10,7 @@
 #include <set>
 
 #include "pool_support.h"
+#include "support/effort.h"
 
 namespace {
 

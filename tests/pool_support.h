@@ -12,25 +12,9 @@
 #include <vector>
 
 #include "pool/allocator.h"
+#include "support/effort.h"
 
 namespace ksomd::test {
-
-inline bool full_length() {
-  const char* length = std::getenv("KSOMD_TEST_LENGTH");
-  return length != nullptr && std::string_view(length) == "full";
-}
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-inline constexpr bool sanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
-#else
-inline constexpr bool sanitized = false;
-#endif
 
 // The heap, watched: it counts, and refuses the request that it is told to refuse.
 struct TestHeap {

@@ -2,6 +2,7 @@
 // every variant.
 #include <gtest/gtest.h>
 
+#include "support/effort.h"
 #include "support/quad_operations.h"
 
 using namespace ksomd::test;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "quad/wide.h"
+#include "support/effort.h"
 #include "support/quad_operations.h"
 
 using namespace ksomd::test;

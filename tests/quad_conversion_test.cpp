@@ -3,6 +3,7 @@
 
 #include <bit>
 
+#include "support/effort.h"
 #include "support/quad_cases.h"
 #include "support/quad_compiler.h"
 

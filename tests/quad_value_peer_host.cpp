@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ksomd/quad.hpp"
+#include "support/effort.h"
 #include "support/quad_cases.h"
 
 extern "C" {

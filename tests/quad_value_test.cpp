@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ksomd/quad.hpp"
+#include "support/effort.h"
 #include "support/quad_cases.h"
 
 namespace ksomd::test {

@@ -15,6 +15,7 @@
 #include "ksomd/quad.h"
 #include "ksomd/vector.h"
 #include "support/child_process.h"
+#include "support/effort.h"
 #include "support/guarded_memory.h"
 #include "support/seed.h"
 #include "vec/reduction.h"

@@ -35,7 +35,7 @@ def preset_cases(preset):
         outcome = {"run": "passed", "fail": "failed"}.get(status, "skipped")
         report = directory / "tests" / "reports" / f"{name}.xml"
         if not report.exists():
-            yield name, outcome, "" if outcome != "skipped" else "not run"
+            yield name, outcome, "" if outcome != "skipped" else "left out of this build"
             continue
         cases = [(f"{name}: {case}", *rest) for case, *rest in program_cases(report)]
         yield from cases

@@ -3,8 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <string_view>
 
 namespace ksomd::test {
 
@@ -28,11 +26,5 @@ class GuardedMemory {
   void* mapping_ = nullptr;
   std::size_t mapped_ = 0;
 };
-
-// Whether the tests are to run at their full length.
-inline bool full_length() {
-  const char* value = std::getenv("KSOMD_TEST_LENGTH");
-  return value != nullptr && std::string_view(value) == "full";
-}
 
 }  // namespace ksomd::test

@@ -4,11 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string_view>
 #include <vector>
 
+#include "support/effort.h"
 #include "support/quad_oracle.h"
 #include "support/seed.h"
 
@@ -209,20 +208,6 @@ class Random {
 };
 
 // ---- length -------------------------------------------------------------------------------------
-
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
-
-inline bool full_length() {
-  static const bool full = [] {
-    const char* length = std::getenv("KSOMD_TEST_LENGTH");
-    return length != nullptr && std::string_view(length) == "full";
-  }();
-  return full;
-}
 
 // Says at full length how far a long loop is.
 inline void show_progress(const char* what, std::uint64_t done, std::uint64_t of) {

@@ -1,0 +1,29 @@
+// How much a test may do: its full length, or what fits a build whose every access is watched.
+#pragma once
+
+#include <cstdlib>
+#include <string_view>
+
+namespace ksomd::test {
+
+// Whether the tests are to run at their full length.
+inline bool full_length() {
+  static const bool full = [] {
+    const char* length = std::getenv("KSOMD_TEST_LENGTH");
+    return length != nullptr && std::string_view(length) == "full";
+  }();
+  return full;
+}
+
+// Whether a sanitizer's instructions and memory are in the program. One compiler tells by macros,
+// the other by features.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool sanitized = true;
+#elif defined(__has_feature)
+inline constexpr bool sanitized =
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+inline constexpr bool sanitized = false;
+#endif
+
+}  // namespace ksomd::test
