@@ -2,9 +2,10 @@
 // against the Fortran compiler's MATMUL and two BLAS libraries, each told to use its best kernels,
 // beside what the processor can do at most with separate multiplies and adds.
 //
-// A benchmark is named ENTRY/EXTENT/CONTESTANT, as in r8_n_n/512/ksomd, and its counter GFLOP/s is
-// the one that counts: all contestants of an entry and extent take turns, and the best turn of each
-// is reported. (The library's own timing, a few calls of one contestant by itself, is not used.)
+// A benchmark is named ENTRY/EXTENT/CONTESTANT, as in r8_n_n/512/ksomd. All contestants of an entry
+// and extent take turns when the first of them is asked for; each repetition (15 at the most, or as
+// many as the large extents had turns) reports another turn, so that medians and spreads are
+// theirs.
 //
 //   ksomd            the exported entry, kernels as chosen for this processor
 //   ksomd_ROW        the same on another row of the kernel table
@@ -267,8 +268,8 @@ class Contest {
 
   std::vector<Contestant<Element>> all;
 
-  // Seconds per call, of each contestant's best turn.
-  const std::vector<double>& times() {
+  // Seconds per call, of each contestant's turns.
+  const std::vector<std::vector<double>>& times() {
     if (times_.empty()) {
       allocate();
       check_results();
@@ -283,7 +284,7 @@ class Contest {
   using Array = std::unique_ptr<Element, Freed>;
   int n_;
   Array a_, b_, p_;
-  std::vector<double> times_;
+  std::vector<std::vector<double>> times_;
 
   std::size_t count() const { return static_cast<std::size_t>(n_) * static_cast<std::size_t>(n_); }
 
@@ -335,17 +336,17 @@ class Contest {
     }
   }
 
-  // Turns of about `turn_time`, or one call, until each had `turns`, or `patience` at least.
+  // Turns of about `turn_time`, or one call; no more than `patience` for each, but three turns.
   void take_turns() {
     constexpr double turn_time = 0.002;
     constexpr double patience = 0.25;
     constexpr int turns = 15;
-    times_.assign(all.size(), 1e9);
+    times_.assign(all.size(), {});
     std::vector<double> spent(all.size());
     std::vector<int> calls(all.size(), 1);
     for (int turn = 0; turn <= turns; ++turn) {
       for (std::size_t i = 0; i < all.size(); ++i) {
-        if (spent[i] > patience) {
+        if (spent[i] > patience && turn > 2) {
           continue;
         }
         const double start = thread_time();
@@ -354,8 +355,14 @@ class Contest {
         }
         const double time = thread_time() - start;
         spent[i] += time;
-        times_[i] = std::min(times_[i], time / calls[i]);
-        calls[i] = std::max(1, static_cast<int>(turn_time / times_[i]));
+        times_[i].push_back(time / calls[i]);
+        calls[i] = std::max(1, static_cast<int>(turn_time / times_[i].back()));
+      }
+    }
+    // The first of many was one call with cold caches.
+    for (std::vector<double>& times : times_) {
+      if (times.size() > 3) {
+        times.erase(times.begin());
       }
     }
   }
@@ -369,14 +376,19 @@ void register_type() {
       for (std::size_t i = 0; i < contest->all.size(); ++i) {
         const std::string name = std::string(Type<Element>::layouts[layout].name) + "/" +
                                  std::to_string(n) + "/" + contest->all[i].name;
-        benchmark::RegisterBenchmark(name.c_str(), [contest, i, n](benchmark::State& state) {
-          const double time = contest->times()[i];
-          for (auto _ : state) {
-            contest->all[i].multiply(contest->operands());
-          }
-          state.counters["GFLOP/s"] = Type<Element>::flops * n * n * n / time * 1e-9;
-          state.counters["ns"] = time * 1e9;
-        });
+        // Each repetition reports the next of the turns that the contestants took.
+        benchmark::RegisterBenchmark(
+            name.c_str(),
+            [contest, i, n, turn = std::size_t{0}](benchmark::State& state) mutable {
+              const std::vector<double>& times = contest->times()[i];
+              const double time = times[turn++ % times.size()];
+              for (auto _ : state) {
+                state.SetIterationTime(time);
+              }
+              state.counters["GFLOP/s"] = Type<Element>::flops * n * n * n / time * 1e-9;
+            })
+            ->UseManualTime()
+            ->Iterations(1);
       }
     }
   }
@@ -391,21 +403,25 @@ void register_ceilings() {
       }
       const std::string name =
           std::string("ceiling/") + (is_double ? "r8/" : "r4/") + std::to_string(ceiling.bits);
-      benchmark::RegisterBenchmark(name.c_str(), [&ceiling, is_double](benchmark::State& state) {
-        constexpr long steps = 300000;
-        const auto run = is_double ? ceiling.sums_r8 : ceiling.sums_r4;
-        double best = 1e9;
-        for (int turn = 0; turn < 20; ++turn) {
-          const double start = thread_time();
-          benchmark::DoNotOptimize(run(steps));
-          best = std::min(best, thread_time() - start);
-        }
-        for (auto _ : state) {
-          benchmark::DoNotOptimize(run(1));
-        }
-        const int lanes = ceiling.bits / (is_double ? 64 : 32);
-        state.counters["GFLOP/s"] = 2.0 * products_per_step * steps * lanes / best * 1e-9;
-      });
+      benchmark::RegisterBenchmark(name.c_str(),
+                                   [&ceiling, is_double](benchmark::State& state) {
+                                     constexpr long steps = 300000;
+                                     const auto run = is_double ? ceiling.sums_r8 : ceiling.sums_r4;
+                                     double best = 1e9;
+                                     for (auto _ : state) {
+                                       for (int turn = 0; turn < 5; ++turn) {
+                                         const double start = thread_time();
+                                         benchmark::DoNotOptimize(run(steps));
+                                         best = std::min(best, thread_time() - start);
+                                       }
+                                       state.SetIterationTime(best);
+                                     }
+                                     const int lanes = ceiling.bits / (is_double ? 64 : 32);
+                                     state.counters["GFLOP/s"] =
+                                         2.0 * products_per_step * steps * lanes / best * 1e-9;
+                                   })
+          ->UseManualTime()
+          ->Iterations(1);
     }
   }
 }

@@ -29,9 +29,20 @@ RESULTS = pathlib.Path("build/bench/results.json")
 PAGE = pathlib.Path("docs/benchmarks.md")
 PLOTS = pathlib.Path("docs/benchmarks")
 
-# Seconds that a part may take, and repetitions of each benchmark.
-FULL = {"seconds": 240, "repetitions": 9}
-QUICK = {"seconds": 14, "repetitions": 3}
+# What a part runs, in this order: (which benchmarks, repetitions of each, rough seconds). Large
+# matrices take seconds a product with the slower contestants, so that fewer are multiplied.
+FULL = {
+    "matmul": [("ceiling|/([2-9]|12|16|24|32|48|64)/", 7, 90),
+               ("_n_n/(128|256|512)/|_(n_t|t_n|t_t)/(128|256)/", 5, 110),
+               ("_(n_t|t_n|t_t)/512/(ksomd|openblas|blis|gfortran_native)$", 3, 40),
+               ("_n_n/1024/", 3, 110), ("r8_n_n/2048/(ksomd|openblas|blis)$", 3, 20)],
+    "": [("", 9, 150)],
+}
+QUICK = {
+    "matmul": [("ceiling|_n_n/(8|64|256)/(ksomd|openblas|blis|gfortran_native)$", 3, 14)],
+    "vec": [("fold/(i32|f32|f64)/.*/1000/|divide|convert", 3, 14)],
+    "": [("", 3, 14)],
+}
 
 TITLES = {"mem": "Memory", "quad": "Quad precision", "matmul": "Matrix products",
           "vec": "Vectorised loops", "pool": "Pools"}
@@ -54,41 +65,46 @@ def one_processor():
             "env": {**os.environ, "OPENBLAS_NUM_THREADS": "1", "BLIS_NUM_THREADS": "1"}}
 
 
-def count_of(program):
-    """How many benchmarks a program has; 0: it does not know Google Benchmark's options."""
-    if not any(mark in program.read_bytes() for mark in (b"libbenchmark", b"benchmark_list_tests")):
-        return 0
-    result = subprocess.run([program, "--benchmark_list_tests=true"], text=True,
-                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+def count_of(program, chosen):
+    command = [program, "--benchmark_list_tests=true", f"--benchmark_filter={chosen}"]
+    result = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     return len(result.stdout.splitlines())
 
 
-def run_part(program, plan):
-    count = count_of(program)
-    if count == 0:
-        limit = plan["seconds"] * 3
-        process = subprocess.Popen([program, str(plan["repetitions"])], text=True,
-                                   stdout=subprocess.PIPE, **one_processor())
+def await_end(process, what, seconds):
+    """The results come at the end only, so the clock tells how far it is."""
+    started = time.monotonic()
+    while True:
         try:
-            output, _ = process.communicate(timeout=limit)
+            if process.wait(timeout=10) != 0:
+                sys.exit(f"{what} ended with status {process.returncode}")
+            return
         except subprocess.TimeoutExpired:
-            process.kill()
-            output, _ = process.communicate()
-        return {"lines": output.splitlines()}
-    out = PROGRAMS.parent / f"{program.name}.json"
-    out.unlink(missing_ok=True)
-    each = plan["seconds"] / (count * plan["repetitions"]) / 2
-    command = [program, f"--benchmark_out={out}", "--benchmark_out_format=json",
-               f"--benchmark_repetitions={plan['repetitions']}",
-               f"--benchmark_min_time={min(max(each, 0.0005), 0.2):.4f}",
-               "--benchmark_enable_random_interleaving=true",
-               "--benchmark_report_aggregates_only=false"]
-    # Two threads need two processors.
-    pinned = {} if program.name == "pool_bench" else one_processor()
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                   **pinned)
-    text = out.read_text()
-    return json.loads(text) if text.strip() else {"benchmarks": []}
+            print(f"  {what}: {time.monotonic() - started:.0f} s of about {seconds}", flush=True)
+
+
+def run_part(program, plan):
+    merged = {}
+    for chosen, repetitions, seconds in plan:
+        count = count_of(program, chosen)
+        if count == 0:
+            continue
+        out = PROGRAMS.parent / f"{program.name}.json"
+        out.unlink(missing_ok=True)
+        # Half of the time goes to finding out how often to run each.
+        each = seconds / (count * repetitions) / 2
+        command = [program, f"--benchmark_filter={chosen or '.'}", f"--benchmark_out={out}",
+                   "--benchmark_out_format=json", f"--benchmark_repetitions={repetitions}",
+                   f"--benchmark_min_time={min(max(each, 0.0005), 0.2):.4f}",
+                   "--benchmark_enable_random_interleaving=true"]
+        # Two threads need two processors.
+        pinned = {} if program.name == "pool_bench" else one_processor()
+        await_end(subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                   **pinned), program.name, seconds)
+        document = json.loads(out.read_text())
+        merged.setdefault("context", document["context"])
+        merged.setdefault("benchmarks", []).extend(document["benchmarks"])
+    return merged
 
 
 def first_line(command):
@@ -120,13 +136,13 @@ def run_all(chosen, plan, command):
     results = {"processor": processor_name(), "processors": os.cpu_count(),
                "date": datetime.date.today().isoformat(), "command": command,
                "versions": versions(), "load": os.getloadavg()[0], "parts": {}}
-    started, left = time.monotonic(), len(chosen)
-    for done, (part, program) in enumerate(chosen.items()):
-        spent = time.monotonic() - started
-        estimate = spent / done * left if done else plan["seconds"] * 1.3 * left
-        print(f"{part}: about {estimate:.0f} s left in all", flush=True)
-        results["parts"][part] = run_part(program, plan)
-        left -= 1
+    started = time.monotonic()
+    plans = {part: plan.get(part, plan[""]) for part in chosen}
+    left = sum(seconds for runs in plans.values() for _, _, seconds in runs)
+    for part, program in chosen.items():
+        print(f"{part}: about {left:.0f} s left in all", flush=True)
+        results["parts"][part] = run_part(program, plans[part])
+        left -= sum(seconds for _, _, seconds in plans[part])
     print(f"{time.monotonic() - started:.0f} s")
     return results
 
@@ -141,6 +157,14 @@ def families(series):
     return found
 
 
+def limits_of(series, part, case):
+    """What the processor does in a bare loop of the case's arithmetic, for each vector width."""
+    real = case.split("_")[0].replace("c", "r")
+    return sorted((s for s in series.values()
+                   if (s.part, s.key.case, s.key.contestant) == (part, "ceiling", real)),
+                  key=lambda s: s.key.size)
+
+
 def order(contestants):
     return sorted(contestants, key=lambda c: (c != OURS, bool(bench_results.CEILING.match(c)), c))
 
@@ -151,13 +175,16 @@ def style(contestant):
     return {"linewidth": 2.2, "color": "C3"} if contestant == OURS else {"linewidth": 1.3}
 
 
-def plot_lines(pyplot, case, group, path):
+def plot_lines(pyplot, case, group, limits, path):
     figure, axes = pyplot.subplots(figsize=(6.4, 3.6))
     unit = group[0].rate()[1]
     for contestant in order({s.key.contestant for s in group}):
         line = sorted((s for s in group if s.key.contestant == contestant), key=lambda s: s.key.size)
         axes.plot([s.key.size for s in line], [s.rate()[0] for s in line], marker="o", markersize=3,
                   label=contestant, **style(contestant))
+    for number, limit in enumerate(limits):
+        axes.axhline(limit.rate()[0], label=f"limit, {limit.key.size} bits", color="0.6",
+                     linestyle=("--", ":", "-.")[number % 3])
     axes.set_xscale("log", base=2)
     axes.set_ylim(bottom=0)
     axes.set_xlabel("size")
@@ -226,7 +253,8 @@ def write_page(results):
              "as the fastest peer the library is. Dashed: what the processor itself can do in a "
              "bare loop.", ""]
     part_before = None
-    for (part, family), group in sorted(families(bench_results.read(results)).items()):
+    series = bench_results.read(results)
+    for (part, family), group in sorted(families(series).items()):
         if part != part_before:
             lines += [f"## {TITLES.get(part, part)}", ""]
             part_before = part
@@ -237,7 +265,7 @@ def write_page(results):
         by_size = {c: g for c, g in cases.items() if len({s.key.size for s in g}) >= 3}
         for case, of_case in sorted(by_size.items()):
             path = PLOTS / f"{part}_{case.replace('/', '_').replace(' ', '_')}.svg"
-            plot_lines(pyplot, case, of_case, path)
+            plot_lines(pyplot, case, of_case, limits_of(series, part, case), path)
             lines += [f"![{case}](benchmarks/{path.name})", ""]
         rest = [s for c, g in cases.items() if c not in by_size for s in g]
         if rest:

@@ -5,8 +5,9 @@ import statistics
 
 # What the contestants of a case are called; anything else in its place is one, too.
 OURS = "ksomd"
-PEERS = {"C", "libc", "gcc", "llvm", "clang", "mimalloc", "Fortran", "gfortran", "OpenBLAS", "BLIS"}
-CEILING = re.compile(r"^(bare|limit|ceiling)")
+PEERS = {"C", "libc", "gcc", "llvm", "clang", "mimalloc", "gfortran", "gfortran_inline",
+         "gfortran_native", "openblas", "blis"}
+CEILING = re.compile(r"^bare|^limit")
 # What Google Benchmark adds to a name.
 SUFFIX = re.compile(r"^(manual_time|real_time|process_time|\w+:[\d.]+)$")
 
@@ -16,19 +17,15 @@ class Key:
 
     def __init__(self, name):
         parts = [part for part in name.split("/") if not SUFFIX.match(part)]
-        known = [p for p in parts if p == OURS or p in PEERS or CEILING.match(p)]
+        known = [p for p in parts[1:] if p == OURS or p in PEERS or CEILING.match(p)]
         words = [p for p in parts if not p.isdigit()]
-        self.contestant = known[-1] if known else words[-1]
-        parts.reverse()
-        parts.remove(self.contestant)
-        parts.reverse()
         numbers = [p for p in parts if p.isdigit()]
+        self.contestant = known[-1] if known else words[-1]
         self.size = int(numbers[-1]) if numbers else None
-        if numbers:
-            parts.reverse()
-            parts.remove(numbers[-1])
-            parts.reverse()
-        self.case = "/".join(parts)
+        kept = list(reversed(parts))
+        for taken in (self.contestant, *numbers[-1:]):
+            kept.remove(taken)
+        self.case = "/".join(reversed(kept))
 
 
 class Series:
@@ -77,36 +74,10 @@ def read_google(part, document):
             continue
         if "bytes_per_second" in run and "per_call" not in run:
             series.bytes = run["bytes_per_second"] * run["cpu_time"] * SCALE[run["time_unit"]] * 1e-9
-        for name_of_flops in ("FLOPS", "flops", "FLOP/s", "flop_rate"):
-            if name_of_flops in run:
-                series.flops = run[name_of_flops] * nanoseconds * 1e-9
+        if "GFLOP/s" in run:
+            series.flops = run["GFLOP/s"] * nanoseconds
         series.times.append(nanoseconds)
     return [s for s in found.values() if s.times]
-
-
-MATRIX_LINE = re.compile(r"^(_MATMUL_\S+)\s+(\d+)\s+([\d.]+) GFLOP/s\s+([\d.]+) % of the limit\s+"
-                         r"Fortran\s+([\d.]+)")
-
-
-def read_matrix_lines(part, lines):
-    """The table that matmul_bench prints, when it knows no JSON."""
-    found = {}
-    for line in lines:
-        match = MATRIX_LINE.match(line)
-        if not match:
-            continue
-        routine, size = match[1].replace("_MATMUL_", ""), int(match[2])
-        flops = (8 if routine.startswith("c") else 2) * size**3
-        rates = {OURS: float(match[3]), "Fortran": float(match[5])}
-        if float(match[4]) > 0:
-            rates["limit"] = float(match[3]) * 100 / float(match[4])
-        for contestant, rate in rates.items():
-            if rate > 0:
-                name = f"{routine}/{size}/{contestant}"
-                series = found.setdefault(name, Series(part, name))
-                series.flops = flops
-                series.times.append(flops / rate)
-    return list(found.values())
 
 
 def read(results):
@@ -114,7 +85,6 @@ def read(results):
     series = []
     for part, document in results["parts"].items():
         series += read_google(part, document)
-        series += read_matrix_lines(part, document.get("lines", []))
     return {(s.part, s.name): s for s in series}
 
 
