@@ -15,6 +15,7 @@ import json
 import os
 import pathlib
 import platform
+import re
 import subprocess
 import sys
 import time
@@ -34,18 +35,23 @@ PLOTS = pathlib.Path("docs/benchmarks")
 FULL = {
     "matmul": [("ceiling|/([2-9]|12|16|24|32|48|64)/", 7, 90),
                ("_n_n/(128|256|512)/|_(n_t|t_n|t_t)/(128|256)/", 5, 110),
-               ("_(n_t|t_n|t_t)/512/(ksomd|openblas|blis|gfortran_native)$", 3, 40),
-               ("_n_n/1024/", 3, 110), ("r8_n_n/2048/(ksomd|openblas|blis)$", 3, 20)],
+               ("_(n_t|t_n|t_t)/512/(ksomd|openblas|blis|gfortran_native)/", 3, 40),
+               ("_n_n/1024/", 3, 110), ("r8_n_n/2048/(ksomd|openblas|blis)/", 3, 20)],
     "": [("", 9, 150)],
 }
 QUICK = {
-    "matmul": [("ceiling|_n_n/(8|64|256)/(ksomd|openblas|blis|gfortran_native)$", 3, 14)],
+    "matmul": [("ceiling|_n_n/(8|64|256)/(ksomd|openblas|blis|gfortran_native)/", 3, 14)],
     "vec": [("fold/(i32|f32|f64)/.*/1000/|divide|convert", 3, 14)],
     "": [("", 3, 14)],
 }
 
 TITLES = {"mem": "Memory", "quad": "Quad precision", "matmul": "Matrix products",
           "vec": "Vectorised loops", "pool": "Pools"}
+FAMILIES = {"quad": [("(add|sub|mul|div)/", "arithmetic"), ("(to|from)_", "conversions"),
+                     ("", "comparisons")],
+            "matmul": [(r"(r4|r8|c4|c8)_", r"\1"), ("ceiling", "the processor's limits")],
+            "vec": [(r"fold/(\w+)", r"folds of \1"), ("strided", "strided folds")],
+            "pool": [("", "allocate and free")]}
 VERSIONS = {"clang": ["clang++-22", "--version"], "gcc": ["g++", "--version"],
             "gfortran": ["gfortran", "--version"], "C library": ["ldd", "--version"]}
 PACKAGES = ["libopenblas0-pthread", "libopenblas-dev", "libblis4-pthread", "libblis-dev",
@@ -95,6 +101,7 @@ def run_part(program, plan):
         each = seconds / (count * repetitions) / 2
         command = [program, f"--benchmark_filter={chosen or '.'}", f"--benchmark_out={out}",
                    "--benchmark_out_format=json", f"--benchmark_repetitions={repetitions}",
+                   "--benchmark_report_aggregates_only=false",
                    f"--benchmark_min_time={min(max(each, 0.0005), 0.2):.4f}",
                    "--benchmark_enable_random_interleaving=true"]
         # Two threads need two processors.
@@ -149,11 +156,20 @@ def run_all(chosen, plan, command):
 
 # ---- the page -----------------------------------------------------------------------------------
 
+def family_of(one):
+    """The heading that a benchmark stands under: the first rule that fits, else its case's start."""
+    for rule, title in FAMILIES.get(one.part, []):
+        match = re.match(rule, one.key.case)
+        if match:
+            return match.expand(title)
+    return one.key.case.split("/")[0]
+
+
 def families(series):
-    """{(part, family): [series]}; a family is what stands before the first slash of the case."""
+    """{(part, family): [series]}"""
     found = {}
     for one in series.values():
-        found.setdefault((one.part, one.key.case.split("/")[0]), []).append(one)
+        found.setdefault((one.part, family_of(one)), []).append(one)
     return found
 
 
