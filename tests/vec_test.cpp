@@ -99,10 +99,11 @@ T quieted(T a) {
   return std::bit_cast<T>(std::bit_cast<BitsOf<T>>(a) | BitsOf<T>{1} << (sizeof(T) == 4 ? 22 : 51));
 }
 
-// Of two NaNs the first survives, quiet.
+// Of two NaNs the first survives, quiet. The operation takes place for its flags even so, which a
+// compiler does not know of.
 template <class T>
 T arithmetic(int operation, T d, T s) {
-  const T result = operation == 1 ? d + s : operation == 2 ? d * s : d - s;
+  const volatile T result = operation == 1 ? d + s : operation == 2 ? d * s : d - s;
   return is_nan(d) ? quieted(d) : is_nan(s) ? quieted(s) : result;
 }
 
