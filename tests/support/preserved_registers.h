@@ -58,8 +58,10 @@ std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arg
   _mm_setcsr(seeded);
   ksomd_probe_registers(reinterpret_cast<void (*)()>(routine), &before, &after, VectorState::Xmm);
   const unsigned control = _mm_getcsr();
-  const std::uint64_t flags = __builtin_ia32_readeflags_u64();
-  __asm__ volatile("cld" ::: "cc");
+  // Below what a compiler may keep under the stack pointer; its own builtin for this may be moved.
+  std::uint64_t flags = 0;
+  __asm__ volatile("lea -128(%%rsp), %%rsp\n pushfq\n pop %0\n lea 128(%%rsp), %%rsp\n cld"
+                   : "=r"(flags)::"cc", "memory");
   _mm_setcsr(own_control);
 
   std::string changed;
