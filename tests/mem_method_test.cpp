@@ -263,6 +263,29 @@ TEST_F(Method, VectorRoutinesStoreAsTheProbeSays) {
   }
 }
 
+TEST_F(Method, ChunksOfFourLinesStream) {
+  struct {
+    void (*routine)(__libkso_nt_context*, std::size_t, int);
+    std::size_t line;
+    std::uint64_t needs;
+  } const cases[] = {{__libkso_nontemporal_store_256, 32, needs_avx},
+                     {__libkso_nontemporal_store_512, 64, needs_avx512f}};
+  for (const auto& [routine, line, needs] : cases) {
+    for (const std::size_t n : {4 * line - 1, 4 * line}) {
+      if (!has_features(needs)) {
+        continue;
+      }
+      struct {
+        __libkso_nt_context context;
+        Byte chunk[256];
+      } stream = {};
+      stream.context.destination = target_.begin();
+      const InstructionCount count = count_instructions([&] { routine(&stream.context, n, 1); });
+      EXPECT_EQ(count[Kind::NonTemporalStore], n == 4 * line ? 4u : 0u) << line;
+    }
+  }
+}
+
 TEST_F(Method, LaterCallsOfADispatchedRoutineGoStraightToTheVariant) {
   _orvex_fast_memcpy(target_.begin(), source_.begin(), 8);
   const auto steps = [this](mem::CopyRoutine* routine) {

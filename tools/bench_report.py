@@ -216,7 +216,7 @@ def label_of(series):
 
 
 def plot_bars(pyplot, family, group, path):
-    labels = list(dict.fromkeys(label_of(s) for s in group))
+    labels = sorted({label_of(s) for s in group})
     contestants = order({s.key.contestant for s in group})
     figure, axes = pyplot.subplots(figsize=(6.4, 0.6 + 0.13 * len(labels) * (len(contestants) + 1)))
     height = 0.8 / len(contestants)
@@ -227,7 +227,9 @@ def plot_bars(pyplot, family, group, path):
                   label=contestant, color="C3" if contestant == OURS else None)
     axes.set_yticks([i + 0.4 for i in range(len(labels))], labels, fontsize=7)
     axes.invert_yaxis()
-    axes.set_xscale("log")
+    times = [s.median for s in group]
+    if max(times) > 20 * min(times):
+        axes.set_xscale("log")
     axes.set_xlabel("ns per operation")
     axes.set_title(family)
     axes.legend(fontsize=8)
