@@ -52,18 +52,14 @@ void fold_vectors(void* destination, const void* source, std::uint64_t count) {
   const std::uint64_t from_end = count * sizeof(T) - sizeof(V);
   char* const last_place = d + from_end;
   const V last = combined(last_place, s + from_end, 0);
-  constexpr std::uint64_t step = 4 * lanes;
-  for (; count >= step; count -= step) {
-    const V v0 = combined(d, s, 0);
-    const V v1 = combined(d, s, 1);
-    const V v2 = combined(d, s, 2);
-    const V v3 = combined(d, s, 3);
-    store(d, 0, v0);
-    store(d, 1, v1);
-    store(d, 2, v2);
-    store(d, 3, v3);
-    d += 4 * sizeof(V);
-    s += 4 * sizeof(V);
+  constexpr std::uint64_t unrolled = 8;
+  for (; count >= unrolled * lanes; count -= unrolled * lanes) {
+#pragma clang loop unroll(full)
+    for (std::uint64_t i = 0; i < unrolled; ++i) {
+      store(d, i, combined(d, s, i));
+    }
+    d += unrolled * sizeof(V);
+    s += unrolled * sizeof(V);
   }
   for (; count >= lanes; count -= lanes) {
     store(d, 0, combined(d, s, 0));
@@ -110,7 +106,7 @@ void fold_complex_product(void* destination, const void* source, std::uint64_t c
     return separate<T>(load<Vector<T>>(array, i), load<Vector<T>>(array, i + 1));
   };
   std::uint64_t i = 0;
-#pragma clang loop unroll_count(2)
+#pragma clang loop unroll_count(4)
   for (; count - i >= lanes; i += lanes) {
     const std::uint64_t v = 2 * i / lanes;
     const auto [low, high] = interleave<T>(product<T>(pair(destination, v), pair(source, v)));
