@@ -383,6 +383,14 @@ TYPED_TEST(Reduction, Fold) {
   }
 }
 
+// Arrays that are fetched ahead by the block, and end in the middle of one.
+TYPED_TEST(Reduction, FoldOfLargeArrays) {
+  std::mt19937_64 random(seed_of(static_cast<std::uint32_t>(TypeParam::code)));
+  const std::size_t count = (600 << 10) / TypeParam::size + 37;
+  Areas areas = {Area(count * TypeParam::size + 64), Area(count * TypeParam::size + 64)};
+  ASSERT_NO_FATAL_FAILURE(check_fold<TypeParam>(areas, KSOMD_SUM, count, 1, random));
+}
+
 TEST(ReductionFold, StrideIsIgnoredUnlessInUse) {
   std::int32_t d[] = {1, 2, 3};
   const std::int32_t s[] = {10, 20, 30};

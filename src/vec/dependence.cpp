@@ -19,28 +19,39 @@ void reverse(Range* first, Range* last) {
   }
 }
 
-// Whether relation(r[i].start, r[i + 1].start) holds all along lo .. hi.
+// The last record of the run from lo along which relation(r[i].start, r[i + 1].start) holds.
 template <class Relation>
-bool holds_along(const Range* lo, const Range* hi, Relation relation) {
-  for (const Range* r = lo; r < hi; ++r) {
-    if (!relation(r[0].start, r[1].start)) {
-      return false;
-    }
+Range* end_of_run(Range* lo, Range* hi, Relation relation) {
+  while (lo < hi && relation(lo[0].start, lo[1].start)) {
+    ++lo;
   }
-  return true;
+  return lo;
 }
 
-// Orders that the partitioning would take quadratic time for. Distinct starts have one final order;
-// equal ones end as the partitioning would leave them, each step exchanging the first and the last.
+// Orders that the partitioning would take quadratic time for, and that it leaves in the second half
+// of a sorted array with one range appended:
+//
+//     4 5 6 7 8 9 | 1 2 3
+//
+// Distinct starts have one final order; equal ones end as the partitioning would leave them, each
+// step exchanging the first and the last.
 bool sort_monotonic(Range* lo, Range* hi) {
-  if (holds_along(lo, hi, [](auto a, auto b) { return a < b; })) {
+  const auto ascends = [](auto a, auto b) { return a < b; };
+  Range* const end = end_of_run(lo, hi, ascends);
+  if (end == hi) {
     return true;
   }
-  if (holds_along(lo, hi, [](auto a, auto b) { return a > b; })) {
+  if (hi->start < lo->start && end_of_run(end + 1, hi, ascends) == hi) {
+    reverse(lo, end);
+    reverse(end + 1, hi);
     reverse(lo, hi);
     return true;
   }
-  if (holds_along(lo, hi, [](auto a, auto b) { return a == b; })) {
+  if (end_of_run(lo, hi, [](auto a, auto b) { return a > b; }) == hi) {
+    reverse(lo, hi);
+    return true;
+  }
+  if (end_of_run(lo, hi, [](auto a, auto b) { return a == b; }) == hi) {
     for (; lo < hi; ++lo) {
       exchange(*lo, *hi);
     }
@@ -50,7 +61,8 @@ bool sort_monotonic(Range* lo, Range* hi) {
 }
 
 // Sorts lo .. hi by start. The order of equal starts is part of the contract: the last record is
-// the pivot, and lower ones are moved to the front one by one.
+// the pivot, and lower ones are moved to the front one by one. Other sorts would need memory to
+// keep it, so some orders take quadratic time.
 void sort(Range* lo, Range* hi) {
   while (lo < hi && !sort_monotonic(lo, hi)) {
     const std::uint64_t pivot = hi->start;

@@ -103,6 +103,25 @@ const Pair& pair_or_abort(const Type& type, std::int32_t operation) {
   return type.pairs[index];
 }
 
+// Strided elements are gathered by the block and folded from there. A function of its own, lest
+// folds without a stride set its block up.
+[[gnu::noinline]] void fold_strided(const Type& element, const Pair& pair, void* destination,
+                                    const void* source, std::int32_t stride, std::uint64_t count) {
+  alignas(16) char block[1024];
+  const std::uint64_t per_block = sizeof block / element.size;
+  auto* d = static_cast<char*>(destination);
+  const auto* s = static_cast<const char*>(source);
+  const std::int64_t step = std::int64_t{stride} * element.size;
+  while (count > 0) {
+    const std::uint64_t part = count < per_block ? count : per_block;
+    element.gather(block, s, stride, part);
+    pair.fold(d, block, part);
+    d += part * element.size;
+    s += static_cast<std::int64_t>(part) * step;
+    count -= part;
+  }
+}
+
 }  // namespace
 }  // namespace ksomd::reduction
 
@@ -120,20 +139,7 @@ void __orvex_reduction_combine_array(void* destination, const void* source, int3
     pair.fold(destination, source, count);
     return;
   }
-  // Strided elements are gathered by the block and folded from there.
-  alignas(16) char block[1024];
-  const std::uint64_t per_block = sizeof block / element.size;
-  auto* d = static_cast<char*>(destination);
-  const auto* s = static_cast<const char*>(source);
-  const std::int64_t step = std::int64_t{stride} * element.size;
-  while (count > 0) {
-    const std::uint64_t part = count < per_block ? count : per_block;
-    element.gather(block, s, stride, part);
-    pair.fold(d, block, part);
-    d += part * element.size;
-    s += static_cast<std::int64_t>(part) * step;
-    count -= part;
-  }
+  fold_strided(element, pair, destination, source, stride, count);
 }
 
 void __orvex_simd_reduction_final_array(void* destination, const void* source, uint64_t count,

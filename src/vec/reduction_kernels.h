@@ -30,6 +30,17 @@ void fold_element(void* destination, const void* source, std::uint64_t i) {
   }
 }
 
+// Arrays that no second-level cache holds are asked for a block ahead: processors do so by
+// themselves, but not across the ends of pages.
+inline constexpr std::uint64_t far_bytes = 512 << 10;
+inline constexpr std::uint64_t block_bytes = 1024;
+inline void prefetch_block(const char* destination, const char* source) {
+  for (std::uint64_t line = 0; line < block_bytes; line += 64) {
+    __builtin_prefetch(destination + line);
+    __builtin_prefetch(source + line);
+  }
+}
+
 // The last vector is made before anything is stored, and overlaps the one before it:
 //
 //     | vector | vector | vector | vector | rest |
@@ -52,18 +63,23 @@ void fold_vectors(void* destination, const void* source, std::uint64_t count) {
   const std::uint64_t from_end = count * sizeof(T) - sizeof(V);
   char* const last_place = d + from_end;
   const V last = combined(last_place, s + from_end, 0);
-  constexpr std::uint64_t step = 4 * lanes;
-  for (; count >= step; count -= step) {
-    const V v0 = combined(d, s, 0);
-    const V v1 = combined(d, s, 1);
-    const V v2 = combined(d, s, 2);
-    const V v3 = combined(d, s, 3);
-    store(d, 0, v0);
-    store(d, 1, v1);
-    store(d, 2, v2);
-    store(d, 3, v3);
-    d += 4 * sizeof(V);
-    s += 4 * sizeof(V);
+  constexpr std::uint64_t round = 8 * lanes;
+  const bool is_far = count * sizeof(T) >= far_bytes;
+  while (count >= round) {
+    if (is_far) {
+      prefetch_block(d + block_bytes, s + block_bytes);
+    }
+    constexpr std::uint64_t block = block_bytes / sizeof(T);
+    const std::uint64_t rounds = (count < block ? count : block) / round;
+    for (std::uint64_t r = 0; r < rounds; ++r) {
+#pragma clang loop unroll(full)
+      for (std::uint64_t i = 0; i < 8; ++i) {
+        store(d, i, combined(d, s, i));
+      }
+      d += 8 * sizeof(V);
+      s += 8 * sizeof(V);
+    }
+    count -= rounds * round;
   }
   for (; count >= lanes; count -= lanes) {
     store(d, 0, combined(d, s, 0));
@@ -110,7 +126,7 @@ void fold_complex_product(void* destination, const void* source, std::uint64_t c
     return separate<T>(load<Vector<T>>(array, i), load<Vector<T>>(array, i + 1));
   };
   std::uint64_t i = 0;
-#pragma clang loop unroll_count(2)
+#pragma clang loop unroll_count(4)
   for (; count - i >= lanes; i += lanes) {
     const std::uint64_t v = 2 * i / lanes;
     const auto [low, high] = interleave<T>(product<T>(pair(destination, v), pair(source, v)));

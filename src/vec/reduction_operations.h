@@ -66,13 +66,24 @@ inline Vector<std::uint32_t> multiply(Vector<std::uint32_t> d, Vector<std::uint3
   return __builtin_bit_cast(Vector<std::uint32_t>, (even & low) | odd << 32);
 }
 
+// 8-bit products the same way, as the low halves of 16-bit ones.
+inline Vector<std::uint8_t> multiply(Vector<std::uint8_t> d, Vector<std::uint8_t> s) {
+  using Wide = Vector<std::uint16_t>;
+  const Wide a = __builtin_bit_cast(Wide, d);
+  const Wide b = __builtin_bit_cast(Wide, s);
+  const Wide low = Wide{} + 0xFF;
+  return __builtin_bit_cast(Vector<std::uint8_t>, (a * b & low) | (a >> 8) * (b & ~low));
+}
+
 // 1 where a condition holds and 0 elsewhere; a vector's condition is a vector of masks.
 template <class T, class Condition>
 T truth(Condition condition) {
   if constexpr (is_vector<T>) {
     using Bits = std::make_unsigned_t<std::remove_cvref_t<decltype(condition[0])>>;
-    const Vector<Bits> one = Vector<Bits>{} + __builtin_bit_cast(Bits, Lane<T>{1});
-    return __builtin_bit_cast(T, __builtin_bit_cast(Vector<Bits>, condition) & one);
+    // Known here: a conversion to float would be kept for its flags, in every round of a loop.
+    constexpr Bits one = __builtin_bit_cast(Bits, Lane<T>{1});
+    return __builtin_bit_cast(T,
+                              __builtin_bit_cast(Vector<Bits>, condition) & (Vector<Bits>{} + one));
   } else {
     return static_cast<T>(condition);
   }
@@ -119,7 +130,9 @@ struct Product : Rule<Identity::One, Types::All> {
       return multiply(d, s);
     } else {
       return wrapped(d, s, [](auto a, auto b) {
-        if constexpr (std::is_same_v<decltype(a), Vector<std::uint32_t>>) {
+        using Operand = decltype(a);
+        if constexpr (is_vector<Operand> &&
+                      (sizeof(Lane<Operand>) == 1 || sizeof(Lane<Operand>) == 4)) {
           return multiply(a, b);
         } else {
           return a * b;
