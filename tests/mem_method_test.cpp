@@ -25,6 +25,9 @@ class Method : public testing::Test {
     if (!can_single_step()) {
       GTEST_SKIP() << "this process cannot be single-stepped";
     }
+    if (!optimized) {
+      GTEST_SKIP() << "without optimisation, stores to the stack would be counted too";
+    }
     if (sanitized) {
       GTEST_SKIP() << "a sanitizer's own instructions would be counted";
     }

@@ -381,7 +381,7 @@ TEST(TraceImage, DamagedHeaders) {
   SectionPlace place;
   const Data good = image_headers({".text", ".trace"}, 0x80, 112);
   EXPECT_TRUE(find_pe_section({good.data(), good.size()}, ".trace", place));
-  for (const std::uint64_t pe : {0xFFFFFF80u, 0x80000000u, 0x7FFFFFFFu, 0x1000u, 0x3Cu}) {
+  for (const std::uint64_t pe : {0xFFFFFF80u, 0x80000000u, 0x7FFFFFFFu, 0x10080u, 0x1000u, 0x3Cu}) {
     const Data image = image_headers({".text", ".trace"}, pe, 112);
     EXPECT_FALSE(find_pe_section({image.data(), image.size()}, ".trace", place)) << pe;
   }

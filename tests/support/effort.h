@@ -26,4 +26,11 @@ inline constexpr bool sanitized =
 inline constexpr bool sanitized = false;
 #endif
 
+// Whether the library, built as the tests are, keeps its values in registers.
+#ifdef __OPTIMIZE__
+inline constexpr bool optimized = true;
+#else
+inline constexpr bool optimized = false;
+#endif
+
 }  // namespace ksomd::test
