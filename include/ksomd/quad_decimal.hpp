@@ -1,5 +1,5 @@
 // Exact conversion between binary128 and decimal, by integers of any length. Included by
-// <ksomd/quad.hpp>, which has what programs call; nothing here depends on the library.
+// <ksomd/quad_text.hpp>, which has what programs call; nothing here depends on the library.
 //
 // Both directions divide one long integer by another, digit by digit:
 //
