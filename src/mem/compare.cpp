@@ -82,6 +82,11 @@ template <Access from = Access::Unaligned>
   return all_set(_mm_and_si128(equal_64(a, b), equal_64(a + n - 64, b + n - 64)));
 }
 
+template <Access from = Access::Unaligned>
+[[gnu::always_inline]] inline bool equal_128(const Byte* a, const Byte* b) {
+  return all_set(_mm_and_si128(equal_64<from>(a, b), equal_64<from>(a + 64, b + 64)));
+}
+
 // ---- short ranges -------------------------------------------------------------------------------
 
 [[gnu::always_inline]] inline int sign(std::uint64_t x, std::uint64_t y) {
@@ -125,7 +130,7 @@ template <Access from = Access::Unaligned>
   return compare_below_16(a, b, n);
 }
 
-// More than 64 bytes that are in the two pages of a and b.
+// More than 128 bytes that are in the two pages of a and b.
 [[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
   const Byte* const a_last = a + n - 64;
   const Byte* const b_last = b + n - 64;
@@ -137,38 +142,39 @@ template <Access from = Access::Unaligned>
   return all_set(equal_64(a_last, b_last)) ? 0 : compare_stepwise(a_last, b_last, 64);
 }
 
-// Across any number of pages, in steps of 64 bytes where no page ends. There the first range is
-// read at aligned addresses, elsewhere 16 bytes at a time as counted from the beginning.
+// More than 128 bytes, across any number of pages. The first range is read in blocks between
+// multiples of 128, in which no page of it ends; where one of the second ends, steps of 16 bytes
+// counted from the beginning cover the block:
+//
+//     16   16   16   16   16   16   16   16   16    from the beginning
+//   |    |    |    |    |    |    |    |    |    |
+//      |            block of 128             |
 [[gnu::noinline]] int compare_pages(const Byte* a, const Byte* b, size_t n) {
-  constexpr size_t stretch_over_end = 64 + 16;
-  const std::ptrdiff_t distance = a - b;
-  const Byte* const b_begin = b;
-  const Byte* const b_end = b + n;
+  constexpr size_t block = 128, covering = block + 16;
+  if (const int found = compare_stepwise(a, b, block); found != 0) {
+    return found;
+  }
+  const std::ptrdiff_t distance = b - a;
+  const Byte* x = a + block - offset_in(block, a);
+  const Byte* const end = a + n;
   for (;;) {
-    size_t left = static_cast<size_t>(b_end - b);
-    size_t room = room_in_pages(b + distance, b);
-    room = room < left ? room : left;
-    if (room >= stretch_over_end) {
-      int result = 0;
-      if (differ<Piece16>(b + distance, b, result)) {
-        return result;
+    const size_t safe = page - offset_in(page, x + distance), left = static_cast<size_t>(end - x);
+    const size_t straight = safe < left ? safe : left;
+    const Byte* const stop = x + (straight - straight % block);
+    for (; x != stop; x += block) {
+      if (!equal_128<Access::Aligned>(x, x + distance)) {
+        return compare_stepwise(x, x + distance, block);
       }
-      const size_t head = 16 - offset_in(16, b + distance);
-      b += head;
-      for (size_t blocks = (room - head) / 64; blocks != 0; --blocks, b += 64) {
-        if (!all_set(equal_64<Access::Aligned>(b + distance, b))) {
-          return compare_stepwise(b + distance, b, 64);
-        }
-      }
-      b -= static_cast<size_t>(b - b_begin) % 16;
-      left = static_cast<size_t>(b_end - b);
     }
-    const size_t stretch = left < stretch_over_end ? left : stretch_over_end;
-    if (const int found = compare_stepwise(b + distance, b, stretch);
-        found != 0 || stretch == left) {
+    const size_t past_step = static_cast<size_t>(x - a) % 16;
+    const Byte* const step = x - past_step;
+    if (static_cast<size_t>(end - x) < covering) {
+      return compare_stepwise(step, step + distance, static_cast<size_t>(end - step));
+    }
+    if (const int found = compare_stepwise(step, step + distance, covering); found != 0) {
       return found;
     }
-    b += stretch;
+    x += block;
   }
 }
 
@@ -222,7 +228,7 @@ int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
     return compare_below_16(a, b, count);
   }
   if (count > 512 || count > room_in_pages(a, b)) [[unlikely]] {
-    return compare_pages(a, b, count);
+    return count > 128 ? compare_pages(a, b, count) : compare_stepwise(a, b, count);
   }
   if (count > 128) {
     return compare_blocks(a, b, count);
