@@ -9,14 +9,15 @@ struct VectorOf {
 };
 
 // Ten sums of two vectors of rows and five factors, as in a tile of a product: with two pipes and
-// latencies of four cycles, no sum waits for itself. The empty assembler keeps every product: it
-// makes the factor a new one for each column.
+// latencies of four cycles, no sum waits for itself. The empty assembler keeps every product: the
+// compiler knows neither the rows nor that the factor is the same for each column.
 #define KSOMD_CEILING(name, Real, bytes, features, constraint)                        \
   [[gnu::target(features), gnu::noinline]] double name(long steps) {                  \
     using Vector = VectorOf<Real, bytes>::Type;                                       \
     Vector sum[2][5] = {};                                                            \
     Vector rows[2] = {Vector{} + 1, Vector{} + 2};                                    \
     Vector factor = Vector{} + 1;                                                     \
+    __asm__ volatile("" : "+" constraint(rows[0]), "+" constraint(rows[1]));          \
     for (long step = 0; step < steps; ++step) {                                       \
       _Pragma("clang loop unroll(full)") for (int column = 0; column < 5; ++column) { \
         __asm__ volatile("" : "+" constraint(factor));                                \
