@@ -1,9 +1,11 @@
 // Which method a memory routine uses: its string instructions, non-temporal stores, fences and
 // clearing of upper halves, counted one instruction after the other.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "mem/vector.h"
 #include "mem_variants.h"
@@ -230,6 +232,40 @@ std::uint64_t now = 0;
 std::uint64_t slowing_clock() {
   now = now * 8 + 1;
   return now & 0xFFFFFF;
+}
+
+// Where the probe looks, and what it makes of the clock: a load may take three times as long as one
+// that is known to be cached; the second place counts if the first was missed.
+TEST(CacheProbe, LooksAtTheFirstAndTheLastQuarter) {
+  constexpr std::size_t page = 4096, bytes = 16 * page;
+  const GuardedMemory memory(bytes);
+  ASSERT_EQ(reinterpret_cast<std::uintptr_t>(memory.begin()) % page, 0u);
+  const auto protect = [&](std::size_t first, std::size_t pages, int access) {
+    ASSERT_EQ(mprotect(memory.begin() + first * page, pages * page, access), 0);
+  };
+  protect(0, 16, PROT_NONE);
+  protect(4, 1, PROT_READ);
+  protect(12, 1, PROT_READ);
+  const struct {
+    std::vector<std::uint64_t> ticks;
+    bool cached;
+  } rows[] = {
+      {{0, 1, 4}, true},
+      {{0, 2, 8}, true},
+      {{0, 1, 5, 10, 11, 14}, true},
+      {{0, 1, 5, 10, 11, 15}, false},
+      // the low 32 bits count, with their sign
+      {{0xFFFFFFFF, 0x100000000, 0x100000003, 5, 6, 7}, true},
+      {{0xFFFFFFFF, 0x100000000, 0x100000003, 5, 6, 60}, false},
+      {{0x500000000, 0x600000001, 0x700000004}, true},
+  };
+  for (const auto& row : rows) {
+    std::size_t reads = 0;
+    EXPECT_EQ(mem::is_cached(memory.begin(), bytes, [&] { return row.ticks.at(reads++); }),
+              row.cached);
+    EXPECT_EQ(reads, row.ticks.size());
+  }
+  protect(0, 16, PROT_READ | PROT_WRITE);
 }
 
 TEST_F(Method, VectorRoutinesStoreAsTheProbeSays) {

@@ -69,6 +69,9 @@ MUTATIONS = [
     ("mem/generic_fill.cpp", "if (n > __libkso_mem_tuning.largest_cache_size) {\n      fill_blocks",
      "if (n >= __libkso_mem_tuning.largest_cache_size) {\n      fill_blocks", "mem_method_test"),
     ("mem/generic_fill.cpp", "(d, bytes, n);\n      _mm_sfence();", "(d, bytes, n);", "mem_method_test"),
+    ("mem/vector.h", "probe(d + bytes / 4 + bytes / 2)", "probe(d + bytes / 2)", "mem_method_test"),
+    ("mem/vector.h", " || probe(d + bytes / 4 + bytes / 2)", "", "mem_method_test"),
+    ("mem/vector.h", "3 * (between - start) >=", "3 * (between - start) >", "mem_method_test"),
     ("mem/vector.cpp", "string_limit = 16384", "string_limit = 16383", "mem_method_test"),
     ("mem/stream_lines.h", "if (n <= small) {", "if (n < small) {", "mem_method_test"),
     # ---- quad precision -------------------------------------------------------------------------
@@ -99,6 +102,7 @@ MUTATIONS = [
     # ---- matrix products ------------------------------------------------------------------------
     ("matmul/tiles.cpp", "_mm_unpackhi_pd(pair, pair)", "_mm_unpacklo_pd(pair, pair)", "matmul_test"),
     ("matmul/packing.cpp", "l < depth ? member[r][l] : 0", "l < depth ? member[r][l] : 1", "matmul_test"),
+    ("matmul/packed_panels.h", "tail != padded_depth(tail)", "false", "matmul_test"),
     ("matmul/packed.cpp", "l < k_ - tail; l += depth_chunk", "l <= k_ - tail; l += depth_chunk",
      "matmul_test"),
     ("matmul/packed.cpp", "for (Size l = 0; l < start; l += depth_chunk)",

@@ -6,7 +6,7 @@
 // once.
 #pragma once
 
-#include "matmul/tiling.h"
+#include "matmul/portable.h"
 
 namespace ksomd::matmul {
 
@@ -20,6 +20,14 @@ struct PackedPanels {
                        Size columns_per_pass) {
     const Size tail = tail_depth(x.k);
     const Size columns = round_down(x.n, tile);
+    // One chunk, a few rows: the portable kernel sums in the same order, and packs less.
+    if (x.k <= depth_chunk && x.m <= row_chunk) {
+      Product<Element> whole_tiles = x;
+      whole_tiles.m = round_down(x.m, tile);
+      whole_tiles.n = columns;
+      Portable<Rows, letters>::multiply(whole_tiles, Sums::overwrite, tail != padded_depth(tail));
+      return;
+    }
     for (Size j = 0; j < columns; j += columns_per_pass) {
       const Size count = min(columns - j, columns_per_pass);
       chunk(x, memory, x.k - tail, tail, j, count, Sums::overwrite);

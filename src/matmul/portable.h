@@ -26,20 +26,27 @@ struct Portable {
 
   // No extent is zero, and P overlaps neither operand.
   static void multiply(const Product<Element>& x, Sums sums) {
-    if constexpr (letters.a == Layout::n) {
-      if (x.n >= Rows::columns_worth_packing) {
-        in_panels(x, sums);
-      } else {
-        as_is(x, sums);
-      }
-    } else if (sums_apart && sums == Sums::resume) {
+    if (sums_apart && sums == Sums::resume) {
       add_apart(x);
+    } else if (sums == Sums::on_cleared) {
+      multiply(x, Sums::overwrite, sums_apart);
     } else {
-      in_panels(x, sums);
+      multiply(x, sums, false);
     }
   }
 
-  static Call call_at(const Product<Element>& x, Size i, Size j, Size l, Size depth, Sums sums) {
+  // The sums are added to zero last if `add_zero`; they are not formed apart from P.
+  static void multiply(const Product<Element>& x, Sums sums, bool add_zero) {
+    if (letters.a == Layout::n && x.n < Rows::columns_worth_packing) {
+      as_is(x, sums, add_zero);
+    } else {
+      in_panels(x, sums, add_zero);
+    }
+  }
+
+ private:
+  static Call call_at(const Product<Element>& x, Size i, Size j, Size l, Size depth, Sums sums,
+                      bool add_zero) {
     constexpr bool b_as_is = letters.b == Layout::n;
     Call call{};
     call.segment = Tiling::segment;
@@ -48,18 +55,18 @@ struct Portable {
     call.p = x.p + i + j * x.ldp;
     call.ldp = x.ldp;
     call.depth = depth;
-    call.sums = l != 0 ? Sums::resume : sums == Sums::on_cleared ? Sums::overwrite : sums;
-    call.add_zero = sums_apart && sums == Sums::on_cleared && l + depth == x.k;
+    call.sums = l != 0 ? Sums::resume : sums;
+    call.add_zero = add_zero && l + depth == x.k;
     Tiling::set_segments(call, call.b, x.b + offset<letters.b>(l, j, x.ldb), call.b_depth);
     return call;
   }
 
   // A block of op(A) stays in the second-level cache while all columns pass by.
-  static void as_is(const Product<Element>& x, Sums sums) {
+  static void as_is(const Product<Element>& x, Sums sums, bool add_zero) {
     for (Size i = 0; i < x.m; i += row_block) {
       const Size rows = min(row_block, x.m - i);
       for (Size l = 0; l < x.k; l += depth_limit) {
-        Call call = call_at(x, i, 0, l, min(depth_limit, x.k - l), sums);
+        Call call = call_at(x, i, 0, l, min(depth_limit, x.k - l), sums, add_zero);
         call.a_depth = x.lda;
         Tiling::set_segments(call, call.a, x.a + i + l * x.lda, x.lda);
         each_group<Tiling::columns>(call, rows, x.n);
@@ -84,14 +91,14 @@ struct Portable {
 
   // A tile's rows of op(A) are copied into a panel. One block of op(B) stays in the second-level
   // cache while all rows pass by.
-  static void in_panels(const Product<Element>& x, Sums sums) {
+  static void in_panels(const Product<Element>& x, Sums sums, bool add_zero) {
     for (Size j = 0; j < x.n; j += column_block) {
       const Size columns = min(column_block, x.n - j);
       for (Size l = 0; l < x.k; l += depth_limit) {
         const Size depth = min(depth_limit, x.k - l);
         for (Size i = 0; i < x.m;) {
           const Size rows = Tiling::rows_of_tile(x.m - i);
-          Call call = call_at(x, i, j, l, depth, sums);
+          Call call = call_at(x, i, j, l, depth, sums, add_zero);
           call.a_depth = tile_rows;
           with_panel<0>(call, x.a + offset<letters.a>(i, l, x.lda), x.lda, rows, columns);
           i += rows;
@@ -134,7 +141,7 @@ struct Portable {
         }
         in_panels({x.a + offset<letters.a>(i, 0, x.lda), x.b + offset<letters.b>(0, j, x.ldb), p,
                    rows, columns, x.k, x.lda, x.ldb, x.ldp},
-                  Sums::overwrite);
+                  Sums::overwrite, false);
         for (Size c = 0; c < columns; ++c) {
           for (Size row = 0; row < rows; ++row) {
             p[c * x.ldp + row] = add(old[c * tile_rows + row], p[c * x.ldp + row]);
