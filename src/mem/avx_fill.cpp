@@ -41,24 +41,22 @@ void* __orvex_avx_rep_memset(void* destination, int value, size_t count) {
   auto* d = static_cast<Byte*>(destination);
   const __m256i bytes = _mm256_set1_epi8(static_cast<char>(value));
   const __m128i half = _mm256_castsi256_si128(bytes);
-  if (count <= 64) {
-    if (count >= 16) {
-      fill_quarters<Piece16>(d, half, count);
+  if (count <= block / 2) {
+    if (count >= 32) {
+      fill_quarters<Piece32>(d, bytes, count);
       clear_upper_halves<1>();
       return destination;
     }
-    if (count >= 4) {
-      fill_quarters<Piece4>(d, static_cast<std::uint32_t>(_mm_cvtsi128_si32(half)), count);
+    if (count >= 8) {
+      fill_quarters<Piece8>(d, static_cast<std::uint64_t>(_mm_cvtsi128_si64(half)), count);
       clear_upper_halves<2>();
       return destination;
     }
-    if (count != 0) {
+    if (count >= 4) {
+      fill_head_tail<Piece4, 1>(d, static_cast<std::uint32_t>(_mm_cvtsi128_si32(half)), count);
+    } else if (count != 0) {
       d[0] = d[count / 2] = d[count - 1] = static_cast<Byte>(value);
     }
-  } else if (count <= block / 2) {
-    fill_head_tail<Piece32, 2>(d, bytes, count);
-    clear_upper_halves<3>();
-    return destination;
   } else if (count < block) {
     fill_head_tail<Piece32, 4>(d, bytes, count);
   } else {

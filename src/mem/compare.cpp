@@ -93,9 +93,9 @@ template <Access from = Access::Unaligned>
   return (x > y) - (x < y);
 }
 
-// A head and a tail of half a word as one number, the first byte the most significant one.
-[[gnu::always_inline]] inline std::uint64_t joined_halves(const Byte* p, size_t n) {
-  return __builtin_bswap64(word<Piece4>(p + n - 4) << 32 | word<Piece4>(p));
+// Two halves of a word as one number, the first byte the most significant one.
+[[gnu::always_inline]] inline std::uint64_t joined_halves(const Byte* first, const Byte* second) {
+  return __builtin_bswap64(word<Piece4>(second) << 32 | word<Piece4>(first));
 }
 
 // One to three bytes the same way.
@@ -104,14 +104,13 @@ template <Access from = Access::Unaligned>
 }
 
 [[gnu::always_inline]] inline int compare_below_16(const Byte* a, const Byte* b, size_t n) {
-  if (n >= 8) {
-    const std::uint64_t x = word<Piece8>(a), y = word<Piece8>(b);
-    const std::uint64_t x_tail = word<Piece8>(a + n - 8), y_tail = word<Piece8>(b + n - 8);
-    const bool equal = x == y;
-    return sign(__builtin_bswap64(equal ? x_tail : x), __builtin_bswap64(equal ? y_tail : y));
-  }
   if (n >= 4) {
-    return sign(joined_halves(a, n), joined_halves(b, n));
+    const size_t inner = inner_offset<Piece4>(n), last = n - 4;
+    const std::uint64_t x = joined_halves(a, a + inner), y = joined_halves(b, b + inner);
+    const std::uint64_t x_tail = joined_halves(a + last - inner, a + last);
+    const std::uint64_t y_tail = joined_halves(b + last - inner, b + last);
+    const bool equal = x == y;
+    return sign(equal ? x_tail : x, equal ? y_tail : y);
   }
   return n == 0 ? 0 : sign(joined_bytes(a, n), joined_bytes(b, n));
 }
@@ -132,14 +131,14 @@ template <Access from = Access::Unaligned>
 
 // More than 128 bytes that are in the two pages of a and b.
 [[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
-  const Byte* const a_last = a + n - 64;
-  const Byte* const b_last = b + n - 64;
-  for (; a < a_last; a += 64, b += 64) {
-    if (!all_set(equal_64(a, b))) {
-      return compare_stepwise(a, b, 64);
+  const Byte* const a_last = a + n - 128;
+  const Byte* const b_last = b + n - 128;
+  for (; a < a_last; a += 128, b += 128) {
+    if (!equal_128(a, b)) {
+      return compare_stepwise(a, b, 128);
     }
   }
-  return all_set(equal_64(a_last, b_last)) ? 0 : compare_stepwise(a_last, b_last, 64);
+  return equal_128(a_last, b_last) ? 0 : compare_stepwise(a_last, b_last, 128);
 }
 
 // More than 128 bytes, across any number of pages. The first range is read in blocks between
