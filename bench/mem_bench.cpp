@@ -1,4 +1,6 @@
 // The memory routines against the C library's, in one run: compare the lines of one group.
+#include "mem_bench.h"
+
 #include <benchmark/benchmark.h>
 #include <emmintrin.h>
 
@@ -87,34 +89,6 @@ void add_sizes(const std::string& name, Run run, std::initializer_list<std::int6
   }
 }
 
-// Bare loops of the instructions that the bulk methods use.
-void bare_string_copy(unsigned char* d, const unsigned char* s, size_t n) {
-  __asm__ volatile("rep movsb" : "+D"(d), "+S"(s), "+c"(n) : : "memory");
-}
-void bare_string_fill(unsigned char* d, const unsigned char*, size_t n) {
-  __asm__ volatile("rep stosb" : "+D"(d), "+c"(n) : "a"(7) : "memory");
-}
-[[gnu::target("avx")]] void bare_stream_copy(unsigned char* d, const unsigned char* s, size_t n) {
-  size_t offset = 0;
-  __asm__ volatile(
-      "1: prefetcht0 512(%[s],%[o])\n prefetcht0 576(%[s],%[o])\n prefetcht0 640(%[s],%[o])\n"
-      "prefetcht0 704(%[s],%[o])\n"
-      "vmovdqu (%[s],%[o]), %%ymm0\n vmovdqu 32(%[s],%[o]), %%ymm1\n vmovdqu 64(%[s],%[o]), "
-      "%%ymm2\n"
-      "vmovdqu 96(%[s],%[o]), %%ymm3\n vmovntdq %%ymm0, (%[d],%[o])\n vmovntdq %%ymm1, "
-      "32(%[d],%[o])\n"
-      "vmovntdq %%ymm2, 64(%[d],%[o])\n vmovntdq %%ymm3, 96(%[d],%[o])\n"
-      "vmovdqu 128(%[s],%[o]), %%ymm0\n vmovdqu 160(%[s],%[o]), %%ymm1\n vmovdqu 192(%[s],%[o]), "
-      "%%ymm2\n"
-      "vmovdqu 224(%[s],%[o]), %%ymm3\n vmovntdq %%ymm0, 128(%[d],%[o])\n vmovntdq %%ymm1, "
-      "160(%[d],%[o])\n"
-      "vmovntdq %%ymm2, 192(%[d],%[o])\n vmovntdq %%ymm3, 224(%[d],%[o])\n"
-      "add $256, %[o]\n cmp %[n], %[o]\n jb 1b\n sfence\n vzeroupper\n"
-      : [o] "+r"(offset)
-      : [d] "r"(d), [s] "r"(s), [n] "r"(n)
-      : "memory", "cc", "xmm0", "xmm1", "xmm2", "xmm3");
-}
-
 // What two 16-byte loads a cycle allow: equal ranges of a multiple of 64 bytes, no ends of pages
 // minded.
 int bare_compare(const void* first, const void* second, size_t n) {
@@ -144,8 +118,10 @@ void register_all() {
   add_mix("memcpy/server", copying(__orvex_tvr_avx512_memcpy));
   add_mix("memmove/libc", copying<CopyRoutine>(memmove));
   add_mix("memmove/ksomd", copying(_orvex_fast_memmove));
+  add_mix("memmove/variant", copying(__orvex_avx_memmove));
   add_mix("memset/libc", filling(memset));
   add_mix("memset/ksomd", filling(_orvex_fast_memset));
+  add_mix("memset/variant", filling(__orvex_avx_rep_memset));
   // Equal ranges: both are read in full.
   static unsigned char zeros[1 << 16];
   const auto equal = [](CompareRoutine* routine) {
@@ -160,16 +136,13 @@ void register_all() {
   add_sizes("memcmp/libc", equal(memcmp), {16384});
   add_sizes("memcmp/ksomd", equal(_orvex_fast_memcmp), {16384});
   add_sizes("memcmp/bare baseline", equal(bare_compare), {16384});
-  // Strings below the threshold of this processor, streams above it.
+  // With this processor's thresholds.
   add_sizes("memcpy/libc", copying<CopyRoutine>(memcpy), {4096, 16384, 65536, 1 << 24});
   add_sizes("memcpy/ksomd", copying(_orvex_fast_memcpy), {4096, 16384, 65536, 1 << 24});
-  add_sizes("memcpy/bare string", bare_string_copy, {16384});
-  add_sizes("memcpy/bare stream", bare_stream_copy, {65536, 1 << 24});
   add_sizes("memmove/libc", copying<CopyRoutine>(memmove), {4096, 16384});
   add_sizes("memmove/ksomd", copying(_orvex_fast_memmove), {4096, 16384});
   add_sizes("memset/libc", filling(memset), {4096, 16384, 65536});
   add_sizes("memset/ksomd", filling(_orvex_fast_memset), {4096, 16384, 65536});
-  add_sizes("memset/bare string", bare_string_fill, {16384, 65536});
 }
 
 }  // namespace
@@ -180,6 +153,8 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (ksomd::has_features(ksomd::mem::avx512_level)) {
     register_all();
+    ksomd::bench::register_bulk_methods();
+    ksomd::bench::register_grid();
   } else {
     std::puts("skipped: these benchmarks call variants that this processor lacks");
   }

@@ -37,11 +37,13 @@ FULL = {
                ("_n_n/(128|256|512)/|_(n_t|t_n|t_t)/(128|256)/", 5, 110),
                ("_(n_t|t_n|t_t)/512/(ksomd|openblas|blis|gfortran_native)/", 3, 40),
                ("_n_n/1024/", 3, 110), ("r8_n_n/2048/(ksomd|openblas|blis)/", 3, 20)],
+    "mem": [("^(mix|size|bulk)/", 9, 110), ("^grid/", 3, 100)],
     "": [("", 9, 150)],
 }
 QUICK = {
     "matmul": [("ceiling|_n_n/(8|64|256)/(ksomd|openblas|blis|gfortran_native)/", 3, 14)],
     "vec": [("fold/(i32|f32|f64)/.*/1000/|divide|convert", 3, 14)],
+    "mem": [("^(mix|size|bulk)/", 3, 14)],
     "": [("", 3, 14)],
 }
 
@@ -237,6 +239,33 @@ def plot_bars(pyplot, family, group, path):
     pyplot.close(figure)
 
 
+def grid_table(group):
+    """Sizes, the median cell of each, and the slowest one with its place."""
+    contestants = order({s.key.contestant for s in group})
+    yield "| bytes | " + " | ".join(f"{c}, ns | slowest cell" for c in contestants) + " |"
+    yield "|---" * (2 * len(contestants) + 1) + "|"
+    for size in sorted({s.key.size for s in group}):
+        cells = []
+        for contestant in contestants:
+            one = next(s for s in group if (s.key.size, s.key.contestant) == (size, contestant))
+            times, offset, distance = one.slowest_cell
+            cells.append(f"{one.median:.3g} | {times:.2f} ({offset}, {distance})")
+        yield f"| {size} | " + " | ".join(cells) + " |"
+
+
+def bare_table(group):
+    """Each case against the bare loop of its instructions."""
+    yield "| GB/s | ksomd | bare loop | share of it | spread |"
+    yield "|---|---|---|---|---|"
+    for case in sorted({s.key.case for s in group}):
+        ours, bare = (next(s for s in group if (s.key.case, s.key.contestant) == (case, contestant))
+                      for contestant in (OURS, "bare"))
+        method = case.partition("/")[2]
+        yield (f"| {method} | {ours.rate()[0]:.3g} | {bare.rate()[0]:.3g} | "
+               f"{100 * bare.median / ours.median:.0f} % | "
+               f"{100 * max(ours.spread, bare.spread):.0f} % |")
+
+
 def table(group):
     contestants = order({s.key.contestant for s in group})
     unit = group[0].rate()[1]
@@ -277,6 +306,23 @@ def write_page(results):
             lines += [f"## {TITLES.get(part, part)}", ""]
             part_before = part
         lines += [f"### {family}", ""]
+        if group[0].slowest_cells:
+            lines += ["Destinations at 12 offsets in a page; sources above and, negative, below at "
+                      "distances around powers of two, but for whole pages. In brackets the "
+                      "slowest cell's offset and distance; before them, how many times as long as "
+                      "the median cell of its size it takes. Cells beyond twice the median are "
+                      "short ranges that end a few bytes into a page, where a store takes tens of "
+                      "cycles; comparisons near the end of a page, which go by 16 bytes so as to "
+                      "read nothing behind a difference; and string instructions whose destination "
+                      "lies less than a line above the source, but for whole pages.", ""]
+            for case in sorted({s.key.case for s in group}):
+                of_case = [s for s in group if s.key.case == case]
+                lines += [f"#### {case.split('/')[1]}", "", *grid_table(of_case), ""]
+            continue
+        if {s.key.contestant for s in group} == {OURS, "bare"}:
+            lines += ["Each bulk method against a bare loop of its instructions on whole blocks: "
+                      "12 KiB in the cache, 1 MiB streamed.", "", *bare_table(group), ""]
+            continue
         cases = {}
         for one in group:
             cases.setdefault(one.key.case, []).append(one)

@@ -34,6 +34,7 @@ class Series:
     def __init__(self, part, name):
         self.part, self.name, self.key = part, name, Key(name)
         self.times, self.bytes, self.flops = [], None, None
+        self.slowest_cells = []  # of a grid: (times the median cell, offset, distance)
 
     @property
     def median(self):
@@ -46,6 +47,12 @@ class Series:
             return 0.0
         low, _, high = statistics.quantiles(self.times, n=4, method="inclusive")
         return (high - low) / 2 / self.median
+
+    @property
+    def slowest_cell(self):
+        """The cell that is the slowest of its size: in the repetition in which it is the least so,
+        since what disturbs a run makes cells slower, never faster."""
+        return min(self.slowest_cells)
 
     def rate(self):
         """(value, unit) as it is shown."""
@@ -74,6 +81,9 @@ def read_google(part, document):
             continue
         if "bytes_per_second" in run and "per_call" not in run:
             series.bytes = run["bytes_per_second"] * run["cpu_time"] * SCALE[run["time_unit"]] * 1e-9
+        if "slowest_cell" in run:
+            series.slowest_cells.append(
+                (run["slowest_cell"], int(run["offset"]), int(run["distance"])))
         if "GFLOP/s" in run:
             series.flops = run["GFLOP/s"] * nanoseconds
         series.times.append(nanoseconds)
