@@ -70,13 +70,26 @@ TYPED_TEST(Product, LongAndThin) {
   }
 }
 
+// Columns, or rows, some kilobytes apart.
+TYPED_TEST(Product, LargeLeadingDimensions) {
+  Random random(6);
+  Comparison<TypeParam> compare;
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    for (const Shape& shape : {Shape{150, 23, 140}, {147, 14, 257}, {13, 9, 20}}) {
+      Problem<TypeParam> x(layout, shape, 512);
+      x.fill(random, Values::Wide);
+      compare.all(x, random, Values::Wide);
+    }
+  }
+}
+
 // The packed path: shapes on both sides of its thresholds, chunks, row blocks, column panels.
 TEST(PackedProduct, ThresholdsChunksAndPanels) {
   Random random(4);
   Comparison<double> compare;
   const Shape shapes[] = {{33, 60, 60},    {34, 38, 38},    {34, 37, 38},    {34, 38, 37},
                           {37, 39, 38},    {35, 41, 112},   {36, 40, 224},   {39, 43, 230},
-                          {38, 38, 111},   {36, 44, 113},   {264, 40, 115},  {523, 42, 116},
+                          {38, 38, 111},   {36, 44, 113},   {264, 40, 115},  {527, 42, 116},
                           {33, 200, 200},  {35, 4001, 39},  {34, 2003, 113}, {34, 1999, 38},
                           {262, 2001, 38}, {36, 2000, 126}, {40, 4006, 41},  {41, 47, 673}};
   for (const Routines<double>& layout : routines<double>()) {

@@ -106,6 +106,8 @@ MUTATIONS = [
     ("matmul/tiles.cpp", "_mm_unpackhi_pd(pair, pair)", "_mm_unpacklo_pd(pair, pair)", "matmul_test"),
     ("matmul/packing.cpp", "l < depth ? member[r][l] : 0", "l < depth ? member[r][l] : 1", "matmul_test"),
     ("matmul/packed_panels.h", "tail != padded_depth(tail)", "false", "matmul_test"),
+    ("matmul/packed_panels.h", "b += C * b_column;", "b += b_column;", "matmul_test"),
+    ("matmul/portable.h", "piece[l * C + c] = call.b[s]", "piece[l * C + c] = call.b[0]", "matmul_test"),
     ("matmul/packed.cpp", "l < k_ - tail; l += depth_chunk", "l <= k_ - tail; l += depth_chunk",
      "matmul_test"),
     ("matmul/packed.cpp", "for (Size l = 0; l < start; l += depth_chunk)",

@@ -29,6 +29,12 @@ inline constexpr Size depth_block = 128;
 inline constexpr Size b_block_bytes = 393216;
 inline constexpr Size a_block_bytes = 262144;
 
+// Columns of op(B) that are stored across the depth are copied where at least so many tiles read
+// them and the values of a column lie at least so many bytes apart: their lines then share a few
+// sets of a cache. Measured: nearer ones are read as fast in place.
+inline constexpr Size tiles_worth_packing = 3;
+inline constexpr Size stride_worth_packing = 2048;
+
 // ---- packed double precision --------------------------------------------------------------------
 
 // Smaller products go to the portable kernels.
@@ -40,6 +46,10 @@ inline constexpr Size column_panel = 2000;  // columns of P per pass
 inline constexpr Size depth_chunk = 112;    // depth of a packed block
 inline constexpr Size row_chunk = 260;      // rows of a packed block of op(A)
 inline constexpr Size tile = 4;             // rows and columns of a register tile
+
+// The wide variants pack columns of op(B) that are stored along the depth for more rows than these
+// only: two blocks of op(A) read them as fast in place.
+inline constexpr Size rows_as_is = 2 * row_chunk;
 
 // A packed block: one panel per complete group of four rows of op(A), or columns of op(B), without
 // gaps; a panel has an entry of four values per depth index, padded with zeros to a multiple of

@@ -41,7 +41,10 @@ struct PackedPanels {
   static void chunk(const Product<Element>& x, const PanelMemory& memory, Size l, Size depth,
                     Size j, Size columns, Sums sums) {
     const Size rows = round_down(x.m, tile);
-    pack_b(x, l, depth, j, columns, memory.b);
+    const bool b_as_is = letters.b == Layout::n && rows <= rows_as_is;
+    if (!b_as_is) {
+      pack_b(x, l, depth, j, columns, memory.b);
+    }
     for (Size i = 0; i < rows; i += block_rows) {
       const Size count = min(block_rows, rows - i);
       pack_a(x, i, count, l, depth, memory.a);
@@ -53,24 +56,31 @@ struct PackedPanels {
       call.depth = depth;
       call.sums = sums;
       call.add_zero = depth != padded_depth(depth);
-      each_panel<Tiling::columns>(call, memory.b, count, columns);
+      if (b_as_is) {
+        each_panel<Source::in_place, Tiling::columns>(call, x.b + l + j * x.ldb, x.ldb, count,
+                                                      columns);
+      } else {
+        each_panel<Source::panels, Tiling::columns>(call, memory.b, depth, count, columns);
+      }
     }
   }
 
-  // All columns, all rows: one panel of op(B) after the other.
-  template <Size C>
-  static void each_panel(TileCall<Element>& call, const Element* b, Size rows, Size columns) {
-    call.b_depth = C;
-    call.b_column = 1;
+  // All columns, all rows: one group of columns after the other, whose starts in op(B) are
+  // `b_column` values apart per column.
+  template <Source source, Size C>
+  static void each_panel(TileCall<Element>& call, const Element* b, Size b_column, Size rows,
+                         Size columns) {
+    call.b_depth = source == Source::panels ? C : 1;
+    call.b_column = source == Source::panels ? 1 : b_column;
     for (; columns >= C; columns -= C) {
-      Tiling::set_segments(call, call.b, b, C);
+      Tiling::set_segments(call, call.b, b, call.b_depth);
       Tiling::template down<Source::panels, C>(call, rows);
-      b += C * call.depth;
+      b += C * b_column;
       call.p += C * call.ldp;
     }
     if constexpr (C > 1) {
       if (columns != 0) {
-        each_panel<C / 2>(call, b, rows, columns);
+        each_panel<source, C / 2>(call, b, b_column, rows, columns);
       }
     }
   }

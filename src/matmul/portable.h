@@ -74,11 +74,17 @@ struct Portable {
     }
   }
 
-  // All columns, all rows. A copy of the columns of op(B) costs more than it gives.
+  // All columns, all rows.
   template <Size C>
   static void each_group(Call& call, Size rows, Size columns) {
+    const bool copies = rows >= tiles_worth_packing * tile_rows &&
+                        call.b_depth * sizeof(Element) >= stride_worth_packing;
     for (; columns >= C; columns -= C) {
-      Tiling::template down<Source::in_place, C>(call, rows);
+      if (letters.b == Layout::t && copies) {
+        with_columns<C>(call, rows);
+      } else {
+        Tiling::template down<Source::in_place, C>(call, rows);
+      }
       Tiling::advance(call, call.b, C * call.b_column);
       call.p += C * call.ldp;
     }
@@ -87,6 +93,36 @@ struct Portable {
         each_group<C / 2>(call, rows, columns);
       }
     }
+  }
+
+  // Columns of op(B) that are stored across the depth are copied before all rows pass by.
+  template <Size C>
+  static void with_columns(Call call, Size rows) {
+    if constexpr (letters.b == Layout::t) {
+      with_columns<C, 0>(call, rows);
+    }
+  }
+
+  // Piece s of the copy lies in this frame, the others in those of the calls from here on.
+  template <Size C, Size s>
+  [[gnu::noinline]] static void with_columns(Call& call, Size rows) {
+    alignas(64) Element piece[Tiling::segment * C];
+    static_assert(sizeof piece <= segment_bytes);
+    const Size depth = min(Tiling::segment, call.depth - s * Tiling::segment);
+    for (Size l = 0; l < depth; ++l) {
+      for (Size c = 0; c < C; ++c) {
+        piece[l * C + c] = call.b[s][l * call.b_depth + c];
+      }
+    }
+    call.b[s] = piece;
+    if constexpr (s + 1 < Tiling::segments) {
+      if (call.depth > (s + 1) * Tiling::segment) {
+        with_columns<C, s + 1>(call, rows);
+        return;
+      }
+    }
+    call.b_depth = C;
+    Tiling::template down<Source::in_place, C>(call, rows);
   }
 
   // A tile's rows of op(A) are copied into a panel. One block of op(B) stays in the second-level
