@@ -56,8 +56,25 @@ FAMILIES = {"quad": [("(add|sub|mul|div)/", "arithmetic"), ("(to|from)_", "conve
             "pool": [("", "allocate and free")]}
 VERSIONS = {"clang": ["clang++-22", "--version"], "gcc": ["g++", "--version"],
             "gfortran": ["gfortran", "--version"], "C library": ["ldd", "--version"]}
-PACKAGES = ["libopenblas0-pthread", "libopenblas-dev", "libblis4-pthread", "libblis-dev",
-            "libblis4-serial", "libmimalloc2.0", "libbenchmark1debian", "libbenchmark-dev"]
+PACKAGES = ["libopenblas0-serial", "libblis4-serial", "libmimalloc2.0", "libbenchmark1debian"]
+# What a program tells of the kernels that its contestants were made to use.
+KERNELS = ["ksomd kernels", "openblas", "blis"]
+LEGENDS = {
+    "matmul": "Square matrices on one thread; the name tells the operands' type and layouts. "
+              "`ksomd_avx`, `ksomd_baseline`: with the wider kernels switched off; "
+              "`ksomd_portable`: the portable kernels, which pack nothing on the heap. The Fortran "
+              "compiler at -O3: `gfortran` calls its run-time library, whose kernels fuse and "
+              "follow the processor; `gfortran_inline` is inlined and baseline; `gfortran_native` "
+              "is inlined for this processor. The BLAS libraries fuse. `loop`: the plain loop "
+              "nest.",
+    "mem": "`variant`: called by its own name, without the dispatch; `generic`, `server`: other "
+           "variants. Distances are in bytes.",
+    "pool": "ns for the allocation and the release of a block.",
+    "quad": "`chain`: each operation waits for the one before it; `near`, `far`: exponents of "
+            "random operands.",
+    "vec": "`clang`, `gcc`: the plain loop at -O3 for the baseline; `library`: the C++ library's "
+           "sort and a scan.",
+}
 
 
 # ---- running ------------------------------------------------------------------------------------
@@ -304,6 +321,9 @@ def write_page(results):
     for (part, family), group in sorted(families(series).items()):
         if part != part_before:
             lines += [f"## {TITLES.get(part, part)}", ""]
+            told = results["parts"][part]["context"]
+            kernels = [f"- {name}: {told[name]}" for name in KERNELS if name in told]
+            lines += [LEGENDS.get(part, ""), "", *kernels, *([""] if kernels else [])]
             part_before = part
         lines += [f"### {family}", ""]
         if group[0].slowest_cells:
