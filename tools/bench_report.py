@@ -30,15 +30,18 @@ RESULTS = pathlib.Path("build/bench/results.json")
 PAGE = pathlib.Path("docs/benchmarks.md")
 PLOTS = pathlib.Path("docs/benchmarks")
 
-# What a part runs, in this order: (which benchmarks, repetitions of each, rough seconds). Large
-# matrices take seconds a product with the slower contestants, so that fewer are multiplied.
+# A complete run goes through all parts several times: neighbours on the machine disturb it for
+# seconds at a time, which is then one round of a benchmark.
+ROUNDS = 3
+# What a part runs in a round: (which benchmarks, repetitions of each, rough seconds). Large matrices
+# take seconds a product with the slower contestants, so that fewer are multiplied.
 FULL = {
-    "matmul": [("ceiling|/([2-9]|12|16|24|32|48|64)/", 7, 90),
-               ("_n_n/(128|256|512)/|_(n_t|t_n|t_t)/(128|256)/", 5, 110),
-               ("_(n_t|t_n|t_t)/512/(ksomd|openblas|blis|gfortran_native)/", 3, 40),
-               ("_n_n/1024/", 3, 110), ("r8_n_n/2048/(ksomd|openblas|blis)/", 3, 20)],
-    "mem": [("^(mix|size|bulk)/", 9, 110), ("^grid/", 3, 100)],
-    "": [("", 9, 150)],
+    "matmul": [("ceiling|/([2-9]|12|16|24|32|48|64)/", 3, 40),
+               ("_n_n/(128|256|512)/|_(n_t|t_n|t_t)/(128|256)/", 2, 45),
+               ("_(n_t|t_n|t_t)/512/(ksomd|openblas|blis|gfortran_native)/", 1, 15),
+               ("_n_n/1024/", 1, 40), ("r8_n_n/2048/(ksomd|openblas|blis)/", 1, 8)],
+    "mem": [("^(mix|size|bulk)/", 3, 40), ("^grid/", 1, 35)],
+    "": [("", 3, 50)],
 }
 QUICK = {
     "matmul": [("ceiling|_n_n/(8|64|256)/(ksomd|openblas|blis|gfortran_native)/", 3, 14)],
@@ -108,8 +111,8 @@ def await_end(process, what, seconds):
             print(f"  {what}: {time.monotonic() - started:.0f} s of about {seconds}", flush=True)
 
 
-def run_part(program, plan):
-    merged = {}
+def run_part(program, plan, merged):
+    """Adds the results to `merged`."""
     for chosen, repetitions, seconds in plan:
         count = count_of(program, chosen)
         if count == 0:
@@ -130,7 +133,6 @@ def run_part(program, plan):
         document = json.loads(out.read_text())
         merged.setdefault("context", document["context"])
         merged.setdefault("benchmarks", []).extend(document["benchmarks"])
-    return merged
 
 
 def first_line(command):
@@ -158,17 +160,18 @@ def processor_name():
     return platform.processor()
 
 
-def run_all(chosen, plan, command):
+def run_all(chosen, plan, rounds, command):
     results = {"processor": processor_name(), "processors": os.cpu_count(),
                "date": datetime.date.today().isoformat(), "command": command,
                "versions": versions(), "load": os.getloadavg()[0], "parts": {}}
     started = time.monotonic()
     plans = {part: plan.get(part, plan[""]) for part in chosen}
-    left = sum(seconds for runs in plans.values() for _, _, seconds in runs)
-    for part, program in chosen.items():
-        print(f"{part}: about {left:.0f} s left in all", flush=True)
-        results["parts"][part] = run_part(program, plans[part])
-        left -= sum(seconds for _, _, seconds in plans[part])
+    left = rounds * sum(seconds for runs in plans.values() for _, _, seconds in runs)
+    for done in range(rounds):
+        for part, program in chosen.items():
+            print(f"{part}, round {done + 1} of {rounds}: about {left:.0f} s left in all", flush=True)
+            run_part(program, plans[part], results["parts"].setdefault(part, {}))
+            left -= sum(seconds for _, _, seconds in plans[part])
     print(f"{time.monotonic() - started:.0f} s")
     return results
 
@@ -301,6 +304,7 @@ def write_page(results):
     import matplotlib
     matplotlib.use("svg")
     matplotlib.rcParams["svg.hashsalt"] = "ksomd"
+    matplotlib.rcParams["svg.fonttype"] = "none"
     from matplotlib import pyplot
 
     PLOTS.mkdir(parents=True, exist_ok=True)
@@ -312,7 +316,7 @@ def write_page(results):
              f"- Date: {results['date']}", f"- Command: `{results['command']}`",
              f"- Load when it began: {results['load']:.1f}",
              "- Versions: " + "; ".join(f"{n}: {v}" for n, v in results["versions"].items()), "",
-             "Medians of interleaved repetitions; the spread is half the distance between the "
+             "Medians of interleaved repetitions, in several rounds; the spread is half the distance between the "
              "quartiles, the largest of a row. \"Times the best peer\" is how many times as fast "
              "as the fastest peer the library is. Dashed: what the processor itself can do in a "
              "bare loop.", ""]
@@ -401,7 +405,8 @@ def main():
     chosen = {p: path for p, path in available.items() if not arguments.parts or p in arguments.parts}
     old = json.loads(arguments.compare.read_text()) if arguments.compare else None
     command = " ".join(["./dev bench", *sys.argv[1:]])
-    results = run_all(chosen, QUICK if arguments.quick else FULL, command)
+    plan, rounds = (QUICK, 1) if arguments.quick else (FULL, ROUNDS)
+    results = run_all(chosen, plan, rounds, command)
     arguments.out.parent.mkdir(parents=True, exist_ok=True)
     arguments.out.write_text(json.dumps(results))
     print(f"Raw results: {arguments.out}")
