@@ -3,10 +3,9 @@
 //
 // Both directions divide one long integer by another, digit by digit:
 //
-//   to decimal      m * 2^e = 0.d1 d2 d3 ... * 10^k     digits of base 10 (Steele and White, "How
-//   to
-//                                                       print floating-point numbers accurately",
-//                                                       1990, for the shortest sequence)
+//   to decimal      m * 2^e = 0.d1 d2 d3 ... * 10^k     digits of base 10; the shortest sequence as
+//                                                       in Steele and White, "How to print
+//                                                       floating-point numbers accurately", 1990
 //   from decimal    N * 10^p = h0.h1 h2 ... * 2^x       digits of base 16, then one rounding
 //
 // Integers live on the stack; nothing allocates. Everything is constexpr and reads no rounding
