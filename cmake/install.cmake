@@ -4,6 +4,7 @@
 #   include/ksomd/            the headers, the Fortran module and the export list
 #   bin/libksomd.dll          lib/libksomd.dll.a  lib/libksomd.a      on Windows
 #   lib/libksomd.so[.N]       lib/libksomd.a                          on Linux
+#   lib/libksomd_unwind.so    lib/libksomd_unwind.a                   what the archive needs there
 #   lib/cmake/ksomd/          find_package(ksomd): ksomd::shared and ksomd::static
 #   lib/pkgconfig/ksomd.pc    pkg-config ksomd
 #   bin/ksomd-info            what the library finds on a processor, and its manual page in share/man
@@ -31,8 +32,16 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ksomdConfigVersion.
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ksomdConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/ksomdConfigVersion.cmake DESTINATION ${package_directory})
 
+if(WIN32)
+  set(KSOMD_PRIVATE_LIBS -limagehlp)
+else()
+  set(KSOMD_PRIVATE_LIBS -lksomd_unwind)
+  install(FILES ${CMAKE_BINARY_DIR}/libksomd_unwind.a ${CMAKE_BINARY_DIR}/libksomd_unwind.so
+    DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 # An absolute directory stays what it is; the others move with the prefix.
 file(RELATIVE_PATH KSOMD_PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KSOMD_PC_PREFIX ${KSOMD_PC_PREFIX})
 foreach(directory LIBDIR INCLUDEDIR)
   set(KSOMD_PC_${directory} "\${prefix}")
   cmake_path(APPEND KSOMD_PC_${directory} ${CMAKE_INSTALL_${directory}})

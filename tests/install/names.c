@@ -15,6 +15,9 @@ int main(void) {
   a_itoq(&one, 1);
   a_addq(&two, &one, &one);
   __orvex_memcpy(text, "client ran", sizeof text);
-  puts(a_qtoi(&two, KSOMD_ROUND_TOWARD_ZERO) == 2 && __detect_cpu_core_type_1n() == __detect_cpu_core_type() ? text : "wrong");
+  puts(a_qtoi(&two, KSOMD_ROUND_TOWARD_ZERO) == 2 &&
+               __detect_cpu_core_type_1n() == __detect_cpu_core_type()
+           ? text
+           : "wrong");
   return 0;
 }
