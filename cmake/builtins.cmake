@@ -9,8 +9,13 @@ set(target_option "")
 if(CMAKE_CXX_COMPILER_TARGET)
   set(target_option --target=${CMAKE_CXX_COMPILER_TARGET})
 endif()
-execute_process(COMMAND clang++-22 ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
+ksomd_llvm_tool(KSOMD_CLANG clang++)
+ksomd_llvm_tool(KSOMD_OBJCOPY llvm-objcopy)
+execute_process(COMMAND ${KSOMD_CLANG} ${target_option} -rtlib=compiler-rt -print-libgcc-file-name
   OUTPUT_VARIABLE archive OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+if(NOT EXISTS ${archive})
+  message(FATAL_ERROR "${KSOMD_CLANG} has no builtins at ${archive}")
+endif()
 if(WIN32)
   set(suffix .c.obj)
 else()
@@ -32,7 +37,7 @@ foreach(routine IN LISTS routines)
   set(object ${directory}/${routine}${suffix})
   add_custom_command(OUTPUT ${object}
     COMMAND ${CMAKE_AR} x --output=${directory} ${archive} ${routine}${suffix}
-    COMMAND llvm-objcopy-22 ${options} ${object}
+    COMMAND ${KSOMD_OBJCOPY} ${options} ${object}
     DEPENDS ${archive} VERBATIM)
   set_source_files_properties(${object} PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
   list(APPEND KSOMD_BUILTIN_OBJECTS ${object})

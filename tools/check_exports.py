@@ -1,6 +1,10 @@
 #!/usr/bin/env python3
 """Compares what a shared object exports with the module-definition file: the names, which of them
-are data, and which of them are one routine."""
+are data, and which of them are one routine. In the static archive each name is an ordinary symbol
+of the object that defines its routine: linkers agree on nothing else.
+
+usage: check_exports.py DEFINITION_FILE SHARED_OBJECT ARCHIVE
+"""
 
 import collections
 import re
@@ -12,7 +16,7 @@ def defined_names(path):
     """Every exported name of the definition file, with its target and whether it is data."""
     names = {}
     for line in open(path, encoding="ascii"):
-        words = line.split(";")[0].split()
+        words = line.split(";")[0].replace('"', "").split()
         if words and words[0] not in ("LIBRARY", "EXPORTS"):
             target = words[2] if words[1:2] == ["="] else words[0]
             names[words[0]] = (target, words[-1] == "DATA")
@@ -43,6 +47,33 @@ def section_range(path, name):
     return range(start, start + size)
 
 
+# A line of llvm-objdump --syms that defines an ordinary external symbol, of ELF and of COFF.
+ELF_SYMBOL = re.compile(r"(\w{16}) g.{5}[FO] (\S+)\t\w{16} (?:\.hidden )?(\S+)$")
+COFF_SYMBOL = re.compile(r"\[ *\d+\]\(sec +(\d+)\)\(fl 0x00\)\(ty +\w+\)\(scl   2\) \(nx 0\) "
+                         r"0x(\w{8}) (\S+)$")
+
+
+def archive_symbols(path):
+    """The places of every ordinary external symbol: member, section and offset."""
+    places, member = collections.defaultdict(list), None
+    for line in subprocess.check_output(["llvm-objdump-22", "--syms", path], text=True).splitlines():
+        if "\tfile format " in line:
+            member = line
+        elif found := ELF_SYMBOL.match(line) or COFF_SYMBOL.match(line):
+            *place, name = found.groups()
+            if place[0] != "0":
+                places[name].append((member, *place))
+    return places
+
+
+def archive_problems(expected, places):
+    for name, (target, _) in sorted(expected.items()):
+        if len(places[name]) != 1:
+            yield f"{name} is defined {len(places[name])} times in the archive"
+        elif places[name] != places[target]:
+            yield f"{name} is not {target} in the archive"
+
+
 def problems(expected, actual):
     for name in sorted(expected.keys() - actual.keys()):
         yield f"missing: {name}"
@@ -62,10 +93,10 @@ def problems(expected, actual):
 
 
 def main():
-    definition, shared_object = sys.argv[1:]
+    definition, shared_object, archive = sys.argv[1:]
     expected = defined_names(definition)
     actual = pe_exports(shared_object) if shared_object.endswith(".dll") else elf_exports(shared_object)
-    found = list(problems(expected, actual))
+    found = [*problems(expected, actual), *archive_problems(expected, archive_symbols(archive))]
     for problem in found:
         print(f"{shared_object}: {problem}")
     print(f"{len(actual)} exported names, {len(expected)} in the definition file")

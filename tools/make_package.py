@@ -63,7 +63,7 @@ def install(place, preset, jobs, when):
                    if not key.endswith("_COMPILER_LAUNCHER")}
     environment.update(CCACHE_DISABLE="1", SOURCE_DATE_EPOCH=str(when))
     flags = f"-ffile-prefix-map={source}/="
-    run("cmake", "--preset", preset, "-DKSOMD_TESTS=OFF",
+    run("cmake", "--preset", preset, "-DKSOMD_TESTS=OFF", "-DCMAKE_INSTALL_LIBDIR=lib",
         *(f"-DCMAKE_{language}_FLAGS={flags}" for language in ("C", "CXX", "ASM")),
         cwd=source, env=environment)
     run("cmake", "--build", build, "--parallel", jobs, "--target", *TARGETS, env=environment)

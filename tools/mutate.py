@@ -80,7 +80,8 @@ class Workshop:
         if not (self.build / "build.ninja").exists():
             log = self.top / "configure.log"
             if run(["cmake", "-G", "Ninja", "-B", str(self.build), "-DCMAKE_BUILD_TYPE=Release",
-                    "-DKSOMD_OPTIMIZE=1", "-DCMAKE_TOOLCHAIN_FILE=" + str(TOP / "cmake/host.cmake")],
+                    "-DKSOMD_TESTS=ON", "-DKSOMD_OPTIMIZE=1",
+                    "-DCMAKE_TOOLCHAIN_FILE=" + str(TOP / "cmake/host.cmake")],
                    self.top, log):
                 sys.exit(f"The copy does not configure: {log}")
 

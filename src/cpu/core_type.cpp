@@ -1,6 +1,7 @@
 #include "cpu/core_type.h"
 
 #include "ksomd/core.h"
+#include "second_names.h"
 
 std::uint8_t __cpu_core_type[ksomd::core_type_entries];
 
@@ -63,3 +64,4 @@ std::uint32_t __detect_cpu_core_type() {
                    reading.type, __ATOMIC_RELAXED);
   return reading.type;
 }
+KSOMD_SECOND_NAMES(__detect_cpu_core_type);

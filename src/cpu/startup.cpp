@@ -10,6 +10,7 @@
 #include "cpu/isa_names.h"
 #include "ksomd/processor.h"
 #include "msg/messages.h"
+#include "second_names.h"
 
 namespace ksomd {
 namespace {
@@ -250,47 +251,63 @@ void __orvex_new_proc_init_E(std::uint32_t flags) {
 void __orvex_report_B() {
   report(level_B);
 }
+KSOMD_SECOND_NAMES(__orvex_report_B);
 void __orvex_report_N() {
   report(level_N);
 }
+KSOMD_SECOND_NAMES(__orvex_report_N);
 void __orvex_report_P() {
   report(level_P);
 }
+KSOMD_SECOND_NAMES(__orvex_report_P);
 void __orvex_report_T() {
   report(level_T);
 }
+KSOMD_SECOND_NAMES(__orvex_report_T);
 void __orvex_report_L() {
   report(level_L);
 }
+KSOMD_SECOND_NAMES(__orvex_report_L);
 void __orvex_report_S() {
   report(level_S);
 }
+KSOMD_SECOND_NAMES(__orvex_report_S);
 void __orvex_report_H() {
   report(level_H);
 }
+KSOMD_SECOND_NAMES(__orvex_report_H);
 void __orvex_report_G() {
   report(level_G);
 }
+KSOMD_SECOND_NAMES(__orvex_report_G);
 void __orvex_report_I() {
   report(level_I);
 }
+KSOMD_SECOND_NAMES(__orvex_report_I);
 void __orvex_report_E() {
   report(level_E);
 }
+KSOMD_SECOND_NAMES(__orvex_report_E);
 void __orvex_report_none() {}
+KSOMD_SECOND_NAMES(__orvex_report_none);
 
 void __orvex_fp_mode_default() {
   __orvex_set_fp_mode(0, default_flags);
 }
+KSOMD_SECOND_NAMES(__orvex_fp_mode_default);
 void __orvex_fp_mode_default_daz() {
   __orvex_set_fp_mode(daz, default_flags);
 }
+KSOMD_SECOND_NAMES(__orvex_fp_mode_default_daz);
 void __orvex_fp_mode(std::uint32_t flags) {
   __orvex_set_fp_mode(0, flags);
 }
+KSOMD_SECOND_NAMES(__orvex_fp_mode);
 void __orvex_fp_mode_daz(std::uint32_t flags) {
   __orvex_set_fp_mode(daz, flags);
 }
+KSOMD_SECOND_NAMES(__orvex_fp_mode_daz);
 void __orvex_fp_mode_daz_17(std::uint32_t flags) {
   __orvex_set_fp_mode(daz_17, flags);
 }
+KSOMD_SECOND_NAMES(__orvex_fp_mode_daz_17);

@@ -2,6 +2,7 @@
 #include "cpu/feature_set.h"
 #include "cpu/feature_table.h"
 #include "matmul/kernels.h"
+#include "second_names.h"
 
 using ksomd::matmul::Size;
 
@@ -13,12 +14,12 @@ constexpr std::uint64_t packed_features = ksomd::feature_mask("X87", "CMOV", "MM
 
 extern "C" {
 
-// Exported as NAME.J.
 #define KSOMD_DEFINE(code, element, a, b)                                                          \
   void _MATMUL_##code##_##a##_##b##_packed(const element* A, const element* B, element* P, Size m, \
                                            Size k, Size n, Size lda, Size ldb, Size ldp) {         \
     _MATMUL_##code##_##a##_##b##_QWide(A, B, P, m, n, k, lda, ldb, ldp);                           \
-  }
+  }                                                                                                \
+  KSOMD_SECOND_NAMES(_MATMUL_##code##_##a##_##b##_packed);
 KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE)
 #undef KSOMD_DEFINE
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "matmul/in_order.h"
+#include "second_names.h"
 
 namespace ksomd::matmul {
 
@@ -106,6 +107,7 @@ using namespace ksomd::matmul;
     multiply_portable<element, Letters{Layout::letter_a, Layout::letter_b}>(               \
         {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::on_cleared, &Variant::code); \
   }                                                                                        \
+  KSOMD_SECOND_NAMES(_MATMUL_##code##_##letter_a##_##letter_b##_portable);                 \
   void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(                             \
       const element* a, const element* b, element* p, Size rows, Size columns, Size depth, \
       Size lda, Size ldb, Size ldp) {                                                      \

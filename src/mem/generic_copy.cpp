@@ -1,5 +1,6 @@
 #include "ksomd/memory.h"
 #include "mem/blocks.h"
+#include "second_names.h"
 
 namespace ksomd::mem {
 namespace {
@@ -240,6 +241,7 @@ void* __orvex_new_memcpy(void* destination, const void* source, size_t count) {
   const auto* s = static_cast<const Byte*>(source);
   return count <= 8 ? byte_tail[count](d, s, destination) : copy_ascending(d, s, count);
 }
+KSOMD_SECOND_NAMES(__orvex_new_memcpy);
 
 void* __orvex_new_memmove(void* destination, const void* source, size_t count) {
   auto* d = static_cast<Byte*>(destination);

@@ -1,5 +1,6 @@
 #include "ksomd/memory.h"
 #include "mem/blocks.h"
+#include "second_names.h"
 
 namespace ksomd::mem {
 namespace {
@@ -116,3 +117,4 @@ void* __orvex_new_memset(void* destination, int value, size_t count) {
   return __libkso_mem_tuning.mem_class == sse2_class ? fill_sse2(d, bytes, count, destination)
                                                      : fill_integer(d, bytes, count, destination);
 }
+KSOMD_SECOND_NAMES(__orvex_new_memset);

@@ -2,6 +2,7 @@
 
 #include "ksomd/memory.h"
 #include "mem/blocks.h"
+#include "second_names.h"
 
 namespace ksomd::mem {
 namespace {
@@ -120,14 +121,17 @@ void* _VEC_memcpy(void* destination, const void* source, size_t count) {
        [] { return read_clock(); });
   return destination;
 }
+KSOMD_SECOND_NAMES(_VEC_memcpy);
 
 void* _VEC_memset(void* destination, int value, size_t count) {
   fill<Rest::Words>(static_cast<Byte*>(destination), repeat_byte(value), count,
                     [] { return read_clock(); });
   return destination;
 }
+KSOMD_SECOND_NAMES(_VEC_memset);
 
 void* _VEC_memzero(void* destination, int, size_t count) {
   fill<Rest::Bytes>(static_cast<Byte*>(destination), 0, count, [] { return read_clock(); });
   return destination;
 }
+KSOMD_SECOND_NAMES(_VEC_memzero);

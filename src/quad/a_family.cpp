@@ -2,6 +2,7 @@
 // through the x87 unit, and to and from complex quads.
 #include "quad/format.h"
 #include "quad/to_quad.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -56,6 +57,7 @@ void a_cqtoq(quad128* r, const cquad128* x) {
 std::int32_t a_cqtoi(const cquad128* x) {
   return __qtoi(&x->re, KSOMD_ROUND_TOWARD_ZERO);
 }
+KSOMD_SECOND_NAMES(a_cqtoi);
 std::int64_t a_cqtoj(const cquad128* x) {
   return __qtoj(&x->re, KSOMD_ROUND_TOWARD_ZERO);
 }

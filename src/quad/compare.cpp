@@ -3,6 +3,7 @@
 // Numbers of both signs are ordered like the integers that sign and magnitude make: magnitudes
 // count up from +0 and -magnitudes down from it, so that -0 and +0 meet at 0.
 #include "quad/format.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -53,22 +54,29 @@ template <class Relation>
 std::int32_t __eqq(const quad128* a, const quad128* b) {
   return equal(load(a), load(b));
 }
+KSOMD_SECOND_NAMES(__eqq);
 std::int32_t __neq(const quad128* a, const quad128* b) {
   return !equal(load(a), load(b));
 }
+KSOMD_SECOND_NAMES(__neq);
 
 std::int32_t __ltq(const quad128* a, const quad128* b) {
   return compare(a, b, [](Int128 x, Int128 y) { return x < y; });
 }
+KSOMD_SECOND_NAMES(__ltq);
 std::int32_t __leq(const quad128* a, const quad128* b) {
   return compare(a, b, [](Int128 x, Int128 y) { return x <= y; });
 }
+KSOMD_SECOND_NAMES(__leq);
 std::int32_t __gtq(const quad128* a, const quad128* b) {
   return compare(a, b, [](Int128 x, Int128 y) { return y < x; });
 }
+KSOMD_SECOND_NAMES(__gtq);
 std::int32_t __geq(const quad128* a, const quad128* b) {
   return compare(a, b, [](Int128 x, Int128 y) { return y <= x; });
 }
+KSOMD_SECOND_NAMES(__geq);
 std::int32_t __compareq(const quad128* a, const quad128* b) {
   return compare(a, b, [](Int128 x, Int128 y) { return (y < x ? 1 : 0) - (x < y ? 1 : 0); });
 }
+KSOMD_SECOND_NAMES(__compareq);

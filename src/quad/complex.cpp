@@ -1,6 +1,7 @@
 // Complex arithmetic and comparisons, every step a quad operation. Results are stored last: they
 // may overlay operands.
 #include "quad/format.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -42,6 +43,7 @@ void __caddq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad12
   const quad128 im = sum(*a_im, *b_im);
   *r = {re, im};
 }
+KSOMD_SECOND_NAMES(__caddq);
 
 void __csubq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad128* b_re,
              const quad128* b_im) {
@@ -49,6 +51,7 @@ void __csubq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad12
   const quad128 im = difference(*a_im, *b_im);
   *r = {re, im};
 }
+KSOMD_SECOND_NAMES(__csubq);
 
 void __cmulq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad128* b_re,
              const quad128* b_im) {
@@ -60,6 +63,7 @@ void __cmulq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad12
   const quad128 im = sum(re_im, im_re);
   *r = {re, im};
 }
+KSOMD_SECOND_NAMES(__cmulq);
 
 void __cdivq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad128* b_re,
              const quad128* b_im) {
@@ -76,12 +80,14 @@ void __cdivq(cquad128* r, const quad128* a_re, const quad128* a_im, const quad12
   const quad128 im = product(y, inverse);
   *r = {re, im};
 }
+KSOMD_SECOND_NAMES(__cdivq);
 
 void __cnegq(cquad128* r, const quad128* a_re, const quad128* a_im) {
   const quad128 re = {a_re->low, a_re->high ^ sign_bit};
   const quad128 im = {a_im->low, a_im->high ^ sign_bit};
   *r = {re, im};
 }
+KSOMD_SECOND_NAMES(__cnegq);
 
 std::int32_t __ceqq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                     const quad128* b_im) {

@@ -1,6 +1,7 @@
 // Quotients.
 #include "quad/dispatch.h"
 #include "quad/format.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -168,3 +169,4 @@ void __divq(quad128* r, const quad128* a, const quad128* b) {
   }
   return divide_on_doubt(r, a, b);
 }
+KSOMD_SECOND_NAMES(__divq);

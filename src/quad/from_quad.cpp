@@ -1,6 +1,7 @@
 // Conversions from quad to the processor's own types.
 #include "quad/format.h"
 #include "quad/to_quad.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -243,9 +244,11 @@ template <class Integer>
 double __qtod(const quad128* a) {
   return Narrowing<double>::convert(a);
 }
+KSOMD_SECOND_NAMES(__qtod);
 float __qtof(const quad128* a) {
   return Narrowing<float>::convert(a);
 }
+KSOMD_SECOND_NAMES(__qtof);
 
 extended80* __qtol(extended80* r, const quad128* a) {
   constexpr int remainder_bits = 49;
@@ -285,9 +288,11 @@ extended80* __qtol(extended80* r, const quad128* a) {
 std::int32_t __qtoi(const quad128* a, std::int32_t mode) {
   return to_signed<std::int32_t>(a, mode, true);
 }
+KSOMD_SECOND_NAMES(__qtoi);
 std::int64_t __qtoj(const quad128* a, std::int32_t mode) {
   return to_signed<std::int64_t>(a, mode, false);
 }
+KSOMD_SECOND_NAMES(__qtoj);
 std::uint32_t __qtou(const quad128* a) {
   return to_unsigned<std::uint32_t>(a);
 }

@@ -1,6 +1,7 @@
 // Products.
 #include "quad/dispatch.h"
 #include "quad/format.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -102,3 +103,4 @@ void __mulq(quad128* r, const quad128* a, const quad128* b) {
   }
   return multiply_on_doubt(r, a, b);
 }
+KSOMD_SECOND_NAMES(__mulq);

@@ -12,6 +12,7 @@
 
 #include "quad/dispatch.h"
 #include "quad/format.h"
+#include "second_names.h"
 
 using namespace ksomd::quad;
 
@@ -207,6 +208,8 @@ void quad_subtract_magnitudes_32(quad128* r, const quad128* a, const quad128* b)
 void __addq(quad128* r, const quad128* a, const quad128* b) {
   sum_or_difference(r, a, b, 0);
 }
+KSOMD_SECOND_NAMES(__addq);
 void __subq(quad128* r, const quad128* a, const quad128* b) {
   sum_or_difference(r, a, b, sign_bit);
 }
+KSOMD_SECOND_NAMES(__subq);

@@ -1,11 +1,38 @@
-// A C++ program that uses an installed ksomd.
+// A C++ program that uses an installed ksomd: start-up, a walk through the stack, and exceptions,
+// which walk the stack by other means.
 #include <ksomd/processor.h>
+#include <ksomd/traceback.h>
 
 #include <cstdio>
+#include <stdexcept>
+
+namespace {
+
+int left;
+
+struct Scope {
+  ~Scope() { ++left; }
+};
+
+[[gnu::noinline]] void fail(int levels) {
+  const Scope scope;
+  if (levels == 0) {
+    char text[1000];
+    tbk_string_stack_signal(nullptr, text, sizeof text, 1, 0);
+    throw std::runtime_error(text);
+  }
+  fail(levels - 1);
+}
+
+}  // namespace
 
 int main() {
   __orvex_new_proc_init(0);
   __orvex_proc_init_B();
-  std::puts("client ran");
+  try {
+    fail(3);
+  } catch (const std::exception& error) {
+    std::puts(error.what()[0] != '\0' && left == 4 ? "client ran" : "wrong");
+  }
   return 0;
 }
