@@ -145,8 +145,10 @@ class Workshop:
         # CTest itself tells the command of a test only once its program has been built.
         for line in (self.build / "tests/CTestTestfile.cmake").read_text().splitlines():
             if line.startswith("add_test("):
-                name, *command = re.findall(r'\[=\[(.*?)\]=\]|"([^"]*)"', line)
-                self.commands[name[0]] = [quoted for _, quoted in command]
+                name, *command = (
+                    bracketed or quoted
+                    for bracketed, quoted in re.findall(r'\[=\[(.*?)\]=\]|"([^"]*)"', line))
+                self.commands[name] = command
 
     def is_sound(self, test):
         """Whether the test's program builds and passes without a defect."""
