@@ -143,7 +143,9 @@ class Workshop:
                    self.top, log):
                 sys.exit(f"The copy does not configure: {log}")
         # CTest itself tells the command of a test only once its program has been built.
-        for line in (self.build / "tests/CTestTestfile.cmake").read_text().splitlines():
+        lines = (line for listing in self.build.glob("tests/**/CTestTestfile.cmake")
+                 for line in listing.read_text().splitlines())
+        for line in lines:
             if line.startswith("add_test("):
                 name, *command = (
                     bracketed or quoted
