@@ -26,12 +26,12 @@ class Info:
     def __init__(self, *command):
         self.command = command
 
-    def run(self, *options, disable=None):
+    def run(self, *options, disable=None, output=subprocess.PIPE):
         environment = {key: value for key, value in os.environ.items() if key != VARIABLE}
         if disable is not None:
             environment[VARIABLE] = disable
         result = subprocess.run([*self.command, *options], env=environment,
-                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stdin=subprocess.DEVNULL, stdout=output,
                                 stderr=subprocess.PIPE, text=True)
         return result.returncode, result.stdout, result.stderr
 
@@ -66,6 +66,10 @@ def check_usage(info):
         status, output, errors = info.run(option)
         expect(status == 0 and output != "" and errors == "", option, status, errors)
     expect("avx3" in info.run("--require", "sse2,avx3")[2], "the unknown name is not named")
+    with open("/dev/full", "w", encoding="ascii") as full:
+        for options in ([], ["--json"], ["--version"], ["--require", "plxni"]):
+            status, _, errors = info.run(*options, output=full)
+            expect(status == 3 and "cannot write" in errors, options, "on a full disk:", status)
 
 
 def check_consistency(info, report):
@@ -88,8 +92,11 @@ def check_consistency(info, report):
 
 
 def check_variable(info, before):
-    after = info.json(disable="sse2,nonsense,,avx2")
+    misspelt = "sse2,nonsense,,avx2"
+    after = info.json(disable=misspelt)
     expect(after["disable_variable"]["unknown"] == ["nonsense"], after["disable_variable"])
+    expect('"nonsense" there names no feature' in info.run(disable=misspelt)[1],
+           "the text does not mark a misspelt name")
     lost = present(before) - present(after)
     expect(lost == {"SSE2", "AVX2"} & present(before), "switched off:", lost)
     expect(features(after)["SSE2"]["reason"] == f"switched off by {VARIABLE}",

@@ -3,8 +3,8 @@
  * A program that routes malloc, calloc, realloc and free through the pool routines declares first
  * which request sizes are hot. Every request of exactly such a size is served from a pool: one
  * large region of equal blocks, handed out one after the other. Blocks are not reused one by one:
- * when all blocks of a region are freed, the region as a whole starts again. Every other request
- * goes to the C library's heap, as do all requests before __i_pool_init.
+ * when all blocks of a region have been handed out and freed, the region as a whole starts again.
+ * Every other request goes to the C library's heap, as do all requests before __i_pool_init.
  *
  * A region holds 300000 blocks for the sizes 40, 48 and 96, and 30000 for every other size. It
  * comes from the heap in one request and is kept until the process ends. At most 50 pools exist;

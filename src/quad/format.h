@@ -1,4 +1,5 @@
-// The binary128 format: its fields, and the one place where results are rounded and packed.
+// The binary128 format: its fields, and the one place where binary128 results are rounded and
+// packed. Results of narrower formats are in from_quad.cpp.
 #pragma once
 
 #include <cstdint>

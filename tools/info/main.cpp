@@ -10,7 +10,7 @@ namespace {
 
 using namespace ksomd::info;
 
-constexpr int fulfilled = 0, not_fulfilled = 1, wrong_usage = 2;
+constexpr int fulfilled = 0, not_fulfilled = 1, wrong_usage = 2, not_written = 3;
 
 constexpr char usage[] =
     "usage: ksomd-info [--json | --require NAMES | --version | --help]\n"
@@ -27,7 +27,7 @@ constexpr char usage[] =
     "  --help           this text\n"
     "\n"
     "Exit status: 0, with --require only if every named feature is there; 1, a named feature is\n"
-    "missing; 2, wrong usage or a name that no feature has.\n"
+    "missing; 2, wrong usage or a name that no feature has; 3, the output cannot be written.\n"
     "\n"
     "The variable ORVEX_ISA_DISABLE switches features off here as it does in every program.\n";
 
@@ -84,5 +84,11 @@ int run(int count, char** words) {
 }  // namespace
 
 int main(int count, char** words) {
-  return run(count, words);
+  const int status = run(count, words);
+  const bool flushed = std::fflush(stdout) == 0;
+  if (!flushed || std::ferror(stdout) != 0) {
+    std::fprintf(stderr, "ksomd-info: cannot write to standard output\n");
+    return not_written;
+  }
+  return status;
 }
