@@ -1,0 +1,286 @@
+// The exported pool routines against a model of what a program may count on: which request is
+// served by which block of which region. The pools last as long as the process, so one story tells
+// all.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <numeric>
+#include <vector>
+
+#include "ksomd/pool.h"
+#include "support/entry.h"
+#include "support/sweep.h"
+
+// Heap requests that cannot be met are part of these tests.
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+extern "C" const char* __tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
+
+namespace ksomd::test {
+namespace {
+
+enum Kind : int { Malloc, Calloc };
+
+const auto pool_init = entry<decltype(__i_pool_init)>("__i_pool_init");
+const auto pool_malloc = entry<decltype(__i_pool_malloc)>("__i_pool_malloc");
+const auto pool_calloc = entry<decltype(__i_pool_calloc)>("__i_pool_calloc");
+const auto pool_realloc = entry<decltype(__i_pool_realloc)>("__i_pool_realloc");
+const auto pool_free = entry<decltype(__i_pool_free)>("__i_pool_free");
+
+bool all_bytes(const unsigned char* block, std::size_t size, unsigned value) {
+  return size == 0 || (block[0] == value && std::memcmp(block, block + 1, size - 1) == 0);
+}
+
+// Where a block is from: the heap, or block i of region r, told as r * 2^20 + i.
+using Origin = std::int64_t;
+constexpr Origin heap = -1, nowhere = -2;
+Origin pooled(std::size_t region, std::int64_t block) {
+  return static_cast<Origin>(region << 20) + block;
+}
+
+class Model {
+ public:
+  std::vector<std::size_t> sizes[2];
+
+  // Who serves the next request for `size` bytes.
+  Origin serve(std::size_t size, Kind kind) {
+    if (std::ranges::count(sizes[kind], size) == 0) {
+      return heap;
+    }
+    for (std::size_t i = regions_.size(); i-- > 0;) {
+      Region& region = regions_[i];
+      if (region.size == size && region.kind == kind) {
+        if (region.freed == region.capacity) {
+          region.next = region.freed = 0;
+        }
+        if (region.next < region.capacity) {
+          return pooled(i, region.next++);
+        }
+      }
+    }
+    if (regions_.size() == 50) {
+      return heap;
+    }
+    const bool frequent = size == 40 || size == 48 || size == 96;
+    regions_.push_back({size, kind, frequent ? 300000 : 30000});
+    return pooled(regions_.size() - 1, 0);
+  }
+
+  // Where a block stands that is expected to be there.
+  Origin locate(const unsigned char* block, Origin expected) {
+    if (expected != heap && regions_[region_of(expected)].first == nullptr) {
+      regions_[region_of(expected)].first = block;
+    }
+    for (std::size_t i = 0; i < regions_.size(); ++i) {
+      const Region& region = regions_[i];
+      const auto offset = static_cast<std::size_t>(block - region.first);
+      if (block >= region.first &&
+          offset / region.size < static_cast<std::size_t>(region.capacity)) {
+        const auto number = static_cast<std::int64_t>(offset / region.size);
+        return offset % region.size == 0 ? pooled(i, number) : nowhere;
+      }
+    }
+    return heap;
+  }
+
+  void give_back(Origin origin) {
+    if (origin != heap) {
+      ++regions_[region_of(origin)].freed;
+    }
+  }
+
+ private:
+  struct Region {
+    std::size_t size;
+    Kind kind;
+    std::int64_t capacity, next = 1, freed = 0;
+    const unsigned char* first = nullptr;
+  };
+  static std::size_t region_of(Origin origin) { return static_cast<std::size_t>(origin) >> 20; }
+  std::vector<Region> regions_;
+};
+
+class Program {
+ public:
+  explicit Program(Sweep& sweep) : sweep_(sweep) {}
+
+  void set_sizes(Kind kind, std::vector<std::size_t> sizes, std::size_t behind = 0) {
+    model_.sizes[kind] = sizes;
+    sizes.push_back(behind);
+    pool_init(sizes.data(), -kind);  // every kind but 0 is the other one
+  }
+
+  void take(std::size_t size, Kind kind, std::uint64_t count = 1) {
+    for (; count > 0; --count) {
+      void* const block = kind == Malloc ? pool_malloc(size) : pool_calloc(size / 4, 4);
+      keep(block, size, kind, model_.serve(size, kind));
+    }
+  }
+
+  // Frees as many of the held blocks, in any order.
+  void free(std::size_t count) {
+    for (; count > 0 && !held_.empty(); --count) {
+      const Block block = any();
+      pool_free(block.address);
+      model_.give_back(block.origin);
+    }
+  }
+
+  // A pooled block always moves, and is free only then; nothing and a block of the heap move to the
+  // heap, whatever the lists say.
+  void resize(std::size_t size) {
+    keep(pool_realloc(nullptr, size), size, Malloc, heap);
+    const Block old = any();
+    auto* const moved = static_cast<unsigned char*>(pool_realloc(old.address, size));
+    ASSERT_TRUE(all_bytes(moved, std::min(size, old.size), old.value)) << old.size << ' ' << size;
+    keep(moved, size, Malloc, old.origin == heap ? heap : model_.serve(size, Malloc));
+    model_.give_back(old.origin);
+  }
+
+  void anything(const std::vector<std::size_t>& sizes, int times) {
+    for (; times > 0; --times) {
+      const std::size_t size = sizes[sweep_.random.below(sizes.size())];
+      const Kind kind = size % 4 == 0 && sweep_.random.one_in(2) ? Calloc : Malloc;
+      take(size, kind, 1 + sweep_.random.below(40));
+      free(sweep_.random.below(60));
+      take(40, Malloc);
+      resize(sizes[sweep_.random.below(sizes.size())]);
+    }
+  }
+
+ private:
+  struct Block {
+    unsigned char* address;
+    std::size_t size;
+    Origin origin;
+    unsigned char value;  // of every byte
+  };
+
+  void keep(void* memory, std::size_t size, Kind kind, Origin expected) {
+    auto* const block = static_cast<unsigned char*>(memory);
+    ASSERT_NE(block, nullptr) << size << " bytes";
+    ASSERT_EQ(model_.locate(block, expected), expected) << size << " bytes of kind " << kind;
+    ASSERT_TRUE(kind == Malloc || all_bytes(block, size, 0)) << size << " bytes not zero";
+    sweep_.result(expected);
+    const auto value = static_cast<unsigned char>(1 + sweep_.random.below(255));
+    std::memset(block, value, size);
+    held_.push_back({block, size, expected, value});
+  }
+
+  // Takes a block out of those held; it still has its contents.
+  Block any() {
+    std::swap(held_[sweep_.random.below(held_.size())], held_.back());
+    const Block block = held_.back();
+    held_.pop_back();
+    EXPECT_TRUE(all_bytes(block.address, block.size, block.value)) << "contents lost";
+    return block;
+  }
+
+  Sweep& sweep_;
+  Model model_;
+  std::vector<Block> held_;
+};
+
+// Sizes whose region no heap has, or whose region's size does not fit 64 bits, are refused and take
+// no pool; 0 and products that overflow to a listed size never come from a pool. Blocks of sizes in
+// no list are the heap's own.
+void expect_refusals_and_heap_blocks() {
+  constexpr std::size_t top = std::size_t{1} << 63;
+  const std::size_t sizes[] = {top, top + 8, SIZE_MAX, top >> 14, (top >> 14) + 500, 40, 0};
+  pool_init(sizes, Malloc);
+  pool_init(sizes, Calloc);
+  for (const std::size_t size : sizes) {
+    errno = 0;
+    EXPECT_EQ(size > 40 ? pool_malloc(size) : nullptr, nullptr) << size;
+    EXPECT_EQ(errno, size > 40 ? ENOMEM : 0) << size;
+    EXPECT_EQ(size > 40 ? pool_calloc(size, 1) : nullptr, nullptr) << size;
+  }
+  EXPECT_EQ(pool_calloc(top + 20, 2), nullptr) << "2^64 + 40";
+  EXPECT_EQ(pool_realloc(nullptr, SIZE_MAX - 4096), nullptr);
+  std::free(pool_malloc(0));
+  std::free(pool_calloc(0, SIZE_MAX));
+  std::free(pool_calloc(7, 7));
+  std::free(pool_realloc(std::malloc(8), 100));
+  pool_free(std::malloc(8));
+  pool_free(nullptr);
+}
+
+TEST(PoolSweep, EachRequestGetsTheBlockThatTheModelTells) {
+  Sweep sweep("pool.requests");
+  for ([[maybe_unused]] const auto round : sweep.rounds(1, 1)) {
+    Program program(sweep);
+    program.take(40, Malloc);  // without lists everything is the heap's
+    program.take(40, Calloc);
+    expect_refusals_and_heap_blocks();
+    // Each region to its end and a block beyond.
+    program.set_sizes(Malloc, {40, 41, 48, 95, 96, 100});
+    program.set_sizes(Calloc, {40, 100});
+    for (const std::size_t size : {40u, 41u, 48u, 95u, 96u, 100u}) {
+      program.take(size, Malloc, size % 8 == 0 ? 300001 : 30001);
+    }
+    // Freed all, in any order, a region starts again.
+    for (const std::size_t size : {40u, 100u, 100u, 40u}) {
+      program.take(size, Calloc, size == 40 ? 300000 : 30001);
+      program.free(SIZE_MAX);
+    }
+    program.take(41, Malloc, 30001);
+    program.anything({40, 41, 100, 101, 20, 1000}, 300);
+    // A new list for one kind leaves the other's alone, and blocks that are out stay pooled.
+    program.set_sizes(Malloc, {100, 20});
+    program.anything({40, 100, 20, 96}, 300);
+    // 50 sizes need no 0 behind them; 50 pools of both kinds, and the heap for one more.
+    std::vector<std::size_t> fifty(50);
+    std::iota(fifty.begin(), fifty.end(), 1);
+    program.set_sizes(Malloc, fifty, 7777);
+    program.set_sizes(Calloc, fifty, 7776);
+    program.take(7777, Malloc);
+    program.take(7776, Calloc);
+    for (const std::size_t size : fifty) {
+      program.take(size, size % 8 == 0 ? Calloc : Malloc);
+    }
+    program.take(4, Calloc, 30000);
+    program.anything(fifty, 1000);
+    program.free(SIZE_MAX);
+  }
+}
+
+// The result is the first multiple of the alignment that leaves 8 bytes below it, where the heap's
+// block stands; sums beyond 64 bits, and sums that fit and that no heap has, are refused.
+TEST(PoolSweep, AlignedBlocksStandRightAboveTheirLink) {
+  const auto allocate = entry<decltype(ksomd_mm_malloc)>("_mm_malloc");
+  const auto release = entry<decltype(ksomd_mm_free)>("_mm_free");
+  for (std::size_t alignment = 1; alignment <= 4096; alignment *= 2) {
+    std::vector<unsigned char*> blocks;
+    for (std::size_t size = 0; size <= 300; ++size) {
+      auto* const block = static_cast<unsigned char*>(allocate(size, alignment));
+      ASSERT_NE(block, nullptr) << size << " at " << alignment;
+      const std::size_t step = std::max<std::size_t>(alignment, 8);
+      std::uintptr_t raw = 0;
+      std::memcpy(&raw, block - 8, 8);
+      const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(block);
+      ASSERT_EQ(address, (raw + 8 + step - 1) / step * step) << size << " at " << alignment;
+      blocks.push_back(static_cast<unsigned char*>(std::memset(block, 1 + (size & 1), size)));
+    }
+    for (std::size_t size = 0; size <= 300; ++size) {
+      ASSERT_TRUE(all_bytes(blocks[size], size, 1 + (size & 1))) << size << " at " << alignment;
+      release(blocks[size]);
+    }
+  }
+  release(nullptr);
+  for (std::size_t alignment = 1; alignment != 0; alignment *= 2) {
+    for (std::size_t distance = 0; distance < 80; ++distance) {
+      const std::size_t largest = SIZE_MAX - 8 - alignment;  // whose sum still fits
+      EXPECT_EQ(allocate(SIZE_MAX - distance, alignment), nullptr) << distance << ' ' << alignment;
+      const std::size_t size = largest + std::min<std::size_t>(40, 8 + alignment) - distance;
+      EXPECT_EQ(allocate(size, alignment), nullptr) << distance << ' ' << alignment;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace ksomd::test

@@ -1,0 +1,116 @@
+#include "support/sweep.h"
+
+#include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace ksomd::test {
+namespace {
+
+constexpr struct {
+  const char* name;
+  std::uint64_t digest;
+} agreed[] = {
+#include "digests.inc"
+    {"", 0},
+};
+
+constexpr std::size_t full_factor = 20;
+
+std::string_view variable(const char* name) {
+  const char* const value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+std::uint64_t Random::next() {
+  std::uint64_t z = state_ += 0x9E3779B97F4A7C15;
+  z = (z ^ z >> 30) * 0xBF58476D1CE4E5B9;
+  z = (z ^ z >> 27) * 0x94D049BB133111EB;
+  return z ^ z >> 31;
+}
+
+double Random::number() {
+  const auto fraction = static_cast<double>(next() >> 11) * 0x1p-53 + 1;
+  const auto scale = static_cast<double>(std::uint64_t{1} << below(20));
+  return one_in(2) ? fraction * scale : -fraction / scale;
+}
+
+std::uint64_t seed_of(std::uint64_t own) {
+  static const std::string given{variable("KSOMD_TEST_SEED")};
+  return given.empty() ? own : Random(std::strtoull(given.c_str(), nullptr, 10) ^ own).next();
+}
+
+Length test_length() {
+  static const Length length = [] {
+    const std::string_view wish = variable("KSOMD_TEST_LENGTH");
+#ifdef _WIN32
+    constexpr Length usual = Length::Shared;
+#else
+    constexpr Length usual = Length::Proof;
+#endif
+    return wish == "full" ? Length::Full : wish == "shared" ? Length::Shared : usual;
+  }();
+  return length;
+}
+
+void Digest::add(const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  while (size > 0) {
+    std::uint64_t word = 0;
+    const std::size_t part = size < sizeof word ? size : sizeof word;
+    std::memcpy(&word, bytes, part);
+    state_ = (state_ ^ word) * 0x100000001B3;
+    state_ ^= state_ >> 29;
+    bytes += part;
+    size -= part;
+  }
+}
+
+Sweep::Sweep(const char* name) : name_(name) {}
+
+Sweep::Rounds Sweep::rounds(std::size_t shared, std::size_t proof) {
+  std::uint64_t own = ++loops_;
+  for (const char letter : name_) {
+    own = own * 131 + static_cast<unsigned char>(letter);
+  }
+  random = Random(seed_of(own));
+  shared_ = shared;
+  round_ = 0;
+  return {this, test_length() == Length::Shared ? shared
+                : test_length() == Length::Full ? proof * full_factor
+                                                : proof};
+}
+
+void Sweep::results(const void* data, std::size_t size) {
+  if (round_ < shared_) {
+    digest_.add(data, size);
+  }
+}
+
+Sweep::~Sweep() {
+  if (!variable("KSOMD_TEST_SEED").empty() || testing::Test::HasFailure()) {
+    return;
+  }
+  if (const std::string file{variable("KSOMD_WRITE_DIGESTS")}; !file.empty()) {
+    if (std::FILE* const out = std::fopen(file.c_str(), "a"); out != nullptr) {
+      std::fprintf(out, "{\"%s\", 0x%016" PRIx64 "},\n", name_.c_str(), digest_.value());
+      std::fclose(out);
+    }
+    return;
+  }
+  for (const auto& row : agreed) {
+    if (row.name == name_) {
+      EXPECT_EQ(row.digest, digest_.value())
+          << "the results of " << name_ << " differ from those that the host proved";
+      return;
+    }
+  }
+  ADD_FAILURE() << "no digest is agreed for " << name_ << ": run ./dev digests on the host";
+}
+
+}  // namespace ksomd::test
