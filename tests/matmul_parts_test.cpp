@@ -359,7 +359,8 @@ TYPED_TEST(ComplexProduct, PlainFormulaUnlessBothPartsAreNaN) {
   }
 }
 
-// Each pair of special values is one product among others of a sum, first and last and between.
+// Each pair of special values is one product among others of a sum, first and last and between;
+// and a product of its own, by a plain loop and in a vector: whose flags are then all there are.
 TYPED_TEST(ComplexProduct, AllPairsOfSpecialValues) {
   const std::vector<TypeParam> pairs = special_pairs<TypeParam>();
   const Size count = pairs.size();
@@ -383,6 +384,16 @@ TYPED_TEST(ComplexProduct, AllPairsOfSpecialValues) {
           const FloatMode set(mode);
           compare.all(x, random, Values::Wide);
         }
+      }
+    }
+  }
+  for (const Size rows : {1U, 5U}) {
+    Problem<TypeParam> x(routines<TypeParam>()[0], {rows, 1, 1}, 0);
+    for (const TypeParam& left : pairs) {
+      std::fill(x.a.values.begin(), x.a.values.end(), left);
+      for (const TypeParam& right : pairs) {
+        x.b.values[0] = right;
+        compare.paths(x);
       }
     }
   }

@@ -178,6 +178,49 @@ TYPED_TEST(Product, FloatModes) {
   }
 }
 
+// One factor in each row of op(A), the rest zeros: every product is exact, and every sum. Other
+// products of the same parts, or ac + bd, would overflow or be inexact.
+TYPED_TEST(Product, ExactProductsRaiseNothing) {
+  using Limits = std::numeric_limits<RealOf<TypeParam>>;
+  using Parts = RealOf<TypeParam>[2];
+  const auto large = std::ldexp(RealOf<TypeParam>{7}, Limits::max_exponent - 3);
+  const Parts factors[] = {{1, 0.5}, {0, 1}, {-1, 0}, {0, -1}, {0, 0}};
+  const Parts others[] = {
+      {large, large / 2}, {0, -large}, {1, -1}, {Limits::min(), 0}, {1 + Limits::epsilon(), 0}};
+  const auto element = [](const Parts& parts) {
+    if constexpr (matmul::is_complex<TypeParam>) {
+      return TypeParam{parts[0], parts[1]};
+    } else {
+      return parts[0];
+    }
+  };
+  Random random(14);
+  Comparison<TypeParam> compare;
+  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
+    for (const Shape& shape : {Shape{1, 1, 1}, {2, 3, 3}, {1, 5, 2}, {13, 9, 21}, {39, 42, 118}}) {
+      for (Size round = 0; round < 40; round += shape.m) {
+        Problem<TypeParam> x(layout, shape, 1);
+        for (Size i = 0; i < shape.m; ++i) {
+          const Size l = random.below(static_cast<std::uint32_t>(shape.k));
+          x.a.values[layout.a_transposed ? l + i * x.a.leading : i + l * x.a.leading] =
+              element(factors[random.below(std::size(factors))]);
+        }
+        for (TypeParam& value : x.b.values) {
+          value = element(others[random.below(std::size(others))]);
+        }
+        compare.all(x, random, Values::Wide);
+        const auto [m, n, k] = shape;
+        EXPECT_EQ(flags_of([&] {
+                    layout.entry(x.a.data(), x.b.data(), x.p.data(), m, k, n, x.a.leading,
+                                 x.b.leading, x.p.leading);
+                  }),
+                  0U)
+            << x.name("");
+      }
+    }
+  }
+}
+
 // Sums that come out subnormal from normal products, where one more addition of zero shows: the
 // last step of t_t, and the padding of a packed tail.
 TYPED_TEST(Product, SubnormalSumsWithDenormalsAreZero) {
