@@ -159,17 +159,23 @@ inline void packed(const Problem<double>& x) {
   }
 }
 
-// y = op(A) * x, with signed strides.
+// y = op(A) * x, with signed strides: y takes one column of A after the other, or one running sum.
 inline void matrix_vector(bool at, const double* a, const double* x, double* y, std::int64_t m,
                           std::int64_t k, std::int64_t lda, std::int64_t incx) {
   for (std::int64_t i = 0; i < m; ++i) {
     y[i] = 0;
   }
-  for (std::int64_t outer = 0; outer < (at ? m : k); ++outer) {
-    for (std::int64_t inner = 0; inner < (at ? k : m); ++inner) {
-      const std::int64_t i = at ? outer : inner, l = at ? inner : outer;
-      y[i] += a[at ? l + i * lda : i + l * lda] * x[l * incx];
+  for (std::int64_t l = 0; !at && l < k; ++l) {
+    for (std::int64_t i = 0; i < m; ++i) {
+      y[i] += a[i + l * lda] * x[l * incx];
     }
+  }
+  for (std::int64_t i = 0; at && i < m; ++i) {
+    double s = y[i];
+    for (std::int64_t l = 0; l < k; ++l) {
+      s += a[l + i * lda] * x[l * incx];
+    }
+    y[i] = s;
   }
 }
 
