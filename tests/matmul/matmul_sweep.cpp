@@ -228,7 +228,7 @@ void sweep_products(const char* code) {
     const std::string name = std::string(code) + "_" + layout;
     Sweep sweep(("matmul." + name).c_str());
     Products<Element> products(sweep, "_MATMUL_" + name, layout[0] == 't', layout[2] == 't');
-    for (const auto round : sweep.rounds(std::size(all_targets), 260)) {
+    for (const auto round : sweep.rounds(std::size(all_targets), is_complex<Element> ? 120 : 240)) {
       Random& random = sweep.random;
       const std::size_t listed = round - std::size(all_targets);
       const Shape shape = round < std::size(all_targets) ? all_targets[round]
