@@ -21,7 +21,12 @@
  * Order of operations. It is fixed, for every element and on every processor: each product and each
  * sum is rounded by itself in the caller's rounding mode (no fused multiply-add, no reassociation,
  * no wider accumulator), complex products are those of the compiler's multiplication builtin
- * (ISO/IEC 9899, Annex G), complex sums add real and imaginary parts separately.
+ * (ISO/IEC 9899, Annex G), complex sums add real and imaginary parts separately. Which of two NaNs
+ * an operation passes on is open.
+ *
+ * Flags. Those of the products and sums are raised, a complex product as four products, a
+ * difference and a sum, and no others but that of denormal operands; the recovery of infinities
+ * raises none.
  *
  * Elements of P outside its m x n rectangle are never read or written. Nothing is checked and no
  * error is reported; extents of zero are valid. All routines may run on any number of threads at

@@ -1,18 +1,43 @@
-// The complex multiplication builtins of the compiler's run-time library: the plain formula
-// (ac - bd) + i(ad + bc) and, where both of its parts are NaN, the recovery of infinities of
-// ISO/IEC 9899, Annex G. This is the one place that names them.
+// Complex products: the plain formula (ac - bd) + i(ad + bc) and, where both of its parts are NaN,
+// the recovery of infinities of ISO/IEC 9899, Annex G, by the multiplication builtins of the
+// compiler's run-time library. This is the one place that names them.
+//
+// The builtins raise exceptions in vector lanes that hold nothing of the product. So the formula
+// stands here, and the recovery raises none.
 #pragma once
 
 #include "ksomd/builtins.h"
+#include "ksomd/matmul.h"
 
 namespace ksomd::matmul {
 
-inline auto annex_g_product(float a, float b, float c, float d) {
-  return __mulsc3(a, b, c, d);
+inline auto annex_g_product(ksomd_c4 x, ksomd_c4 y) {
+  return __mulsc3(x.re, x.im, y.re, y.im);
 }
 
-inline auto annex_g_product(double a, double b, double c, double d) {
-  return __muldc3(a, b, c, d);
+inline auto annex_g_product(ksomd_c8 x, ksomd_c8 y) {
+  return __muldc3(x.re, x.im, y.re, y.im);
+}
+
+template <class Element>
+[[gnu::noinline]] Element recovered_product(Element x, Element y) {
+  constexpr unsigned all_masked = 0x1F80;
+  const unsigned before = __builtin_ia32_stmxcsr();
+  __builtin_ia32_ldmxcsr(before | all_masked);
+  const auto product = annex_g_product(x, y);
+  const Element result = {__real__ product, __imag__ product};
+  __builtin_ia32_ldmxcsr(before);
+  return result;
+}
+
+template <class Element>
+inline Element complex_product(Element x, Element y) {
+  const Element plain = {x.re * y.re - x.im * y.im, x.re * y.im + x.im * y.re};
+  if (__builtin_isunordered(plain.re, plain.re) && __builtin_isunordered(plain.im, plain.im))
+      [[unlikely]] {
+    return recovered_product(x, y);
+  }
+  return plain;
 }
 
 }  // namespace ksomd::matmul

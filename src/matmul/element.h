@@ -71,8 +71,7 @@ KSOMD_INLINE constexpr Size round_up(Size value, Size unit) {
 template <class Element>
 KSOMD_INLINE Element multiply(Element x, Element y) {
   if constexpr (is_complex<Element>) {
-    const auto product = annex_g_product(x.re, x.im, y.re, y.im);
-    return {__real__ product, __imag__ product};
+    return complex_product(x, y);
   } else {
     return x * y;
   }

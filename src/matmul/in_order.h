@@ -4,6 +4,7 @@
 #pragma once
 
 #include "matmul/blocking.h"
+#include "matmul/register_tile.h"
 
 namespace ksomd::matmul {
 
@@ -62,5 +63,26 @@ void accumulate_in_order(const Product<Element>& x) {
     }
   }
 }
+
+template <class Element>
+void multiply_tile_in_order(const TileCall<Element>& call, Size rows, Size columns) {
+  for (Size c = 0; c < columns; ++c) {
+    for (Size row = 0; row < rows; ++row) {
+      Element& p = call.p[c * call.ldp + row];
+      Element sum = call.sums == Sums::resume ? p : Element{};
+      for (Size l = 0; l < call.depth; ++l) {
+        const Element* a = call.a[l / call.segment] + l % call.segment * call.a_depth;
+        const Element* b = call.b[l / call.segment] + l % call.segment * call.b_depth;
+        sum = add(sum, multiply(a[row], b[c * call.b_column]));
+      }
+      if (call.add_zero) {
+        sum = add(sum, Element{});
+      }
+      p = call.sums == Sums::add_old ? add(sum, p) : sum;
+    }
+  }
+}
+template void multiply_tile_in_order(const TileCall<ksomd_c4>& call, Size rows, Size columns);
+template void multiply_tile_in_order(const TileCall<ksomd_c8>& call, Size rows, Size columns);
 
 }  // namespace ksomd::matmul

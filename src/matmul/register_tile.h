@@ -40,6 +40,10 @@ struct TileCall {
   Size b_ahead;   // from this tile's op(B) to the next one's, if that should be asked for
 };
 
+// The same tile, one complex element after the other, each product the builtin's.
+template <class Element>
+void multiply_tile_in_order(const TileCall<Element>& call, Size rows, Size columns);
+
 // `width` rows of one column, or one value in all rows: what the tiles are made of.
 template <class Lanes>
 struct RealRows {
@@ -71,8 +75,9 @@ struct RealRows {
 
 // Complex products follow the compiler's builtin for every operand. It differs from the plain
 // formula only where both parts of the plain product are NaN, and then both parts of the sum are
-// NaN from there on: so the tile uses the plain formula, and only where a sum ends with both parts
-// NaN the tile is done again with the builtin, before anything is stored.
+// NaN from there on, which raises nothing more: so the tile uses the plain formula, and only where
+// a sum ends with both parts NaN the tile is done again with the builtin, before anything is
+// stored.
 template <class Lanes>
 struct ComplexRows {
   using Real = Lanes::Real;
@@ -175,7 +180,7 @@ struct Tile {
         }
       }
       if (lost) [[unlikely]] {
-        recover(call, part ? call.part : V * width, C);
+        multiply_tile_in_order(call, part ? call.part : V * width, C);
         return;
       }
     }
@@ -267,24 +272,6 @@ struct Tile {
       const Element* b = call.b[0] + call.b_ahead + column * call.b_column;
       for (Size l = 0; l < call.depth; l += line) {
         __builtin_prefetch(b + l);
-      }
-    }
-  }
-
-  [[gnu::noinline]] static void recover(const Call& call, Size rows, Size columns) {
-    for (Size c = 0; c < columns; ++c) {
-      for (Size row = 0; row < rows; ++row) {
-        Element& p = call.p[c * call.ldp + row];
-        Element sum = call.sums == Sums::resume ? p : Element{};
-        for (Size l = 0; l < call.depth; ++l) {
-          const Element* a = call.a[l / call.segment] + l % call.segment * call.a_depth;
-          const Element* b = call.b[l / call.segment] + l % call.segment * call.b_depth;
-          sum = add(sum, multiply(a[row], b[c * call.b_column]));
-        }
-        if (call.add_zero) {
-          sum = add(sum, Element{});
-        }
-        p = call.sums == Sums::add_old ? add(sum, p) : sum;
       }
     }
   }
