@@ -108,7 +108,7 @@ void reference_packed(const Routines<double>& layout, const double* a, const dou
 void reference_vector(bool a_transposed, const double* a, const double* x, double* y, Size m,
                       Size k, std::int64_t lda, std::int64_t incx);
 
-// The builtin's product, with the flags of the plain formula.
+// The builtin's product.
 ksomd_c4 builtin_product(ksomd_c4 x, ksomd_c4 y);
 ksomd_c8 builtin_product(ksomd_c8 x, ksomd_c8 y);
 // (ac - bd) + i(ad + bc), each operation rounded by itself.
