@@ -40,7 +40,7 @@ Range* end_of_run(Range* lo, Range* hi, Relation relation) {
   for (Range* r = lo; r <= hi;) {
     Range& first = *r;
     Range last = first;
-    while (++r <= hi && r->start == last.start) {
+    for (++r; r <= hi && r->start == last.start; ++r) {
       exchange(last, *r);
     }
     first = last;
