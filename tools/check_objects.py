@@ -16,7 +16,7 @@ import sys
 
 # Sources that may hold VEX or EVEX instructions: the variants for processors that have them.
 VARIANTS = re.compile(r"/mem/(avx|avx512)[^/]*\.cpp\.o|/matmul/[^/]*_(avx|avx512)\.cpp\.o")
-CONSTRUCTORS = 2  # the memory tuning values, and the check of what they come from
+CONSTRUCTORS = 1
 # Routines that read the feature set on every call: object, and a part of the name.
 READERS = [("startup.cpp", "::verify(")]
 IMPORTS = {"kernel32.dll", "msvcrt.dll", "imagehlp.dll"}

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "msg/messages.h"
+#include "platform/exit_while_loading.h"
 
 constinit ksomd::mem::Tuning __libkso_mem_tuning;
 
@@ -60,24 +61,9 @@ Tuning derive_from_level_2(const Processor& processor) {
   return tuning;
 }
 
-void take_values() {
-  __libkso_mem_tuning = derive_tuning(hardware_processor, process_caches());
-}
-
-void heed_debug_variable() {
-  check_cache_size(process_caches(), std::getenv("__ORVEX_LIBKSO_DEBUG"));
-}
-
 // As early as a program can ask for: a static program's own constructors may call any export.
-[[gnu::constructor(101), gnu::used]] void take_values_at_load() {
-  take_values();
-}
-
-// A static program must not end before the C run-time has registered its frames, which comes first
-// among the constructors without a priority: `exit` takes the registration back and aborts where
-// there is none.
-[[gnu::constructor, gnu::used]] void heed_debug_variable_at_load() {
-  heed_debug_variable();
+[[gnu::constructor(101), gnu::used]] void initialise_at_load() {
+  __libkso_mem_tuning_init();
 }
 
 }  // namespace
@@ -96,12 +82,13 @@ void check_cache_size(const CacheInfo& caches, const char* debug) {
   __libkso_print(1, 0, 0);
   __libkso_print(1, 61, 0);
   __libkso_print(1, 0, 0);
-  std::exit(1);
+  exit_while_loading(1);
 }
 
 }  // namespace ksomd::mem
 
 void __libkso_mem_tuning_init() {
-  ksomd::mem::take_values();
-  ksomd::mem::heed_debug_variable();
+  const ksomd::CacheInfo caches = ksomd::process_caches();
+  __libkso_mem_tuning = ksomd::mem::derive_tuning(ksomd::hardware_processor, caches);
+  ksomd::mem::check_cache_size(caches, std::getenv("__ORVEX_LIBKSO_DEBUG"));
 }

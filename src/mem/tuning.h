@@ -36,7 +36,7 @@ extern "C" {
 // The process's tuning values: written while the library is loaded, fixed from then on.
 [[gnu::visibility("hidden")]] extern ksomd::mem::Tuning __libkso_mem_tuning;
 
-// Computes them and heeds the debug variable: what the library does while it is loaded.
+// Computes them. The library's one load-time initialiser.
 void __libkso_mem_tuning_init(void);
 
 }  // extern "C"
