@@ -27,10 +27,12 @@ std::uint64_t register_value(Argument argument) {
 }
 
 // Calls routine(arguments...), up to four that travel in general registers, with every register
-// seeded. Result: the names of what changed, each with a space behind it. Wrap a routine with other
+// seeded, the vector registers at this width. Result: the names of what changed, each with a space
+// behind it; `after` holds what the call left in every register. Wrap a routine with other
 // arguments in one without any, which must be compiled so that it saves nothing itself.
 template <class Result, class... Parameters, class... Arguments>
-std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arguments) {
+std::string what_call_changes(VectorState width, RegisterFile& before, RegisterFile& after,
+                              Result (*routine)(Parameters...), Arguments... arguments) {
   static_assert(sizeof...(Arguments) == sizeof...(Parameters) && sizeof...(Arguments) <= 4);
   enum { rcx = 1, rdx = 2, rbx = 3, rbp = 5, rsi = 6, rdi = 7, r8 = 8, r9 = 9 };
 #ifdef _WIN32
@@ -44,7 +46,6 @@ std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arg
 #endif
   constexpr const char* names[] = {"rax", "rcx", "rdx", "rbx", "rsp", "rbp", "rsi", "rdi",
                                    "r8",  "r9",  "r10", "r11", "r12", "r13", "r14", "r15"};
-  RegisterFile before, after;
   auto* const bytes = reinterpret_cast<unsigned char*>(&before);
   for (std::size_t i = 0; i < sizeof before; ++i) {
     bytes[i] = static_cast<unsigned char>(i * 29 + 17);
@@ -56,7 +57,7 @@ std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arg
   const unsigned own_control = _mm_getcsr();
   const unsigned seeded = (own_control & ~control_bits) | 0xFF80;  // round to zero, flush, masked
   _mm_setcsr(seeded);
-  ksomd_probe_registers(reinterpret_cast<void (*)()>(routine), &before, &after, VectorState::Xmm);
+  ksomd_probe_registers(reinterpret_cast<void (*)()>(routine), &before, &after, width);
   const unsigned control = _mm_getcsr();
   // Below what a compiler may keep under the stack pointer; its own builtin for this may be moved.
   std::uint64_t flags = 0;
@@ -82,6 +83,12 @@ std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arg
     changed += "direction ";
   }
   return changed;
+}
+
+template <class Result, class... Parameters, class... Arguments>
+std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arguments) {
+  RegisterFile before, after;
+  return what_call_changes(VectorState::Xmm, before, after, routine, arguments...);
 }
 
 }  // namespace ksomd::test

@@ -22,6 +22,8 @@
 #include <initializer_list>
 #include <string>
 
+#include "support/effort.h"
+
 namespace ksomd::test {
 
 // splitmix64.
@@ -53,9 +55,6 @@ std::uint64_t seed_of(std::uint64_t own);
 // empty (on the host also the proof) or "full" (many times the proof).
 enum class Length { Shared, Proof, Full };
 Length test_length();
-inline bool full_length() {
-  return test_length() == Length::Full;
-}
 
 class Digest {
  public:

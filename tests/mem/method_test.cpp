@@ -1,0 +1,270 @@
+// Which method a routine takes at which size: its string instructions, non-temporal stores,
+// prefetches and fences, counted one instruction after the other.
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "mem/routines.h"
+#include "mem/streaming_model.h"
+#include "mem/vector.h"
+#include "support/effort.h"
+#include "support/instruction_count.h"
+
+namespace ksomd::test {
+namespace {
+
+using enum InstructionKind;
+
+class Method : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!can_single_step() || !optimized || sanitized) {
+      GTEST_SKIP() << "counts the instructions of optimised code, one step after the other";
+    }
+  }
+  Range target_{1 << 16}, source_{1 << 16};
+};
+
+// String instructions, non-temporal stores, prefetches to NTA, T0 and T1, fences.
+using Counts = std::vector<std::size_t>;
+Counts counts(std::size_t strings, std::size_t stores = 0, std::size_t nta = 0, std::size_t t0 = 0,
+              std::size_t t1 = 0) {
+  return {strings, stores, nta, t0, t1, stores != 0 ? std::size_t{1} : 0};
+}
+
+InstructionCount last;
+Counts last_counts() {
+  return {last[StringMove] + last[StringFill],
+          last[NonTemporalStore],
+          last[PrefetchNta],
+          last[PrefetchT0],
+          last[PrefetchT1],
+          last[StoreFence]};
+}
+
+// Anything stored between a non-temporal store and its fence is wrong.
+void* run_counted(const Routine& routine, const Call& call, std::string& wrong) {
+  void* result = nullptr;
+  last = count_instructions([&] { result = run_plainly(routine, call, wrong); });
+  wrong += last.unfenced_stores == 0 && last.fenced ? "" : "fence ";
+  return result;
+}
+
+// Steps of a loop that runs at least once, then while `floor` bytes are left.
+std::size_t steps(std::size_t left, std::size_t step, std::size_t floor) {
+  return left < floor + step ? 1 : (left - floor) / step + 1;
+}
+
+// What a routine should execute, and the count that it compares with most thresholds: what is left
+// behind the stores that align the destination.
+struct Promise {
+  std::size_t left;
+  Counts counts;
+};
+
+Promise promise_of(std::string_view name, const Call& c, const mem::Tuning& t) {
+  const auto d = reinterpret_cast<std::uintptr_t>(c.d), s = reinterpret_cast<std::uintptr_t>(c.s);
+  const std::size_t n = c.n;
+  const auto behind = [&](std::size_t line) { return n - (-d & (line - 1)); };
+  const bool fills = name.ends_with("set"), sse2 = t.mem_class == 2;
+  std::size_t left = n;
+  Counts expected = counts(0);
+  const auto switches = [&](bool bulk, const Counts& counts) {
+    if (bulk) {
+      expected = counts;
+    }
+  };
+  if (name.starts_with("__orvex_new")) {
+    const bool bulk = behind(8) > (fills ? 127 : 176);
+    left = behind(8) - (sse2 && (d + n - behind(8)) % 16 != 0 ? 8 : 0);
+    const bool descends = name.ends_with("move") && d > s && d < s + n;
+    const std::size_t lines = left / 64;
+    if (fills) {
+      switches(bulk && left > t.largest_cache_size && !(sse2 && left < 176),
+               counts(0, sse2 ? left / 128 * 8 : lines * 8));
+    } else {
+      switches(bulk && left > t.copy_nt_threshold && !descends,
+               counts(0, lines * (sse2 ? 4 : 8), lines));
+    }
+  } else if (name.starts_with("__orvex_avx_mem")) {
+    left = (d > s ? n - (d + n) % 32 : behind(32)) - 32;
+    const std::size_t blocks = steps(left, 256, 768);
+    switches(n > 256 && left >= 256 && d != s && left >= t.copy_nt_threshold,
+             counts(0, blocks * 8, 0, blocks * 4));
+  } else if (name.starts_with("__orvex_avx_rep")) {
+    left = behind(32);
+    const std::size_t floor = fills ? t.l1_size - t.l1_size / 16 : t.l1_half - t.l1_half / 4;
+    const std::size_t blocks = steps(left, 256, 768);
+    switches(
+        n > (fills ? 255 : 256) && left >= 256 && left >= floor,
+        fills || left < t.copy_nt_threshold ? counts(1) : counts(0, blocks * 8, 0, blocks * 4));
+  } else if (name == "__orvex_tvr_avx512_memcpy") {
+    left = n - 64 + d % 64;
+    const std::size_t blocks = left > t.avx512_nt_threshold ? steps(left, 256, 257) : 0;
+    const bool string = n > t.rep_movsb_threshold && n < t.avx512_nt_threshold;
+    switches(n > 512, string ? counts(1) : counts(0, blocks * 4, 0, blocks * 8));
+  } else if (name == "__orvex_tvr_avx512_memset") {
+    switches(n > 256 && n > t.rep_stosb_threshold, counts(1));
+  } else {
+    left = behind(64);
+    const bool owns = name.find("rfo") != std::string_view::npos;
+    const bool large = left >= (fills ? t.l1_quarter : t.copy_nt_threshold);
+    const std::size_t lines = left / 512 * 8;
+    switches(left >= 512,
+             counts(0, large && !owns ? lines : 0, 0, 0, fills ? 0 : lines + (large ? 24 : 0)));
+  }
+  return {left, expected};
+}
+
+TEST_F(Method, ChangesWhereItShould) {
+  Random random(seed_of(1));
+  for (int round = 0; round < (full_length() ? 2'000 : 100); ++round) {
+    for (const Routine& routine : routines()) {
+      const std::string_view name = routine.name;
+      if (name.starts_with("_orvex") || name.starts_with("_VEC")) {
+        continue;
+      }
+      const std::size_t n =
+          random.one_of({120u, 240u, 300u, 500u}) + random.below(random.one_in(4) ? 1'000 : 90);
+      Byte* const d = target_.begin() + 8192 + random.below(64);
+      const std::size_t apart = random.one_in(2) ? random.below(70) : n + random.below(3) - 1;
+      const bool moves = routine.kind == Kind::Move, up = random.one_in(2);
+      const Byte* const s = !moves ? source_.place(random, n) : up ? d - apart : d + apart;
+      const Call call{target_, d, moves ? target_ : source_, s, 0x11, n};
+      const Injected injected(__libkso_mem_tuning, random_tuning(random, 0));
+      mem::Tuning& tuning = __libkso_mem_tuning;
+      const std::int32_t mem_class = tuning.mem_class;
+      tuning = random_tuning(random, random.one_of({n, promise_of(name, call, tuning).left}));
+      tuning.mem_class = mem_class;
+      ASSERT_TRUE(runs_right(routine, call, run_counted));
+      ASSERT_EQ(last_counts(), promise_of(name, call, tuning).counts)
+          << name << " of " << n << " bytes at " << d - target_.begin() << " from "
+          << s - call.source.begin() << " with " << testing::PrintToString(values_of(tuning));
+    }
+  }
+}
+
+// ---- the vector routines and their cache probe --------------------------------------------------
+
+// Loads that all take as long, loads that take ever longer, and a first one that does.
+std::uint64_t readings;
+std::uint64_t even_clock() {
+  return ++readings;
+}
+std::uint64_t slowing_clock() {
+  return (std::uint64_t{1} << 4 * ++readings) - 1;
+}
+std::uint64_t settling_clock() {
+  return ++readings < 3 ? readings : 100 + readings;
+}
+std::uint64_t (*clock_of_call)();
+void* copy_by_clock(void* d, const void* s, std::size_t n) {
+  mem::copy_by_clock(d, s, n, clock_of_call);
+  return d;
+}
+void* fill_by_clock(void* d, int value, std::size_t n) {
+  mem::fill_by_clock(d, value, n, clock_of_call);
+  return d;
+}
+void* zero_by_clock(void* d, int, std::size_t n) {
+  mem::zero_by_clock(d, n, clock_of_call);
+  return d;
+}
+
+TEST_F(Method, VectorRoutinesUseStringsUpToSixteenKibibytesAndThenAskTheClock) {
+  const std::pair<std::size_t, std::size_t> rows[] = {
+      {16384, 0}, {16385, 0},  {16384, 5},        {16385, 5},       {16395, 5},
+      {16396, 5}, {16388, 12}, {16384 + 127, 16}, {16384 + 205, 1}, {16384 + 260, 0}};
+  const Routine by_clock[] = {
+      {"copy", Kind::Copy, 0, Upper::Keep, reinterpret_cast<const void*>(copy_by_clock)},
+      {"fill", Kind::Fill, 0, Upper::Keep, reinterpret_cast<const void*>(fill_by_clock)},
+      {"zero", Kind::Zero, 0, Upper::Keep, reinterpret_cast<const void*>(zero_by_clock)}};
+  int number = 0;
+  for (const auto& [n, offset] : rows) {
+    for (const Routine& routine : by_clock) {
+      readings = 0;
+      clock_of_call = ++number % 3 == 0 ? even_clock
+                      : number % 3 == 1 ? slowing_clock
+                                        : settling_clock;
+      const std::size_t from = number % 2 == 0 ? offset : 3;
+      ASSERT_TRUE(runs_right(
+          routine, {target_, target_.begin() + offset, source_, source_.begin() + from, 0x1AB, n},
+          run_counted));
+      const std::size_t head = n > 16384 ? -offset % 16 : 0, left = n - head;
+      const bool probed = left > 16384, streams = probed && clock_of_call == slowing_clock;
+      const std::size_t stores = probed ? left / 128 * 8 : 0;
+      const bool once = probed && routine.kind == Kind::Zero;
+      SCOPED_TRACE(std::string(routine.name) + " of " + std::to_string(n));
+      EXPECT_EQ(last_counts(), counts((head != 0) + (once ? 1u : 2u), streams ? stores : 0));
+      EXPECT_EQ(last[VectorStore], streams ? 0 : stores);
+      EXPECT_EQ(readings, !probed ? 0u : clock_of_call == even_clock ? 3u : 6u);
+    }
+  }
+  // The exported ones read the processor's clock, each time once the loads before it are done.
+  for (const Routine& routine : routines()) {
+    if (std::string_view(routine.name).starts_with("_VEC")) {
+      const Call call{target_, target_.begin(), source_, source_.begin(), 3, 16385};
+      ASSERT_TRUE(runs_right(routine, call, run_counted));
+      EXPECT_TRUE(last[LoadFence] == 3 || last[LoadFence] == 6) << routine.name;
+      EXPECT_EQ(last[VectorStore] + last[NonTemporalStore], 1024u) << routine.name;
+      EXPECT_EQ(last[StoreFence], last[NonTemporalStore] / 1024) << routine.name;
+    }
+  }
+}
+
+// Where the probe looks, and what it makes of the clock: a load may take three times as long as one
+// that is known to be cached; the second place counts if the first was missed.
+TEST(CacheProbe, LooksAtTheFirstAndTheLastQuarter) {
+  constexpr std::size_t page = 4096;
+  const GuardedMemory memory(16 * page);
+  ASSERT_EQ(mprotect(memory.begin(), memory.size(), PROT_NONE), 0);
+  ASSERT_EQ(mprotect(memory.begin() + 4 * page, page, PROT_READ), 0);
+  ASSERT_EQ(mprotect(memory.begin() + 12 * page, page, PROT_READ), 0);
+  const struct {
+    std::vector<std::uint64_t> ticks;
+    bool cached;
+  } rows[] = {
+      {{0, 1, 4}, true},
+      {{0, 2, 8}, true},
+      {{0, 1, 5, 10, 11, 14}, true},
+      {{0, 1, 5, 10, 11, 15}, false},
+      // The low 32 bits count, and their differences have a sign.
+      {{0xFFFFFFFF, 0x100000000, 0x100000003, 5, 6, 7}, true},
+      {{0xFFFFFFFF, 0x100000000, 0x100000003, 5, 6, 60}, false},
+      {{0, 1, 0x80000000, 0, 1, 0x80000000}, false},
+      {{0x500000000, 0x600000001, 0x700000004}, true},
+  };
+  for (const auto& row : rows) {
+    std::size_t reads = 0;
+    const auto clock = [&] { return row.ticks.at(reads++); };
+    EXPECT_EQ(mem::is_cached(memory.begin(), memory.size(), clock), row.cached);
+    EXPECT_EQ(reads, row.ticks.size());
+  }
+}
+
+TEST_F(Method, StreamingStoresWriteWholeLinesPastTheCache) {
+  Random random(seed_of(2));
+  struct {
+    __libkso_nt_context context;
+    Byte chunk[2048];
+  } stream = {};
+  for (int round = 0; has_features(needs_avx512f) && round < 120; ++round) {
+    const bool wide = random.one_in(2), final = random.one_in(2);
+    const std::size_t line = wide ? 64 : 32, offset = random.one_in(2) ? random.below(64) : 0;
+    const std::size_t n = random.one_in(2) ? 4 * line - 1 + random.below(3) : random.below(2048);
+    const std::size_t pending = offset == 0 ? random.below(line) : 0;
+    stream.context = {{}, target_.begin() + offset, offset, pending};
+    const StreamedChunk expected(line, stream.context, n, final);
+    last = count_instructions([&] {
+      (wide ? __libkso_nontemporal_store_512 : __libkso_nontemporal_store_256)(&stream.context, n,
+                                                                               final ? 1 : 0);
+    });
+    ASSERT_EQ(last[NonTemporalStore], expected.lines) << n << " bytes in lines of " << line;
+    ASSERT_EQ(last[StoreFence], 0u);
+    ASSERT_EQ(last[ZeroUpper], 1u) << n << " bytes in lines of " << line;
+  }
+}
+
+}  // namespace
+}  // namespace ksomd::test
