@@ -59,7 +59,8 @@ TEST(MemSweep, CopiesMovesAndFills) {
 // difference lies: the ranges may end there, whatever the count says.
 TEST(MemSweep, Comparisons) {
   Sweep sweep("mem.compare");
-  Range first(2 * 65536, boundaries[0]), second(2 * 65536, boundaries[1]);
+  // Their ends are ends of pages, but not of any larger unit.
+  Range first(65536 + 5 * 4096, boundaries[0]), second(65536 + 7 * 4096, boundaries[1]);
   for (const std::size_t round : sweep.rounds(3'000, 150'000)) {
     Random& random = sweep.random;
     std::size_t n = std::min<std::size_t>(size_of(random, round), 20'000), readable = n;
@@ -162,7 +163,7 @@ void check_stream(Sweep& sweep, Random random, const std::string& suffix, std::s
 
 TEST(MemSweep, StreamingStores) {
   Sweep sweep("mem.stream");
-  Range target(32768);
+  Range target(16384);
   for ([[maybe_unused]] const std::size_t round : sweep.rounds(200, 5'000)) {
     for (const auto& [suffix, line, needs] :
          {std::tuple{"", 0u, needs_sse2}, {"_256", 32u, needs_avx}, {"_512", 64u, needs_avx512f}}) {

@@ -64,11 +64,11 @@ inline const Routine routines[] = {
     {"_VEC_memzero", Kind::Zero, needs_sse2, Upper::Keep},
 };
 
-// Memory between pages that fault, across `middle` if that is free, and what it should hold.
+// Memory between pages that fault, across `boundary` if that is free, and what it should hold.
 struct Range {
-  explicit Range(std::size_t size, std::uintptr_t middle = 0)
+  explicit Range(std::size_t size, std::uintptr_t boundary = 0)
       : memory(std::make_unique<GuardedMemory>(
-            size, middle == 0 ? nullptr : reinterpret_cast<void*>(middle - size / 2))) {
+            size, boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536))) {
     if (!*memory) {
       memory = std::make_unique<GuardedMemory>(size);
     }
@@ -82,12 +82,14 @@ struct Range {
   Byte* begin() const { return memory->begin(); }
   Byte* end() const { return memory->end(); }
   Byte* expected_at(const Byte* place) { return expected.data() + (place - begin()); }
-  // A place for n bytes across the middle, or less than a line from either end.
+  // A place for n bytes across the boundary if they are few, or less than a line from either end.
   Byte* place(Random& random, std::size_t n) const {
+    constexpr std::size_t boundary = 65536;
     const std::size_t distance = random.one_in(4) ? 0 : random.below(64);
-    return random.one_in(5)   ? begin() + expected.size() / 2 - random.below(n + 1)
-           : random.one_in(2) ? begin() + distance
-                              : end() - n - distance;
+    if (n < boundary && boundary + n < expected.size() && random.one_in(4)) {
+      return begin() + boundary - random.below(n + 1);
+    }
+    return random.one_in(2) ? begin() + distance : end() - n - distance;
   }
   // Whether the n bytes and those around them are what they should be.
   bool holds(const Byte* place, std::size_t n) {
