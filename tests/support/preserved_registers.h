@@ -38,8 +38,8 @@ std::string what_call_changes(VectorState width, RegisterFile& before, RegisterF
   }
   // Nothing is promised of what lies above a narrow argument.
   [[maybe_unused]] int next = 0;
-  [[maybe_unused]] const auto pass = [&](auto value) {
-    std::memcpy(&before.general[argument_registers[next++]], &value, sizeof value);
+  [[maybe_unused]] const auto pass = [&]<class Parameter>(Parameter value) {
+    std::memcpy(&before.general[argument_registers[next++]], &value, sizeof(Parameter));
   };
   (pass(static_cast<Parameters>(arguments)), ...);
 
