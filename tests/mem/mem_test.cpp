@@ -36,7 +36,7 @@ struct DispatchingCase {
     for (const Routine& routine : routines) {
       if (routine.name == std::string_view(name)) {
         Range target(4096), source(4096);
-        return runs_right({routine, target, target.begin(), source, source.begin(), 0x155, 40});
+        return runs_right({routine, target, target.begin(), source, source.begin(), 0x1D5, 40});
       }
     }
     struct {

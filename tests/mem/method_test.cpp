@@ -118,25 +118,27 @@ Promise promise_of(const Call& c, const mem::Tuning& t) {
 
 TEST_F(Method, ChangesWhereItShould) {
   Random random(seed_of(1));
-  for (int round = 0; round < (full_length() ? 2'000 : 100); ++round) {
+  mem::Tuning& tuning = __libkso_mem_tuning;
+  for (int round = 0; round < (full_length() ? 4'000 : 200); ++round) {
     for (const Routine& routine : routines) {
       const std::string_view name = routine.name;
       if (!routine.available() || name.starts_with("_orvex") || name.starts_with("_VEC")) {
         continue;
       }
-      mem::Tuning& tuning = __libkso_mem_tuning;
-      const std::size_t n = random.one_of({120u, 250u, 500u, 1030u}) + random.below(140);
-      Byte* const d = target_.begin() + 8192 + random.below(64);
-      const std::size_t apart = random.one_in(2) ? random.below(70) : n + random.below(3) - 1;
       const bool moves = routine.kind == Kind::Move, up = random.one_in(2);
-      const Byte* const s = !moves ? source_.place(random, n) : up ? d - apart : d + apart;
-      Call call{routine, target_, d, moves ? target_ : source_, s, 0x11, n};
+      Byte* const d = target_.begin() + 8192 + random.below(64);
+      Call call{routine, target_, d, moves ? target_ : source_, up ? d - 1 : d + 1, 0x11, 0};
       tuning.mem_class = random.one_of({0, 1, 2, 2});
-      if (random.one_in(2)) {
+      // Around the sizes that the routines know: multiples of 256, and what follows tails.
+      call.n = (random.one_in(8) ? 1030 : random.one_of({124u, 170u, 250u, 505u})) +
+               random.below(random.one_in(2) ? 20 : 100);
+      if (call.n >= 250 && random.one_in(2)) {
         call.n -= promise_of(call, tuning).left % 256;
       }
-      tuning = random_tuning(random, random.one_of({call.n, promise_of(call, tuning).left}),
-                             tuning.mem_class);
+      const std::size_t apart = random.one_in(2) ? random.below(70) : call.n + random.below(3) - 1;
+      call.s = !moves ? source_.place(random, call.n) : up ? d - apart : d + apart;
+      const std::size_t left = promise_of(call, tuning).left;
+      tuning = random_tuning(random, random.one_in(4) ? call.n : left, tuning.mem_class);
       ASSERT_TRUE(runs_right(call, run_counted));
       ASSERT_EQ(last_counts(), promise_of(call, tuning).counts) << call;
     }
