@@ -52,7 +52,20 @@ InstructionKind classify_two_byte(const Decoded& found) {
     case 0x2B:  // movntps, movntpd
       return InstructionKind::NonTemporalStore;
     case 0xAE:
-      return found.modrm == 0xF8 ? InstructionKind::StoreFence : InstructionKind::Other;
+      return found.modrm == 0xF8   ? InstructionKind::StoreFence
+             : found.modrm == 0xE8 ? InstructionKind::LoadFence
+                                   : InstructionKind::Other;
+    case 0x18:
+      switch (found.modrm >> 3 & 7) {
+        case 0:
+          return InstructionKind::PrefetchNta;
+        case 1:
+          return InstructionKind::PrefetchT0;
+        case 2:
+          return InstructionKind::PrefetchT1;
+        default:
+          return InstructionKind::Other;
+      }
     case 0x77:
       return found.wide ? InstructionKind::ZeroUpper : InstructionKind::Other;
     case 0x11:  // movups and the like

@@ -15,10 +15,14 @@ enum class InstructionKind : int {
   VectorStore,       // ordinary stores of vector registers
   GeneralStore,      // ordinary stores of general registers
   StoreFence,
+  LoadFence,
+  PrefetchNta,
+  PrefetchT0,
+  PrefetchT1,
   ZeroUpper,
   Other,
 };
-inline constexpr int instruction_kinds = 8;
+inline constexpr int instruction_kinds = 12;
 
 // The kind of the instruction at `code`.
 InstructionKind classify(const std::uint8_t* code);

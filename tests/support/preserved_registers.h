@@ -6,57 +6,48 @@
 
 #include <xmmintrin.h>
 
-#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <type_traits>
 
 #include "support/register_probe.h"
 
 namespace ksomd::test {
 
-template <class Argument>
-std::uint64_t register_value(Argument argument) {
-  if constexpr (std::is_pointer_v<Argument>) {
-    return std::bit_cast<std::uint64_t>(argument);
-  } else {
-    static_assert(std::is_integral_v<Argument>, "only what travels in a general register");
-    return static_cast<std::uint64_t>(argument);
-  }
-}
-
 // Calls routine(arguments...), up to four that travel in general registers, with every register
-// seeded. Result: the names of what changed, each with a space behind it. Wrap a routine with other
+// seeded, the vector registers at this width. Result: the names of what changed, each with a space
+// behind it; `after` holds what the call left in every register. Wrap a routine with other
 // arguments in one without any, which must be compiled so that it saves nothing itself.
 template <class Result, class... Parameters, class... Arguments>
-std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arguments) {
+std::string what_call_changes(VectorState width, RegisterFile& before, RegisterFile& after,
+                              Result (*routine)(Parameters...), Arguments... arguments) {
   static_assert(sizeof...(Arguments) == sizeof...(Parameters) && sizeof...(Arguments) <= 4);
   enum { rcx = 1, rdx = 2, rbx = 3, rbp = 5, rsi = 6, rdi = 7, r8 = 8, r9 = 9 };
 #ifdef _WIN32
   [[maybe_unused]] constexpr int argument_registers[] = {rcx, rdx, r8, r9};
   constexpr int callee_saved[] = {rbx, rbp, rsi, rdi, 12, 13, 14, 15};
-  constexpr int first_saved_vector = 6, end_saved_vectors = 16;
+  constexpr int first_saved_vector = 6;
 #else
   [[maybe_unused]] constexpr int argument_registers[] = {rdi, rsi, rdx, rcx};
   constexpr int callee_saved[] = {rbx, rbp, 12, 13, 14, 15};
-  constexpr int first_saved_vector = 0, end_saved_vectors = 0;
+  constexpr int first_saved_vector = 16;
 #endif
-  constexpr const char* names[] = {"rax", "rcx", "rdx", "rbx", "rsp", "rbp", "rsi", "rdi",
-                                   "r8",  "r9",  "r10", "r11", "r12", "r13", "r14", "r15"};
-  RegisterFile before, after;
   auto* const bytes = reinterpret_cast<unsigned char*>(&before);
   for (std::size_t i = 0; i < sizeof before; ++i) {
     bytes[i] = static_cast<unsigned char>(i * 29 + 17);
   }
-  int next = 0;
-  ((before.general[argument_registers[next++]] = register_value<Parameters>(arguments)), ...);
+  // Nothing is promised of what lies above a narrow argument.
+  [[maybe_unused]] int next = 0;
+  [[maybe_unused]] const auto pass = [&]<class Parameter>(Parameter value) {
+    std::memcpy(&before.general[argument_registers[next++]], &value, sizeof(Parameter));
+  };
+  (pass(static_cast<Parameters>(arguments)), ...);
 
   constexpr unsigned control_bits = 0xFFC0;
   const unsigned own_control = _mm_getcsr();
   const unsigned seeded = (own_control & ~control_bits) | 0xFF80;  // round to zero, flush, masked
   _mm_setcsr(seeded);
-  ksomd_probe_registers(reinterpret_cast<void (*)()>(routine), &before, &after, VectorState::Xmm);
+  ksomd_probe_registers(reinterpret_cast<void (*)()>(routine), &before, &after, width);
   const unsigned control = _mm_getcsr();
   // Below what a compiler may keep under the stack pointer; its own builtin for this may be moved.
   std::uint64_t flags = 0;
@@ -67,21 +58,23 @@ std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arg
   std::string changed;
   for (const int number : callee_saved) {
     if (before.general[number] != after.general[number]) {
-      changed += std::string(names[number]) + ' ';
+      changed += "general register " + std::to_string(number) + ' ';
     }
   }
-  for (int number = first_saved_vector; number < end_saved_vectors; ++number) {
+  for (int number = first_saved_vector; number < 16; ++number) {
     if (std::memcmp(before.vector[number], after.vector[number], 16) != 0) {
       changed += "xmm" + std::to_string(number) + ' ';
     }
   }
-  if ((control & control_bits) != (seeded & control_bits)) {
-    changed += "mxcsr ";
-  }
-  if ((flags & 0x400) != 0) {
-    changed += "direction ";
-  }
+  changed += (control & control_bits) != (seeded & control_bits) ? "mxcsr " : "";
+  changed += (flags & 0x400) != 0 ? "direction " : "";
   return changed;
+}
+
+template <class Result, class... Parameters, class... Arguments>
+std::string what_call_changes(Result (*routine)(Parameters...), Arguments... arguments) {
+  RegisterFile before, after;
+  return what_call_changes(VectorState::Xmm, before, after, routine, arguments...);
 }
 
 }  // namespace ksomd::test

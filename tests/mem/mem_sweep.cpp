@@ -1,0 +1,189 @@
+// What the exported memory routines leave in memory and in registers, wherever the ranges lie.
+#include <algorithm>
+#include <utility>
+
+#include "mem/routines.h"
+
+namespace ksomd::test {
+namespace {
+
+// Where the sign of a narrow address changes.
+constexpr std::uintptr_t boundaries[] = {std::uintptr_t{1} << 31, std::uintptr_t{1} << 32};
+constexpr std::size_t room = 6 * 65536;
+
+// Every size up to 600 in turn; one in eight is longer, some of them near the limit of the string
+// instructions.
+std::size_t size_of(Random& random, std::size_t round) {
+  return round % 8 != 7     ? (round / 8 * 7 + round % 8) % 601
+         : random.one_in(3) ? 16'300 + random.below(400)
+                            : random.below(random.one_in(30) ? room - 1000 : 20'000);
+}
+
+TEST(MemSweep, CopiesMovesAndFills) {
+  Sweep sweep("mem.bytes");
+  Range target(4 * room, boundaries[0]), source(2 * room, boundaries[1]);
+  for (const std::size_t round : sweep.rounds(2'000, 60'000)) {
+    const std::size_t n = size_of(sweep.random, round);
+    const std::size_t left = n - std::min<std::size_t>(n, sweep.random.below(97));
+    // Those of the archive: the shared library has its own.
+    __libkso_mem_tuning = random_tuning(sweep.random, left, sweep.random.one_of({0, 1, 2, 2}));
+    // What other routines this processor has must not matter to the first.
+    std::uint64_t seed = sweep.random.next();
+    for (const Routine& routine : routines) {
+      Random random(seed++);
+      if (!routine.available()) {
+        continue;
+      }
+      const auto value = static_cast<int>(random.next());
+      const Call call{routine, target, target.place(random, n), source, source.place(random, n),
+                      value,   n};
+      const std::size_t apart =
+          random.one_in(2) ? random.below(65)
+                           : random.below(n / 2 + 2) + random.one_of<std::size_t>({0, 128, n / 2});
+      if (routine.kind == Kind::Move && random.one_in(2)) {
+        const std::size_t up = random.one_in(2) ? apart : 0;
+        Byte* const lower = target.place(random, n + apart);
+        ASSERT_TRUE(runs_right({routine, target, lower + up, target, lower + apart - up, 0, n}));
+      }
+      ASSERT_TRUE(random.one_in(8) ? runs_right(call, run_watched) : runs_right(call));
+      if (&routine == routines) {
+        sweep.results(call.d, std::min<std::size_t>(n, 200));
+      }
+    }
+  }
+  EXPECT_TRUE(target.holds(target.begin(), target.expected.size()));
+  EXPECT_TRUE(source.holds(source.begin(), source.expected.size()));
+}
+
+// A comparison reads nothing beyond the 16 bytes, counted from the beginning, in which the first
+// difference lies: the ranges may end there, whatever the count says.
+TEST(MemSweep, Comparisons) {
+  Sweep sweep("mem.compare");
+  // Their ends are ends of pages, but not of any larger unit.
+  Range first(65536 + 5 * 4096, boundaries[0]), second(65536 + 7 * 4096, boundaries[1]);
+  for (const std::size_t round : sweep.rounds(3'000, 150'000)) {
+    Random& random = sweep.random;
+    std::size_t n = std::min<std::size_t>(size_of(random, round), 20'000), readable = n;
+    const bool cut = n != 0 && random.one_in(2);
+    if (cut) {
+      readable = (n + 15) / 16 * 16;
+      n = std::max(readable, random.one_in(4) ? std::size_t{1} << random.below(62)
+                                              : readable + random.below(300));
+    }
+    Byte* const a = first.place(random, readable);
+    Byte* const b = second.place(random, readable);
+    std::copy_n(first.expected_at(a), readable, a);
+    std::copy_n(a, readable, b);
+    if (cut || (n != 0 && !random.one_in(4))) {
+      const std::size_t after =
+          random.below(random.one_in(2) ? readable : std::min<std::size_t>(readable, 40));
+      Byte* const place = a + readable - 1 - after;
+      // What follows the difference says anything, and must not matter.
+      std::generate_n(place, std::min<std::size_t>(after + 1, 20),
+                      [&] { return static_cast<Byte>(random.next()); });
+      *place = static_cast<Byte>(b[place - a] ^ (1 + random.below(255)));
+    }
+    const int difference = std::memcmp(a, b, readable);
+    const int expected = (difference > 0) - (difference < 0);
+    for (const char* const name : compare_routines) {
+      auto* const compare = entry<CompareRoutine>(name);
+      ASSERT_TRUE(compare(a, b, n) == expected && compare(b, a, n) == -expected)
+          << name << "(end - " << first.end() - a << ", end - " << second.end() - b << ", " << n
+          << "), " << readable << " readable, should give " << expected;
+      ASSERT_EQ(round % 8 == 0 ? what_call_changes(compare, a, b, n) : "", "") << name;
+    }
+    sweep.result(expected);
+  }
+  Byte* const unreadable = first.end();
+  EXPECT_EQ(entry<CompareRoutine>("_orvex_fast_memcmp")(unreadable, unreadable, 100), 0);
+}
+
+// Streams chunks to one range until one is the last. `line` is 0 if the processor chooses.
+// The choices do not depend on what it chose.
+void check_stream(Sweep& sweep, Random random, const std::string& suffix, std::size_t line,
+                  Range& target) {
+  using Fixed = void(__libkso_nt_context*, std::size_t, int);
+  using Dynamic = void(__libkso_nt_context*, std::size_t, int, int);
+  static const GuardedMemory chunks(4096);
+  const std::size_t limit = 1 + random.below(5000);
+  Byte* const out = target.place(random, 8000);
+  __libkso_nt_context context{{}, out, 0, 0};
+  std::size_t handed = 0;
+  for (bool final = false; !final;) {
+    const std::size_t n = random.below(random.one_of({40u, 300u, 700u, 1600u}));
+    const bool dynamic = random.one_in(2);
+    const bool plain = random.one_in(2) && dynamic && context.pending == 0;
+    const bool watched = random.one_in(8);
+    const std::size_t beyond = random.below(3) * 64;
+    if (context.pending == 0) {
+      context.head_offset = reinterpret_cast<std::uintptr_t>(context.destination) % 64 + beyond;
+    }
+    if (plain) {
+      context.pending = 9;  // which that way does not look at
+    }
+    // The chunk ends where nothing may be read.
+    auto* const placed =
+        reinterpret_cast<__libkso_nt_context*>(chunks.end() - (sizeof context + n + 7) / 8 * 8);
+    auto* const chunk = reinterpret_cast<Byte*>(placed + 1);
+    *placed = context;
+    std::generate_n(chunk, n, [&] { return static_cast<Byte>(random.next()); });
+    std::copy_n(chunk, n, target.expected_at(out) + handed);
+    handed += n;
+    final = handed >= limit;
+    const auto run = [&](auto* routine, auto... more) {
+      const int last = final ? -1 : 0;
+      if (watched) {
+        EXPECT_EQ(what_call_changes(routine, placed, n, last, more...), "") << suffix;
+      } else {
+        routine(placed, n, last, more...);
+      }
+    };
+    dynamic ? run(entry<Dynamic>("__libkso_nontemporal_store_dynamic" + suffix), plain ? -1 : 0)
+            : run(entry<Fixed>("__libkso_nontemporal_store" + suffix));
+
+    if (plain) {
+      ASSERT_EQ(std::memcmp(placed->staging, context.staging, sizeof context.staging), 0);
+      ASSERT_EQ(placed->head_offset, context.head_offset);
+      ASSERT_EQ(std::exchange(placed->pending, 0), 9u);
+    } else if (line != 0) {
+      const StreamedChunk model(line, context, n, final);
+      ASSERT_EQ(placed->head_offset, model.head_offset);
+      ASSERT_EQ(placed->pending, model.pending);
+    }
+    context = *placed;
+    ASSERT_EQ(context.destination, out + handed - context.pending);
+    ASSERT_EQ(std::memcmp(context.staging, chunk + n - context.pending, context.pending), 0);
+  }
+  ASSERT_EQ(context.pending, 0u);
+  ASSERT_TRUE(target.holds(out, handed));
+  if (line == 0) {
+    sweep.results(out, std::min<std::size_t>(handed, 100));
+  }
+}
+
+TEST(MemSweep, StreamingStores) {
+  Sweep sweep("mem.stream");
+  Range target(16384);
+  for ([[maybe_unused]] const std::size_t round : sweep.rounds(200, 5'000)) {
+    for (const auto& [suffix, line, needs] :
+         {std::tuple{"", 0u, needs_sse2}, {"_256", 32u, needs_avx}, {"_512", 64u, needs_avx512f}}) {
+      const Random random(sweep.random.next());
+      if (has_features(needs)) {
+        ASSERT_NO_FATAL_FAILURE(check_stream(sweep, random, suffix, line, target)) << suffix;
+      }
+    }
+  }
+}
+
+TEST(MemSweep, SecondNamesAreTheSameRoutines) {
+  for (const auto& [name, second] : {std::pair{"__orvex_new_memcpy", "__orvex_memcpy"},
+                                     {"__orvex_new_memset", "__orvex_memset"},
+                                     {"_VEC_memcpy", "__orvex_VEC_memcpy"},
+                                     {"_VEC_memset", "__orvex_VEC_memset"},
+                                     {"_VEC_memzero", "__orvex_VEC_memzero"}}) {
+    EXPECT_EQ(find_entry(name), find_entry(second)) << second;
+  }
+}
+
+}  // namespace
+}  // namespace ksomd::test

@@ -1,0 +1,214 @@
+// The routines that copy, move and fill, and ranges for them that know what they should hold.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "mem/dispatch.h"
+#include "mem/tuning.h"
+#include "support/entry.h"
+#include "support/guarded_memory.h"
+#include "support/preserved_registers.h"
+#include "support/sweep.h"
+
+namespace ksomd::test {
+
+using Byte = unsigned char;
+using mem::CopyRoutine;
+using mem::FillRoutine;
+using CompareRoutine = int(const void*, const void*, std::size_t);
+inline constexpr const char* compare_routines[] = {"_orvex_fast_memcmp", "__orvex_new_memcmp"};
+
+inline constexpr std::uint64_t needs_sse2 = 0, needs_avx = feature_mask("AVX"),
+                               needs_avx2 = needs_avx | feature_mask("AVX2"),
+                               needs_avx512f = needs_avx2 | feature_mask("AVX512F"),
+                               needs_avx512bw = needs_avx512f | feature_mask("AVX512BW");
+
+enum class Kind { Copy, Move, Fill, Zero };
+// What a routine does with the upper halves of the vector registers.
+enum class Upper { Keep, Clear, AsVariant };
+
+struct Routine {
+  const char* name;
+  Kind kind;
+  std::uint64_t needs;
+  Upper upper;
+  const void* address = find_entry(name);
+
+  bool available() const { return has_features(needs); }
+  template <class Function>
+  Function* as() const {
+    return reinterpret_cast<Function*>(reinterpret_cast<std::uintptr_t>(address));
+  }
+};
+inline const Routine routines[] = {
+    {"_orvex_fast_memcpy", Kind::Copy, needs_sse2, Upper::AsVariant},
+    {"_orvex_fast_memmove", Kind::Move, needs_sse2, Upper::AsVariant},
+    {"_orvex_fast_memset", Kind::Fill, needs_sse2, Upper::AsVariant},
+    {"__orvex_new_memcpy", Kind::Copy, needs_sse2, Upper::Keep},
+    {"__orvex_new_memmove", Kind::Move, needs_sse2, Upper::Keep},
+    {"__orvex_new_memset", Kind::Fill, needs_sse2, Upper::Keep},
+    {"__orvex_avx_rep_memcpy", Kind::Copy, needs_avx, Upper::Clear},
+    {"__orvex_avx_memmove", Kind::Move, needs_avx2, Upper::Clear},
+    {"__orvex_avx_rep_memset", Kind::Fill, needs_avx2, Upper::Clear},
+    {"__orvex_tvr_avx512_memcpy", Kind::Copy, needs_avx512f, Upper::Clear},
+    {"__orvex_tvr_avx512_memset", Kind::Fill, needs_avx512bw, Upper::Clear},
+    {"__orvex_pxn_avx512f_memcpy", Kind::Copy, needs_avx512f, Upper::Keep},
+    {"__orvex_pxn_avx512f_rfo_memcpy", Kind::Copy, needs_avx512f, Upper::Keep},
+    {"__orvex_pxn_avx512f_memset", Kind::Fill, needs_avx512f, Upper::Keep},
+    {"__orvex_pxn_avx512f_rfo_memset", Kind::Fill, needs_avx512f, Upper::Keep},
+    {"_VEC_memcpy", Kind::Copy, needs_sse2, Upper::Keep},
+    {"_VEC_memset", Kind::Fill, needs_sse2, Upper::Keep},
+    {"_VEC_memzero", Kind::Zero, needs_sse2, Upper::Keep},
+};
+
+// Memory between pages that fault, across `boundary` if that is free, and what it should hold.
+struct Range {
+  explicit Range(std::size_t size, std::uintptr_t boundary = 0)
+      : memory(std::make_unique<GuardedMemory>(
+            size, boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536))) {
+    if (!*memory) {
+      memory = std::make_unique<GuardedMemory>(size);
+    }
+    Random random(size);
+    expected.resize(memory->size());
+    for (Byte& byte : expected) {
+      byte = static_cast<Byte>(random.next());
+    }
+    std::memcpy(begin(), expected.data(), expected.size());
+  }
+  Byte* begin() const { return memory->begin(); }
+  Byte* end() const { return memory->end(); }
+  Byte* expected_at(const Byte* place) { return expected.data() + (place - begin()); }
+  // A place for n bytes across the boundary if they are few, or less than a line from either end.
+  Byte* place(Random& random, std::size_t n) const {
+    constexpr std::size_t boundary = 65536;
+    const std::size_t distance = random.one_in(4) ? 0 : random.below(64);
+    if (n < boundary && boundary + n < expected.size() && random.one_in(4)) {
+      return begin() + boundary - random.below(n + 1);
+    }
+    return random.one_in(2) ? begin() + distance : end() - n - distance;
+  }
+  // Whether the n bytes and those around them are what they should be.
+  bool holds(const Byte* place, std::size_t n) {
+    constexpr std::ptrdiff_t margin = 256;
+    const Byte* const from = place - std::min(margin, place - begin());
+    const Byte* const to = place + n + std::min(margin, end() - (place + n));
+    return std::memcmp(from, expected_at(from), static_cast<std::size_t>(to - from)) == 0;
+  }
+
+  std::unique_ptr<GuardedMemory> memory;
+  std::vector<Byte> expected;
+};
+
+// ---- tuning values ------------------------------------------------------------------------------
+
+inline std::vector<std::uint64_t> values_of(const mem::Tuning& tuning) {
+  static_assert(offsetof(mem::Tuning, mem_class) == 8 * sizeof(std::uint64_t));
+  std::vector<std::uint64_t> values(9, static_cast<std::uint64_t>(tuning.mem_class));
+  std::memcpy(values.data(), &tuning, offsetof(mem::Tuning, mem_class));
+  return values;
+}
+
+// Each threshold at random: one below to one above what it takes to switch at `count`, or absurd.
+inline mem::Tuning random_tuning(Random& random, std::size_t count, std::int32_t mem_class) {
+  mem::Tuning tuning{.mem_class = mem_class};
+  std::uint64_t sizes[8];
+  for (std::uint64_t& size : sizes) {
+    size = random.one_in(6) ? random.one_of<std::uint64_t>({0, 1, 1u << 31, 1ull << 62, ~0ull})
+                            : count + random.below(3) - (count != 0 ? 1 : 0);
+  }
+  std::memcpy(static_cast<void*>(&tuning), sizes, sizeof sizes);
+  // Fractions of these count.
+  tuning.l1_size = tuning.l1_size * 16 / 15;
+  tuning.l1_half = tuning.l1_half * 4 / 3;
+  return tuning;
+}
+
+// ---- one call -----------------------------------------------------------------------------------
+
+// A fill has no source.
+struct Call {
+  const Routine& routine;
+  Range& target;
+  Byte* d;
+  Range& source;
+  const Byte* s;
+  int value;
+  std::size_t n;
+
+  bool copies() const { return routine.kind == Kind::Copy || routine.kind == Kind::Move; }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Call& c) {
+  return out << c.routine.name << " of " << c.n << " bytes to " << c.d - c.target.begin()
+             << " from " << c.s - c.source.begin() << (&c.target == &c.source ? " there" : "")
+             << ", value " << c.value << ", tuning "
+             << testing::PrintToString(values_of(__libkso_mem_tuning));
+}
+
+// Ways to run a routine; they add to `wrong` what is not as it should be.
+inline void* run_plainly(const Call& c, std::string&) {
+  return c.copies() ? c.routine.as<CopyRoutine>()(c.d, c.s, c.n)
+                    : c.routine.as<FillRoutine>()(c.d, c.value, c.n);
+}
+
+// Looks at the registers.
+inline void* run_watched(const Call& c, std::string& wrong) {
+  const bool wide = has_features(needs_avx), keeps = c.routine.upper == Upper::Keep;
+  RegisterFile before, after;
+  const auto call = [&](auto* routine, auto second) {
+    wrong += what_call_changes(wide ? VectorState::Ymm : VectorState::Xmm, before, after, routine,
+                               c.d, second, c.n);
+  };
+  c.copies() ? call(c.routine.as<CopyRoutine>(), c.s) : call(c.routine.as<FillRoutine>(), c.value);
+  // The routines that keep the upper halves use few registers at most.
+  constexpr Byte zero[16] = {};
+  for (int i = keeps ? 15 : 0; wide && c.routine.upper != Upper::AsVariant && i < 16; ++i) {
+    if (std::memcmp(after.vector[i] + 16, keeps ? before.vector[i] + 16 : zero, 16) != 0) {
+      wrong += "upper half of ymm" + std::to_string(i) + ' ';
+    }
+  }
+  return reinterpret_cast<void*>(after.general[0]);
+}
+
+// Whether the result and every byte of both ranges are right.
+template <class Run>
+testing::AssertionResult runs_right(const Call& c, Run&& run) {
+  if (c.copies()) {
+    std::memmove(c.target.expected_at(c.d), c.source.expected_at(c.s), c.n);
+  } else {
+    std::memset(c.target.expected_at(c.d), c.routine.kind == Kind::Zero ? 0 : c.value, c.n);
+  }
+  std::string wrong;
+  wrong += run(c, wrong) == c.d ? "" : "result ";
+  const bool held = c.target.holds(c.d, c.n) && c.source.holds(c.s, c.copies() ? c.n : 0);
+  wrong += held ? "" : "bytes ";
+  return wrong.empty() ? testing::AssertionSuccess()
+                       : testing::AssertionFailure() << c << ": wrong " << wrong;
+}
+inline testing::AssertionResult runs_right(const Call& c) {
+  return runs_right(c, run_plainly);
+}
+
+// ---- streaming stores ---------------------------------------------------------------------------
+
+// What a streaming store of one chunk does to its context.
+struct StreamedChunk {
+  std::uint64_t head_offset, pending = 0;  // afterwards
+  std::size_t lines = 0;                   // non-temporal stores
+
+  StreamedChunk(std::size_t line, const __libkso_nt_context& before, std::size_t n, bool final)
+      : head_offset(before.head_offset) {
+    if (n >= 4 * line) {
+      n += before.pending - (head_offset == 0 ? 0 : line - head_offset % line);
+      head_offset = 0;
+      lines = n / line;
+      pending = final ? 0 : n % line;
+    }
+  }
+};
+
+}  // namespace ksomd::test
