@@ -6,6 +6,7 @@
 #include "cpu/cache.h"
 
 #ifdef _WIN32
+#include <process.h>
 #include <windows.h>
 #else
 #include <sys/mman.h>
@@ -37,27 +38,41 @@ void install(const SyntheticProcessor* answers) {
 
 }  // namespace ksomd::test
 
-// The linker leads the library's calls of getenv and exit here.
+// The linker leads the library's calls of getenv and exit here. The Windows import library's own
+// would come back to here, too.
 extern "C" {
+#ifdef _WIN32
+static char* real_getenv(const char* name) {
+  static char value[4096];
+  std::size_t size = 0;
+  return getenv_s(&size, value, sizeof value, name) == 0 && size != 0 ? value : nullptr;
+}
+[[noreturn]] static void real_exit(int status) {
+  _cexit();
+  _exit(status);
+}
+#else
+char* real_getenv(const char* name) __asm__("__real_getenv");
+[[noreturn]] void real_exit(int status) __asm__("__real_exit");
+#endif
 
-char* __real_getenv(const char* name);
-char* __wrap_getenv(const char* name) {
+char* library_getenv(const char* name) __asm__("__wrap_getenv");
+char* library_getenv(const char* name) {
   using namespace ksomd::test;
   if (std::strcmp(name, "ORVEX_ISA_DISABLE") != 0) {
-    return __real_getenv(name);
+    return real_getenv(name);
   }
   if (on_disabled_names != nullptr) {
     on_disabled_names();
   }
-  return disabled_names != nullptr ? const_cast<char*>(disabled_names) : __real_getenv(name);
+  return disabled_names != nullptr ? const_cast<char*>(disabled_names) : real_getenv(name);
 }
 
-[[noreturn]] void __real_exit(int status);
-[[noreturn]] void __wrap_exit(int status) {
+[[noreturn]] void library_exit(int status) __asm__("__wrap_exit");
+void library_exit(int status) {
   if (ksomd::test::exit_target != nullptr && status == 1) {
     std::longjmp(*ksomd::test::exit_target, 1);
   }
-  __real_exit(status);
+  real_exit(status);
 }
-
 }  // extern "C"
