@@ -25,7 +25,7 @@ extern std::jmp_buf* exit_target;
 
 // Whether call() ends the process with status 1; it goes on all the same.
 template <class Call>
-bool exits(Call call) {
+bool exits(const Call& call) {
   std::jmp_buf target;
   exit_target = &target;
   const bool ended = setjmp(target) != 0;

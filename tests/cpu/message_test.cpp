@@ -1,6 +1,7 @@
 // Numbered messages, their translation and their output.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 
 #include "cpu/catalogue.h"
@@ -171,17 +172,20 @@ TEST(Catalogue, OfTheHostServesOneWayOfAsking) {
   EXPECT_EQ(LoadLibraryExA("1033/kso_msg.dll", nullptr, 0), nullptr);
   use_catalogue(true);
   EXPECT_EQ(LoadLibraryExA("1031/kso_msg.dll", nullptr, 0), nullptr);
-  HMODULE const module = LoadLibraryExA("1033/kso_msg.dll", nullptr, 0);
-  char* text = nullptr;
-  const auto ask = [&](DWORD flags, DWORD identifier, DWORD language) {
-    return FormatMessageA(flags, module, identifier, language, reinterpret_cast<char*>(&text), 512,
-                          nullptr);
-  };
-  EXPECT_EQ(ask(0x100, 0x80000017, 0x409) + ask(0x800, 0x80000017, 0x409), 0u);
-  EXPECT_EQ(ask(0x900, 0x80000017, 0x407) + ask(0x900, 23, 0x409), 0u);
-  EXPECT_EQ(text, nullptr);
-  EXPECT_EQ(ask(0x900, 0x80000017, 0x409), 33u);
-  EXPECT_EQ(LocalFree(text), nullptr);
+  auto* const module = LoadLibraryExA("1033/kso_msg.dll", nullptr, 0);
+  const std::array<DWORD, 4> questions[] = {{0x100, 0x80000017, 0x409, 0},
+                                            {0x800, 0x80000017, 0x409, 0},
+                                            {0x900, 0x80000017, 0x407, 0},
+                                            {0x900, 23, 0x409, 0},
+                                            {0x900, 0x80000017, 0x409, 33}};
+  for (const auto& [flags, identifier, language, length] : questions) {
+    char* text = nullptr;
+    EXPECT_EQ(FormatMessageA(flags, module, identifier, language, reinterpret_cast<char*>(&text),
+                             512, nullptr),
+              length);
+    EXPECT_EQ(text != nullptr, length != 0);
+    EXPECT_EQ(LocalFree(text), nullptr);
+  }
   host::catalogue = nullptr;
 }
 

@@ -33,11 +33,9 @@ void destroy_registers() {
   ksomd_probe_registers([] {}, &nothing, &after, vector_state);
 }
 
-using Entry = int (*)();
-constexpr Entry entries[] = {
-    [] { return __orvex_cpu_features_init(); },
-    [] { return __orvex_cpu_features_init_vendor(); },
-};
+using Entry = void (*)();
+const Entry entries[] = {reinterpret_cast<Entry>(__orvex_cpu_features_init),
+                         reinterpret_cast<Entry>(__orvex_cpu_features_init_vendor)};
 
 VectorState available_state() {
   constexpr std::uint64_t wide = feature_mask("AVX512F", "AVX512BW");
@@ -51,16 +49,13 @@ TEST(FillEntry, KeepsEveryRegister) {
   on_disabled_names = destroy_registers;
   Random random(seed_of(7));
   for (int round = 0; round < 20; ++round) {
-    // The address itself: a call in between would save registers.
-    const auto entry = reinterpret_cast<void (*)()>(
-        round % 2 == 0 ? __orvex_cpu_features_init : __orvex_cpu_features_init_vendor);
     RegisterFile before, after;
     std::uint64_t words[sizeof before / 8];
     std::ranges::generate(words, [&random] { return random.next(); });
     std::memcpy(&before, words, sizeof before);
     std::memcpy(&after, words, sizeof before);
     destroyed = misaligned = 0;
-    ksomd_probe_registers(entry, &before, &after, vector_state);
+    ksomd_probe_registers(entries[round % 2], &before, &after, vector_state);
     ASSERT_EQ(destroyed, 1) << "detection did not call the destroyer";
     EXPECT_EQ(misaligned, 0);
     EXPECT_EQ(static_cast<std::int32_t>(after.general[0]), 0) << "the result";

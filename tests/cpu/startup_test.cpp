@@ -5,6 +5,8 @@
 #include <immintrin.h>
 
 #include <cstring>
+#include <functional>
+#include <tuple>
 
 #include "cpu/features.h"
 #include "cpu/isa_names.h"
@@ -92,34 +94,32 @@ std::uint32_t gained_mode(Guarantees known, std::uint32_t flags, std::uint32_t s
   return in_doubt(known, flags) ? wanted & (supported | 0x8000) : wanted;
 }
 
+// An MXCSR that tells what was done to it.
+struct RecordedMxcsr {
+  std::uint32_t value, mask;
+  std::string& log;
+  std::uint32_t read() const { return value; }
+  void write(std::uint32_t next) {
+    log += std::to_string(next ^ value) + ' ';
+    value = next;
+  }
+  std::uint32_t supported() const {
+    log += "probe ";
+    return mask;
+  }
+};
+
 TEST(Mode, EveryGuaranteeFlagAndMask) {
-  struct Recorder {
-    std::uint32_t value, mask;
-    std::vector<std::uint32_t>& writes;
-    int& probes;
-    std::uint32_t read() const { return value; }
-    void write(std::uint32_t next) {
-      writes.push_back(next ^ value);
-      value = next;
-    }
-    std::uint32_t supported() const {
-      ++probes;
-      return mask;
-    }
-  };
   for (const Guarantees known : {0u, 2u, 4u, 6u}) {
     for (std::uint32_t flags = 0; flags < 16; ++flags) {
       for (const std::uint32_t mask : {0u, 0x40u, 0x20000u, 0x20040u, ~0x40u, ~0x20000u, ~0u}) {
-        std::vector<std::uint32_t> writes, expected;
-        int probes = 0;
-        set_fp_mode(Recorder{0x1F80, mask, writes, probes}, known, flags);
+        std::string log, expected = in_doubt(known, flags) ? "probe " : "";
+        set_fp_mode(RecordedMxcsr{0x1F80, mask, log}, known, flags);
         for (const std::uint32_t bit : {0x8000u, 0x40u, 0x20000u}) {
-          if ((gained_mode(known, flags, mask) & bit) != 0) {
-            expected.push_back(bit);  // one at a time, in this order
-          }
+          const bool set = (gained_mode(known, flags, mask) & bit) != 0;
+          expected += set ? std::to_string(bit) + ' ' : "";  // one at a time, in this order
         }
-        EXPECT_EQ(writes, expected) << known << ' ' << flags << ' ' << std::hex << mask;
-        EXPECT_EQ(probes, in_doubt(known, flags) ? 1 : 0);
+        EXPECT_EQ(log, expected) << known << ' ' << flags << ' ' << std::hex << mask;
       }
     }
   }
@@ -132,23 +132,37 @@ std::uint32_t mxcsr_mask() {
 }
 
 struct Step {
-  const Check* check;
+  const Check& check;
   std::uint32_t flags;
-  int probes;
+  int probes = 0;
 };
 
-void call_step(void* step) {
-  static_cast<const Step*>(step)->check->call(static_cast<const Step*>(step)->flags);
+// Makes the call; on the host instruction by instruction, to see how often MXCSR_MASK is asked for.
+void call_watched(Step& step) {
+  const auto call = [](void* context) {
+    static_cast<const Step*>(context)->check.call(static_cast<const Step*>(context)->flags);
+  };
+#ifdef _WIN32
+  call(&step);
+#else
+  // FXSAVE64 with a memory operand: a REX.W prefix, 0F AE, and 0 in the middle of the next byte.
+  const auto observe = [](const std::uint8_t* next, void* context) {
+    static_cast<Step*>(context)->probes += (next[0] & 0xF8) == 0x48 && next[1] == 0x0F &&
+                                           next[2] == 0xAE && (next[3] & 0x38) == 0 &&
+                                           (next[3] & 0xC0) != 0xC0;
+  };
+  single_step(call, observe, &step);
+#endif
 }
 
-#ifndef _WIN32
-// FXSAVE64 with a memory operand: a REX.W prefix, 0F AE, and 0 in the middle of the next byte.
-void count_probe(const std::uint8_t* next, void* step) {
-  static_cast<Step*>(step)->probes += (next[0] & 0xF8) == 0x48 && next[1] == 0x0F &&
-                                      next[2] == 0xAE && (next[3] & 0x38) == 0 &&
-                                      (next[3] & 0xC0) != 0xC0;
-}
+bool can_watch() {
+#ifdef _WIN32
+  return false;
+#else
+  static const bool can_step = can_single_step();
+  return can_step;
 #endif
+}
 
 // set_mode ENTRY FLAGS: faults where the mode is beyond this processor.
 KSOMD_CHILD(set_mode) {
@@ -157,39 +171,27 @@ KSOMD_CHILD(set_mode) {
   return 0;
 }
 
-// On the host instruction by instruction: MXCSR_MASK is asked for exactly where there is a doubt.
 TEST(Mode, OfEveryEntryOnThisProcessor) {
   const std::uint32_t supported = mxcsr_mask();
   for (const Check& check : all_checks()) {
     for (std::uint32_t flags = 0; flags < 8 && (check.sets_mode || check.message == 0); ++flags) {
-      const std::uint32_t effective = check.takes_flags ? flags : 3;
-      const bool sets = check.sets_mode;
-      const std::uint32_t gained = sets ? gained_mode(check.known, effective, supported) : 0;
       SCOPED_TRACE(testing::Message() << check.name << " flags " << flags);
+      const std::uint32_t effective = !check.sets_mode ? 0 : check.takes_flags ? flags : 3;
+      const std::uint32_t gained = gained_mode(check.known, effective, supported);
       if ((gained & ~supported) != 0) {
-        if (flags == 4) {
-          EXPECT_EQ(run_child("set_mode", {check.name, "4"}).ending, Ending::AccessViolation);
-        }
+        const ChildResult child = run_child("set_mode", {check.name, std::to_string(flags)});
+        EXPECT_EQ(child.ending, Ending::AccessViolation);
         continue;
       }
-      for (const std::uint32_t before : {0x1F80u, 0x7FBFu, 0x9FC0u}) {
-        Step step{&check, flags, 0};
-        pretend(check.required | 1);
-        _mm_setcsr(before);
-#ifdef _WIN32
-        call_step(&step);
-#else
-        single_step(call_step, count_probe, &step);
-        const std::uint32_t stepped = _mm_getcsr();
-        _mm_setcsr(mxcsr::all_masked);
-        static const bool can_step = can_single_step();
-        EXPECT_EQ(step.probes, can_step && sets && in_doubt(check.known, effective) ? 1 : 0);
-        _mm_setcsr(stepped);
-#endif
-        const std::uint32_t after = _mm_getcsr();
-        _mm_setcsr(mxcsr::all_masked);
-        EXPECT_EQ(after, before | gained);
-      }
+      const std::uint32_t before = flags % 2 == 0 ? 0x7FBF : 0x1F80;  // what is set stays
+      Step step{check, flags};
+      pretend(check.required | 1);
+      _mm_setcsr(before);
+      call_watched(step);
+      const std::uint32_t after = _mm_getcsr();
+      _mm_setcsr(mxcsr::all_masked);
+      EXPECT_EQ(after, before | gained);
+      EXPECT_EQ(step.probes, can_watch() && in_doubt(check.known, effective) ? 1 : 0);
     }
   }
   pretend(0);
@@ -197,44 +199,40 @@ TEST(Mode, OfEveryEntryOnThisProcessor) {
 
 // ---- reports ------------------------------------------------------------------------------------
 
+// A call, and what it reports before it ends the process; "": it returns.
+struct Case {
+  std::string what;
+  std::function<void()> call;
+  std::string report;
+};
+
 std::string text_of(std::uint32_t message) {
   return __libkso_get_msg(message);
 }
 
 std::string report_of(const Check& check) {
-  const std::string start = text_of(check.message < 49 ? 23 : 49) + '\n';
-  const std::string description = text_of(check.message);
-  return '\n' + start +
-         (check.message < 49 ? "The allowed processors are: " + description + '.' : description) +
-         "\n\n";
+  const std::string text = text_of(check.message);
+  return check.message < 49 ? '\n' + text_of(23) + "\nThe allowed processors are: " + text + ".\n\n"
+                            : '\n' + text_of(49) + '\n' + text + "\n\n";
 }
 
-// Calls show(what, call, report) for every check with its set, and without each of its features.
-template <class Show>
-void for_each_report(Show show) {
+// Every check with its set, and without each of its features.
+void add_level_cases(std::vector<Case>& cases) {
   for (const Check& check : all_checks()) {
     for (int bit = -1; bit < 24; ++bit) {
-      const std::uint64_t missing = bit >= 0 ? check.required & 1uLL << bit : 0;
-      if (missing == 0 && bit >= 0) {
-        continue;
+      const std::uint64_t missing = bit < 0 ? 0 : check.required & 1uLL << bit;
+      if (bit < 0 || missing != 0) {
+        const bool ends = check.message != 0 && (missing != 0 || !check.sets_mode);
+        const auto call = [check, word = missing == 0 ? check.required | 1 : ~missing] {
+          pretend(word);
+          check.call(0);
+        };
+        cases.push_back(
+            {check.name + ' ' + std::to_string(bit), call, ends ? report_of(check) : ""});
       }
-      const std::uint64_t word = missing == 0 ? check.required | 1 : ~missing;
-      const bool ends = check.message != 0 && (missing != 0 || !check.sets_mode);
-      show(
-          check.name + ' ' + std::to_string(bit),
-          [&] {
-            pretend(word);
-            check.call(0);
-          },
-          ends ? report_of(check) : "");
     }
   }
 }
-
-struct FeatureCheck {
-  std::uint64_t have[2], mask;
-  std::int32_t index;
-};
 
 // The names of features of a word of the set, in the order of reports.
 std::vector<std::string_view> names_of(std::int32_t index, std::uint64_t missing) {
@@ -257,85 +255,79 @@ std::string joined(const std::vector<std::string_view>& names, std::size_t count
   return list;
 }
 
-std::string report_of(const FeatureCheck& c) {
-  const std::uint64_t never_required = c.index == 0 ? 1uLL << 52 : 0;
-  const bool bad_index = c.index != 0 && c.index != 1;
-  const std::uint64_t missing = bad_index ? 1 : c.mask & ~c.have[c.index] & ~never_required;
-  const auto names = names_of(c.index, missing);
-  const std::string list =
-      "Please verify that both the operating system and the processor support "
-      "Orvex(R) " +
-      joined(names, names.size(), " and ") + " instructions.";
-  const std::string text = c.have[0] == 1 ? text_of(62) : names.empty() ? text_of(58) : list;
-  return missing == 0 && c.have[0] != 1 ? "" : '\n' + text.substr(0, 511) + "\n\n";
+const auto check_features =
+    entry<void(std::int32_t, std::uint64_t)>("__orvex_new_feature_proc_init_n");
+
+Case feature_case(std::uint64_t word_0, std::uint64_t word_1, std::int32_t index,
+                  std::uint64_t mask) {
+  const bool good_index = index == 0 || index == 1, other_vendor = word_0 == 1;
+  const std::uint64_t lacks = mask & ~(index == 0 ? word_0 | 1uLL << 52 : word_1);
+  const auto names = names_of(index, lacks);
+  std::string text = text_of(other_vendor ? 62 : 58);
+  if (!other_vendor && good_index && !names.empty()) {
+    text = "Please verify that both the operating system and the processor support Orvex(R) " +
+           joined(names, names.size(), " and ") + " instructions.";
+  }
+  const bool passes = !other_vendor && good_index && lacks == 0;
+  const auto call = [=] {
+    pretend(word_0, word_1);
+    check_features(index, mask);
+  };
+  return {testing::PrintToString(std::tuple{word_0, word_1, index, mask}), call,
+          passes ? "" : '\n' + text.substr(0, 511) + "\n\n"};
 }
 
-using FeatureEntry = void(std::int32_t index, std::uint64_t mask);
-constexpr const char* feature_entry = "__orvex_new_feature_proc_init_n";
-
-template <class Show>
-void for_each_feature_report(Show show) {
-  Random random(5);
-  const auto show_check = [&](const FeatureCheck& c) {
-    show(
-        testing::PrintToString(c.mask) + " of " + testing::PrintToString(c.have[0]),
-        [&] {
-          pretend(c.have[0], c.have[1]);
-          entry<FeatureEntry>(feature_entry)(c.index, c.mask);
-        },
-        report_of(c));
+// The gated set is filled by the check itself, through the name table.
+Case filling_case(const char* vendor, std::int32_t generic_bit, std::uint32_t message) {
+  const auto call = [=] {
+    static SyntheticProcessor p;
+    p.set_vendor(vendor);
+    p.at(1).edx = 1;
+    install(&p);
+    __orvex_isa_table_init();
+    __orvex_isa_table[1].bit = generic_bit;
+    check_features(0, 2);
   };
+  return {vendor, call, message == 0 ? "" : '\n' + text_of(message) + "\n\n"};
+}
+
+std::vector<Case> all_cases() {
+  std::vector<Case> cases;
+  add_level_cases(cases);
   for (const std::uint64_t have : {1uLL, 3uLL, ~0uLL}) {
     for (const std::int32_t index : {-1, 0, 1, 2, 0x7FFFFFFF}) {
       for (const std::uint64_t mask : {0uLL, 1uLL << 31, 1uLL << 52, 3uLL << 51, ~0uLL}) {
-        show_check({{have, have}, mask, index});
+        cases.push_back(feature_case(have, have, index, mask));
       }
     }
   }
+  Random random(5);
   for (int round = 0; round < 200; ++round) {
-    const std::uint64_t few = random.next() & random.next() & random.next() & random.next();
-    show_check({{random.next() | 2, random.next()},
-                round % 2 == 0 ? few : random.next(),
-                static_cast<std::int32_t>(round / 2 % 2)});
+    const std::uint64_t have = random.next() | 2,
+                        few = random.next() & random.next() & random.next();
+    cases.push_back(feature_case(have, random.next(), round & 1, few & (random.next() | few << 9)));
   }
-  // The gated set is filled by the check itself.
-  for (const char* vendor : {"GenuineOrvex", "OtherVendor!"}) {
-    for (const std::int32_t generic_bit : {0, 1000}) {
-      const std::uint32_t message = generic_bit != 0 ? 59 : *vendor == 'O' ? 62 : 0;
-      show(
-          vendor + std::to_string(generic_bit),
-          [&] {
-            static SyntheticProcessor p;
-            p.set_vendor(vendor);
-            p.at(1).edx = 1;
-            install(&p);
-            __orvex_isa_table_init();
-            __orvex_isa_table[1].bit = generic_bit;
-            entry<FeatureEntry>(feature_entry)(0, 2);
-          },
-          message == 0 ? "" : '\n' + text_of(message) + "\n\n");
-    }
+  for (const std::int32_t generic_bit : {0, 1000}) {
+    cases.push_back(filling_case("GenuineOrvex", generic_bit, generic_bit == 0 ? 0 : 59));
+    cases.push_back(filling_case("OtherVendor!", generic_bit, generic_bit == 0 ? 62 : 59));
   }
+  return cases;
 }
 
 KSOMD_CHILD(reports) {
-  const auto show = [](const std::string& what, const auto& call, const std::string&) {
-    std::printf("%s:", what.c_str());
-    std::printf(exits(call) ? "ended\n" : "returned\n");
-  };
-  arguments[0] == "levels" ? for_each_report(show) : for_each_feature_report(show);
+  for (const Case& c : all_cases()) {
+    std::printf("%s:", c.what.c_str());
+    std::printf(exits(c.call) ? "ended\n" : "returned\n");
+  }
   return 0;
 }
 
 TEST(Reports, AreExact) {
-  for (const char* kind : {"levels", "features"}) {
-    std::string expected;
-    const auto show = [&](const std::string& what, const auto&, const std::string& report) {
-      expected += what + ':' + report + (report.empty() ? "returned\n" : "ended\n");
-    };
-    *kind == 'l' ? for_each_report(show) : for_each_feature_report(show);
-    expect_exit(run_child("reports", {kind}), 0, text_mode(expected));
+  std::string expected;
+  for (const Case& c : all_cases()) {
+    expected += c.what + ':' + c.report + (c.report.empty() ? "returned\n" : "ended\n");
   }
+  expect_exit(run_child("reports"), 0, text_mode(expected));
 }
 
 // end ENTRY: really ends.

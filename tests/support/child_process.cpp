@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 
 #ifdef _WIN32
@@ -28,62 +30,47 @@ std::map<std::string, ChildFunction>& registry() {
 // What differs between the systems: the command line, the environment, and how a process ended.
 #ifdef _WIN32
 
-// The command processor takes off the outermost quotation marks.
-std::string command_line(const Arguments& arguments) {
-  std::string line = '"' + ('"' + std::string(_pgmptr) + '"');
-  for (const std::string& argument : arguments) {
-    line += " \"" + argument + '"';
-  }
-  return line + '"';
-}
+constexpr const char* read_mode = "rb";
+constexpr char quote = '"';
+constexpr std::pair<unsigned, Ending> endings[] = {
+    {3, Ending::Abort},
+    {EXCEPTION_BREAKPOINT, Ending::BreakpointTrap},
+    {EXCEPTION_ACCESS_VIOLATION, Ending::AccessViolation},
+    {EXCEPTION_ILLEGAL_INSTRUCTION, Ending::IllegalInstruction}};
 
+// The command processor takes off the outermost quotation marks.
+std::string start_of_command() {
+  return '"' + ('"' + std::string(_pgmptr) + '"');
+}
 void set_variable(const std::string& name, const char* value) {
   _putenv_s(name.c_str(), value != nullptr ? value : "");
 }
-
 // The exit code is all that tells; abort ends with 3.
-ChildResult outcome(int code, const std::string& output) {
-  static const std::map<DWORD, Ending> endings = {
-      {3, Ending::Abort},
-      {EXCEPTION_BREAKPOINT, Ending::BreakpointTrap},
-      {EXCEPTION_ACCESS_VIOLATION, Ending::AccessViolation},
-      {EXCEPTION_ILLEGAL_INSTRUCTION, Ending::IllegalInstruction}};
-  const auto fault = endings.find(static_cast<DWORD>(code));
-  const Ending other = code >= 0 && code < 256 ? Ending::Exit : Ending::Other;
-  return {fault != endings.end() ? fault->second : other, code, output};
+std::pair<bool, unsigned> exited(int code) {
+  return {code >= 0 && code < 256 && code != 3, static_cast<unsigned>(code)};
 }
-
-constexpr const char* read_mode = "rb";
 
 #else
 
-std::string command_line(const Arguments& arguments) {
+constexpr const char* read_mode = "r";
+constexpr char quote = '\'';
+constexpr std::pair<unsigned, Ending> endings[] = {{SIGABRT, Ending::Abort},
+                                                   {SIGTRAP, Ending::BreakpointTrap},
+                                                   {SIGSEGV, Ending::AccessViolation},
+                                                   {SIGILL, Ending::IllegalInstruction}};
+
+std::string start_of_command() {
   char program[4096];
   const auto length = readlink("/proc/self/exe", program, sizeof program);
-  std::string line = "exec '" + std::string(program, static_cast<std::size_t>(length)) + '\'';
-  for (const std::string& argument : arguments) {
-    line += " '" + argument + '\'';
-  }
-  return line;
+  return "exec '" + std::string(program, static_cast<std::size_t>(length)) + '\'';
 }
-
 void set_variable(const std::string& name, const char* value) {
   value != nullptr ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
 }
-
-ChildResult outcome(int status, const std::string& output) {
-  static const std::map<int, Ending> endings = {{SIGABRT, Ending::Abort},
-                                                {SIGTRAP, Ending::BreakpointTrap},
-                                                {SIGSEGV, Ending::AccessViolation},
-                                                {SIGILL, Ending::IllegalInstruction}};
-  if (WIFEXITED(status)) {
-    return {Ending::Exit, WEXITSTATUS(status), output};
-  }
-  const auto fault = endings.find(WTERMSIG(status));
-  return {fault != endings.end() ? fault->second : Ending::Other, WTERMSIG(status), output};
+std::pair<bool, unsigned> exited(int status) {
+  return {WIFEXITED(status),
+          static_cast<unsigned>(WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status))};
 }
-
-constexpr const char* read_mode = "r";
 
 #endif
 
@@ -95,25 +82,29 @@ ChildRegistration::ChildRegistration(const char* name, ChildFunction function) {
 
 ChildResult run_child(const std::string& name, const Arguments& arguments,
                       const std::vector<std::pair<std::string, std::string>>& environment) {
-  Arguments command{child_flag + name};
-  command.insert(command.end(), arguments.begin(), arguments.end());
+  std::string command = start_of_command() + ' ' + child_flag + name;
+  for (const std::string& argument : arguments) {
+    command += std::string(" ") + quote + argument + quote;
+  }
   for (const auto& [variable, value] : environment) {
     set_variable(variable, value.c_str());
   }
   std::fflush(nullptr);
-  // NOLINTNEXTLINE(cert-env33-c): the command is this program
-  std::FILE* const child = popen(command_line(command).c_str(), read_mode);
+  // NOLINTNEXTLINE(bugprone-command-processor): the command is this program
+  std::FILE* const child = popen((command + (quote == '"' ? "\"" : "")).c_str(), read_mode);
   for (const auto& variable : environment) {
     set_variable(variable.first, nullptr);
-  }
-  if (child == nullptr) {
-    return {Ending::Other, errno, "not started"};
   }
   std::string output;
   for (int c = std::fgetc(child); c != EOF; c = std::fgetc(child)) {
     output += static_cast<char>(c);
   }
-  return outcome(pclose(child), output);
+  const auto [regular, code] = exited(pclose(child));
+  const auto* const fault = std::ranges::find(endings, code, &std::pair<unsigned, Ending>::first);
+  const Ending ending = regular                      ? Ending::Exit
+                        : fault != std::end(endings) ? fault->second
+                                                     : Ending::Other;
+  return {ending, static_cast<int>(code), output};
 }
 
 void expect_exit(const ChildResult& child, int status, const std::string& output) {

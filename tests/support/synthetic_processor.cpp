@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sstream>
 
 namespace ksomd::test {
 
@@ -12,7 +13,10 @@ CpuidResult& SyntheticProcessor::at(std::uint32_t leaf, std::uint32_t subleaf) {
 }
 
 std::uint32_t& SyntheticProcessor::reg(std::uint32_t leaf, std::uint32_t subleaf, char name) {
-  CpuidResult& result = at(leaf, subleaf);
+  return reg(at(leaf, subleaf), name);
+}
+
+std::uint32_t& SyntheticProcessor::reg(CpuidResult& result, char name) {
   std::uint32_t* const registers[] = {&result.eax, &result.ebx, &result.ecx, &result.edx};
   return *registers[name - 'a'];
 }
@@ -27,6 +31,21 @@ void SyntheticProcessor::set_vendor(std::string_view name, std::uint32_t highest
 
 int SyntheticProcessor::times_asked(std::uint32_t leaf, std::uint32_t subleaf) const {
   return static_cast<int>(std::ranges::count(asked, std::uint64_t{leaf} << 32 | subleaf));
+}
+
+std::string SyntheticProcessor::describe() const {
+  std::ostringstream text;
+  const auto print = [&text](const CpuidResult& r) {
+    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << "};\n";
+  };
+  text << std::hex << "xcr0_low = 0x" << xcr0_low << ";\n";
+  for (const auto& [leaf, subleaf, result] : answers) {
+    print((text << "at(0x" << leaf << ", " << subleaf << ") = ", result));
+  }
+  for (const CpuidResult& result : leaf_2) {
+    print((text << "leaf_2 ", result));
+  }
+  return text.str();
 }
 
 Processor SyntheticProcessor::processor() const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -26,11 +27,14 @@ struct SyntheticProcessor {
 
   CpuidResult& at(std::uint32_t leaf, std::uint32_t subleaf = 0);
   std::uint32_t& reg(std::uint32_t leaf, std::uint32_t subleaf, char name);
+  static std::uint32_t& reg(CpuidResult& result, char name);  // 'a' to 'd'
   void set_vendor(std::string_view name, std::uint32_t highest_leaf = 0x24);
   int times_asked(std::uint32_t leaf, std::uint32_t subleaf = 0) const;
   bool was_asked(std::uint32_t leaf, std::uint32_t subleaf = 0) const {
     return times_asked(leaf, subleaf) > 0;
   }
+
+  std::string describe() const;  // in a form that can be pasted
 
   // Valid as long as this object stays where it is.
   Processor processor() const;
