@@ -62,6 +62,7 @@ void expect_detected(SyntheticProcessor& p, const std::string& disabled = "") {
   p.xgetbv_count = 0;
   const Detection found = detect_features(p.processor(), value, false);
 
+  const bool silent = p.at(0).eax == 0;  // no leaf beyond the first: nothing is reported
   const std::vector<bool> holds = conditions_of(p);
   std::string wrong = found.status == 0 && text.intact() ? "" : "status ";
   FeatureSet expected = {};
@@ -75,6 +76,7 @@ void expect_detected(SyntheticProcessor& p, const std::string& disabled = "") {
     const bool read = !is_gated(f) || condition_holds;
     const bool has = reported && read && f.reported_by(p.reg(f.leaf.leaf, f.leaf.subleaf, f.reg));
     const Finding finding = f.bit == 0                      ? Finding::Present
+                            : silent                        ? Finding::NotReported
                             : !read                         ? Finding::NotAsked
                             : !has                          ? Finding::NotReported
                             : !condition_holds              ? Finding::ConditionFails
@@ -86,14 +88,14 @@ void expect_detected(SyntheticProcessor& p, const std::string& disabled = "") {
     const bool was_read = !reported || p.times_asked(f.leaf.leaf, f.leaf.subleaf) == 1;
     if (told.finding != finding || (tells_why && told.condition != f.condition) ||
         (found.features[f.bit / 64] >> f.bit % 64 & 1) != (finding == Finding::Present) ||
-        was_read != read) {
+        was_read != (read && !(silent && reported))) {
       wrong += std::string(f.name) + ' ';
     }
   }
   const bool same =
       found.features[0] == expected[0] && found.features[1] == expected[1] && wrong.empty();
   const bool xgetbv = (p.reg(1, 0, 'c') >> 27 & 1) != 0;
-  ASSERT_TRUE(same && p.xgetbv_count == xgetbv)
+  ASSERT_TRUE(same && p.xgetbv_count == (xgetbv && !silent))
       << wrong << "without " << disabled << " on " << p.describe();
 }
 
@@ -172,6 +174,7 @@ TEST(Detection, RandomProcessorsAndLists) {
       p.at(leaf.leaf, leaf.subleaf) = {dense(), dense(), dense(), dense()};
     }
     p.xcr0_low = dense();
+    p.at(0).eax = static_cast<std::uint32_t>(random.below(32));
     expect_detected(p, random_list(random));
   }
 }

@@ -47,18 +47,18 @@ std::vector<Check> all_checks() {
     std::uint32_t message;
     std::string dotted;
   } levels[] = {
-      {"", 0x2E, 0, 0, "H0"},       {"_B", 0x6E, 2, 44, "J0K2L2"}, {"_N", 0x6E, 2, 45, "J0K2L2"},
-      {"_P", 0xEE, 2, 43, "L2"},    {"_T", 0x1EE, 2, 42, "M2"},    {"_L", 0x9EE, 2, 48, "O2"},
-      {"_S", 0x3EE, 2, 46, "N2"},   {"_H", 0x17EE, 6, 47, "P6"},   {"_G", 0x117EE, 6, 50, "R6"},
-      {"_I", 0x197EE, 6, 51, "S6"}, {"_E", 0x9D9FEE, 6, 52, "V6"}};
+      {"", 0x2E, 0, 0, "H0"},      {"B", 0x6E, 2, 44, "J0K2L2"}, {"N", 0x6E, 2, 45, "J0K2L2"},
+      {"P", 0xEE, 2, 43, "L2"},    {"T", 0x1EE, 2, 42, "M2"},    {"L", 0x9EE, 2, 48, "O2"},
+      {"S", 0x3EE, 2, 46, "N2"},   {"H", 0x17EE, 6, 47, "P6"},   {"G", 0x117EE, 6, 50, "R6"},
+      {"I", 0x197EE, 6, 51, "S6"}, {"E", 0x9D9FEE, 6, 52, "V6"}};
   std::vector<Check> checks{{"__orvex_new_feature_proc_init", true, 0x20, 0, true, 0}};
   for (const auto& level : levels) {
     for (const bool with_flags : {false, true}) {
-      if (!with_flags && std::strchr("_B_N_P_T", level.letter.back()) == nullptr) {
+      if (!with_flags && std::strstr("BNPT", level.letter.c_str()) == nullptr) {
         continue;  // these levels came later
       }
-      const std::string name =
-          (with_flags ? "__orvex_new_proc_init" : "__orvex_proc_init") + level.letter;
+      const std::string name = (with_flags ? "__orvex_new_proc_init" : "__orvex_proc_init") +
+                               (level.letter.empty() ? "" : '_' + level.letter);
       checks.push_back({name, with_flags, level.required, level.known, true, level.message});
       checks.push_back({name + ".A", with_flags, 0, 0, false, level.message});
       for (std::size_t i = 0; i < level.dotted.size(); i += 2) {
