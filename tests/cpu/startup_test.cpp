@@ -255,8 +255,9 @@ std::string joined(const std::vector<std::string_view>& names, std::size_t count
   return list;
 }
 
-const auto check_features =
-    entry<void(std::int32_t, std::uint64_t)>("__orvex_new_feature_proc_init_n");
+using FeatureCheck = void(std::int32_t index_or_flags, std::uint64_t mask);
+const auto check_features = entry<FeatureCheck>("__orvex_new_feature_proc_init_n");
+const auto check_and_set_mode = entry<FeatureCheck>("__orvex_new_feature_proc_init");
 
 Case feature_case(std::uint64_t word_0, std::uint64_t word_1, std::int32_t index,
                   std::uint64_t mask) {
@@ -271,7 +272,7 @@ Case feature_case(std::uint64_t word_0, std::uint64_t word_1, std::int32_t index
   const bool passes = !other_vendor && good_index && lacks == 0;
   const auto call = [=] {
     pretend(word_0, word_1);
-    check_features(index, mask);
+    index == 0 && word_1 % 2 != 0 ? check_and_set_mode(0, mask) : check_features(index, mask);
   };
   return {testing::PrintToString(std::tuple{word_0, word_1, index, mask}), call,
           passes ? "" : '\n' + text.substr(0, 511) + "\n\n"};
