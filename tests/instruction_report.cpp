@@ -18,10 +18,10 @@
 #include "ksomd/pool.h"
 #include "ksomd/quad.h"
 #include "ksomd/vector.h"
-#include "matrix_digest.h"
 #include "mem/dispatch.h"
 #include "mem/tuning.h"
 #include "support/instruction_count.h"
+#include "support/sweep.h"
 
 // matmul/kernels.h cannot be included beside the public builtins: both declare the complex
 // products.
@@ -56,7 +56,7 @@ struct QuadOperands {
 
 // Numbers whose exponents lie `spread` about 1.
 QuadOperands quad_operands(std::uint64_t spread) {
-  DigestRandom random(3);
+  Random random(3);
   QuadOperands operands = {};
   for (quad128& value : operands.values) {
     const std::uint64_t sign_and_exponent =
@@ -186,7 +186,7 @@ void report_folds() {
 }
 
 void report_others() {
-  DigestRandom random(4);
+  Random random(4);
   std::vector<ksomd_range> ranges(100);
   for (auto& range : ranges) {
     range.start = random.next() >> 20;

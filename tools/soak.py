@@ -21,7 +21,7 @@ TESTS = pathlib.Path("build/host/tests")
 LOGS = pathlib.Path("build/soak")
 
 PROGRAMS = """quad_test mem_test mem_dispatch_test matmul_test vec_test dependence_test
-    conversion_test math_test builtins_test pool_test publication_test register_test cpu_test
+    conversion_test math_test builtins_test pool_test cpu_test
     traceback_test""".split()
 FUZZING = "fuzz_traceback"
 FUZZ_SECONDS = 20

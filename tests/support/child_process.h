@@ -50,13 +50,9 @@ std::ostream& operator<<(std::ostream& stream, Ending ending);
 // this is not a child.
 int run_as_child(int argc, char** argv);
 
-// What a platform has to supply: starting this program with `command` as its arguments, what the
-// child does before anything else, and how a test program ends with its status.
+// How a test program ends with its status.
 namespace platform {
 int finish(int status);
-void prepare_child();
-ChildResult run_this_program(const Arguments& command,
-                             const std::vector<std::pair<std::string, std::string>>& environment);
-}  // namespace platform
+}
 
 }  // namespace ksomd::test

@@ -5,27 +5,6 @@
 //       + 96   rax of the call
 //       + 112  xmm6 to xmm15 of the caller (callee-saved on Windows)
 
-        .intel_syntax noprefix
-        .text
-        .globl ksomd_probe_registers
-        .p2align 4
-#ifdef _WIN32
-        .def ksomd_probe_registers
-        .scl 2
-        .type 32
-        .endef
-#define ARGUMENT_1 rcx
-#define ARGUMENT_2 rdx
-#define ARGUMENT_3 r8
-#define ARGUMENT_4 r9d
-#else
-        .type ksomd_probe_registers, @function
-#define ARGUMENT_1 rdi
-#define ARGUMENT_2 rsi
-#define ARGUMENT_3 rdx
-#define ARGUMENT_4 ecx
-#endif
-
 #define ROUTINE 64
 #define BEFORE 72
 #define AFTER 80
@@ -38,90 +17,86 @@
 #define MMX 192
 #define VECTORS 256
 
+        .intel_syntax noprefix
+        .text
+        .globl ksomd_probe_registers
+        .p2align 4
+
+// A move between every register of a kind and its place: `load` names the direction.
+.macro move load, instruction, kind, at, step, numbers:vararg
+        .irp n, \numbers
+        .if \load
+        \instruction \kind\n, [rax + \at + \n * \step]
+        .else
+        \instruction [rax + \at + \n * \step], \kind\n
+        .endif
+        .endr
+.endm
+
+.macro move_vectors load
+        cmp dword ptr [rsp + WIDTH], 1
+        je 1f
+        ja 2f
+        move \load, movups, xmm, VECTORS, 64, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        jmp 3f
+1:      move \load, vmovups, ymm, VECTORS, 64, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        jmp 3f
+2:      move \load, vmovups, zmm, VECTORS, 64, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        move \load, vmovups, zmm, VECTORS, 64, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
+        move \load, kmovq, k, MASKS, 8, 0, 1, 2, 3, 4, 5, 6, 7
+3:      move \load, movq, mm, MMX, 8, 0, 1, 2, 3, 4, 5, 6, 7
+.endm
+
+.macro move_general load
+        move \load, mov, r, 0, 8, 8, 9, 10, 11, 12, 13, 14, 15
+        .set number, 1
+        .irp register, cx, dx, bx, sp, bp, si, di
+        .ifnc \register, sp
+        .if \load
+        mov r\register, [rax + 8 * number]
+        .else
+        mov [rax + 8 * number], r\register
+        .endif
+        .endif
+        .set number, number + 1
+        .endr
+.endm
+
 ksomd_probe_registers:
         .irp register, rbp, rbx, r12, r13, r14, r15, rsi, rdi
         push \register
         .endr
         sub rsp, FRAME
-        mov [rsp + ROUTINE], ARGUMENT_1
-        mov [rsp + BEFORE], ARGUMENT_2
-        mov [rsp + AFTER], ARGUMENT_3
-        mov [rsp + WIDTH], ARGUMENT_4
-        .irp n, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        movups [rsp + SAVED_VECTORS + (\n - 6) * 16], xmm\n
-        .endr
+#ifdef _WIN32
+        mov [rsp + ROUTINE], rcx
+        mov [rsp + BEFORE], rdx
+        mov [rsp + AFTER], r8
+        mov [rsp + WIDTH], r9d
+#else
+        mov [rsp + ROUTINE], rdi
+        mov [rsp + BEFORE], rsi
+        mov [rsp + AFTER], rdx
+        mov [rsp + WIDTH], ecx
+#endif
+        lea rax, [rsp + SAVED_VECTORS - 6 * 16]
+        move 0, movups, xmm, 0, 16, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
 
         mov rax, [rsp + BEFORE]
-        cmp dword ptr [rsp + WIDTH], 1
-        je 1f
-        ja 2f
-        .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        movups xmm\n, [rax + VECTORS + \n * 64]
-        .endr
-        jmp 3f
-1:      .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        vmovups ymm\n, [rax + VECTORS + \n * 64]
-        .endr
-        jmp 3f
-2:      .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
-        vmovups zmm\n, [rax + VECTORS + \n * 64]
-        .endr
-        .irp n, 0, 1, 2, 3, 4, 5, 6, 7
-        kmovq k\n, [rax + MASKS + \n * 8]
-        .endr
-3:      .irp n, 0, 1, 2, 3, 4, 5, 6, 7
-        movq mm\n, [rax + MMX + \n * 8]
-        .endr
-        mov rcx, [rax + 8 * 1]
-        mov rdx, [rax + 8 * 2]
-        mov rbx, [rax + 8 * 3]
-        mov rbp, [rax + 8 * 5]
-        mov rsi, [rax + 8 * 6]
-        mov rdi, [rax + 8 * 7]
-        .irp n, 8, 9, 10, 11, 12, 13, 14, 15
-        mov r\n, [rax + 8 * \n]
-        .endr
+        move_vectors 1
+        move_general 1
         call [rsp + ROUTINE]
-
         mov [rsp + RESULT], rax
         mov rax, [rsp + AFTER]
-        mov [rax + 8 * 1], rcx
-        mov [rax + 8 * 2], rdx
-        mov [rax + 8 * 3], rbx
-        mov [rax + 8 * 5], rbp
-        mov [rax + 8 * 6], rsi
-        mov [rax + 8 * 7], rdi
-        .irp n, 8, 9, 10, 11, 12, 13, 14, 15
-        mov [rax + 8 * \n], r\n
-        .endr
+        move_general 0
         mov rcx, [rsp + RESULT]
         mov [rax], rcx
-        .irp n, 0, 1, 2, 3, 4, 5, 6, 7
-        movq [rax + MMX + \n * 8], mm\n
-        .endr
+        move_vectors 0
         emms
         cmp dword ptr [rsp + WIDTH], 1
-        je 4f
-        ja 5f
-        .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        movups [rax + VECTORS + \n * 64], xmm\n
-        .endr
-        jmp 6f
-4:      .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        vmovups [rax + VECTORS + \n * 64], ymm\n
-        .endr
+        jb 1f
         vzeroupper
-        jmp 6f
-5:      .irp n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
-        vmovups [rax + VECTORS + \n * 64], zmm\n
-        .endr
-        .irp n, 0, 1, 2, 3, 4, 5, 6, 7
-        kmovq [rax + MASKS + \n * 8], k\n
-        .endr
-        vzeroupper
-6:      .irp n, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        movups xmm\n, [rsp + SAVED_VECTORS + (\n - 6) * 16]
-        .endr
+1:      lea rax, [rsp + SAVED_VECTORS - 6 * 16]
+        move 1, movups, xmm, 0, 16, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
         add rsp, FRAME
         .irp register, rdi, rsi, r15, r14, r13, r12, rbx, rbp
         pop \register
@@ -129,6 +104,5 @@ ksomd_probe_registers:
         ret
 
 #ifndef _WIN32
-        .size ksomd_probe_registers, . - ksomd_probe_registers
         .section .note.GNU-stack, "", @progbits
 #endif

@@ -2,20 +2,21 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sstream>
 
 namespace ksomd::test {
 
 CpuidResult& SyntheticProcessor::at(std::uint32_t leaf, std::uint32_t subleaf) {
-  for (Answer& answer : answers) {
-    if (answer.leaf == leaf && answer.subleaf == subleaf) {
-      return answer.result;
-    }
-  }
-  return answers.emplace_back(Answer{leaf, subleaf, {}}).result;
+  const auto found = std::ranges::find_if(
+      answers, [&](const Answer& a) { return a.leaf == leaf && a.subleaf == subleaf; });
+  return found != answers.end() ? found->result : answers.emplace_back(leaf, subleaf).result;
 }
 
 std::uint32_t& SyntheticProcessor::reg(std::uint32_t leaf, std::uint32_t subleaf, char name) {
-  CpuidResult& result = at(leaf, subleaf);
+  return reg(at(leaf, subleaf), name);
+}
+
+std::uint32_t& SyntheticProcessor::reg(CpuidResult& result, char name) {
   std::uint32_t* const registers[] = {&result.eax, &result.ebx, &result.ecx, &result.edx};
   return *registers[name - 'a'];
 }
@@ -28,33 +29,48 @@ void SyntheticProcessor::set_vendor(std::string_view name, std::uint32_t highest
   std::memcpy(&result.ecx, name.data() + 8, 4);
 }
 
-bool SyntheticProcessor::was_asked(std::uint32_t leaf, std::uint32_t subleaf) const {
-  return std::ranges::count(asked, std::uint64_t{leaf} << 32 | subleaf) > 0;
+int SyntheticProcessor::times_asked(std::uint32_t leaf, std::uint32_t subleaf) const {
+  return static_cast<int>(std::ranges::count(asked, std::uint64_t{leaf} << 32 | subleaf));
+}
+
+std::string SyntheticProcessor::describe() const {
+  std::ostringstream text;
+  const auto print = [&text](const CpuidResult& r) {
+    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << "};\n";
+  };
+  text << std::hex << "xcr0_low = 0x" << xcr0_low << ";\n";
+  for (const auto& [leaf, subleaf, result] : answers) {
+    print((text << "at(0x" << leaf << ", " << subleaf << ") = ", result));
+  }
+  for (const CpuidResult& result : leaf_2) {
+    print((text << "leaf_2 ", result));
+  }
+  return text.str();
 }
 
 Processor SyntheticProcessor::processor() const {
-  return Processor{[](const void* self, std::uint32_t leaf, std::uint32_t subleaf) -> CpuidResult {
-                     const auto* that = static_cast<const SyntheticProcessor*>(self);
-                     that->asked.push_back(std::uint64_t{leaf} << 32 | subleaf);
-                     for (const Answer& answer : that->answers) {
-                       if (answer.leaf == leaf && answer.subleaf == subleaf) {
-                         return answer.result;
-                       }
-                     }
-                     return {};
-                   },
-                   [](const void* self) -> std::uint32_t {
-                     const auto* that = static_cast<const SyntheticProcessor*>(self);
-                     ++that->xgetbv_count;
-                     return that->xcr0_low;
-                   },
-                   [](const void* self) -> std::uint32_t {
-                     return static_cast<const SyntheticProcessor*>(self)->number;
-                   },
-                   [](const void* self) -> bool {
-                     return static_cast<const SyntheticProcessor*>(self)->cpuid_exists;
-                   },
-                   this};
+  using Self = const SyntheticProcessor*;
+  return {[](const void* self, std::uint32_t leaf, std::uint32_t subleaf) {
+            const auto* const that = static_cast<Self>(self);
+            const auto before = static_cast<std::size_t>(that->times_asked(leaf, subleaf));
+            that->asked.push_back(std::uint64_t{leaf} << 32 | subleaf);
+            if (leaf == 2 && !that->leaf_2.empty()) {
+              return before < that->leaf_2.size() ? that->leaf_2[before] : CpuidResult{};
+            }
+            const auto found = std::ranges::find_if(that->answers, [&](const Answer& a) {
+              return a.leaf == leaf && a.subleaf == subleaf;
+            });
+            return found != that->answers.end() ? found->result : CpuidResult{};
+          },
+          [](const void* self) {
+            ++static_cast<Self>(self)->xgetbv_count;
+            return static_cast<Self>(self)->xcr0_low;
+          },
+          [](const void* self) {
+            const auto* const that = static_cast<Self>(self);
+            return that->numbers[std::min(that->rdpid_count++, that->numbers.size() - 1)];
+          },
+          [](const void* self) { return static_cast<Self>(self)->cpuid_exists; }, this};
 }
 
 }  // namespace ksomd::test

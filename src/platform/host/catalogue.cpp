@@ -34,7 +34,7 @@ DWORD FormatMessageA(DWORD flags, HMODULE source, DWORD identifier, DWORD langua
   }
   const auto* from = static_cast<const ksomd::host::Catalogue*>(source);
   const char* text = language == us_english ? from->text(identifier) : nullptr;
-  char* copy = text != nullptr ? strdup(text) : nullptr;
+  char* copy = text != nullptr && *text != '\0' ? strdup(text) : nullptr;
   if (copy == nullptr) {
     return 0;
   }

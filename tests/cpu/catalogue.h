@@ -1,4 +1,4 @@
-// The tests' message catalogue, tests/catalogue/kso_msg.mc.
+// The tests' message catalogue, tests/cpu/kso_msg.mc.
 #pragma once
 
 namespace ksomd::test {

@@ -1,6 +1,6 @@
 #include <windows.h>
 
-#include "support/catalogue.h"
+#include "cpu/catalogue.h"
 
 // The test build puts the catalogue into the directory catalogue/1033 of the working directory; it
 // is looked for relative to the current one.

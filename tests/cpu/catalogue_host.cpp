@@ -1,7 +1,8 @@
 #include <cstring>
+#include <map>
 #include <string>
 
-#include "support/catalogue.h"
+#include "cpu/catalogue.h"
 #include "system.h"
 
 namespace ksomd::test {
@@ -16,24 +17,17 @@ const char* text(DWORD identifier) {
     }
     return letters + "\r\n";
   }();
-  switch (identifier) {
-    case 0x80000017:
-      return "Translated: not this processor.\r\n";
-    case 0x80000018:
-      return "Translated: 100%% of %s.\r\n";
-    case 0x8000001B:
-      return "Translated: %d\n";
-    case 0x8000001E:
-      return "\r\n";
-    case 0x8000002C:
-      return "Translated level B\r\n";
-    case 0x80000031:
-      return long_text.c_str();
-    case 0x80000039:
-      return " plus%% ";
-    default:
-      return nullptr;
-  }
+  static const std::map<DWORD, const char*> texts = {
+      {0x80000017, "Translated: not this processor.\r\n"},
+      {0x80000018, "Translated: 100%% of %s.\r\n"},
+      {0x8000001B, "Translated: %d\n"},
+      {0x8000001E, "\r\n"},
+      {0x8000001F, "x"},
+      {0x8000002C, "Translated level B\r\n"},
+      {0x80000031, long_text.c_str()},
+      {0x80000039, " plus%% "}};
+  const auto found = texts.find(identifier);
+  return found != texts.end() ? found->second : nullptr;
 }
 
 bool holds(const char* name) {
