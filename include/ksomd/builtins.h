@@ -21,10 +21,10 @@ KSOMD_API ksomd_uint128 __udivmodti4(ksomd_uint128 a, ksomd_uint128 b, ksomd_uin
 
 /* Quotient and remainder of integers of `words` 32-bit words each, the least significant first.
  *
- * `dividend` has room for one word more, and holds nothing of use afterwards. The divisor is kept
- * by the unsigned form; the signed form negates negative operands in place. `quotient` overlaps no
- * other operand; `remainder` may be `dividend`. Word alignment suffices. Algorithm D of Knuth, The
- * Art of Computer Programming 4.3.1, in 64-bit digits.
+ * No operand is touched beyond its words. Dividend and divisor hold the same values afterwards as
+ * before; the signed form negates a negative divisor in place meanwhile. `quotient` overlaps no
+ * other operand; `remainder` may be `dividend`, which it then replaces. Word alignment suffices.
+ * Algorithm D of Knuth, The Art of Computer Programming 4.3.1, in 64-bit digits.
  *
  * The signed form reads two's complement and truncates toward zero; the remainder has the
  * dividend's sign. The one quotient that is out of range, of the lowest number by -1, wraps around

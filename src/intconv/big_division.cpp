@@ -1,13 +1,19 @@
 // Division of integers of any length, in 64-bit digits.
 //
 // With n the divisor's digits and s the shift that sets its top bit, the dividend is shifted by s
-// in place; the digit pushed out on top is a variable, the `head`. Each step divides the n + 1
-// digits
+// on its way into the remainder's memory; the digit pushed out on top is a variable, the `head`.
+// Each step divides the n + 1 digits
 //
 //     head  u[j+n-1] ... u[j+1] u[j]        by        v[n-1] ... v[0]
 //
 // where the invariant is (head, u[j+n-1], ..., u[j+1]) < v, and leaves the remainder in place, its
-// top digit the next head. The divisor is shifted as it is read and never written.
+// top digit the next head. Dividend and divisor are never written.
+//
+// An odd number of words is completed below by a word of zeros, in dividend and divisor alike: the
+// quotient stays, and that word of every remainder is zero, so no memory stands for it.
+//
+//     digit     2        1        0
+//     words  [4] [3]  [2] [1]  [0]  0
 #include <cstdint>
 #include <cstring>
 
@@ -18,16 +24,29 @@ namespace {
 using Digit = std::uint64_t;
 __extension__ using TwoDigits = unsigned __int128;
 
-// Digits of an array of words. The top digit of an odd number of words is half a digit.
+// Digit j of `count` words.
 Digit load(const std::uint32_t* words, std::uint32_t count, std::uint32_t j) {
-  Digit digit = words[std::size_t{j} * 2];
-  if (j * 2 + 1 < count) {
-    digit |= Digit{words[std::size_t{j} * 2 + 1]} << 32;
+  if (count % 2 == 0) [[likely]] {
+    return words[std::size_t{j} * 2] | Digit{words[std::size_t{j} * 2 + 1]} << 32;
   }
-  return digit;
+  const Digit high = Digit{words[std::size_t{j} * 2]} << 32;
+  return j == 0 ? high : high | words[std::size_t{j} * 2 - 1];
 }
 
 void store(std::uint32_t* words, std::uint32_t count, std::uint32_t j, Digit digit) {
+  if (count % 2 == 0) [[likely]] {
+    words[std::size_t{j} * 2] = static_cast<std::uint32_t>(digit);
+    words[std::size_t{j} * 2 + 1] = static_cast<std::uint32_t>(digit >> 32);
+    return;
+  }
+  if (j != 0) {
+    words[std::size_t{j} * 2 - 1] = static_cast<std::uint32_t>(digit);
+  }
+  words[std::size_t{j} * 2] = static_cast<std::uint32_t>(digit >> 32);
+}
+
+// A digit of the quotient, which is completed above.
+void store_quotient(std::uint32_t* words, std::uint32_t count, std::uint32_t j, Digit digit) {
   words[std::size_t{j} * 2] = static_cast<std::uint32_t>(digit);
   if (j * 2 + 1 < count) {
     words[std::size_t{j} * 2 + 1] = static_cast<std::uint32_t>(digit >> 32);
@@ -94,10 +113,11 @@ struct Divisor {
 };
 
 std::uint32_t significant_digits(const std::uint32_t* words, std::uint32_t count) {
+  const std::uint32_t below = count % 2;
   while (count > 0 && words[count - 1] == 0) {
     --count;
   }
-  return count / 2 + count % 2;
+  return count == 0 ? 0 : (count + below + 1) / 2;
 }
 
 // The quotient digit from the top three digits of the dividend and two of the divisor: right, or
@@ -124,68 +144,67 @@ Digit estimate(const DigitDivisor& top, Digit second, Digit head, Digit u1, Digi
 }
 
 // u[j ...] -= quotient * v, with the head on top; whether that went below zero.
-bool subtract_product(std::uint32_t* u, std::uint32_t room, std::uint32_t j, const Divisor& v,
+bool subtract_product(std::uint32_t* u, std::uint32_t words, std::uint32_t j, const Divisor& v,
                       Digit quotient, Digit head) {
   Digit carry = 0;
   for (std::uint32_t i = 0; i < v.digits; ++i) {
     const TwoDigits product = TwoDigits{quotient} * v[i] + carry;
-    const Digit digit = load(u, room, j + i);
+    const Digit digit = load(u, words, j + i);
     carry = high(product) + (digit < low(product));
-    store(u, room, j + i, digit - low(product));
+    store(u, words, j + i, digit - low(product));
   }
   return head < carry;
 }
 
-void add_back(std::uint32_t* u, std::uint32_t room, std::uint32_t j, const Divisor& v) {
+void add_back(std::uint32_t* u, std::uint32_t words, std::uint32_t j, const Divisor& v) {
   Digit carry = 0;
   for (std::uint32_t i = 0; i < v.digits; ++i) {
-    const TwoDigits sum = TwoDigits{load(u, room, j + i)} + v[i] + carry;
+    const TwoDigits sum = TwoDigits{load(u, words, j + i)} + v[i] + carry;
     carry = high(sum);
-    store(u, room, j + i, low(sum));
+    store(u, words, j + i, low(sum));
   }
 }
 
-// Shifts left in place; the digit pushed out.
-Digit shift_left(std::uint32_t* u, std::uint32_t room, std::uint32_t digits, unsigned shift) {
+// u = source << shift; the digit pushed out.
+Digit shift_left(std::uint32_t* u, const std::uint32_t* source, std::uint32_t words,
+                 std::uint32_t digits, unsigned shift) {
   Digit below = 0;
   for (std::uint32_t j = 0; j < digits; ++j) {
-    const Digit digit = load(u, room, j);
-    store(u, room, j, shifted(digit, below, shift));
+    const Digit digit = load(source, words, j);
+    store(u, words, j, shifted(digit, below, shift));
     below = digit;
   }
   return shifted(0, below, shift);
 }
 
-void divide(std::uint32_t* quotient, std::uint32_t* u, const Divisor& v, std::uint32_t words) {
+// Leaves the remainder, shifted, in the v.digits lowest digits of u.
+void divide(std::uint32_t* quotient, std::uint32_t* u, const std::uint32_t* dividend,
+            const Divisor& v, std::uint32_t words) {
   const std::uint32_t digits = words / 2 + words % 2;
-  const std::uint32_t room = words + words % 2;  // the spare word completes the top digit
-  if (words % 2 != 0) {
-    u[words] = 0;
-  }
-  Digit head = shift_left(u, room, digits, v.shift);
+  Digit head = shift_left(u, dividend, words, digits, v.shift);
   const DigitDivisor top(v[v.digits - 1]);
   const Digit second = v.digits > 1 ? v[v.digits - 2] : 0;
   for (std::uint32_t j = digits; j-- > digits - v.digits + 1;) {
-    store(quotient, words, j, 0);
+    store_quotient(quotient, words, j, 0);
   }
   for (std::uint32_t j = digits - v.digits + 1; j-- > 0;) {
-    const Digit u1 = load(u, room, j + v.digits - 1);
-    const Digit u0 = v.digits > 1 ? load(u, room, j + v.digits - 2) : 0;
+    const Digit u1 = load(u, words, j + v.digits - 1);
+    const Digit u0 = v.digits > 1 ? load(u, words, j + v.digits - 2) : 0;
     Digit q = estimate(top, second, head, u1, u0);
-    if (subtract_product(u, room, j, v, q, head)) [[unlikely]] {
+    if (subtract_product(u, words, j, v, q, head)) [[unlikely]] {
       --q;
-      add_back(u, room, j, v);
+      add_back(u, words, j, v);
     }
-    store(quotient, words, j, q);
-    head = load(u, room, j + v.digits - 1);
+    store_quotient(quotient, words, j, q);
+    head = load(u, words, j + v.digits - 1);
   }
 }
 
-void negate(std::uint32_t* words, std::uint32_t count) {
+void negate(std::uint32_t* result, const std::uint32_t* words, std::uint32_t count) {
   std::uint64_t carry = 1;
   for (std::uint32_t j = 0; j < count; ++j) {
     carry += ~words[j];
-    words[j] = static_cast<std::uint32_t>(carry);
+    result[j] = static_cast<std::uint32_t>(carry);
     carry >>= 32;
   }
 }
@@ -209,13 +228,11 @@ void __udivmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend, u
     return;
   }
   const auto shift = static_cast<unsigned>(__builtin_clzll(load(divisor, words, n - 1)));
-  divide(quotient, dividend, {divisor, words, n, shift}, words);
-  // The remainder is in the lowest n digits; shift it back. What is above them is zero.
+  divide(quotient, remainder, dividend, {divisor, words, n, shift}, words);
   const std::uint32_t digits = words / 2 + words % 2;
   for (std::uint32_t j = 0; j < digits; ++j) {
-    const std::uint32_t room = words + words % 2;
-    const Digit digit = j < n ? load(dividend, room, j) : 0;
-    const Digit above = j + 1 < n ? load(dividend, room, j + 1) : 0;
+    const Digit digit = j < n ? load(remainder, words, j) : 0;
+    const Digit above = j + 1 < n ? load(remainder, words, j + 1) : 0;
     store(remainder, words, j, low(join(above, digit) >> shift));
   }
 }
@@ -228,17 +245,21 @@ void __divmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend, ui
   const bool dividend_negative = is_negative(dividend, words);
   const bool divisor_negative = is_negative(divisor, words);
   if (dividend_negative) {
-    negate(dividend, words);
+    negate(remainder, dividend, words);
+    dividend = remainder;
   }
   if (divisor_negative) {
-    negate(divisor, words);
+    negate(divisor, divisor, words);
   }
   const bool by_zero = significant_digits(divisor, words) == 0;
   __udivmodei5(quotient, remainder, dividend, divisor, words);
   if (dividend_negative != divisor_negative && !by_zero) {
-    negate(quotient, words);
+    negate(quotient, quotient, words);
   }
   if (dividend_negative) {
-    negate(remainder, words);
+    negate(remainder, remainder, words);
+  }
+  if (divisor_negative) {
+    negate(divisor, divisor, words);
   }
 }
