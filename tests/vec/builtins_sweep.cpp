@@ -87,28 +87,24 @@ void divide(decltype(__udivmodei5)* routine, std::initializer_list<Words*> opera
 }
 
 bool divides_wide(const Words& a, const Words& b, const Words& q, const Words& r, bool is_signed) {
-  ksomd_uint128 x, y, quotient, remainder, rest = 0;
-  std::memcpy(&x, a.data(), sizeof x);
-  std::memcpy(&y, b.data(), sizeof y);
-  std::memcpy(&quotient, q.data(), sizeof quotient);
-  std::memcpy(&remainder, r.data(), sizeof remainder);
-  if (is_signed) {
-    using Signed = ksomd_int128;
-    return KSOMD_ENTRY(__divti3)(static_cast<Signed>(x), static_cast<Signed>(y)) ==
-           static_cast<Signed>(quotient);
+  static const auto signed_division = entry<decltype(__udivti3)>("__divti3");
+  ksomd_uint128 numbers[4], rest = 0;
+  for (int i = 0; const Words* words : {&a, &b, &q, &r}) {
+    std::memcpy(&numbers[i++], words->data(), sizeof rest);
   }
-  return KSOMD_ENTRY(__udivti3)(x, y) == quotient &&
-         KSOMD_ENTRY(__udivmodti4)(x, y, nullptr) == quotient &&
-         KSOMD_ENTRY(__udivmodti4)(x, y, &rest) == quotient && rest == remainder;
+  const auto [x, y, quotient, remainder] = numbers;
+  return is_signed ? signed_division(x, y) == quotient
+                   : KSOMD_ENTRY(__udivti3)(x, y) == quotient &&
+                         KSOMD_ENTRY(__udivmodti4)(x, y, nullptr) == quotient &&
+                         KSOMD_ENTRY(__udivmodti4)(x, y, &rest) == quotient && rest == remainder;
 }
 
 TEST(BuiltinsSweep, Division) {
-  const auto unsigned_division = KSOMD_ENTRY(__udivmodei5),
-             signed_division = KSOMD_ENTRY(__divmodei5);
+  decltype(__udivmodei5)* const routines[] = {KSOMD_ENTRY(__udivmodei5), KSOMD_ENTRY(__divmodei5)};
   Sweep sweep("vec.division");
   Random& random = sweep.random;
-  unsigned_division(nullptr, nullptr, nullptr, nullptr, 0);
-  signed_division(nullptr, nullptr, nullptr, nullptr, 0);
+  routines[0](nullptr, nullptr, nullptr, nullptr, 0);
+  routines[1](nullptr, nullptr, nullptr, nullptr, 0);
   for ([[maybe_unused]] const auto round : sweep.rounds(4000, 400'000)) {
     const std::size_t n = random.one_in(4) ? 4 : 1 + random.below(random.one_in(9) ? 64 : 9);
     const Words zero(n), b = operand(random, n);
@@ -120,8 +116,7 @@ TEST(BuiltinsSweep, Division) {
     const bool is_signed = random.one_in(2), in_place = random.one_in(4);
     const bool a_sign = is_signed && a.back() >> 31 != 0, b_sign = is_signed && b.back() >> 31 != 0;
     Words dividend = a, divisor = b;
-    divide(is_signed ? signed_division : unsigned_division, {&q, &r, &dividend, &divisor},
-           in_place);
+    divide(routines[is_signed], {&q, &r, &dividend, &divisor}, in_place);
     sweep.results(q.data(), 4 * n);
     sweep.results(r.data(), 4 * n);
     bool right = divisor == b && dividend == (in_place ? r : a);
@@ -194,6 +189,12 @@ std::pair<T, T> product(T factor, T a, T b, T c, T d) {
   return {factor * (a * c - b * d), factor * (a * d + b * c)};
 }
 
+// By the conjugate.
+template <class T>
+std::pair<T, T> conjugate_product(T factor, T a, T b, T c, T d) {
+  return {factor * (a * c + b * d), factor * (b * c - a * d)};
+}
+
 template <class T>
 [[gnu::noinline]] void multiply(T a, T b, T c, T d, std::pair<T, T>& result) {
   result = product(T{1}, a, b, c, d);
@@ -218,7 +219,7 @@ template <class T>
   c = std::scalbn(c, shift);
   d = std::scalbn(d, shift);
   const T norm = c * c + d * d;
-  const auto [re, im] = product(T{1}, a, b, c, -d);
+  const auto [re, im] = conjugate_product(T{1}, a, b, c, d);
   result = {std::scalbn(re / norm, shift), std::scalbn(im / norm, shift)};
   if (!std::isnan(result.first) || !std::isnan(result.second)) {
     return;
@@ -226,9 +227,9 @@ template <class T>
   if (norm == 0 && (!std::isnan(a) || !std::isnan(b))) {
     result = {std::copysign(infinity<T>, c) * a, std::copysign(infinity<T>, c) * b};
   } else if (first && std::isfinite(c) && std::isfinite(d)) {
-    result = product(infinity<T>, direction(a), direction(b), c, -d);
+    result = conjugate_product(infinity<T>, direction(a), direction(b), c, d);
   } else if (second && std::isfinite(a) && std::isfinite(b)) {
-    result = product(T{0}, a, b, direction(c), -direction(d));
+    result = conjugate_product(T{0}, a, b, direction(c), direction(d));
   }
 }
 

@@ -12,7 +12,6 @@
 #include <limits>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "cpu/feature_set.h"
@@ -183,11 +182,10 @@ T operand(Random& random) {
 template <class T>
 int shift_of(Random& random, T x) {
   using L = Limits<T>;
-  const int exponent = random.one_of({L::max_exponent, L::min_exponent, L::min_exponent - L::digits,
-                                      L::min_exponent - L::digits / 2});
+  const int middle = L::min_exponent - L::digits / 2, least = L::min_exponent - L::digits;
+  const int exponent = random.one_of({L::max_exponent, L::min_exponent, middle, least});
   if (random.one_in(4) || x == 0 || !std::isfinite(x)) {
-    return random.one_of(
-        {0, 1, -1, exponent, 65535, 65536, 65537, -65536, -65537, INT_MAX, INT_MIN});
+    return random.one_of({0, 1, -1, 65535, 65536, 65537, -65536, -65537, INT_MAX, INT_MIN});
   }
   return exponent + static_cast<int>(random.below(9)) - 5 - std::ilogb(x);
 }
@@ -197,20 +195,18 @@ int shift_of(Random& random, T x) {
 template <class T>
 auto results_of(const Routines<T>& routines, T x, T y, int n, std::uint64_t mode, unsigned more) {
   std::array<ksomd_uint128, 8> r{};
-  const unsigned flags = raised_by_both(
-      mode,
-      [&] {
-        r[0] = bits_of(routines.larger(x, y));
-        r[1] = bits_of(routines.with_sign(x, y));
-        r[2] = bits_of(routines.magnitude(x));
-        r[3] = bits_of(routines.is_finite(x) + 2 * routines.is_nan(x) + 4 * routines.infinite(x));
-        errno = 0;
-        r[4] = bits_of(routines.exponent(x));
-        r[5] = bits_of(std::exchange(errno, 0));
-        r[6] = bits_of(routines.scale(x, n));
-        r[7] = bits_of(errno);
-      },
-      more);
+  const auto call = [&] {
+    r[0] = bits_of(routines.larger(x, y));
+    r[1] = bits_of(routines.with_sign(x, y));
+    r[2] = bits_of(routines.magnitude(x));
+    r[3] = bits_of(routines.is_finite(x) + 2 * routines.is_nan(x) + 4 * routines.infinite(x));
+    errno = 0;
+    r[4] = bits_of(routines.exponent(x));
+    r[5] = bits_of(std::exchange(errno, 0));
+    r[6] = bits_of(routines.scale(x, n));
+    r[7] = bits_of(errno);
+  };
+  const unsigned flags = raised_by_both(mode, call, more);
   return std::pair{r, std::isnan(x) || std::isnan(y) ? 0 : flags};
 }
 
@@ -276,26 +272,22 @@ TEST(MathDispatch, LevelOfFeatures) {
   }
 }
 
-template <class Function>
+using Address = void (*)();
 struct Slot {
-  Function*& slot;
-  Function* first;
-  Function* second;
-  Function* resolver = slot;  // as every program starts: nothing has called it yet
+  Address* slot;
+  Address first, second, resolver;  // the resolver as every program starts: nothing has called it
 };
-template <class Function>
-Slot(Function*&, Function*, Function*) -> Slot<Function>;
-
-const std::tuple slots{Slot{__libkso_fmax_slot, general::fmax, vector::fmax},
-                       Slot{__libkso_fmaxf_slot, general::fmaxf, vector::fmaxf},
-                       Slot{__libkso_copysign_slot, general::copysign, vector::copysign},
-                       Slot{__libkso_copysignf_slot, general::copysignf, vector::copysignf},
-                       Slot{__libkso_logb_slot, general::logb, vector::logb},
-                       Slot{__libkso_scalbn_slot, general::scalbn, vector::scalbn}};
+#define KSOMD_SLOT(name)                                                                          \
+  {reinterpret_cast<Address*>(&__libkso_##name##_slot), reinterpret_cast<Address>(general::name), \
+   reinterpret_cast<Address>(vector::name), reinterpret_cast<Address>(__libkso_##name##_slot)}
+const Slot slots[] = {KSOMD_SLOT(fmax),      KSOMD_SLOT(fmaxf), KSOMD_SLOT(copysign),
+                      KSOMD_SLOT(copysignf), KSOMD_SLOT(logb),  KSOMD_SLOT(scalbn)};
 
 // Calls all as the first users, of a process in this state: whether results and slots are right.
 bool install(LevelState state, std::uint32_t level) {
-  std::apply([](auto&... row) { ((row.slot = row.resolver), ...); }, slots);
+  for (const Slot& row : slots) {
+    *row.slot = row.resolver;
+  }
   __libkso_math_level = state;
   std::atomic<int> wrong = 0;
   const auto use = [&] {
@@ -307,10 +299,10 @@ bool install(LevelState state, std::uint32_t level) {
   use();
   other.join();
   use();
-  const auto installed = [&](auto&... row) {
-    return ((row.slot == (level < 5 ? row.first : row.second)) && ...);
-  };
-  return wrong == 0 && std::apply(installed, slots);
+  for (const Slot& row : slots) {
+    wrong += *row.slot != (level < 5 ? row.first : row.second);
+  }
+  return wrong == 0;
 }
 
 TEST(MathDispatch, FirstUsersInstallTheLevelsImplementations) {
@@ -319,7 +311,7 @@ TEST(MathDispatch, FirstUsersInstallTheLevelsImplementations) {
   }
   // A thread that has read an old slot runs the resolver again: what is there stays.
   __libkso_logb_slot = general::logb;
-  EXPECT_EQ(std::get<4>(slots).resolver(8), 3);
+  EXPECT_EQ(reinterpret_cast<double (*)(double)>(slots[4].resolver)(8), 3);
   EXPECT_EQ(__libkso_logb_slot, general::logb);
   for (int round = 0; round < 50; ++round) {
     const std::uint32_t level = level_of({feature_word(), __orvex_cpu_feature_indicator[1]});
