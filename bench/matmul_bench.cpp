@@ -23,12 +23,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ksomd/matmul.h"
@@ -125,8 +125,18 @@ struct Blas {
 };
 Blas blas_libraries[] = {{"openblas", nullptr}, {"blis", nullptr}};
 
-const char* best_kernels(const char* kernels_512, const char* kernels_256) {
-  return __builtin_cpu_supports("avx512f") != 0 ? kernels_512 : kernels_256;
+// Kernels as the library names them, and as the report does.
+struct BlasKernels {
+  const char* name;
+  const char* title;
+};
+constexpr BlasKernels openblas_kernels[] = {{"SkylakeX", "kernels for 512-bit vectors"},
+                                            {"Haswell", "kernels for 256-bit vectors"}};
+constexpr BlasKernels blis_kernels[] = {{"skx", "kernels for 512-bit vectors"},
+                                        {"haswell", "kernels for 256-bit vectors"}};
+
+const char* best_of(const BlasKernels (&kernels)[2]) {
+  return kernels[__builtin_cpu_supports("avx512f") != 0 ? 0 : 1].name;
 }
 
 template <class Function>
@@ -134,47 +144,46 @@ Function find(void* library, const char* name) {
   return library == nullptr ? nullptr : reinterpret_cast<Function>(dlsym(library, name));
 }
 
-void report(const char* name, const void* library, const char* variable, const char* in_use) {
-  const char* value = std::getenv(variable);
-  benchmark::AddCustomContext(name, library == nullptr ? "missing"
-                                                       : std::string(variable) + "=" +
-                                                             (value != nullptr ? value : "") +
-                                                             ", in use: " + in_use);
+void report(const char* name, const void* library, const BlasKernels (&kernels)[2],
+            std::string_view in_use) {
+  const char* title = library == nullptr ? "missing" : "other kernels";
+  for (const BlasKernels& row : kernels) {
+    title = in_use == row.name ? row.title : title;
+  }
+  benchmark::AddCustomContext(name, title);
 }
 
 // It reads its variable while it is loaded.
 void* load_openblas() {
-  constexpr const char* variable = "OPENBLAS_CORETYPE";
-  setenv(variable, best_kernels("SKYLAKEX", "HASWELL"), 0);
+  setenv("OPENBLAS_CORETYPE", best_of(openblas_kernels), 0);
   void* const library = dlopen("libopenblas.so.0", RTLD_NOW | RTLD_LOCAL);
   const auto in_use = find<const char* (*)()>(library, "openblas_get_corename");
-  report("openblas", library, variable, in_use != nullptr ? in_use() : "unknown");
+  report("openblas", library, openblas_kernels, in_use != nullptr ? in_use() : "");
   return library;
 }
 
 // It reads its variable, a number, when it initialises itself; the last name is "generic".
 void* load_blis() {
-  constexpr const char* variable = "BLIS_ARCH_TYPE";
   void* const library = dlopen("libblis.so.4", RTLD_NOW | RTLD_LOCAL);
   const auto name_of = find<const char* (*)(int)>(library, "bli_arch_string");
   const auto in_use = find<int (*)()>(library, "bli_arch_query_id");
   const auto initialize = find<void (*)()>(library, "bli_init");
   if (name_of == nullptr || in_use == nullptr || initialize == nullptr) {
-    report("blis", library, variable, "unknown");
+    report("blis", library, blis_kernels, "");
     return library;
   }
-  const std::string wanted = best_kernels("skx", "haswell");
+  const std::string wanted = best_of(blis_kernels);
   for (int id = 0; id < 64; ++id) {
     const std::string name = name_of(id);
     if (name == wanted) {
-      setenv(variable, std::to_string(id).c_str(), 0);
+      setenv("BLIS_ARCH_TYPE", std::to_string(id).c_str(), 0);
     }
     if (name == wanted || name == "generic") {
       break;
     }
   }
   initialize();
-  report("blis", library, variable, name_of(in_use()));
+  report("blis", library, blis_kernels, name_of(in_use()));
   return library;
 }
 
@@ -426,16 +435,6 @@ void register_ceilings() {
   }
 }
 
-std::string processor_name() {
-  std::ifstream file("/proc/cpuinfo");
-  for (std::string line; std::getline(file, line);) {
-    if (line.starts_with("model name")) {
-      return line.substr(line.find(':') + 2);
-    }
-  }
-  return "unknown";
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -448,7 +447,6 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
     return 1;
   }
-  benchmark::AddCustomContext("processor", processor_name());
   benchmark::AddCustomContext("ksomd kernels",
                               ksomd::matmul::choose_variant(ksomd::feature_word()).name);
   blas_libraries[0].library = load_openblas();

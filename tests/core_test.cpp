@@ -333,19 +333,19 @@ TEST(TuningValues, OfGenuineProcessors) {
 }
 
 TEST(TuningValues, OfOtherVendors) {
-  TableProcessor amd("AuthenticAMD", 0x10);
-  amd.leaf(1).edx = sse2 | mmx;
-  amd.leaf(0x80000006).ecx = 512u << 16 | 0xFFFF;
-  expect_tuning(mem::derive_tuning(amd.processor(), {}), defaults(1));
-  EXPECT_EQ(amd.asked[0x80000006], 0);
-  amd.leaf(0x80000000).eax = 0x80000006;
+  TableProcessor level_2("AuthenticAMD", 0x10);
+  level_2.leaf(1).edx = sse2 | mmx;
+  level_2.leaf(0x80000006).ecx = 512u << 16 | 0xFFFF;
+  expect_tuning(mem::derive_tuning(level_2.processor(), {}), defaults(1));
+  EXPECT_EQ(level_2.asked[0x80000006], 0);
+  level_2.leaf(0x80000000).eax = 0x80000006;
   mem::Tuning expected = defaults(1);
   expected.largest_cache_size = 524288;
   expected.copy_nt_threshold = 262144;
-  expect_tuning(mem::derive_tuning(amd.processor(), {}), expected);
-  amd.leaf(1).edx = sse2;
+  expect_tuning(mem::derive_tuning(level_2.processor(), {}), expected);
+  level_2.leaf(1).edx = sse2;
   expected.mem_class = 0;
-  expect_tuning(mem::derive_tuning(amd.processor(), {}), expected);
+  expect_tuning(mem::derive_tuning(level_2.processor(), {}), expected);
   TableProcessor other("SomebodyElse", 0x16);
   other.leaf(1).edx = sse2 | mmx;
   other.leaf(0x80000000).eax = 0x80000008;

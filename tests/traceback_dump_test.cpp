@@ -269,8 +269,7 @@ TEST(Dump, Skipping) {
   EXPECT_EQ(dump_here(1, 1000, true).text, "");
 }
 
-// ---- lookups in images of the test's own
-// ----------------------------------------------------------
+// ---- lookups in images of the test's own --------------------------------------------------------
 
 // An image in memory: headers with a section table, and a trace section on its second page.
 class Image {

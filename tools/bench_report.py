@@ -14,7 +14,6 @@ import datetime
 import json
 import os
 import pathlib
-import platform
 import re
 import subprocess
 import sys
@@ -30,9 +29,9 @@ RESULTS = pathlib.Path("build/bench/results.json")
 PAGE = pathlib.Path("docs/benchmarks.md")
 PLOTS = pathlib.Path("docs/benchmarks")
 
-# A complete run goes through all parts several times: neighbours on the machine disturb it for
-# seconds at a time, which is then one round of a benchmark.
-ROUNDS = 3
+# A complete run goes through all parts in rounds: neighbours on the machine disturb it for seconds
+# at a time, which is then one round of a benchmark.
+ROUNDS = 2
 # What a part runs in a round: (which benchmarks, repetitions of each, rough seconds). Large matrices
 # take seconds a product with the slower contestants, so that fewer are multiplied.
 FULL = {
@@ -152,17 +151,22 @@ def versions():
     return {name: version for name, version in found.items() if version}
 
 
-def processor_name():
+def processor_description():
+    """Family, model, clock and vector width of the first processor."""
     with open("/proc/cpuinfo", encoding="ascii") as lines:
-        for line in lines:
-            if line.startswith("model name"):
-                return line.split(":", 1)[1].strip()
-    return platform.processor()
+        told = {}
+        for name, colon, value in (line.partition(":") for line in lines):
+            if colon:
+                told.setdefault(name.strip(), value.strip())
+    flags = told["flags"].split()
+    bits = 512 if "avx512f" in flags else 256 if "avx" in flags else 128
+    return (f"family {told['cpu family']}, model {told['model']}, "
+            f"{float(told['cpu MHz']) / 1000:.2f} GHz, {bits}-bit vectors")
 
 
 def run_all(chosen, plan, rounds, command):
-    results = {"processor": processor_name(), "processors": os.cpu_count(),
-               "date": datetime.date.today().isoformat(), "command": command,
+    results = {"processor": processor_description(), "processors": os.cpu_count(),
+               "rounds": rounds, "date": datetime.date.today().isoformat(), "command": command,
                "versions": versions(), "load": os.getloadavg()[0], "parts": {}}
     started = time.monotonic()
     plans = {part: plan.get(part, plan[""]) for part in chosen}
@@ -312,12 +316,12 @@ def write_page(results):
         old.unlink()
     lines = ["# Benchmarks", "", "Written by `./dev bench`; the raw results are its "
              "`build/bench/results.json`.", "",
-             f"- Processor: {results['processor']}, {results['processors']} visible",
+             f"- Processor: {results['processor']}; {results['processors']} visible",
              f"- Date: {results['date']}", f"- Command: `{results['command']}`",
              f"- Load when it began: {results['load']:.1f}",
              "- Versions: " + "; ".join(f"{n}: {v}" for n, v in results["versions"].items()), "",
-             "Medians of interleaved repetitions, in several rounds; the spread is half the distance between the "
-             "quartiles, the largest of a row. \"Times the best peer\" is how many times as fast "
+             f"Medians of interleaved repetitions, in {results['rounds']} rounds; the spread is "
+             "half the distance between the quartiles, the largest of a row. \"Times the best peer\" is how many times as fast "
              "as the fastest peer the library is. Dashed: what the processor itself can do in a "
              "bare loop.", ""]
     part_before = None

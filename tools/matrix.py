@@ -15,8 +15,8 @@ import subprocess
 import sys
 import time
 
-GENUINE, AMD, OTHER = "GenuineOrvex", "AuthenticAMD", "OtherVendor!"
-VENDORS = (GENUINE, AMD, OTHER)
+GENUINE, LEVEL_2, OTHER = "GenuineOrvex", "AuthenticAMD", "OtherVendor!"
+VENDORS = (GENUINE, LEVEL_2, OTHER)
 
 # What each start-up level needs beyond the level named first.
 LEVELS = {
@@ -118,7 +118,7 @@ def processors():
         lost = " ".join(above[kept:])
         yield Processor(f"baseline and {' '.join(above[:kept]) or 'nothing'}", lost,
                         VENDORS[(kept // 2 + 1) % 3], short=kept == 0)
-    for vendor in (AMD, OTHER):
+    for vendor in (LEVEL_2, OTHER):
         yield Processor(f"everything, {vendor}", "", vendor)
         yield Processor(f"without avx2, {vendor}", "avx2", vendor)
     features = machine_features()

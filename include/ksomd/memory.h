@@ -26,8 +26,7 @@
 
 KSOMD_BEGIN
 
-/* ---- what compiled code calls -----------------------------------------------------------------
- */
+/* ---- what compiled code calls ---------------------------------------------------------------- */
 
 /* The standard library's memcpy, memmove and memset: the first call chooses a variant for the
  * processor (AVX: the whole AVX2 level is present; generic: x87, CMOV, MMX, SSE and SSE2 are; else
@@ -41,8 +40,7 @@ KSOMD_API void* _orvex_fast_memset(void* destination, int value, size_t count);
  * difference's block of 16 bytes, counted from the beginning. */
 KSOMD_API int _orvex_fast_memcmp(const void* first, const void* second, size_t count);
 
-/* ---- generic variants: any x86-64 processor ---------------------------------------------------
- */
+/* ---- generic variants: any x86-64 processor -------------------------------------------------- */
 
 /* Copies above copy_nt_threshold, and fills above largest_cache_size, use non-temporal stores; a
  * move from a lower to a higher address that overlaps never does. */
@@ -54,25 +52,20 @@ KSOMD_API void* __orvex_memset(void* destination, int value, size_t count);
 /* As _orvex_fast_memcmp, but equal addresses are compared like any others. */
 KSOMD_API int __orvex_new_memcmp(const void* first, const void* second, size_t count);
 
-/* ---- variants for processors with wide vectors ------------------------------------------------
- */
+/* ---- variants for processors with wide vectors ----------------------------------------------- */
 
-/* None of these checks the processor. The copies do not support overlapping ranges.
+/* None of these checks the processor. The copies do not support overlapping ranges. They change
+ * their method at these counts:
  *
- *   routine                            needs               string instruction       non-temporal
- *   __orvex_avx_rep_memcpy             AVX                 from 3/8 l1_size         from
- *                                                                                   copy_nt_threshold
- *   __orvex_avx_memmove                AVX2                never                    from
- *                                                                                   copy_nt_threshold
- *   __orvex_avx_rep_memset             AVX2                from 15/16 l1_size       never
- *   __orvex_tvr_avx512_memcpy          AVX512F             above                    above
- *                                                          rep_movsb_threshold avx512_nt_threshold
- *   __orvex_tvr_avx512_memset          AVX512F, AVX512BW   above                    never
- *                                                          rep_stosb_threshold
- *   __orvex_pxn_avx512f_memcpy         AVX512F             never                    from
- *                                                                                   copy_nt_threshold
- *   __orvex_pxn_avx512f_memset         AVX512F             never                    from l1_size /
- * 4 the two rfo forms                  AVX512F             never                    never
+ *   routine                     needs              string instruction     non-temporal
+ *   __orvex_avx_rep_memcpy      AVX                >= 3/8 l1_size         >= copy_nt_threshold
+ *   __orvex_avx_memmove         AVX2               never                  >= copy_nt_threshold
+ *   __orvex_avx_rep_memset      AVX2               >= 15/16 l1_size       never
+ *   __orvex_tvr_avx512_memcpy   AVX512F            > rep_movsb_threshold  > avx512_nt_threshold
+ *   __orvex_tvr_avx512_memset   AVX512F, AVX512BW  > rep_stosb_threshold  never
+ *   __orvex_pxn_avx512f_memcpy  AVX512F            never                  >= copy_nt_threshold
+ *   __orvex_pxn_avx512f_memset  AVX512F            never                  >= l1_size / 4
+ *   the two rfo forms           AVX512F            never                  never
  *
  * The AVX and pxn routines judge the count that is left once the destination is aligned, the tvr
  * routines the whole count. All but the pxn routines clear the upper halves of the vector
@@ -87,8 +80,7 @@ KSOMD_API void* __orvex_pxn_avx512f_memset(void* destination, int value, size_t 
 KSOMD_API void* __orvex_pxn_avx512f_rfo_memcpy(void* destination, const void* source, size_t count);
 KSOMD_API void* __orvex_pxn_avx512f_rfo_memset(void* destination, int value, size_t count);
 
-/* ---- vectorised loops: copy and fill ----------------------------------------------------------
- */
+/* ---- vectorised loops: copy and fill --------------------------------------------------------- */
 
 /* Ranges up to 16384 bytes go through string instructions. Above that the time of a load or two
  * from the destination decides: into a destination that is in the cache they store ordinarily,
@@ -101,8 +93,7 @@ KSOMD_API void* __orvex_VEC_memcpy(void* destination, const void* source, size_t
 KSOMD_API void* __orvex_VEC_memset(void* destination, int value, size_t count);
 KSOMD_API void* __orvex_VEC_memzero(void* destination, int ignored, size_t count);
 
-/* ---- vectorised loops: streaming stores -------------------------------------------------------
- */
+/* ---- vectorised loops: streaming stores ------------------------------------------------------ */
 
 /* A loop that produces its output chunk by chunk collects a chunk behind a context and hands it
  * over. Whole aligned lines (64 bytes in the 512-bit forms, 32 in the 256-bit ones) go to the

@@ -4,8 +4,8 @@
 //   #include <ksomd/quad.hpp>
 //   using namespace ksomd::literals;
 //   ksomd::Quad third = 1 / 3_q;
-//   std::string text = ksomd::to_string(third);         // the shortest text that reads back the
-//   same std::optional<ksomd::Quad> same = ksomd::from_string(text);
+//   std::string text = ksomd::to_string(third);  // the shortest text that reads back the same
+//   std::optional<ksomd::Quad> same = ksomd::from_string(text);
 //
 // Header only; arithmetic, comparisons and conversions call the routines of <ksomd/quad.h> and
 // round and raise flags as described there, in the thread's MXCSR mode. Text conversions, literals

@@ -3,10 +3,9 @@
 //
 // Both directions divide one long integer by another, digit by digit:
 //
-//   to decimal      m * 2^e = 0.d1 d2 d3 ... * 10^k     digits of base 10 (Steele and White, "How
-//   to
-//                                                       print floating-point numbers accurately",
-//                                                       1990, for the shortest sequence)
+//   to decimal      m * 2^e = 0.d1 d2 d3 ... * 10^k     digits of base 10; the shortest sequence as
+//                                                       in Steele and White, "How to print
+//                                                       floating-point numbers accurately", 1990
 //   from decimal    N * 10^p = h0.h1 h2 ... * 2^x       digits of base 16, then one rounding
 //
 // Integers live on the stack; nothing allocates. Everything is constexpr and reads no rounding
@@ -15,6 +14,7 @@
 #define KSOMD_QUAD_DECIMAL_HPP
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 
 /// @cond
@@ -23,7 +23,7 @@ namespace ksomd::decimal {
 __extension__ using uint128 = unsigned __int128;
 
 // A natural number, the least significant word first; no leading zero words.
-template <int Capacity>
+template <std::size_t Capacity>
 class Natural {
  public:
   constexpr explicit Natural(uint128 value) noexcept {
@@ -206,7 +206,8 @@ class ToDecimal {
     m_.shift_left(m_shift - common + normalizing);
   }
 
-  // The shortest sequence that no other number is nearer to.
+  // The shortest sequence that no other number is nearer to; of those the nearest to the number,
+  // ties to even.
   constexpr Digits shortest() noexcept {
     start(reaches_above());
     Digits result = {{}, 0, point_};
@@ -216,8 +217,7 @@ class ToDecimal {
       const bool stop_below = below < 0 || (below == 0 && even_);
       const bool stop_above = reaches_above();
       if (stop_below || stop_above) {
-        const bool up = stop_above && (!stop_below || compare_half() > 0);
-        append(result, digit + (up ? 1 : 0));
+        append(result, digit + (stop_above && (!stop_below || rounds_up(digit)) ? 1 : 0));
         return result;
       }
       append(result, digit);
@@ -228,11 +228,12 @@ class ToDecimal {
   constexpr Digits rounded(int count) noexcept {
     start(r_.compare(s_) >= 0);
     Digits result = {{}, 0, point_};
+    unsigned digit = 0;
     for (int i = 0; i < count; ++i) {
-      append(result, next());
+      digit = next();
+      append(result, digit);
     }
-    const int half = compare_half();
-    if (half > 0 || (half == 0 && (result.digit[count - 1] - '0') % 2 != 0)) {
+    if (rounds_up(digit)) {
       increment(result);
     }
     return result;
@@ -284,10 +285,12 @@ class ToDecimal {
     const int above = sum.compare(s_);
     return above > 0 || (above == 0 && even_);
   }
-  constexpr int compare_half() const noexcept {
+  // Whether what remains behind this digit rounds it up: to nearest, ties to even.
+  constexpr bool rounds_up(unsigned digit) const noexcept {
     Integer twice = r_;
     twice.multiply(2);
-    return twice.compare(s_);
+    const int half = twice.compare(s_);
+    return half > 0 || (half == 0 && digit % 2 != 0);
   }
 
   Integer r_;

@@ -146,10 +146,12 @@ constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int
   return out.result();
 }
 
-// Reads what from_chars takes.
+// Reads what from_chars takes. Literals have separators between digits, where the compiler has
+// checked them.
 class Reader {
  public:
-  constexpr Reader(const char* first, const char* last) noexcept : next_(first), last_(last) {}
+  constexpr Reader(const char* first, const char* last, bool separators = false) noexcept
+      : next_(first), last_(last), separators_(separators) {}
 
   constexpr const char* position() const noexcept { return next_; }
 
@@ -174,6 +176,9 @@ class Reader {
   }
   // The value of the next digit, or -1.
   constexpr int take_digit(int base) noexcept {
+    if (separators_) {
+      take('\'');
+    }
     for (int value = 0; value < base; ++value) {
       if (take("0123456789abcdef"[value])) {
         return value;
@@ -243,6 +248,7 @@ class Reader {
  private:
   const char* next_;
   const char* last_;
+  bool separators_;
 };
 
 constexpr Quad pack(const Binary& number) noexcept {
@@ -256,15 +262,49 @@ constexpr Quad pack(const Binary& number) noexcept {
                          static_cast<std::uint64_t>(number.significand));
 }
 
+// Reads as from_chars does.
+constexpr std::errc read(Reader& in, Quad& a) noexcept {
+  const bool negative = in.take('-');
+  std::errc error{};
+  Quad magnitude;
+  if (in.take("inf")) {
+    in.take("inity");
+    magnitude = Quad::from_bits(0x7FFF000000000000, 0);
+  } else if (in.take("nan")) {
+    magnitude = in.take_payload();
+  } else {
+    FromDecimal number;
+    if (!in.take_significand(number)) {
+      return std::errc::invalid_argument;
+    }
+    const Binary binary = number.finish(in.take_exponent());
+    magnitude = pack(binary);
+    if (binary.too_large || binary.vanished) {
+      error = std::errc::result_out_of_range;
+    }
+  }
+  a = negative ? -magnitude : magnitude;
+  return error;
+}
+
+// Not defined: its name is the compiler's message about such a literal.
+void q_literal_is_hexadecimal_binary_or_octal_not_decimal();
+
+// A leading zero makes an octal literal, unless a point or an exponent follows.
+constexpr bool is_octal(std::string_view literal) noexcept {
+  return literal.size() > 1 && literal[0] == '0' &&
+         literal.find_first_of(".eE") == std::string_view::npos;
+}
+
 }  // namespace decimal
 /// @endcond
 
 /// Writes `a` to [first, last) with the fewest significant digits, at most 36, from which
-/// from_chars gives `a` again, the nearest such text to it. No terminator. Numbers from 1e-5 up to
-/// below 1e36 are written plainly ("0.001", "1500"), others as "1.5e+300". Infinities are "inf",
-/// the usual quiet NaN "nan", other NaNs "nan(0x...)" with their 28 hexadecimal fraction digits;
-/// all with "-" if the sign bit is set. Result as of std::to_chars; quad_text_size characters
-/// always suffice.
+/// from_chars gives `a` again, the nearest such text to it, ties to even. No terminator. Numbers
+/// from 1e-5 up to below 1e36 are written plainly ("0.001", "1500"), others as "1.5e+300".
+/// Infinities are "inf", the usual quiet NaN "nan", other NaNs "nan(0x...)" with their 28
+/// hexadecimal fraction digits; all with "-" if the sign bit is set. Result as of std::to_chars;
+/// quad_text_size characters always suffice.
 constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a) noexcept {
   return decimal::write(first, last, a, 0);
 }
@@ -287,27 +327,8 @@ constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a,
 /// zero, is stored so, with std::errc::result_out_of_range.
 constexpr std::from_chars_result from_chars(const char* first, const char* last, Quad& a) noexcept {
   decimal::Reader in(first, last);
-  const bool negative = in.take('-');
-  std::errc error{};
-  Quad magnitude;
-  if (in.take("inf")) {
-    in.take("inity");
-    magnitude = Quad::from_bits(0x7FFF000000000000, 0);
-  } else if (in.take("nan")) {
-    magnitude = in.take_payload();
-  } else {
-    decimal::FromDecimal number;
-    if (!in.take_significand(number)) {
-      return {first, std::errc::invalid_argument};
-    }
-    const decimal::Binary binary = number.finish(in.take_exponent());
-    magnitude = decimal::pack(binary);
-    if (binary.too_large || binary.vanished) {
-      error = std::errc::result_out_of_range;
-    }
-  }
-  a = negative ? -magnitude : magnitude;
-  return {in.position(), error};
+  const std::errc error = decimal::read(in, a);
+  return {error == std::errc::invalid_argument ? first : in.position(), error};
 }
 
 /// The shortest text of `a`, as to_chars writes it.
@@ -328,22 +349,39 @@ constexpr std::optional<Quad> from_string(std::string_view text) noexcept {
   return a;
 }
 
-/// Writes the shortest text; the stream's width and fill count, its precision and notation do not.
-/// For programs that include the ostream header.
+/// Writes the shortest text, filled to the stream's width as std::left, right and internal say;
+/// its precision and notation do not count. For programs that include the ostream header.
 template <class Traits>
 std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& stream,
                                              const Quad& a) {
   char text[quad_text_size] = {};
+  const char* begin = text;
   const char* end = to_chars(text, text + sizeof text, a).ptr;
-  return stream << std::basic_string_view<char, Traits>(text, static_cast<std::size_t>(end - text));
+  const auto width = stream.width();
+  if ((stream.flags() & stream.adjustfield) == stream.internal && *begin == '-' && width > 1) {
+    stream.width(0);
+    stream << *begin++;  // the fill follows the sign
+    stream.width(width - 1);
+  }
+  return stream << std::basic_string_view<char, Traits>(begin,
+                                                        static_cast<std::size_t>(end - begin));
 }
 
 /// `using namespace ksomd::literals` gives 0.1_q.
 inline namespace literals {
 
-/// A decimal literal, correctly rounded by the compiler. Text that is no number does not compile.
+/// A decimal literal, with digit separators or without, correctly rounded by the compiler.
+/// Hexadecimal, binary and octal ones do not compile.
 consteval Quad operator""_q(const char* text) {
-  return from_string(text).value();  // NOLINT(bugprone-unchecked-optional-access)
+  const std::string_view literal = text;
+  const char* last = literal.data() + literal.size();
+  decimal::Reader in(literal.data(), last, true);
+  Quad a;
+  if (decimal::is_octal(literal) || decimal::read(in, a) == std::errc::invalid_argument ||
+      in.position() != last) {
+    decimal::q_literal_is_hexadecimal_binary_or_octal_not_decimal();
+  }
+  return a;
 }
 
 }  // namespace literals

@@ -273,7 +273,7 @@ struct std::hash<ksomd::Quad> {
     }
     std::uint64_t mixed = (bits.high ^ bits.low >> 32) * 0x9E3779B97F4A7C15;
     mixed = (mixed ^ mixed >> 32 ^ bits.low) * 0xBF58476D1CE4E5B9;
-    return static_cast<std::size_t>(mixed ^ mixed >> 29);
+    return mixed ^ mixed >> 29;
   }
 };
 

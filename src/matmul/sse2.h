@@ -8,8 +8,7 @@
 //   zero, broadcast, broadcast_pair
 //   load, store           at any alignment
 //   load_part             `filled` elements, at least the first of `width`; the lanes after them
-//   are
-//                         those of `rest`, in which the last element (or pair) is repeated
+//                         are those of `rest`, in which the last element (or pair) is repeated
 //   store_part            the first `filled` elements
 //   add, subtract, multiply
 //   split, join           2 * width values re, im, re, im, ... to and from two vectors, in an order

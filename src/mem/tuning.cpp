@@ -10,7 +10,8 @@ namespace ksomd::mem {
 namespace {
 
 constexpr std::uint64_t kib = 1024;
-constexpr char amd_vendor[13] = "AuthenticAMD";
+// A processor of this vendor is asked for the size of its level 2, and for no other.
+constexpr char level_2_vendor[13] = "AuthenticAMD";
 
 std::int32_t mmx_class(const CpuidResult& features) {
   return static_cast<std::int32_t>(features.edx >> 23 & 1);
@@ -49,7 +50,7 @@ Tuning derive_genuine(const Processor& processor, const CacheInfo& caches) {
   return tuning;
 }
 
-Tuning derive_amd(const Processor& processor) {
+Tuning derive_from_level_2(const Processor& processor) {
   constexpr std::uint32_t extended_range = 0x80000000, l2_leaf = 0x80000006;
   Tuning tuning;
   tuning.mem_class = mmx_class(processor.leaf(1));
@@ -70,7 +71,7 @@ Tuning derive_tuning(const Processor& processor, const CacheInfo& caches) {
   if (caches.genuine != 0) {
     return derive_genuine(processor, caches);
   }
-  return processor.vendor_is(amd_vendor) ? derive_amd(processor) : Tuning{};
+  return processor.vendor_is(level_2_vendor) ? derive_from_level_2(processor) : Tuning{};
 }
 
 void check_cache_size(const CacheInfo& caches, const char* debug) {
