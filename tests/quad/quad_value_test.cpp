@@ -1,0 +1,303 @@
+// The C++ value type: it does what the routines do, at compile time too; its text at the edges of
+// the grammar.
+#include <gtest/gtest.h>
+
+#include <compare>
+#include <iomanip>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <type_traits>
+
+#include "ksomd/quad.hpp"
+#include "quad/quad_operands.h"
+
+using namespace ksomd::test;
+using namespace ksomd::literals;
+using ksomd::Quad;
+using Limits = std::numeric_limits<Quad>;
+
+namespace {
+
+template <class From, class To>
+constexpr bool silently = std::is_convertible_v<From, To>;
+
+// What loses nothing is implicit, what may is not.
+static_assert(silently<int, Quad> && silently<std::uint64_t, Quad> && silently<float, Quad> &&
+              silently<double, Quad> && silently<long double, Quad> && silently<quad128, Quad>);
+static_assert(!silently<Quad, int> && !silently<Quad, double> && !silently<Quad, bool> &&
+              !std::is_constructible_v<Quad, bool> && !std::is_constructible_v<Quad, const char*>);
+static_assert(sizeof(Quad) == 16 && alignof(Quad) == 1 && std::is_trivially_copyable_v<Quad> &&
+              std::is_nothrow_invocable_v<std::plus<>, Quad, Quad>);
+
+constexpr bool same(const Quad& a, const Quad& b) {
+  return a.bits().high == b.bits().high && a.bits().low == b.bits().low;
+}
+constexpr Quad bits(std::uint64_t high, std::uint64_t low) {
+  return Quad::from_bits(high, low);
+}
+
+// The compiler rounds literals as the program would, and writes and reads text.
+static_assert(same(0.1_q, bits(0x3FFB999999999999, 0x999999999999999A)));
+static_assert(same(1'234.5e-1'0_q, 1234.5e-10_q) && same(1'000_q, 1000) && same(0_q, 0) &&
+              same(0.5_q, 5e-1_q) && isinf(1e4933_q) && !signbit(2_q) && signbit(-2_q));
+constexpr bool compiler_writes(const Quad& a, std::string_view expected) {
+  char text[ksomd::quad_text_size] = {};
+  const char* end = to_chars(text, text + sizeof text, a).ptr;
+  return std::string_view(text, static_cast<std::size_t>(end - text)) == expected &&
+         same(*ksomd::from_string(expected), a);
+}
+static_assert(compiler_writes(-1.5e300_q, "-1.5e+300") && compiler_writes(0.001_q, "0.001"));
+
+Quad any_quad(Random& random, Quad* other = nullptr) {
+  const quad::Value a = quad::any_value(random), b = quad::partner(random, a);
+  if (other != nullptr) {
+    *other = bits(b.high, b.low);
+  }
+  return bits(a.high, a.low);
+}
+
+TEST(QuadValue, OperatorsAreTheRoutines) {
+  Random random(seed_of(1));
+  for (int i = 0; i < 20'000; ++i) {
+    Quad b;
+    const Quad a = any_quad(random, &b);
+    const quad128 &x = a.bits(), &y = b.bits();
+    Quad assigned[] = {a, a, a, a};
+    const Quad by_operator[] = {a + b, a - b, a * b, a / b};
+    assigned[0] += b, assigned[1] -= b, assigned[2] *= b, assigned[3] /= b;
+    Quad right[4];
+    __addq(&right[0].bits(), &x, &y), __subq(&right[1].bits(), &x, &y);
+    __mulq(&right[2].bits(), &x, &y), __divq(&right[3].bits(), &x, &y);
+    for (int k = 0; k < 4; ++k) {
+      ASSERT_TRUE(same(by_operator[k], right[k]) && same(assigned[k], right[k])) << k << a << b;
+    }
+    const bool unordered = isnan(a) || isnan(b);
+    std::partial_ordering order = std::partial_ordering::equivalent;
+    EXPECT_EQ(raised_by(0, [&] { order = a <=> b; }), unordered ? mxcsr::invalid : 0u);
+    bool equal = false;
+    EXPECT_EQ(raised_by(0, [&] { equal = a == b; }), 0u);
+    const int compared = __compareq(&x, &y);
+    ASSERT_EQ(order, unordered      ? std::partial_ordering::unordered
+                     : compared < 0 ? std::partial_ordering::less
+                     : compared > 0 ? std::partial_ordering::greater
+                                    : std::partial_ordering::equivalent);
+    ASSERT_TRUE(equal == (order == 0) && (a != b) == (order != 0) && (a < b) == (order < 0) &&
+                (a <= b) == (order <= 0) && (a > b) == (order > 0) && (a >= b) == (order >= 0))
+        << a << ' ' << b;
+    ASSERT_TRUE(!equal || std::hash<Quad>()(a) == std::hash<Quad>()(b)) << a;
+  }
+}
+
+TEST(QuadValue, ConvertsLikeTheRoutines) {
+  Random random(seed_of(2));
+  for (int i = 0; i < 20'000; ++i) {
+    const quad::Value from = quad::narrowed(random, random.one_of({'d', 'f', 'l', 'j', 'i'}));
+    const Quad a = bits(from.high, from.low);
+    const quad128& x = a.bits();
+    long double extended = 0;
+    __qtol(reinterpret_cast<extended80*>(&extended), &x);
+    ASSERT_EQ(static_cast<float>(a), __qtof(&x)) << a;
+    ASSERT_EQ(static_cast<double>(a), __qtod(&x)) << a;
+    ASSERT_EQ(static_cast<long double>(a), extended) << a;
+    ASSERT_EQ(static_cast<std::int32_t>(a), __qtoi(&x, 0)) << a;
+    ASSERT_EQ(static_cast<std::int64_t>(a), __qtoj(&x, 0)) << a;
+    ASSERT_EQ(static_cast<std::uint32_t>(a), __qtou(&x)) << a;
+    ASSERT_EQ(static_cast<std::uint64_t>(a), __qtok(&x)) << a;
+    ASSERT_EQ(static_cast<signed char>(a), static_cast<signed char>(__qtoi(&x, 0))) << a;
+    ASSERT_EQ(static_cast<unsigned short>(a), static_cast<unsigned short>(__qtou(&x))) << a;
+    Quad right[3];
+    __ftoq(&right[0].bits(), __qtof(&x)), __dtoq(&right[1].bits(), __qtod(&x));
+    __ltoq(&right[2].bits(), reinterpret_cast<extended80*>(&extended));
+    ASSERT_TRUE(same(Quad(__qtof(&x)), right[0]) && same(Quad(__qtod(&x)), right[1]) &&
+                same(Quad(extended), right[2]))
+        << a;
+  }
+}
+
+// The value while compiling, the value while running, and back.
+template <class T, T... x>
+void integers_both_ways() {
+  constexpr Quad compiled[] = {x...};
+  const T values[] = {x...};
+  for (std::size_t i = 0; i < sizeof...(x); ++i) {
+    volatile T hidden = values[i];
+    const Quad computed = T{hidden};
+    EXPECT_TRUE(same(compiled[i], computed)) << +values[i];
+    EXPECT_EQ(static_cast<T>(computed), values[i]);
+  }
+}
+template <class... T>
+void integer_types() {
+  (integers_both_ways<T, std::numeric_limits<T>::min(), std::numeric_limits<T>::max(), T{0}, T{1},
+                      T{100}, static_cast<T>(-1), static_cast<T>(std::numeric_limits<T>::min() + 1),
+                      static_cast<T>(std::numeric_limits<T>::max() / 3)>(),
+   ...);
+}
+TEST(QuadValue, IntegersConvertWhileCompiling) {
+  integer_types<signed char, unsigned char, char16_t, short, unsigned short, int, unsigned, long,
+                unsigned long, long long, unsigned long long>();
+}
+
+TEST(QuadValue, ClassifiesAndMovesSigns) {
+  Random random(seed_of(3));
+  for (int i = 0; i < 20'000; ++i) {
+    Quad b;
+    const Quad a = any_quad(random, &b);
+    const std::uint64_t high = a.bits().high, low = a.bits().low, magnitude = high << 1 >> 1;
+    const bool top = magnitude >= Limits::infinity().bits().high;
+    const bool infinite = magnitude == Limits::infinity().bits().high && low == 0;
+    const std::uint64_t other_sign = b.bits().high >> 63 << 63;
+    ASSERT_TRUE(signbit(a) == (high >> 63 != 0) && isfinite(a) != top && isinf(a) == infinite &&
+                isnan(a) == (top && !infinite) && bool{a} == ((magnitude | low) != 0) &&
+                same(abs(a), bits(magnitude, low)) && same(+a, a) &&
+                same(-a, bits(high ^ std::uint64_t{1} << 63, low)) &&
+                same(copysign(a, b), bits(magnitude | other_sign, low)))
+        << std::hex << high << ' ' << low;
+  }
+}
+
+TEST(QuadValue, LimitsAreLimits) {
+  EXPECT_TRUE(same(1 + Limits::epsilon(), bits(0x3FFF000000000000, 1)));
+  EXPECT_TRUE(same(Limits::round_error(), 0.5_q));
+  const Quad half_of_its_last_place = bits(0x7F8D000000000000, 0);
+  EXPECT_TRUE(isinf(Limits::max() + half_of_its_last_place) && isfinite(Limits::max()));
+  EXPECT_TRUE(same(Limits::lowest(), -Limits::max()));
+  EXPECT_TRUE(same(Limits::denorm_min() / 2, 0) && Limits::denorm_min() > 0);
+  EXPECT_TRUE(same(Limits::min() * Limits::epsilon(), Limits::denorm_min()));
+  EXPECT_TRUE(same(Limits::infinity(), 1e4933_q) &&
+              same(Limits::quiet_NaN(), *ksomd::from_string("nan")));
+  EXPECT_EQ(raised_by(0, [] { static_cast<void>(Limits::signaling_NaN() + 1); }), mxcsr::invalid);
+  EXPECT_EQ(raised_by(0, [] { static_cast<void>(Limits::quiet_NaN() + 1); }), 0u);
+  EXPECT_TRUE(1e-4931_q >= Limits::min() && 1e-4932_q < Limits::min() && 1e4932_q <= Limits::max());
+  using Wide = std::numeric_limits<long double>;  // of the same exponents
+  EXPECT_TRUE(Limits::max_exponent == Wide::max_exponent &&
+              Limits::min_exponent == Wide::min_exponent &&
+              Limits::max_exponent10 == Wide::max_exponent10 &&
+              Limits::min_exponent10 == Wide::min_exponent10);
+  constexpr double log10_2 = 0.30102999566398120;
+  EXPECT_EQ(Limits::digits10, static_cast<int>((Limits::digits - 1) * log10_2));
+  EXPECT_EQ(Limits::max_digits10, static_cast<int>(Limits::digits * log10_2 + 2));
+}
+
+TEST(QuadValue, HashesTellNeighboursApart) {
+  std::set<std::size_t> hashes;
+  for (int i = 1; i <= 4096; ++i) {
+    hashes.insert(std::hash<Quad>()(i));
+    hashes.insert(std::hash<Quad>()(bits(0x3FFF000000000000, static_cast<std::uint64_t>(i))));
+  }
+  EXPECT_EQ(hashes.size(), 2u * 4096);
+}
+
+TEST(QuadText, SpecialValuesAndStreams) {
+  const std::pair<const char*, Quad> cases[] = {
+      {"0", 0},
+      {"-0", -Quad(0)},
+      {"inf", Limits::infinity()},
+      {"-inf", -Limits::infinity()},
+      {"nan", Limits::quiet_NaN()},
+      {"-nan", -Limits::quiet_NaN()},
+      {"nan(0x4000000000000000000000000000)", Limits::signaling_NaN()},
+      {"-nan(0x80123456789abcdef0f1e2d3c4b5)", bits(0xFFFF80123456789A, 0xBCDEF0F1E2D3C4B5)},
+      {"0.00001", Quad(1) / 100000},
+      {"9.999e-06", Quad(9999) / 1000000000},
+      {"999999999999999999999999999999999900", 9999999999999999999999999999999999e2_q},
+      {"1e+36", 1e36_q},
+  };
+  for (const auto& [text, value] : cases) {
+    EXPECT_EQ(to_string(value), text);
+    EXPECT_TRUE(same(ksomd::from_string(text).value_or(42), value)) << text;
+  }
+  char text[ksomd::quad_text_size];
+  EXPECT_EQ(
+      std::string(text, ksomd::to_chars(text, text + sizeof text, -Limits::infinity(), 3).ptr),
+      "-inf");
+  std::ostringstream stream;
+  stream << std::setfill('.') << std::setw(6) << 1.5_q << 2_q << std::internal << std::setw(6)
+         << -1.5_q << std::setw(4) << 7_q << std::left << std::setw(4) << -7_q << std::setw(1)
+         << std::internal << -8_q << std::setprecision(1) << std::fixed << 0.25_q;
+  EXPECT_EQ(stream.str(), "...1.52-..1.5...7-7..-80.25");
+}
+
+TEST(QuadText, WritesNothingBeyondItsRange) {
+  char text[ksomd::quad_text_size + 1];
+  for (const Quad& a : {-Limits::max(), 1_q / 3, -bits(0x7FFF800000000000, 1), 1e30_q}) {
+    const std::string whole = to_string(a);
+    for (std::size_t room = 0; room <= whole.size(); ++room) {
+      std::fill(std::begin(text), std::end(text), '#');
+      const std::to_chars_result result = to_chars(text, text + room, a);
+      EXPECT_TRUE(result.ptr == text + room && text[room] == '#') << whole;
+      EXPECT_EQ(result.ec, room == whole.size() ? std::errc{} : std::errc::value_too_large);
+    }
+  }
+  for (const int digits : {-1, 0, 37}) {
+    const std::to_chars_result result = ksomd::to_chars(text, text + sizeof text, 1, digits);
+    EXPECT_TRUE(result.ec == std::errc::invalid_argument && result.ptr == text);
+  }
+}
+
+TEST(QuadText, ReadsAsFarAsANumberGoes) {
+  const std::string zeros(15000, '0');
+  const struct {
+    std::string text;
+    std::size_t length;  // read
+    Quad value;
+    bool out_of_range = false;
+  } cases[] = {
+      {"12abc", 2, 12},
+      {".5", 2, 0.5},
+      {"5.", 2, 5},
+      {"1.2.3", 3, 1.2_q},
+      {"1e", 1, 1},
+      {"1e+", 1, 1},
+      {"1e-", 1, 1},
+      {"1E+2", 4, 100},
+      {"1e-+2", 1, 1},
+      {"1'000", 1, 1},
+      {"1e-2x", 4, 0.01_q},
+      {"0x1", 1, 0},
+      {"010", 3, 10},
+      {"0.0e99999999999", 15, 0},
+      {"Infinity", 8, Limits::infinity()},
+      {"infinit", 3, Limits::infinity()},
+      {"-INF", 4, -Limits::infinity()},
+      {"nan(0x0)", 3, Limits::quiet_NaN()},
+      {"nan(0x1", 3, Limits::quiet_NaN()},
+      {"nan()", 3, Limits::quiet_NaN()},
+      {"nan(0x1)", 8, bits(0x7FFF000000000000, 1)},
+      {"nan(0x10000000000000000000000000000)", 3, Limits::quiet_NaN()},
+      {"NaN(0X800000000000000000000000000A)", 35, bits(0x7FFF800000000000, 10)},
+      {"", 0, 42},
+      {"-", 0, 42},
+      {"+1", 0, 42},
+      {" 1", 0, 42},
+      {".", 0, 42},
+      {"e5", 0, 42},
+      {"na", 0, 42},
+      {"--1", 0, 42},
+      {"1e99999999999999999999", 22, Limits::infinity(), true},
+      {"-1e-99999999999999999999", 24, -Quad(0), true},
+      {"1e4294967296", 12, Limits::infinity(), true},
+      {"1" + zeros + "e-15000", 15008, 1},
+      {"." + zeros + "1e15001", 15008, 1},
+      {zeros + "1", 15001, 1},
+      {"1." + zeros + "1", 15003, 1},
+  };
+  for (const auto& read : cases) {
+    Quad a = 42;
+    const char* const first = read.text.data();
+    const std::string shown = read.text.substr(0, 60);
+    const std::from_chars_result result = from_chars(first, first + read.text.size(), a);
+    EXPECT_EQ(result.ptr, first + read.length) << shown;
+    EXPECT_EQ(result.ec, read.length == 0    ? std::errc::invalid_argument
+                         : read.out_of_range ? std::errc::result_out_of_range
+                                             : std::errc{})
+        << shown;
+    EXPECT_TRUE(same(a, read.value)) << shown;
+    EXPECT_EQ(ksomd::from_string(read.text).has_value(),
+              read.length > 0 && read.length == read.text.size())
+        << shown;
+  }
+}
+
+}  // namespace
