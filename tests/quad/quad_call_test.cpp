@@ -1,9 +1,11 @@
-// What only a caller of the archive can see: traps, and which variant a processor gets.
+// What only a caller of the archive can see: registers, traps, and which variant a processor gets.
 #include <gtest/gtest.h>
 
 #include "ksomd/quad.h"
 #include "quad/dispatch.h"
 #include "quad/quad_operands.h"
+#include "support/entry.h"
+#include "support/preserved_registers.h"
 
 #ifndef _WIN32
 #include <ucontext.h>
@@ -14,6 +16,24 @@
 using namespace ksomd::test;
 
 namespace {
+
+// The complex operations with five arguments only call others.
+TEST(QuadCall, KeepsTheCalleesRegisters) {
+  quad128 operands[8];
+  for (const quad::Routine& routine : quad::routines()) {
+    for (quad128& operand : operands) {
+      operand = {0x1234567800000000, 0x4000400000000000};
+    }
+    const std::string names = routine.names, name = names.substr(0, names.find(' '));
+    using FourAddresses = void(quad128*, quad128*, quad128*, quad128*);
+    if (std::string_view(routine.arguments) != "qqqq" || routine.result[0] != 'Q') {
+      EXPECT_EQ(what_call_changes(entry<FourAddresses>(name), operands, operands + 2, operands + 4,
+                                  operands + 6),
+                "")
+          << name;
+    }
+  }
+}
 
 TEST(QuadDispatch, NeedsAllFeaturesOfTheFasterVariant) {
   constexpr std::uint64_t needed = 0xEE;  // X87, CMOV, MMX, SSE, SSE2, SSE3
@@ -29,13 +49,13 @@ TEST(QuadDispatch, NeedsAllFeaturesOfTheFasterVariant) {
 }
 
 #ifndef _WIN32
-volatile std::sig_atomic_t traps;
+volatile std::sig_atomic_t trapped;
 void on_trap(int, siginfo_t*, void* context) {
-  traps = traps + 1;
+  trapped = 1;
   static_cast<ucontext_t*>(context)->uc_mcontext.fpregs->mxcsr |= mxcsr::all_masked;
 }
 
-// An exception traps, once it is due, if MXCSR does not mask it, whatever others it masks.
+// An exception that is due and not masked traps, whatever others are masked.
 TEST(QuadTrap, UnmaskedExceptionsTrap) {
   struct sigaction action = {}, before = {};
   action.sa_sigaction = on_trap;
@@ -45,39 +65,28 @@ TEST(QuadTrap, UnmaskedExceptionsTrap) {
   for (int i = 0; i < 20'000; ++i) {
     const quad::Value x = quad::any_value(random), y = quad::partner(random, x);
     const quad128 a = {x.low, x.high}, b = {y.low, y.high};
-    const std::uint64_t operation = random.below(8), mode = random.below(rounding_modes);
+    quad128 r;
+    extended80 e;
+    void (*const operation)(quad128*, const quad128*, const quad128*) =
+        random.one_of({__addq, __subq, __mulq, __divq});
+    const std::uint64_t mode = random.below(rounding_modes), kind = random.below(8);
     const auto run = [&] {
-      quad128 r;
-      extended80 e;
-      switch (operation) {
-        case 0:
-          return __addq(&r, &a, &b);
-        case 1:
-          return __subq(&r, &a, &b);
-        case 2:
-          return __mulq(&r, &a, &b);
-        case 3:
-          return __divq(&r, &a, &b);
-        case 4:
-          return static_cast<void>(__qtod(&a));
-        case 5:
-          return static_cast<void>(__qtol(&e, &a));
-        case 6:
-          return static_cast<void>(__qtoj(&a, KSOMD_ROUND_UP));
-        default:
-          return static_cast<void>(__ltq(&a, &b));
-      }
+      kind == 0   ? void(__qtod(&a))
+      : kind == 1 ? void(__qtol(&e, &a))
+      : kind == 2 ? void(__qtoj(&a, KSOMD_ROUND_UP))
+      : kind == 3 ? void(__ltq(&a, &b))
+                  : operation(&r, &a, &b);
     };
     const unsigned due = raised_by(mode, run);
     const auto unmasked = static_cast<unsigned>(random.next()) & mxcsr::ieee_flags;
-    traps = 0;
+    trapped = 0;
     __builtin_ia32_ldmxcsr((mxcsr::all_masked & ~(unmasked << 7)) | static_cast<unsigned>(mode)
                                                                         << 13);
     run();
     __builtin_ia32_ldmxcsr(mxcsr::all_masked);
-    ASSERT_EQ(traps != 0, (due & unmasked) != 0)
-        << operation << std::hex << " of {0x" << x.high << ", 0x" << x.low << "} {0x" << y.high
-        << ", 0x" << y.low << "}, mode " << mode << ", unmasked 0x" << unmasked;
+    ASSERT_EQ(trapped != 0, (due & unmasked) != 0)
+        << kind << std::hex << " of {0x" << x.high << ", 0x" << x.low << "} {0x" << y.high << ", 0x"
+        << y.low << "}, mode " << mode << ", unmasked 0x" << unmasked;
   }
   sigaction(SIGFPE, &before, nullptr);
 }

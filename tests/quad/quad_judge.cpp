@@ -17,10 +17,10 @@ using enum Operation;
 __extension__ using Float = __float128;
 __extension__ using Int128 = __int128;
 
-template <class To, class From>
-To bits_as(const From& from) {
+template <class To>
+To as(const Value& value) {
   To to{};
-  std::memcpy(static_cast<void*>(&to), &from, std::min(sizeof to, sizeof from));
+  std::memcpy(static_cast<void*>(&to), &value, std::min(sizeof to, sizeof value));
   return to;
 }
 template <class Number>
@@ -31,18 +31,10 @@ Value value_of(Number number, std::size_t size = sizeof(Number)) {
 }
 
 struct Format {
-  char type;
-  int fraction, sign;  // the width of the fraction, the place of the sign
+  unsigned fraction, sign;  // the width of the fraction, the place of the sign
 };
-constexpr Format formats[] = {{'q', 112, 127}, {'d', 52, 63}, {'f', 23, 31}, {'l', 63, 79}};
-const Format* format_of(char type) {
-  for (const Format& format : formats) {
-    if (format.type == type) {
-      return &format;
-    }
-  }
-  return nullptr;
-}
+constexpr std::string_view floating = "qdfl";
+constexpr Format formats[] = {{112, 127}, {52, 63}, {23, 31}, {63, 79}};
 
 bool is_nan(const Value& value) {
   return (value.bits() & ~sign_bit) > infinity;
@@ -81,7 +73,7 @@ Value computed(Operation operation, char to, Float a, Float b) {
 
 Effect judged(Operation operation, char to, const Value& a, const Value& b, std::uint64_t mode) {
   Value (*volatile compute)(Operation, char, Float, Float) = computed;
-  const Float x = bits_as<Float>(a), y = bits_as<Float>(b);
+  const Float x = as<Float>(a), y = as<Float>(b);
   Effect effect;
   std::uint16_t x87 = 0;
   effect.flags = raised_by(mode, [&] {
@@ -122,7 +114,7 @@ Effect complex_arithmetic(Operation operation, const Value (&v)[4], std::uint64_
 }
 
 Effect comparison(Operation operation, const Value& a, const Value& b) {
-  const Float x = bits_as<Float>(a), y = bits_as<Float>(b);
+  const Float x = as<Float>(a), y = as<Float>(b);
   const bool unordered = is_nan(a) || is_nan(b);
   const int results[] = {x == y, x != y, x<y, x <= y, x> y, x >= y, (x > y) - (x < y)};
   const int result = results[static_cast<int>(operation) - static_cast<int>(Equal)];
@@ -137,7 +129,7 @@ Effect to_integer(char to, const Value& a, std::int32_t rounding) {
   if ((a.bits() & ~sign_bit) >= static_cast<Uint128>(bias + 65) << 112) {  // NaNs too
     return out_of_range;
   }
-  const Float x = bits_as<Float>(a);
+  const Float x = as<Float>(a);
   auto integer = static_cast<Int128>(x);
   const Float rest = x - static_cast<Float>(integer), magnitude = rest < 0 ? -rest : rest;
   const bool odd = (integer & 1) != 0, inexact = rest != 0;
@@ -156,46 +148,41 @@ Effect to_integer(char to, const Value& a, std::int32_t rounding) {
           inexact ? mxcsr::inexact : 0};
 }
 
-// Bits of one format in another: of NaNs, and of 80-bit numbers of any kind.
-Effect carried_over(const Format& from, const Format& to, const Value& a) {
-  const int shift = to.fraction - from.fraction;
-  const Uint128 fraction = a.bits() & ((one_bit << from.fraction) - 1);
-  const Uint128 field = from.type == 'l' ? a.bits() >> 64 & special : special;
-  const Uint128 leading = to.type == 'l' ? one_bit << 63 : 0;
-  const Uint128 quiet = shift < 0 ? one_bit << (to.fraction - 1) : 0;
-  const int field_position = to.type == 'l' ? 64 : to.fraction;
-  const Uint128 field_mask = (one_bit << (to.sign - field_position)) - 1;
-  return {{(a.bits() >> from.sign) << to.sign | (field & field_mask) << field_position | leading |
-               quiet | (shift < 0 ? fraction >> -shift : fraction << shift),
-           {}},
-          shift < 0 && is_signaling(a) ? mxcsr::invalid : 0};
+// Bits of one format in another: of NaNs and infinities, and of 80-bit numbers of any kind.
+Effect carried_over(char from, char to, const Value& a) {
+  const Format source = formats[floating.find(from)], target = formats[floating.find(to)];
+  const Uint128 fraction = a.bits() & ((one_bit << source.fraction) - 1);
+  const bool narrows = target.fraction < source.fraction;
+  const Uint128 kept = narrows ? fraction >> (source.fraction - target.fraction)
+                               : fraction << (target.fraction - source.fraction);
+  const Uint128 sign = (a.bits() >> source.sign) << target.sign;
+  const Uint128 top = (one_bit << target.sign) - (one_bit << target.fraction);
+  const Uint128 field = from == 'l' ? (a.bits() >> 64 & special) << 112 : top;
+  const Uint128 quiet = narrows && fraction != 0 ? one_bit << (target.fraction - 1) : 0;
+  return {{sign | field | quiet | kept, {}}, narrows && is_signaling(a) ? mxcsr::invalid : 0};
 }
 
 Effect convert(char from, char to, const Value& a, std::uint64_t mode, std::int32_t rounding) {
-  const Format* const source = format_of(from);
-  const Format* const target = format_of(to);
-  if (target == nullptr) {
+  if (from == to) {
+    return {{a, {}}, 0};
+  }
+  if (floating.find(to) == std::string_view::npos) {
     return to_integer(to, a, rounding);
   }
-  if (source == nullptr) {
+  if (floating.find(from) == std::string_view::npos) {
     const auto width = static_cast<unsigned>(8 * size_of(from));
     const bool negative = from != 'u' && from != 'k' && (a.bits() >> (width - 1)) != 0;
     const auto x = static_cast<Int128>(a.bits() - (negative ? one_bit << width : 0));
     return {{value_of(static_cast<Float>(x)), {}}, 0};
   }
-  const Uint128 magnitude = a.bits() & ((one_bit << source->sign) - 1);
-  const Uint128 top = (one_bit << source->sign) - (one_bit << source->fraction);
-  if (from == to) {
-    return {{a, {}}, 0};
-  }
-  if (from == 'l' || magnitude > top) {
-    return carried_over(*source, *target, a);
+  const Format source = formats[floating.find(from)];
+  const Uint128 top = (one_bit << source.sign) - (one_bit << source.fraction);
+  if (from == 'l' || (a.bits() & top) == top) {
+    return carried_over(from, to, a);
   }
   if (to == 'q') {
-    return {{from == 'd' ? value_of(static_cast<Float>(bits_as<double>(a)))
-                         : value_of(static_cast<Float>(bits_as<float>(a))),
-             {}},
-            0};
+    const Float x = from == 'd' ? Float{as<double>(a)} : Float{as<float>(a)};
+    return {{value_of(x), {}}, 0};
   }
   Effect effect = judged(Convert, to, a, a, mode);
   if (to == 'l' && (effect.flags & mxcsr::inexact) != 0) {  // tiny is what is stored as such
@@ -254,7 +241,7 @@ struct Real {
   mpfr_t x;
   explicit Real(int digits, const Value& value = {}) {
     mpfr_init2(x, digits);
-    mpfr_set_float128(x, bits_as<Float>(value), MPFR_RNDN);
+    mpfr_set_float128(x, as<Float>(value), MPFR_RNDN);
   }
   ~Real() { mpfr_clear(x); }
   Real(const Real&) = delete;

@@ -38,7 +38,7 @@ enum class Operation {
   Compare,
   SameBits,
   OtherBits,
-  Convert,
+  Convert
 };
 
 // Types have the letters that the names give them, and capital ones for pairs in memory:
@@ -71,13 +71,12 @@ struct Effect {
 // What a call depends on, and what it must not depend on.
 struct Circumstances {
   std::uint64_t mode;
-  std::int32_t rounding;    // the argument m
-  unsigned mxcsr;           // flags that are up before, flush to zero, denormals are zero
-  std::uint16_t x87;        // the x87 control word
-  std::uint64_t indicator;  // the word of processor features that the entries see
-  bool guarded;             // beside pages that fault, with canaries
-  unsigned offset;
-  unsigned overlaid;  // the operand under the result, if there is one
+  std::int32_t rounding;      // the argument m
+  unsigned mxcsr;             // flags that are up before, flush to zero, denormals are zero
+  std::uint16_t x87;          // the x87 control word
+  std::uint64_t indicator;    // the word of processor features that the entries see
+  bool guarded;               // beside pages that fault, with canaries; else anywhere
+  unsigned offset, overlaid;  // where, and the operand under the result, if there is one
 };
 Circumstances any_circumstances(Random& random, const Routine& routine);
 
