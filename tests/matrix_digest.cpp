@@ -272,7 +272,6 @@ int main(int argc, char** argv) {
   }
   const int effort = std::atoi(what.c_str());
   print_tiers();
-  digest_quad(effort);
   digest_matmul(effort);
   digest_vector(effort);
   digest_conversions(effort);

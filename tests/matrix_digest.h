@@ -73,7 +73,6 @@ void in_mode(Digest& digest, int mode, Call call) {
 void print_digest(const std::string& name, const Digest& digest);
 
 // `effort` scales how much is computed.
-void digest_quad(int effort);
 void digest_matmul(int effort);
 void digest_vector(int effort);
 void digest_conversions(int effort);

@@ -1,13 +1,15 @@
 #define MPFR_WANT_FLOAT128
-#define _Float128 __float128  // which C++ does not know under the other name
+#ifdef __clang__  // GCC and the C library agree on both names
+#define _Float128 __float128
+#endif
+#include "quad/quad_judge.h"
+
 #include <mpfr.h>
-#undef _Float128
 
 #include <cstring>
 #include <tuple>
 
 #include "ksomd/quad.h"
-#include "quad/quad_judge.h"
 #include "quad/quad_operands.h"
 
 namespace ksomd::test::quad {
