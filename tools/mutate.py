@@ -35,7 +35,7 @@ PARTS = ["CMakeLists.txt", "CMakePresets.json", "cmake", "examples", "include", 
 OPTIONS = ["-DCMAKE_BUILD_TYPE=Release", "-DKSOMD_OPTIMIZE=1", "-DKSOMD_TESTS=ON",
            "-DKSOMD_SANITIZE=", "-DKSOMD_BENCH=OFF", "-DCMAKE_C_FLAGS=-w", "-DCMAKE_CXX_FLAGS=-w"]
 # A defect may make a test run forever: it may take this many times as long as without, in seconds.
-PATIENCE, LEAST_PATIENCE = 10, 60
+PATIENCE, LEAST_PATIENCE = 5, 60
 FIRST_LIMIT = 1800
 
 
