@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
 """Adds up the test cases of one or more presets; the last line counts them.
 
+usage: summarize_tests.py [--entries LIBRARY.def] PRESET...
+
 A GoogleTest program counts case by case, by its report; any other test counts as one case, by
-what CTest says of it. A program that ended without a report counts as one failed case.
+what CTest says of it. A program that ended without a report counts as one failed case. With
+--entries a name of the export list that no test asked for counts as one, too.
 """
 
+import argparse
 import pathlib
 import sys
 import xml.etree.ElementTree as xml
@@ -43,10 +47,28 @@ def preset_cases(preset):
             yield name, "failed", "ended abnormally"
 
 
+def entry_cases(preset, definition):
+    """A failed case for every exported name that no program of the preset asked for."""
+    asked = set()
+    for report in (pathlib.Path("build") / preset / "tests/reports").glob("*.entries"):
+        asked.update(report.read_text().split())
+    for line in definition.read_text().splitlines():
+        name = line.split(";")[0].replace('"', "").split()[:1]
+        if name and name[0] not in ("LIBRARY", "EXPORTS") and name[0] not in asked:
+            yield f"no test asks for {name[0]}", "failed", ""
+
+
 def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("--entries", type=pathlib.Path)
+    parser.add_argument("presets", nargs="+")
+    arguments = parser.parse_args()
     counts = {"passed": 0, "failed": 0, "skipped": 0}
-    for preset in sys.argv[1:]:
-        for name, outcome, reason in preset_cases(preset):
+    for preset in arguments.presets:
+        cases = list(preset_cases(preset))
+        if arguments.entries:
+            cases += entry_cases(preset, arguments.entries)
+        for name, outcome, reason in cases:
             counts[outcome] += 1
             if outcome != "passed":
                 print(f"{outcome} ({preset}): {name}" + (f": {reason.strip()}" if reason else ""))
