@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cpu/feature_table.h"
 #include "matmul/kernels.h"
 #include "reference.h"
 #include "support/entry.h"
@@ -136,7 +137,9 @@ struct Path {
 template <class Element>
 std::vector<Path<Element>> paths() {
   if constexpr (std::is_same_v<Element, double>) {
-    return {{"", true, packed, false},
+    // Without these five features the entry takes the portable path.
+    const bool has_packed = has_features(feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2"));
+    return {{"", true, has_packed ? packed : portable<double>, false},
             {".J", true, packed, false},
             {".A", true, portable<double>, false},
             {"_QWide", false, packed, false},
@@ -195,7 +198,7 @@ class Products {
             << " lda=" << x.lda << " ldb=" << x.ldb << " ldp=" << x.ldp << " values "
             << static_cast<int>(kind) << " mode " << mode << " mxcsr " << more << ": flags "
             << raised << " expected " << flags;
-        if (first) {
+        if (first && *path.suffix != '\0') {  // the entry itself differs by processor
           add_result(x, flags);
         }
         first = false;
@@ -228,7 +231,7 @@ void sweep_products(const char* code) {
     const std::string name = std::string(code) + "_" + layout;
     Sweep sweep(("matmul." + name).c_str());
     Products<Element> products(sweep, "_MATMUL_" + name, layout[0] == 't', layout[2] == 't');
-    for (const auto round : sweep.rounds(std::size(all_targets), is_complex<Element> ? 120 : 240)) {
+    for (const auto round : sweep.rounds(std::size(all_targets), is_complex<Element> ? 70 : 200)) {
       Random& random = sweep.random;
       const std::size_t listed = round - std::size(all_targets);
       const Shape shape = round < std::size(all_targets) ? all_targets[round]
