@@ -382,27 +382,6 @@ TYPED_TEST(Product, OperandsWhoseColumnsOverlap) {
   }
 }
 
-// All three are row ranges of one array: their extents mix, their elements do not.
-TYPED_TEST(Product, RowRangesOfOneArray) {
-  Random random(12);
-  const Size size = 39;
-  const Size leading = 3 * size;
-  for (const Routines<TypeParam>& layout : routines<TypeParam>()) {
-    std::vector<TypeParam> start(leading * size);
-    random.fill(start, Values::Wide);
-    std::vector<TypeParam> expected = start;
-    reference_portable(layout, &expected[0], &expected[size], &expected[2 * size],
-                       {size, size, size}, leading, leading, leading);
-    for (const matmul::Variant* row : kernel_rows()) {
-      const UseRow use(row);
-      std::vector<TypeParam> got = start;
-      layout.portable(&got[0], &got[size], &got[2 * size], size, size, size, leading, leading,
-                      leading);
-      EXPECT_EQ(difference(got, expected), "") << layout.name << " " << row->name;
-    }
-  }
-}
-
 // Columns of P closer together than they are long share elements, which collect the products of
 // all of them in the order of the loop nest.
 TYPED_TEST(Product, ResultWhoseColumnsOverlap) {
