@@ -217,7 +217,8 @@ def problems(processor, program, sweeps, everything):
     tests = [(program, "*")] + [(sweeps, "*Sweep.*")] * processor.sweeps
     for tested, suites in tests:
         result = run(processor, tested, f"--gtest_filter={suites}", "--gtest_brief=1",
-                     KSOMD_TEST_LENGTH="shared")
+                     KSOMD_TEST_LENGTH="shared",
+                     **({} if processor.native else {"KSOMD_TEST_EMULATED": "1"}))
         if result.returncode != 0:
             yield f"{os.path.basename(tested)} ended with status {result.returncode}:"
             yield result.stdout[-2000:]
