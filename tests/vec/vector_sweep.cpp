@@ -216,7 +216,7 @@ TEST(ReductionSweep, FillAndFold) {
   }
 }
 
-TEST(ReductionSweep, OtherCodesAbort) {
+TEST(Reduction, OtherCodesAbort) {
   for (std::uint32_t type = ~0u; type + 1 <= 40; ++type) {
     for (int operation = -4; operation < 40; ++operation) {
       const auto is_known = [&](auto... element) {
