@@ -22,14 +22,17 @@ struct DispatchingCase {
   void* slot;
   std::uint64_t wide_level, narrow_level;
   const char *wide, *narrow, *plain;
+  mem::DynamicStreamRoutine* stream = entry<mem::DynamicStreamRoutine>(name);
 
+  const void* held() const {
+    return __atomic_load_n(static_cast<void* const*>(slot), __ATOMIC_RELAXED);
+  }
   const char* choice(std::uint64_t word) const {
     return (wide_level & ~word) == 0 ? wide : (narrow_level & ~word) == 0 ? narrow : plain;
   }
   // Whether the slot holds what the word asks for; what is not exported has no address here.
   bool bound(std::uint64_t word) const {
-    const void* const held = *static_cast<const void* const*>(slot);
-    return *choice(word) == '_' ? held == find_entry(choice(word)) : held != nullptr;
+    return *choice(word) == '_' ? held() == find_entry(choice(word)) : held() != nullptr;
   }
   // Whether a call does what it should.
   bool use() const {
@@ -42,10 +45,10 @@ struct DispatchingCase {
     struct {
       __libkso_nt_context context;
       Byte chunk[8];
-    } stream{{}, {1, 2, 3, 4, 5, 6, 7, 8}};
+    } chunk{{}, {1, 2, 3, 4, 5, 6, 7, 8}};
     Byte out[8] = {};
-    stream.context.destination = out;
-    entry<mem::DynamicStreamRoutine>(name)(&stream.context, 5, 1, 0);
+    chunk.context.destination = out;
+    stream(&chunk.context, 5, 1, 0);
     return std::memcmp(out, "\1\2\3\4\5\0\0\0", 8) == 0;
   }
 };
@@ -105,6 +108,11 @@ TEST(Dispatch, EachFeatureDecidesOnceAndForAll) {
 // Nothing is known of the processor when the first calls race.
 TEST(Dispatch, RacingFirstCallsAgree) {
   const std::uint64_t hardware = feature_word();
+  std::vector<const void*> chosen;
+  for (const DispatchingCase& entry : cases) {
+    EXPECT_TRUE(entry.use() && entry.bound(hardware)) << entry.name;
+    chosen.push_back(entry.held());
+  }
   for (int round = 0; round < (Sweep::proving() ? 200 : 20); ++round) {
     set_features_and_empty_slots(0);
     std::atomic<int> waiting{4}, wrong{0};
@@ -112,8 +120,8 @@ TEST(Dispatch, RacingFirstCallsAgree) {
       for (--waiting; waiting.load() != 0;) {
         std::this_thread::yield();
       }
-      for (const DispatchingCase& entry : cases) {
-        wrong += !entry.use() || !entry.bound(hardware);
+      for (std::size_t i = 0; i < chosen.size(); ++i) {
+        wrong += !cases[i].use() || cases[i].held() != chosen[i];
       }
     };
     std::thread others[] = {std::thread(race), std::thread(race), std::thread(race)};
