@@ -47,7 +47,7 @@ TEST(QuadSweep, Arithmetic) {
   Sweep sweep("quad.arithmetic");
   for (const Routine& routine : routines()) {
     if (routine.operation <= Operation::Divide && !routine.is_complex()) {
-      sweep_routine(sweep, routine, 5000, 400'000, [&](Random& random, Operands& v) {
+      sweep_routine(sweep, routine, 5000, 800'000, [&](Random& random, Operands& v) {
         v[0] = any_value(random);
         v[1] = partner(random, v[0]);
         if (routine.operation >= Operation::Multiply && random.one_in(4)) {
@@ -78,7 +78,7 @@ TEST(QuadSweep, Complex) {
   Sweep sweep("quad.complex");
   for (const Routine& routine : routines()) {
     if (routine.operation <= Operation::Divide && routine.is_complex()) {
-      sweep_routine(sweep, routine, 1500, 60'000, [](Random& random, Operands& v) {
+      sweep_routine(sweep, routine, 1500, 120'000, [](Random& random, Operands& v) {
         // Mostly such that no product leaves the range; often such that two of them cancel.
         const bool any = random.one_in(4);
         for (Value& value : v) {
@@ -99,7 +99,7 @@ TEST(QuadSweep, Conversions) {
     if (routine.operation == Operation::Convert) {
       const auto one = [](char type) { return static_cast<char>(type | 0x20); };
       const char from = one(routine.arguments[0]), to = one(routine.result[0]);
-      sweep_routine(sweep, routine, 1500, 60'000, [=](Random& random, Operands& v) {
+      sweep_routine(sweep, routine, 1500, 120'000, [=](Random& random, Operands& v) {
         v[0] = source(random, from, to);
         v[1] = source(random, from, to);
       });

@@ -47,7 +47,7 @@ std::string any_text(Random& random) {
 }
 
 // What the shortest form makes of d.ddde+12.
-std::string as_documented(const std::string& scientific) {
+[[maybe_unused]] std::string as_documented(const std::string& scientific) {
   const std::size_t e = scientific.find('e');
   const int exponent = std::stoi(scientific.substr(e + 1));
   if (exponent < -5 || exponent >= 36) {
@@ -92,7 +92,7 @@ TEST(QuadTextSweep, Writes) {
 
 // The middle between neighbours goes to the even one, and the least difference decides, however
 // many digits come before it.
-void read_around_middle(const Value& value) {
+[[maybe_unused]] void read_around_middle(const Value& value) {
   const std::string middle = middle_text(value);
   const std::size_t e = middle.find('e');
   std::string figures = middle.substr(0, e);

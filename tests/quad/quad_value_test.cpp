@@ -46,7 +46,7 @@ constexpr bool compiler_writes(const Quad& a, std::string_view expected) {
   char text[ksomd::quad_text_size] = {};
   const char* end = to_chars(text, text + sizeof text, a).ptr;
   return std::string_view(text, static_cast<std::size_t>(end - text)) == expected &&
-         same(*ksomd::from_string(expected), a);
+         same(ksomd::from_string(expected).value_or(42), a);
 }
 static_assert(compiler_writes(-1.5e300_q, "-1.5e+300") && compiler_writes(0.001_q, "0.001"));
 
@@ -159,7 +159,7 @@ TEST(QuadValue, LimitsAreLimits) {
   EXPECT_TRUE(same(Limits::denorm_min() / 2, 0) && Limits::denorm_min() > 0);
   EXPECT_TRUE(same(Limits::min() * Limits::epsilon(), Limits::denorm_min()));
   EXPECT_TRUE(same(Limits::infinity(), 1e4933_q) &&
-              same(Limits::quiet_NaN(), *ksomd::from_string("nan")));
+              same(Limits::quiet_NaN(), ksomd::from_string("nan").value_or(42)));
   EXPECT_EQ(raised_by(0, [] { static_cast<void>(Limits::signaling_NaN() + 1); }), mxcsr::invalid);
   EXPECT_EQ(raised_by(0, [] { static_cast<void>(Limits::quiet_NaN() + 1); }), 0u);
   EXPECT_TRUE(1e-4931_q >= Limits::min() && 1e-4932_q < Limits::min() && 1e4932_q <= Limits::max());
