@@ -130,7 +130,7 @@ TEST_F(Method, ChangesWhereItShould) {
       Call call{routine, target_, d, moves ? target_ : source_, up ? d - 1 : d + 1, 0x11, 0};
       tuning.mem_class = random.one_of({0, 1, 2, 2});
       // Around the sizes that the routines know: multiples of 256, and what follows tails.
-      call.n = (random.one_in(8) ? 1030 : random.one_of({124u, 170u, 250u, 505u})) +
+      call.n = (random.one_in(6) ? 1100 : random.one_of({124u, 170u, 250u, 505u})) +
                random.below(random.one_in(2) ? 20 : 100);
       if (call.n >= 250 && random.one_in(2)) {
         call.n -= promise_of(call, tuning).left % 256;
