@@ -16,6 +16,8 @@ tried without a defect, when the first row wants it.
 import argparse
 import collections
 import concurrent.futures
+import hashlib
+import json
 import os
 import pathlib
 import queue
@@ -126,12 +128,14 @@ class Workshop:
     def __init__(self, directory):
         self.top = directory
         self.build = directory / "build"
-        self.commands, self.sound, self.limit = {}, {}, {}
+        self.commands, self.limits = {}, {}
+        self.record = directory / "sound.json"
+        self.passed = json.loads(self.record.read_text()) if self.record.exists() else {}
 
     def prepare(self, keep):
         # An interrupted run leaves its defect behind, and the sound source beside it.
         for sound in self.top.glob("**/*.sound"):
-            sound.rename(sound.with_suffix(""))
+            sound.rename(sound.with_suffix("")).touch()
         if not keep or not (self.build / "build.ninja").exists():
             listing = subprocess.check_output(["git", "ls-files", *PARTS], cwd=TOP, text=True)
             for name in listing.splitlines():
@@ -153,14 +157,25 @@ class Workshop:
                 self.commands[name] = command
 
     def is_sound(self, test):
-        """Whether the test's program builds and passes without a defect."""
-        if test not in self.sound:
+        """Whether the test passes without a defect; a program that did so before is not asked again.
+        """
+        if test not in self.limits:
             log = self.top / f"{test}.log"
-            built = not self.compile(test, log)
-            started = time.monotonic()
-            self.sound[test] = built and not self.test(test, log, FIRST_LIMIT)
-            self.limit[test] = max(LEAST_PATIENCE, PATIENCE * (time.monotonic() - started))
-        return self.sound[test]
+            self.limits[test] = None
+            if self.compile(test, log):
+                return False
+            digest = hashlib.sha256()
+            for word in self.commands[test]:
+                digest.update(pathlib.Path(word).read_bytes() if os.path.isfile(word) else b"")
+            name = digest.hexdigest()
+            if name not in self.passed:
+                started = time.monotonic()
+                if self.test(test, log, FIRST_LIMIT):
+                    return False
+                self.passed[name] = time.monotonic() - started
+                self.record.write_text(json.dumps(self.passed))
+            self.limits[test] = max(LEAST_PATIENCE, PATIENCE * self.passed[name])
+        return self.limits[test] is not None
 
     def compile(self, test, log):
         """Builds what the test's command names in the build directory."""
@@ -174,24 +189,26 @@ class Workshop:
 
     def examine(self, mutation):
         """What became of the defect, and the test that told."""
-        for test in mutation.judges:
-            if test not in self.commands:
-                return f"not applicable: there is no {test}", ""
-            if not self.is_sound(test):
-                return f"not applicable: {test} fails without it", ""
         path = self.top / mutation.source
         text = path.read_text()
         if text.count(mutation.find) != 1:
             return "not applicable: its text is not in the copy", ""
-        log = self.top / "mutation.log"
         sound = path.with_name(path.name + ".sound")
         shutil.copy(path, sound)
         try:
-            path.write_text(text.replace(mutation.find, mutation.replacement))
             for test in mutation.judges:
+                if test not in self.commands:
+                    return f"not applicable: there is no {test}", ""
+                if test not in self.limits and path.read_text() != text:
+                    path.write_text(text)
+                if not self.is_sound(test):
+                    return f"not applicable: {test} fails without it", ""
+                if path.read_text() == text:
+                    path.write_text(text.replace(mutation.find, mutation.replacement))
+                log = self.top / "mutation.log"
                 if self.compile(test, log):
                     return "not applicable: does not compile", ""
-                status = self.test(test, log, self.limit[test])
+                status = self.test(test, log, self.limits[test])
                 if status != 0:
                     return "caught", f"{test}{', which never ends' if status == 'timeout' else ''}"
             return "survived", ""
