@@ -1,6 +1,10 @@
 // Failures of the system, switched on one after the other.
 #include <gtest/gtest.h>
+#include <ucontext.h>
 
+#include <algorithm>
+#include <csetjmp>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -113,6 +117,80 @@ TEST_F(SystemFaults, ModuleNames) {
   ksomd_pc_info info;
   EXPECT_EQ(tbk_get_pc_info(&info, address, 0, nullptr), 0u);
   EXPECT_STREQ(info.routine, "Unknown");
+}
+
+// Two routines without a gap. The call that ends the first does not return, and its return address
+// is the first instruction of the second, which is none: one address that means two frames.
+extern "C" [[gnu::visibility("hidden")]] void ends_in_a_call();
+extern "C" [[gnu::visibility("hidden")]] void interrupted_routine();
+__asm__(R"(
+        .text
+        .type ends_in_a_call, @function
+ends_in_a_call:
+        .cfi_startproc
+        subq $8, %rsp
+        .cfi_adjust_cfa_offset 8
+        call walk_and_leave
+        .cfi_endproc
+        .type interrupted_routine, @function
+interrupted_routine:
+        .cfi_startproc
+        ud2
+        ret
+        .cfi_endproc
+)");
+
+std::vector<std::uint64_t> counters;
+std::jmp_buf leave;
+
+std::int32_t note_counter(const void* frame, void*, std::int32_t) {
+  counters.push_back(tbk_getPC(frame));
+  return 0;
+}
+
+extern "C" [[gnu::used, gnu::visibility("hidden")]] void walk_and_leave() {
+  tbk_trace_stack(nullptr, nullptr, note_counter, 0);
+  std::longjmp(leave, 1);  // NOLINT(cert-err52-cpp)
+}
+
+void walk_and_resume(int, siginfo_t*, void* state) {
+  tbk_trace_stack(nullptr, nullptr, note_counter, 0);
+  static_cast<ucontext_t*>(state)->uc_mcontext.gregs[REG_RIP] += 2;
+}
+
+[[gnu::noinline, clang::disable_tail_calls]] void walk_from(void (*routine)()) {
+  if (setjmp(leave) == 0) {  // NOLINT(cert-err52-cpp)
+    routine();
+  }
+}
+
+// Signal handlers run on a stack above the one that they interrupt.
+TEST(SignalHandler, WalksThroughTheInterruptedRoutine) {
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  counters.clear();
+  ASSERT_EQ(tbk_trace_stack(&context, nullptr, note_counter, 0), 0u);
+  const std::vector<std::uint64_t> callers(counters.begin() + 1, counters.end());
+  char above[1 << 16];
+  const stack_t stack = {.ss_sp = above, .ss_flags = 0, .ss_size = sizeof above};
+  stack_t stack_before;
+  sigaltstack(&stack, &stack_before);
+  struct sigaction action = {};
+  struct sigaction before;
+  action.sa_sigaction = walk_and_resume;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigaction(SIGILL, &action, &before);
+  for (const auto routine : {interrupted_routine, ends_in_a_call, interrupted_routine}) {
+    counters.clear();
+    walk_from(routine);
+    const auto frame = std::find(counters.begin(), counters.end(),
+                                 reinterpret_cast<std::uint64_t>(&interrupted_routine));
+    // It, walk_from, this test, and who called that.
+    ASSERT_EQ(counters.end() - frame, std::ssize(callers) + 3);
+    EXPECT_TRUE(std::equal(callers.begin(), callers.end(), frame + 3));
+  }
+  sigaction(SIGILL, &before, nullptr);
+  sigaltstack(&stack_before, nullptr);
 }
 
 // A walk that fails after some frames: what was written stays, and the error text follows it.

@@ -54,19 +54,6 @@ struct Walked {
   return {status, address_of(__builtin_return_address(0))};
 }
 
-[[gnu::noinline, clang::disable_tail_calls]] Walked walk_skipping(Recorder& recorder,
-                                                                  std::uint32_t skip) {
-  const std::uint32_t status = tbk_trace_stack_impl(nullptr, &recorder, record, 1, skip);
-  return {status, address_of(__builtin_return_address(0))};
-}
-
-[[gnu::noinline, clang::disable_tail_calls]] Walked walk_from_here(Recorder& recorder) {
-  CONTEXT context;
-  RtlCaptureContext(&context);
-  const std::uint32_t status = tbk_trace_stack(&context, &recorder, record, 1);
-  return {status, address_of(__builtin_return_address(0))};
-}
-
 std::size_t skipped(const Recorder& recorder) {
   std::size_t count = 0;
   while (count < recorder.frames.size() && recorder.frames[count].skip == 1) {
@@ -106,40 +93,46 @@ TEST(Walk, CapturedContext) {
   const std::uint64_t own =
       recorder.frames[0].pc - address_of(reinterpret_cast<void*>(tbk_trace_stack_impl));
   EXPECT_LT(own, 4096u) << "the first frame is not the walk routine's";
-}
-
-TEST(Walk, SkipCounts) {
   Recorder indirect;
   EXPECT_EQ(walk(indirect, 0).status, 0u);
   EXPECT_EQ(skipped(indirect), 5u);
-  for (const std::uint32_t skip : affordable<std::uint32_t>({3, 0, 1, 1000}, 1)) {
-    Recorder recorder;
-    const Walked walked = walk_skipping(recorder, skip);
-    EXPECT_EQ(walked.status, 0u);
-    check_chain(recorder);
-    EXPECT_EQ(skipped(recorder), std::min<std::size_t>(skip, recorder.frames.size()));
-    EXPECT_EQ(recorder.frames[2].pc, walked.caller);
-  }
 }
 
-TEST(Walk, GivenContext) {
-  Recorder recorder;
-  const Walked walked = walk_from_here(recorder);
-  EXPECT_EQ(walked.status, 0u);
-  check_chain(recorder);
-  EXPECT_EQ(skipped(recorder), 0u);
-  ASSERT_GT(recorder.frames.size(), 1u);
-  EXPECT_EQ(recorder.frames[1].pc, walked.caller);
-}
-
-TEST(Walk, ContextIsNotChanged) {
+// As if this were what a call through a bad pointer ran into, from where `calling` stands.
+[[gnu::noinline, clang::disable_tail_calls]] Walked walk_wild_call(Recorder& recorder,
+                                                                   const CONTEXT& calling,
+                                                                   std::uint64_t target) {
+  const std::uint64_t caller = address_of(__builtin_return_address(0));
   CONTEXT context;
-  RtlCaptureContext(&context);
+  std::memcpy(&context, &calling, sizeof context);
+  context.Rip = target;
+  context.Rsp -= sizeof caller;
+  EXPECT_EQ(*reinterpret_cast<const std::uint64_t*>(context.Rsp), caller);
   CONTEXT before;
   std::memcpy(&before, &context, sizeof before);
-  Recorder recorder;
-  EXPECT_EQ(tbk_trace_stack(&context, &recorder, record, 0), 0u);
+  const std::uint32_t status = tbk_trace_stack(&context, &recorder, record, 0);
   EXPECT_EQ(std::memcmp(&before, &context, sizeof before), 0);
+  return {status, caller};
+}
+
+TEST(Walk, GivenContexts) {
+  static std::uint64_t data;
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  Recorder whole;
+  EXPECT_EQ(tbk_trace_stack(&context, &whole, record, 1), 0u);
+  check_chain(whole);
+  EXPECT_EQ(skipped(whole), 0u);
+  for (const std::uint64_t target :
+       affordable<std::uint64_t>({0, address_of(&data), UINT64_MAX}, 2)) {
+    Recorder recorder;
+    const Walked walked = walk_wild_call(recorder, context, target);
+    EXPECT_EQ(walked.status, 0u);
+    check_chain(recorder);
+    ASSERT_EQ(recorder.frames.size(), whole.frames.size());
+    EXPECT_EQ(recorder.frames[0].pc, walked.caller);
+    EXPECT_EQ(recorder.frames[1].pc, whole.frames[1].pc);
+  }
 }
 
 TEST(Walk, CallbackEndsIt) {

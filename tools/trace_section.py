@@ -12,9 +12,9 @@ with the image. DIR is left out of source-file names.
 With --link, COMMAND is a compiler's command that links a program; it runs twice, the second time
 with the trace section that the first program's line table gives.
 
-Every routine with line numbers gets one block. A line ends where the next begins, with one
+Every routine that the line table covers gets one block. A line ends where the next begins, with one
 exception: the first byte after a call still belongs to the call's line, because that is where a
-return address points.
+return address points. Code that belongs to no line gets line 0, as in the line table.
 """
 
 import argparse
@@ -70,9 +70,10 @@ def line_sequences(program):
 def routines(program):
     """Start addresses and names of the routines; of several names of one, the first global one."""
     names = {}
-    for text in run("llvm-nm-22", "--defined-only", "--format=posix", program).splitlines():
+    # All symbols: some assemblers mark an object's first static function as they mark its section.
+    for text in run("llvm-nm-22", "--debug-syms", "--format=posix", program).splitlines():
         name, kind, address = text.split(" ")[:3]
-        if kind in "TtWw":
+        if kind in "TtWw" and not name.startswith("."):  # sections do
             rank = "TWtw".index(kind)
             names[int(address, 16)] = min(names.get(int(address, 16), (9, "")), (rank, name))
     readable = run("llvm-cxxfilt-22", "--no-params",
@@ -114,17 +115,18 @@ def split_routines(program, names):
     """Cuts the sequences of the line table at the routines' start addresses."""
     starts = sorted(names)
     for rows, end in line_sequences(program):
-        rows = [row for row in rows if row.line != 0]  # 0: code of no line, counted with the last
-        first = bisect.bisect_right(starts, rows[0].address) - 1 if rows else len(starts)
+        addresses = [row.address for row in rows]
+        first = bisect.bisect_right(starts, addresses[0]) - 1
         for i in range(max(first, 0), len(starts)):
-            start = starts[i]
+            start = max(starts[i], addresses[0])
             if start >= end:
                 break
             stop = min(end, starts[i + 1]) if i + 1 < len(starts) else end
-            own = [row for row in rows if start <= row.address < stop]
-            if own:
-                own[0] = own[0]._replace(address=start)
-                yield Routine(names[start], start, stop, merged(own))
+            # A routine may start within the row of the one before it.
+            inherited = bisect.bisect_right(addresses, start) - 1
+            own = rows[inherited:bisect.bisect_left(addresses, stop)]
+            own[0] = own[0]._replace(address=start)
+            yield Routine(names[starts[i]], start, stop, merged(own))
 
 
 def merged(rows):

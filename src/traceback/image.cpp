@@ -10,14 +10,25 @@ constexpr const char* trace_section_name = ".trace";
 constexpr std::size_t smallest_block = 26;
 constexpr std::size_t most_header_bytes = std::size_t{1} << 20;
 
+constexpr DWORD unreadable = PAGE_NOACCESS | PAGE_EXECUTE | PAGE_GUARD;
+constexpr DWORD executable =
+    PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+
+// The region that an address lies in; false if it is free.
+bool find_region(std::uint64_t address, MEMORY_BASIC_INFORMATION& region) {
+  return VirtualQuery(reinterpret_cast<const void*>(address), &region, sizeof region) != 0 &&
+         region.State != MEM_FREE && region.AllocationBase != nullptr;
+}
+
 // How many of the `wanted` bytes at `start` can be read, as long as they belong to `image`: memory
 // that is merely reserved, or guarded, would fault.
 Bytes readable(const std::uint8_t* start, std::size_t wanted, const void* image) {
   std::size_t size = 0;
   while (size < wanted) {
     MEMORY_BASIC_INFORMATION region;
-    if (VirtualQuery(start + size, &region, sizeof region) == 0 || region.AllocationBase != image ||
-        region.State != MEM_COMMIT || (region.Protect & (PAGE_NOACCESS | PAGE_GUARD)) != 0) {
+    if (!find_region(reinterpret_cast<std::uint64_t>(start) + size, region) ||
+        region.AllocationBase != image || region.State != MEM_COMMIT ||
+        (region.Protect & unreadable) != 0) {
       break;
     }
     const auto* end = static_cast<const std::uint8_t*>(region.BaseAddress) + region.RegionSize;
@@ -28,10 +39,23 @@ Bytes readable(const std::uint8_t* start, std::size_t wanted, const void* image)
 
 }  // namespace
 
+Bytes readable_bytes(std::uint64_t address, std::size_t wanted) {
+  MEMORY_BASIC_INFORMATION region;
+  if (!find_region(address, region)) {
+    return {};
+  }
+  return readable(reinterpret_cast<const std::uint8_t*>(address), wanted, region.AllocationBase);
+}
+
+bool is_code(std::uint64_t address) {
+  MEMORY_BASIC_INFORMATION region;
+  return find_region(address, region) && region.State == MEM_COMMIT &&
+         (region.Protect & executable) != 0;
+}
+
 Bytes trace_section_of(std::uint64_t pc) {
   MEMORY_BASIC_INFORMATION region;
-  if (VirtualQuery(reinterpret_cast<const void*>(pc), &region, sizeof region) == 0 ||
-      region.State == MEM_FREE || region.AllocationBase == nullptr) {
+  if (!find_region(pc, region)) {
     return {};
   }
   const auto* image = static_cast<const std::uint8_t*>(region.AllocationBase);
@@ -42,6 +66,26 @@ Bytes trace_section_of(std::uint64_t pc) {
   }
   const Bytes section = readable(image + place.offset, place.size, image);
   return section.size == place.size && place.size >= smallest_block ? section : Bytes{};
+}
+
+bool is_behind_call(std::uint64_t pc) {
+  constexpr std::size_t longest_call = 7;
+  const Bytes code = readable_bytes(pc - longest_call, longest_call);
+  if (code.size < longest_call) {
+    return false;
+  }
+  const std::uint8_t* end = code.data + longest_call;
+  if (end[-5] == 0xE8) {  // to a distance of 32 bits
+    return true;
+  }
+  // Through a register or memory: FF, and 2 in the middle of the byte that names the operand.
+  constexpr int lengths[] = {2, 3, 4, 6, 7};
+  for (const int length : lengths) {
+    if (end[-length] == 0xFF && (end[1 - length] & 0x38) == 0x10) {
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace ksomd

@@ -1,4 +1,4 @@
-// The trace section of a loaded module.
+// What loaded modules hold, and other memory that may not be there.
 #pragma once
 
 #include <cstdint>
@@ -10,5 +10,14 @@ namespace ksomd {
 // The trace section of the module that holds a code address; empty if there is none that can be
 // read.
 Bytes trace_section_of(std::uint64_t pc);
+
+// How many of the `wanted` bytes at an address can be read, up to the end of its allocation.
+Bytes readable_bytes(std::uint64_t address, std::size_t wanted);
+
+// Whether an address lies in executable memory.
+bool is_code(std::uint64_t address);
+
+// Whether the bytes before a code address read as a call instruction.
+bool is_behind_call(std::uint64_t pc);
 
 }  // namespace ksomd

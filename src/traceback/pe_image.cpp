@@ -27,8 +27,8 @@ bool find_pe_section(Bytes headers, const char* name, SectionPlace& place) {
   std::memcpy(wanted, name, strnlen(name, sizeof wanted));
   for (std::uint64_t i = 0; i < count && table.size >= section_entry_size; ++i) {
     if (std::memcmp(table.data, wanted, sizeof wanted) == 0) {
-      place.size = static_cast<std::uint32_t>(read_unsigned(table.data + 8, 4));
-      place.offset = static_cast<std::uint32_t>(read_unsigned(table.data + 12, 4));
+      place.size = read_unsigned(table.data + 8, 4);
+      place.offset = read_unsigned(table.data + 12, 4);
       return true;
     }
     table = table.from(section_entry_size);

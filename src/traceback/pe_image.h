@@ -8,8 +8,8 @@
 namespace ksomd {
 
 struct SectionPlace {
-  std::uint32_t offset;  // from the image's start
-  std::uint32_t size;
+  std::uint64_t offset;  // from the image's start
+  std::uint64_t size;
 };
 
 // Finds the first section of that name (at most 8 characters) in the headers, the readable bytes at

@@ -3,6 +3,7 @@
 #include "ksomd/traceback.h"
 #include "msg/messages.h"
 #include "stack_system.h"
+#include "traceback/image.h"
 
 namespace ksomd {
 namespace {
@@ -46,6 +47,22 @@ std::uint32_t find_capture_routine() {
     return KSOMD_WALK_NO_CAPTURE;
   }
   return KSOMD_WALK_DONE;
+}
+
+// A call through a null or wild pointer: no walker can start where there is no code. The call left
+// its return address on the stack, and that is where the walk starts instead.
+void leave_wild_call(CONTEXT& context) {
+  const DWORD error = GetLastError();
+  if (!is_code(context.Rip)) {
+    const Bytes slot = readable_bytes(context.Rsp, sizeof context.Rip);
+    const std::uint64_t caller =
+        slot.size == sizeof context.Rip ? read_unsigned(slot.data, sizeof context.Rip) : 0;
+    if (is_code(caller)) {
+      context.Rip = caller;
+      context.Rsp += sizeof caller;
+    }
+  }
+  SetLastError(error);
 }
 
 struct Walk {
@@ -115,6 +132,7 @@ using namespace ksomd;
   walk.callback = callback;
   if (context != nullptr) {
     std::memcpy(&walk.context, context, sizeof walk.context);
+    leave_wild_call(walk.context);
     walk.skip = 0;
   } else {
     const std::uint32_t failure =

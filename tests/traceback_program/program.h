@@ -11,6 +11,7 @@ struct CallSite {
   const char* routine;
   const char* file;
   int line;
+  bool here;  // or anywhere but on this line
 };
 
 // At most 8 of them, the innermost last.
@@ -19,9 +20,14 @@ struct CallSites {
   int count;
 };
 
+#define RECORD(sites, routine, here) \
+  ((sites).sites[(sites).count++] = CallSite{routine, __FILE__, __LINE__, here})
+
 // Records the line that it stands on; the call to be recorded goes there too.
-#define HERE(sites, routine) \
-  ((sites).sites[(sites).count++] = CallSite{routine, __FILE__, __LINE__})
+#define HERE(sites, routine) RECORD(sites, routine, true)
+
+// Records the line that it stands on; the call stands further down.
+#define NOT_HERE(sites, routine) RECORD(sites, routine, false)
 
 using Step = int (*)(CallSites& sites, void* user);
 

@@ -24,8 +24,16 @@ struct Module {
   const char* path;  // empty for the program itself
   // The pages of the segment that holds the address, if one does.
   std::uintptr_t segment_first, segment_end;
-  bool readable;
+  DWORD protection;
 };
+
+// Whether memory may be written does not matter to the library.
+DWORD protection_of(bool readable, bool executable) {
+  if (!readable) {
+    return executable ? PAGE_EXECUTE : PAGE_NOACCESS;
+  }
+  return executable ? PAGE_EXECUTE_READ : PAGE_READONLY;
+}
 
 int visit_module(dl_phdr_info* info, std::size_t, void* data) {
   auto& wanted = *static_cast<Module*>(data);
@@ -42,7 +50,8 @@ int visit_module(dl_phdr_info* info, std::size_t, void* data) {
       if (wanted.address >= start && wanted.address < stop) {
         wanted.segment_first = start;
         wanted.segment_end = stop;
-        wanted.readable = (segment.p_flags & PF_R) != 0;
+        wanted.protection =
+            protection_of((segment.p_flags & PF_R) != 0, (segment.p_flags & PF_X) != 0);
       }
     }
   }
@@ -106,7 +115,7 @@ class Lines {
 
 struct Mapping {
   std::uintptr_t first, end;
-  char access;  // 'r' or '-'
+  DWORD protection;
 };
 
 // The mapping that holds an address, out of the kernel's list; false if none does.
@@ -117,7 +126,7 @@ bool find_mapping(std::uintptr_t address, Mapping& mapping) {
     char* rest = line;
     mapping.first = std::strtoul(rest, &rest, 16);
     mapping.end = std::strtoul(rest + 1, &rest, 16);
-    mapping.access = rest[1];
+    mapping.protection = protection_of(rest[1] == 'r', rest[3] == 'x');
     if (address >= mapping.first && address < mapping.end) {
       return true;
     }
@@ -165,7 +174,7 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
   Mapping mapping;
   const bool in_module = find_module(address, module);
   if (in_module && module.segment_end != 0) {
-    mapping = {module.segment_first, module.segment_end, module.readable ? 'r' : '-'};
+    mapping = {module.segment_first, module.segment_end, module.protection};
   } else if (!find_mapping(reinterpret_cast<std::uintptr_t>(address), mapping)) {
     region->State = MEM_FREE;
     return size;
@@ -174,7 +183,7 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
   region->AllocationBase = reinterpret_cast<void*>(in_module ? module.first : mapping.first);
   region->RegionSize = mapping.end - mapping.first;
   region->State = MEM_COMMIT;
-  region->Protect = mapping.access == 'r' ? PAGE_READONLY : PAGE_NOACCESS;
+  region->Protect = mapping.protection;
   return size;
 }
 
@@ -197,16 +206,18 @@ DWORD K32GetModuleFileNameExA(HANDLE, HMODULE handle, char* path, DWORD size) {
   return static_cast<DWORD>(std::strlen(path));
 }
 
-bool ksomd::find_native_section(const void* image, const char* name, std::uint32_t& offset,
-                                std::uint32_t& size) {
+bool ksomd::find_native_section(const void* image, const char* name, std::uint64_t& offset,
+                                std::uint64_t& size) {
   Module module;
-  if (!find_module(image, module) || image != reinterpret_cast<void*>(module.first)) {
+  if (!find_module(image, module) || image != reinterpret_cast<void*>(module.first) ||
+      (module.protection & (PAGE_READONLY | PAGE_EXECUTE_READ)) == 0) {
     return false;
   }
   const File file(module.path[0] != '\0' ? module.path : own_file);
   Elf64_Ehdr header;
   Elf64_Shdr names;
-  if (!file.read_at(0, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
+  // The file may have been replaced since it was loaded: the header tells.
+  if (!file.read_at(0, header) || std::memcmp(image, &header, sizeof header) != 0 ||
       header.e_shentsize != sizeof names ||
       !file.read_at(header.e_shoff + header.e_shstrndx * sizeof names, names)) {
     return false;
@@ -220,8 +231,8 @@ bool ksomd::find_native_section(const void* image, const char* name, std::uint32
     if ((section.sh_flags & SHF_ALLOC) != 0 && section.sh_type != SHT_NOBITS &&
         file.has_text(names.sh_offset + section.sh_name, name) && address >= module.first &&
         address < module.end && section.sh_size <= module.end - address) {
-      offset = static_cast<std::uint32_t>(address - module.first);
-      size = static_cast<std::uint32_t>(section.sh_size);
+      offset = address - module.first;
+      size = section.sh_size;
       return true;
     }
   }

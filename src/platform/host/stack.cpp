@@ -55,9 +55,15 @@ void read_registers(unw_cursor_t& cursor, CONTEXT& context) {
   }
 }
 
-// Moves the registers to the frame of the caller; false if there is none. The first frame of a
-// walk stands at an instruction of its own, every other behind a call.
-bool step_to_caller(CONTEXT& context, bool behind_call) {
+// Where a walk stands, as the frame record remembers it from one call to the next.
+enum Progress : DWORD64 {
+  not_started,
+  at_instruction,  // about to execute it: the first frame, and one that a signal interrupted
+  behind_call
+};
+
+// Moves the registers to the frame of the caller, and `progress` with them; false if there is none.
+bool step_to_caller(CONTEXT& context, DWORD64& progress) {
   unw_context_t machine;
   std::memset(&machine, 0, sizeof machine);
   for (std::size_t i = 0; i < sizeof registers / sizeof registers[0]; ++i) {
@@ -65,17 +71,21 @@ bool step_to_caller(CONTEXT& context, bool behind_call) {
         static_cast<greg_t>(context.*registers[i].in_context);
   }
   unw_cursor_t cursor;
-  const int flags = behind_call ? 0 : UNW_INIT_SIGNAL_FRAME;
+  const int flags = progress == behind_call ? 0 : UNW_INIT_SIGNAL_FRAME;
   if (unw_init_local2(&cursor, &machine, flags) != 0 || unw_step(&cursor) <= 0) {
     return false;
   }
+  // After the step the unwinder says so of the frame that the signal came upon.
+  const bool interrupted = unw_is_signal_frame(&cursor) > 0;
   CONTEXT caller = context;
   read_registers(cursor, caller);
-  // The stack grows down: a frame that is not above its callee's is no frame.
-  if (caller.Rip == 0 || caller.Rsp <= context.Rsp) {
+  // The stack grows down: a frame that is not above its callee's is no frame, unless the callee is
+  // a signal handler on a stack of its own.
+  if (caller.Rip == 0 || (!interrupted && caller.Rsp <= context.Rsp)) {
     return false;
   }
   context = caller;
+  progress = interrupted ? at_instruction : behind_call;
   return true;
 }
 
@@ -145,6 +155,9 @@ BOOL SymInitialize(HANDLE, const char*, BOOL) {
   if (fails(stack_faults.sym_initialize)) {
     return false;
   }
+  // The unwinder's cache goes by address alone, but one address may be the first of a routine and
+  // the return address of a call that ends the routine before it.
+  unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_NONE);
   ++stack_balance.symbol_handlers;
   return true;
 }
@@ -162,24 +175,22 @@ BOOL StackWalk64(DWORD, HANDLE, HANDLE, STACKFRAME64* frame, CONTEXT* context, v
     }
     return !fails(stack_faults.stack_walk);
   }
-  // Whether a frame was handed out already, and whether it stands behind a call.
-  enum : DWORD64 { start, first, later };
   DWORD64& progress = frame->Reserved[0];
-  if (progress != start && !step_to_caller(*context, progress == later)) {
+  const bool moved = progress == not_started || step_to_caller(*context, progress);
+  if (!moved || context->Rip == 0) {
     last_error = ERROR_INVALID_ADDRESS;
     return false;
   }
-  if (context->Rip == 0) {
-    last_error = ERROR_INVALID_ADDRESS;
-    return false;
+  if (progress == not_started) {
+    progress = at_instruction;
   }
-  progress = progress == start ? first : later;
   CONTEXT caller = *context;
+  DWORD64 caller_progress = progress;
   frame->AddrPC.Offset = context->Rip;
   frame->AddrStack.Offset = context->Rsp;
   frame->AddrFrame.Offset = context->Rbp;
   frame->AddrReturn.Mode = AddrModeFlat;
-  frame->AddrReturn.Offset = step_to_caller(caller, progress == later) ? caller.Rip : 0;
+  frame->AddrReturn.Offset = step_to_caller(caller, caller_progress) ? caller.Rip : 0;
   const DWORD64 arguments[] = {context->Rdi, context->Rsi, context->Rdx, context->Rcx};
   std::memcpy(frame->Params, arguments, sizeof arguments);
   return true;

@@ -61,6 +61,10 @@ inline constexpr DWORD MEM_COMMIT = 0x1000;
 inline constexpr DWORD MEM_FREE = 0x10000;
 inline constexpr DWORD PAGE_NOACCESS = 0x01;
 inline constexpr DWORD PAGE_READONLY = 0x02;
+inline constexpr DWORD PAGE_EXECUTE = 0x10;
+inline constexpr DWORD PAGE_EXECUTE_READ = 0x20;
+inline constexpr DWORD PAGE_EXECUTE_READWRITE = 0x40;
+inline constexpr DWORD PAGE_EXECUTE_WRITECOPY = 0x80;
 inline constexpr DWORD PAGE_GUARD = 0x100;
 inline constexpr DWORD PROCESS_VM_READ = 0x10;
 inline constexpr DWORD PROCESS_QUERY_INFORMATION = 0x400;
@@ -107,8 +111,8 @@ bool run_protected(void (*body)(void*), void* argument);
 
 // Finds a loaded section by name in the ELF image that starts there; its place counts from the
 // image's start. The section table is not loaded with an image: it is read from the image's file.
-bool find_native_section(const void* image, const char* name, std::uint32_t& offset,
-                         std::uint32_t& size);
+bool find_native_section(const void* image, const char* name, std::uint64_t& offset,
+                         std::uint64_t& size);
 
 namespace host {
 

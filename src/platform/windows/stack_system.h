@@ -16,7 +16,7 @@ namespace ksomd {
 bool run_protected(void (*body)(void*), void* argument);
 
 // Section of an image in the system's own format where that is not PE: there is none.
-inline bool find_native_section(const void*, const char*, std::uint32_t&, std::uint32_t&) {
+inline bool find_native_section(const void*, const char*, std::uint64_t&, std::uint64_t&) {
   return false;
 }
 
