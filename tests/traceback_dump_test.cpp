@@ -8,9 +8,7 @@
 #include <vector>
 
 #include "ksomd/traceback.h"
-#include "traceback/image.h"
 #include "traceback/module_name.h"
-#include "traceback/pc_info.h"
 #include "traceback_platform.h"
 #include "traceback_sample.h"
 
@@ -264,54 +262,6 @@ TEST(PcInfo, OfAnImage) {
   ksomd_pc_info info;
   EXPECT_EQ(tbk_get_pc_info(&info, image.code(), 0, nullptr), 0u);
   EXPECT_STREQ(info.line, "42");
-}
-
-// A frame at the first byte of a routine, and one behind the last byte of all: behind a call it is
-// the caller's, unless a fault interrupted it there.
-TEST(PcInfo, FramesBehindTheirRoutine) {
-  const struct {
-    Data code;
-    bool call;
-  } rows[] = {
-      {{0xE8, 0x90, 0x90, 0x90, 0x90}, true},
-      {{0xFF, 0xD0}, true},
-      {{0x41, 0xFF, 0x53, 0x10}, true},
-      {{0xFF, 0x54, 0x24, 0x08}, true},
-      {{0xFF, 0x15, 0x90, 0x90, 0x90, 0x90}, true},
-      {{0x43, 0xFF, 0x94, 0xDC, 0x90, 0x90, 0x90, 0x90}, true},
-      {{0xE9, 0x90, 0x90, 0x90, 0x90}, false},
-      {{0xFF, 0xE0}, false},
-      {{0xC3}, false},
-  };
-  const auto frame = [](std::uint64_t pc, bool interrupted) -> Found {
-    ksomd_pc_info info;
-    describe_frame(info, pc, interrupted);
-    return {info.routine, info.file, info.line};
-  };
-  for (const auto& row : rows) {
-    Image image;
-    image.put(0x2000, Data(32, 0x90));
-    image.put(0x2010 - row.code.size(), row.code);
-    image.put(0x2020 - row.code.size(), row.code);
-    EXPECT_EQ(frame(image.code() + 16, false), row.call ? found : next) << unsigned{row.code[0]};
-    EXPECT_EQ(frame(image.code() + 32, false), row.call ? next : Found{}) << unsigned{row.code[0]};
-    EXPECT_EQ(frame(image.code() + 16, true), next);
-    EXPECT_EQ(frame(image.code() + 17, false), next);
-  }
-  Image image;
-  image.put(0x200B, rows[0].code);
-  static std::uint64_t no_caller[8];
-  CONTEXT context = {};
-  context.Rip = image.code() + 16;
-  context.Rsp = reinterpret_cast<std::uint64_t>(no_caller);
-  const std::string interrupted = actual_dump(context, 2000, true).text;
-  // Some systems walk from code of a module alone.
-  EXPECT_TRUE(interrupted.find("Routine name:  next\n") != std::string::npos ||
-              interrupted.starts_with("StackWalk is terminated"))
-      << interrupted;
-  EXPECT_TRUE(is_behind_call(image.code() + 16));
-  image.hide(0x2000, 0x1000);
-  EXPECT_FALSE(is_behind_call(image.code() + 16));
 }
 
 TEST(PcInfo, ImagesThatAreNone) {

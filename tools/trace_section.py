@@ -15,6 +15,10 @@ with the trace section that the first program's line table gives.
 Every routine that the line table covers gets one block. A line ends where the next begins, with one
 exception: the first byte after a call still belongs to the call's line, because that is where a
 return address points. Code that belongs to no line gets line 0, as in the line table.
+
+A routine may end in a call that does not return. Its block then covers one byte more, so that the
+return address is its own, and stands before the block of the neighbour that has this byte, too: of
+several blocks the first one counts.
 """
 
 import argparse
@@ -85,14 +89,9 @@ def routines(program):
 
 def return_addresses(program):
     """The address behind each call instruction."""
-    found, behind_call = set(), False
-    listing = run("llvm-objdump-22", "-d", "--no-show-raw-insn", "--no-leading-headers", program)
-    for text in listing.splitlines():
-        if instruction := re.match(r"\s*([0-9a-f]+):\s+(\S+)", text):
-            if behind_call:
-                found.add(int(instruction[1], 16))
-            behind_call = instruction[2].startswith("call")
-    return found
+    listing = run("llvm-objdump-22", "-d", "--no-leading-headers", program)
+    calls = re.finditer(r"^\s*([0-9a-f]+): ((?:[0-9a-f]{2} )+)\s*call", listing, re.MULTILINE)
+    return {int(call[1], 16) + len(call[2]) // 3 for call in calls}
 
 
 def anchor(program):
@@ -194,13 +193,10 @@ def items(routine, last, files, behind_calls):
     return result
 
 
-def block(routine, following, behind_calls, prefix):
+def block(routine, behind_calls, prefix):
     """The bytes of a block, with the start address left out at two places: their offsets."""
     files = list(dict.fromkeys(row.file for row in routine.rows))
-    # A call that does not return may be the last instruction: its return address lies behind the
-    # routine, in the padding if there is any.
-    padded = routine.end in behind_calls and following > routine.end
-    last = routine.end if padded else routine.end - 1
+    last = routine.end if routine.end in behind_calls else routine.end - 1
     names = [file.removeprefix(prefix).encode()[:65535] for file in files]
     entries = b"".join(number(len(name), 2) + name for name in names)
     name = routine.name.encode()[:65535]
@@ -221,13 +217,10 @@ def write_section(program, path, prefix):
     names = routines(program)
     behind_calls = return_addresses(program)
     symbol, base, section = anchor(program)
-    starts = sorted(names)
     with open(path, "w", encoding="ascii") as output:
         print(f"        {section}", file=output)
-        for routine in split_routines(program, names):
-            i = bisect.bisect_right(starts, routine.start)
-            following = starts[i] if i < len(starts) else routine.end + 1
-            data, places = block(routine, following, behind_calls, prefix)
+        for routine in sorted(split_routines(program, names), key=lambda each: each.start):
+            data, places = block(routine, behind_calls, prefix)
             at = 0
             for place in places:
                 write_bytes(output, data[at:place])

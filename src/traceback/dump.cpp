@@ -1,13 +1,11 @@
 #include <cinttypes>
 #include <cstdarg>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
 #include "ksomd/traceback.h"
 #include "stack_system.h"
 #include "traceback/module_name.h"
-#include "traceback/pc_info.h"
 
 namespace ksomd {
 namespace {
@@ -25,7 +23,6 @@ struct DumpState {
   std::uint64_t used;
   bool detailed;
   std::uint32_t frames;
-  std::uint64_t interrupted_pc;  // where a given context stands; 0 without one
 };
 
 // What is known of one frame.
@@ -148,8 +145,9 @@ std::int32_t format_frame(const void* record, void* user, std::int32_t skip) {
   if (frame.pc == 0) {
     return KSOMD_FRAME_STOP;
   }
-  tbk_getModuleName(frame.pc, frame.module, sizeof frame.module, nullptr);
-  describe_frame(frame.info, frame.pc, frame.pc == dump.interrupted_pc);
+  std::uint64_t bias;
+  tbk_getModuleName(frame.pc, frame.module, sizeof frame.module, &bias);
+  tbk_get_pc_info_pie(&frame.info, frame.pc, &bias, frame.module);
   const bool fits =
       dump.detailed ? write_detailed_entry(dump, *static_cast<const STACKFRAME64*>(record), frame)
                     : write_table_entry(dump, frame);
@@ -188,12 +186,7 @@ using namespace ksomd;
                     .capacity = buffer != nullptr ? size - notice_size - 1 : 0,
                     .used = 0,
                     .detailed = brief == 0,
-                    .frames = 0,
-                    .interrupted_pc = 0};
-  if (context != nullptr) {
-    const auto* from = static_cast<const std::uint8_t*>(context) + offsetof(CONTEXT, Rip);
-    std::memcpy(&dump.interrupted_pc, from, sizeof dump.interrupted_pc);
-  }
+                    .frames = 0};
   const std::uint32_t status = tbk_trace_stack_impl(context, &dump, format_frame, direct, skip);
   if (status != KSOMD_WALK_DONE) {
     const char* reason = status == KSOMD_WALK_OVERFLOW ? overflow_notice : tbk_geterrorstring();

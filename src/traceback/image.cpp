@@ -68,24 +68,4 @@ Bytes trace_section_of(std::uint64_t pc) {
   return section.size == place.size && place.size >= smallest_block ? section : Bytes{};
 }
 
-bool is_behind_call(std::uint64_t pc) {
-  constexpr std::size_t longest_call = 7;
-  const Bytes code = readable_bytes(pc - longest_call, longest_call);
-  if (code.size < longest_call) {
-    return false;
-  }
-  const std::uint8_t* end = code.data + longest_call;
-  if (end[-5] == 0xE8) {  // to a distance of 32 bits
-    return true;
-  }
-  // Through a register or memory: FF, and 2 in the middle of the byte that names the operand.
-  constexpr int lengths[] = {2, 3, 4, 6, 7};
-  for (const int length : lengths) {
-    if (end[-length] == 0xFF && (end[1 - length] & 0x38) == 0x10) {
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace ksomd

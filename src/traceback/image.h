@@ -17,7 +17,4 @@ Bytes readable_bytes(std::uint64_t address, std::size_t wanted);
 // Whether an address lies in executable memory.
 bool is_code(std::uint64_t address);
 
-// Whether the bytes before a code address read as a call instruction.
-bool is_behind_call(std::uint64_t pc);
-
 }  // namespace ksomd

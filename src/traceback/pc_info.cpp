@@ -1,9 +1,8 @@
-#include "traceback/pc_info.h"
-
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
+#include "ksomd/traceback.h"
 #include "traceback/image.h"
 #include "traceback/trace_section.h"
 
@@ -26,31 +25,7 @@ void fill_field(char (&field)[field_size], Bytes text, bool known) {
   field[fits.size] = '\0';
 }
 
-void fill_info(ksomd_pc_info& info, const Location& location, bool found) {
-  fill_field(info.routine, location.routine, found && location.routine_known);
-  fill_field(info.file, location.file, found && location.file_known);
-  fill_field(info.line, {}, false);
-  if (found) {
-    std::snprintf(info.line, field_size, "%" PRIu64, location.line);
-  }
-}
-
 }  // namespace
-
-void describe_frame(ksomd_pc_info& info, std::uint64_t pc, bool interrupted) {
-  const Bytes section = trace_section_of(pc);
-  Location location = {};
-  bool found = find_location(section, pc, 0, location);
-  if (section.size > 0 && !interrupted && (!found || location.at_start) && is_behind_call(pc)) {
-    Location call = {};
-    if (find_location(section, pc - 1, 0, call)) {
-      location = call;
-      found = true;
-    }
-  }
-  fill_info(info, location, found);
-}
-
 }  // namespace ksomd
 
 using namespace ksomd;
@@ -59,7 +34,12 @@ std::uint32_t tbk_get_pc_info_pie(ksomd_pc_info* info, std::uint64_t pc, const s
                                   const char*) {
   Location location = {};
   const bool found = find_location(trace_section_of(pc), pc, bias != nullptr ? *bias : 0, location);
-  fill_info(*info, location, found);
+  fill_field(info->routine, location.routine, found && location.routine_known);
+  fill_field(info->file, location.file, found && location.file_known);
+  fill_field(info->line, {}, false);
+  if (found) {
+    std::snprintf(info->line, field_size, "%" PRIu64, location.line);
+  }
   return 0;
 }
 

@@ -54,7 +54,6 @@ struct Block {
   Bytes files;  // everything after the header: entries first, then items
   std::uint64_t file_count;
   std::uint64_t adjustment;
-  bool at_start;
 };
 
 bool find_block(Bytes rest, std::uint64_t pc, std::uint64_t bias, Block& block) {
@@ -75,8 +74,7 @@ bool find_block(Bytes rest, std::uint64_t pc, std::uint64_t bias, Block& block) 
     const std::uint64_t adjustment = start < bias ? bias : 0;
     const std::uint64_t first = start + adjustment;
     if (pc >= first && pc - first < range) {
-      block = {rest.first(length).from(header_size), read_unsigned(rest.data + 16, 4), adjustment,
-               pc == first};
+      block = {rest.first(length).from(header_size), read_unsigned(rest.data + 16, 4), adjustment};
       return true;
     }
     rest = rest.from(length);
@@ -219,7 +217,6 @@ bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location
   location.routine = state.routine;
   location.routine_known = state.routine_known;
   location.line = state.line;
-  location.at_start = block.at_start;
   location.file_known = nth_file(block, state.file, location.file);
   return true;
 }

@@ -19,7 +19,6 @@ struct Location {
   std::uint64_t line;
   bool routine_known;  // an empty name may be known
   bool file_known;
-  bool at_start;  // of the code that the block describes
 };
 
 // Finds what the section says about `pc`; false if it says nothing or makes no sense. Reads only
