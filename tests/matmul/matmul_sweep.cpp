@@ -175,7 +175,7 @@ class Products {
         Element& p = before[i % m + i / m * x.ldp];
         p = value<Element>(random, kind);
         if (!path.accumulates) {
-          std::fill_n(reinterpret_cast<RealOf<Element>*>(&p), sizeof p / sizeof nan, nan);
+          std::fill_n(reinterpret_cast<RealOf<Element>*>(&p), parts<Element>, nan);
         }
       }
       std::vector<Element> expected = before;
@@ -210,10 +210,10 @@ class Products {
   void add_result(const Problem<Element>& x, unsigned flags) {
     for (Size i = 0; i < x.m * x.n; ++i) {
       using Real = RealOf<Element>;
-      Real parts[sizeof(Element) / sizeof(Real)];
-      std::memcpy(parts, x.p + i % x.m + i / x.m * x.ldp, sizeof parts);
-      for (const Real part : parts) {
-        sweep_.result(part == part ? part : Real{0});
+      Real values[parts<Element>];
+      std::memcpy(values, x.p + i % x.m + i / x.m * x.ldp, sizeof values);
+      for (const Real real : values) {
+        sweep_.result(real == real ? real : Real{0});
       }
     }
     sweep_.result(flags);

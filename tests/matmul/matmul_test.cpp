@@ -188,7 +188,7 @@ void expect_entries(const char* code) {
       std::vector<T> p((m + 3) * n + 1);
       for (std::vector<T>* values : {&a, &b, &p}) {
         const std::vector<double> some = numbers(values->size() * sizeof(T));
-        for (std::size_t i = 0; i < values->size() * sizeof(T) / sizeof(RealOf<Element>); ++i) {
+        for (std::size_t i = 0; i < values->size() * parts<Element>; ++i) {
           reinterpret_cast<RealOf<Element>*>(values->data())[i] =
               static_cast<RealOf<Element>>(some[i]);
         }

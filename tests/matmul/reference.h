@@ -19,6 +19,10 @@ using RealOf =
     std::conditional_t<std::is_same_v<Element, float> || std::is_same_v<Element, ksomd_c4>, float,
                        double>;
 
+// Real numbers in an element.
+template <class Element>
+inline constexpr std::size_t parts = is_complex<Element> ? 2 : 1;
+
 template <class Element>
 Element sum(Element x, Element y) {
   if constexpr (is_complex<Element>) {
@@ -185,7 +189,7 @@ bool same_bits(const Element* x, const Element* y, std::size_t count) {
   using Real = RealOf<Element>;
   const auto* const u = reinterpret_cast<const Real*>(x);
   const auto* const v = reinterpret_cast<const Real*>(y);
-  for (std::size_t i = 0; i < count * sizeof(Element) / sizeof(Real); ++i) {
+  for (std::size_t i = 0; i < count * parts<Element>; ++i) {
     if (std::memcmp(u + i, v + i, sizeof(Real)) != 0 && (u[i] == u[i] || v[i] == v[i])) {
       return false;
     }

@@ -264,10 +264,12 @@ TEST(PoolSweep, AlignedBlocksStandRightAboveTheirLink) {
       std::memcpy(&raw, block - 8, 8);
       const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(block);
       ASSERT_EQ(address, (raw + 8 + step - 1) / step * step) << size << " at " << alignment;
-      blocks.push_back(static_cast<unsigned char*>(std::memset(block, 1 + (size & 1), size)));
+      blocks.push_back(
+          static_cast<unsigned char*>(std::memset(block, size % 2 == 0 ? 1 : 2, size)));
     }
     for (std::size_t size = 0; size <= 300; ++size) {
-      ASSERT_TRUE(all_bytes(blocks[size], size, 1 + (size & 1))) << size << " at " << alignment;
+      ASSERT_TRUE(all_bytes(blocks[size], size, size % 2 == 0 ? 1 : 2))
+          << size << " at " << alignment;
       release(blocks[size]);
     }
   }
