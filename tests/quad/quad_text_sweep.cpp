@@ -98,9 +98,8 @@ TEST(QuadTextSweep, Writes) {
   std::string figures = middle.substr(0, e);
   const auto read = [&] { return bits_of_text(figures + middle.substr(e)); };
   ASSERT_EQ(read(), value.bits() + (value.bits() & 1)) << middle;
-  figures += '1';
+  figures += "10";
   ASSERT_EQ(read(), value.bits() + 1) << middle;
-  figures.back() = '9';
   const std::size_t last = figures.find_last_not_of("0.", e - 1);
   --figures[last];
   for (std::size_t i = last + 1; i < figures.size(); ++i) {
