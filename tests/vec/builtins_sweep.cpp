@@ -68,14 +68,14 @@ Words operand(Random& random, std::size_t count) {
   return words;
 }
 
-// The operands end at pages that fault; afterwards all hold what their memory does.
-void divide(decltype(__udivmodei5)* routine, std::initializer_list<Words*> operands,
-            bool in_place) {
+// The operands lie at pages that fault; afterwards all hold what their memory does.
+void divide(decltype(__udivmodei5)* routine, std::initializer_list<Words*> operands, bool in_place,
+            Place place) {
   static Operand memory[4] = {Operand(512), Operand(512), Operand(512), Operand(512)};
   std::uint32_t* p[4];
   const std::size_t count = (*operands.begin())->size();
   for (int i = 0; i < 4; ++i) {
-    p[i] = memory[i].place_values<std::uint32_t>(count, Place::AtEnd);
+    p[i] = memory[i].place_values<std::uint32_t>(count, place);
     std::ranges::copy(*operands.begin()[i], p[i]);
   }
   p[1] = in_place ? p[2] : p[1];
@@ -116,7 +116,8 @@ TEST(BuiltinsSweep, Division) {
     const bool is_signed = random.one_in(2), in_place = random.one_in(4);
     const bool a_sign = is_signed && a.back() >> 31 != 0, b_sign = is_signed && b.back() >> 31 != 0;
     Words dividend = a, divisor = b;
-    divide(routines[is_signed], {&q, &r, &dividend, &divisor}, in_place);
+    divide(routines[is_signed], {&q, &r, &dividend, &divisor}, in_place,
+           random.one_in(2) ? Place::AtStart : Place::AtEnd);
     sweep.results(q.data(), 4 * n);
     sweep.results(r.data(), 4 * n);
     bool right = divisor == b && dividend == (in_place ? r : a);

@@ -1,7 +1,6 @@
 // How the tests of this folder make their calls.
 #pragma once
 
-#include <cfenv>
 #include <csetjmp>
 #include <csignal>
 
@@ -17,17 +16,17 @@
 
 namespace ksomd::test {
 
-// As raised_by, with the x87 unit in the same mode and its flags among the result's: the bits are
-// the same for both.
+// As raised_by, with the x87 unit in the same mode and its flags among the result's: modes and
+// flags have the same numbers in both.
 template <class Call>
 unsigned raised_by_both(std::uint64_t mode, Call call, unsigned more = 0) {
-  constexpr int modes[] = {FE_TONEAREST, FE_DOWNWARD, FE_UPWARD, FE_TOWARDZERO};
-  std::fesetround(modes[mode]);
-  std::feclearexcept(FE_ALL_EXCEPT);
+  constexpr std::uint16_t nearest = 0x37F;
+  const auto control = static_cast<std::uint16_t>(nearest | mode << 10);
+  std::uint16_t status = 0;
+  __asm__ volatile("fnclex\n fldcw %0" : : "m"(control) : "memory");
   const unsigned sse = raised_by(mode, call, more);
-  const auto x87 = static_cast<unsigned>(std::fetestexcept(FE_ALL_EXCEPT));
-  std::fesetround(FE_TONEAREST);
-  return (sse | x87) & mxcsr::ieee_flags;
+  __asm__ volatile("fnstsw %0\n fldcw %1" : "=m"(status) : "m"(nearest) : "memory");
+  return (sse | status) & mxcsr::ieee_flags;
 }
 
 inline std::jmp_buf before_abort;

@@ -124,21 +124,25 @@ template <class E>
 
 // ---- reductions: calls --------------------------------------------------------------------------
 
-// Any number; or a small one, so that flags tell of an element that should have no part.
+// Any number, often a NaN of its own; or a small one, so that flags tell of an element that should
+// have no part.
 template <class T>
 T value(Random& random, bool any) {
-  const quad128 bits{random.next(), random.next()};
-  T result;
-  std::memcpy(&result, &bits, sizeof result);
+  std::uint64_t bits[2] = {random.next(), random.next()}, exponent = 0;
   if constexpr (std::is_same_v<T, quad128>) {
     const std::uint64_t top = random.one_of({0u, 0x3FFFu, 0x4000u, 0xBFFFu, 0x8000u, 0x7FFFu});
-    return any ? result : quad128{0, top << 48};
-  } else if (any && random.one_in(3)) {
-    using L = std::numeric_limits<T>;
-    return random.one_of(
-        {L::lowest(), L::max(), L::infinity(), L::min(), L::denorm_min(), static_cast<T>(-T{0})});
+    return any ? quad128{bits[0], bits[1]} : quad128{0, top << 48};
   } else {
-    return any ? result : static_cast<T>(static_cast<int>(bits.high % 9) - 4);
+    using L = std::numeric_limits<T>;
+    const T infinite = L::infinity(), small = static_cast<T>(static_cast<int>(bits[1] % 9) - 4);
+    std::memcpy(&exponent, &infinite, sizeof(T));
+    bits[0] |= random.one_in(3) ? exponent : 0;
+    T result;
+    std::memcpy(&result, bits, sizeof(T));
+    return !any               ? small
+           : random.one_in(2) ? result
+                              : random.one_of({L::lowest(), L::max(), infinite, L::min(),
+                                               L::denorm_min(), static_cast<T>(-T{0})});
   }
 }
 
@@ -201,14 +205,14 @@ void check(Sweep& sweep, int operation, std::size_t count) {
 TEST(ReductionSweep, FillAndFold) {
   Sweep sweep("vec.reduction");
   Random& random = sweep.random;
-  for (const auto round : sweep.rounds(40, 2000)) {
+  for (const auto round : sweep.rounds(25, 2000)) {
     const auto check_all = [&]<class E>(E) {
       for (int operation = 1; operation <= KSOMD_NOT_EQUAL && !HasFatalFailure(); ++operation) {
         if (E::has(operation)) {
           const std::size_t bytes = random.one_of({128u, 1024u}) * (1 + random.below(3));
           const std::size_t many =
-              (round == 40 ? 600 << 10 : bytes) / E::size + random.below(36) - 1;
-          check<E>(sweep, operation, random.one_in(3) || round == 40 ? many : random.below(71));
+              (round == 25 ? 600 << 10 : bytes) / E::size + random.below(36) - 1;
+          check<E>(sweep, operation, random.one_in(3) || round == 25 ? many : random.below(71));
         }
       }
     };
@@ -337,9 +341,9 @@ TEST(DependenceSweep, ResultAndOrder) {
   }
 }
 
-// A call per range does not fit the stack, and quadratic time would be half a minute.
+// A call per range does not fit the stack, and quadratic time would be seconds.
 TEST(Dependence, ManyRangesTakeLittleTimeAndStack) {
-  constexpr std::size_t n = 200'000;
+  constexpr std::size_t n = 100'000;
   pthread_attr_t attributes;
   ASSERT_EQ(pthread_attr_init(&attributes), 0);
   ASSERT_EQ(pthread_attr_setstacksize(&attributes, 128 << 10), 0);
@@ -360,7 +364,7 @@ TEST(Dependence, ManyRangesTakeLittleTimeAndStack) {
     };
     ASSERT_EQ(pthread_create(&thread, &attributes, call, &ranges), 0);
     ASSERT_EQ(pthread_join(thread, &independent), 0);
-    EXPECT_LT(std::clock() - began, 2 * CLOCKS_PER_SEC) << test;
+    EXPECT_LT(std::clock() - began, CLOCKS_PER_SEC) << test;
     EXPECT_TRUE(ranges == expected && (independent != nullptr) == (divisor == 1)) << test;
   }
 }
