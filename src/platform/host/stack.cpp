@@ -1,8 +1,8 @@
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
+#include <ucontext.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstring>
 
 #include "stack_system.h"
@@ -169,11 +169,8 @@ BOOL SymCleanup(HANDLE) {
 
 BOOL StackWalk64(DWORD, HANDLE, HANDLE, STACKFRAME64* frame, CONTEXT* context, void*, void*, void*,
                  void*) {
-  if (stack_faults.stack_walk != 0 && stack_faults.stack_walk_countdown-- == 0) {
-    if (stack_faults.stack_walk_raises) {
-      std::raise(SIGSEGV);
-    }
-    return !fails(stack_faults.stack_walk);
+  if (stack_faults.stack_walk != nullptr) {
+    return stack_faults.stack_walk(frame);
   }
   DWORD64& progress = frame->Reserved[0];
   const bool moved = progress == not_started || step_to_caller(*context, progress);

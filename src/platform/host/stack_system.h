@@ -124,10 +124,8 @@ struct StackFaults {
   DWORD virtual_query = 0;
   DWORD open_process = 0;
   DWORD module_file_name = 0;
-  // StackWalk64 fails, or raises an access violation, after this many calls that do not.
-  DWORD stack_walk = 0;
-  DWORD stack_walk_countdown = 0;
-  bool stack_walk_raises = false;
+  // Does what StackWalk64 is to do instead.
+  BOOL (*stack_walk)(STACKFRAME64* frame) = nullptr;
 };
 extern StackFaults stack_faults;
 

@@ -38,3 +38,11 @@ int library_entry(CallSites& sites, Step step, void* user);
 
 // Of the program's second file: calls the library, which calls step.
 int program_middle(CallSites& sites, Step step, void* user);
+
+// Calls the library, which calls step, and throws a Left; what calls that ends in the call, and
+// program_follows in the file, and program_ends that.
+struct Left {};
+[[noreturn]] void program_leaves(CallSites& sites, Step step, void* user);
+void program_ends_in_a_call(CallSites& sites, Step step, void* user);
+int program_follows();
+int program_ends();

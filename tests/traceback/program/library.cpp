@@ -1,4 +1,4 @@
-#include "program.h"
+#include "traceback/program/program.h"
 
 namespace {
 
