@@ -192,7 +192,14 @@ void check(Sweep& sweep, int operation, std::size_t count) {
   };
   const unsigned flags = raised_by(mode, call, more);
   sweep.result(flags);
-  sweep.results(d, count * E::size);
+  for (std::size_t j = 0; j < results.size(); ++j) {
+    T shown;
+    std::memcpy(&shown, d + j * sizeof(T), sizeof(T));
+    if constexpr (std::is_floating_point_v<T>) {
+      shown = std::isnan(shown) ? T{0} : shown;  // of two NaNs emulators choose the other one
+    }
+    sweep.result(shown);
+  }
   ASSERT_TRUE(destination.intact() && sources.intact() && same(s, source));
   if (Sweep::proving()) {
     ASSERT_EQ(flags, raised_by(mode, define, more));
