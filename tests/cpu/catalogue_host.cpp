@@ -25,6 +25,7 @@ const char* text(DWORD identifier) {
       {0x8000001F, "x"},
       {0x8000002C, "Translated level B\r\n"},
       {0x80000031, long_text.c_str()},
+      {0x80000032, "Translated: %d%%.\r\n"},
       {0x80000039, " plus%% "}};
   const auto found = texts.find(identifier);
   return found != texts.end() ? found->second : nullptr;

@@ -233,6 +233,7 @@ TEST(CoreType, IsReadTwiceAtMost) {
 }
 
 TEST(CoreType, OfThisProcessor) {
+  EXPECT_TRUE(hardware_processor.has_cpuid(nullptr));
   EXPECT_EQ(detect_core_type, entry<std::uint32_t()>("__detect_cpu_core_type_1n"));
   if (hybrid_state(hardware_processor) != HybridState::Available) {
     EXPECT_EQ(detect_core_type(), 0u);

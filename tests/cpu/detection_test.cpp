@@ -340,6 +340,7 @@ TEST(Sets, ArePublishedGatedFirstAndWordZeroLast) {
       EXPECT_EQ(watch.order, status == 0 ? order : "");
     }
   }
+  install(nullptr);
 }
 #endif
 

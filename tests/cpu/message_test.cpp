@@ -105,16 +105,21 @@ KSOMD_CHILD(catalogue) {
   return 0;
 }
 
-TEST(Catalogue, TranslatesWhatItHolds) {
-  std::string long_text;
+// Message 49 of the catalogue, cut.
+std::string long_text() {
+  std::string text;
   for (int i = 0; i < 511; ++i) {
-    long_text += static_cast<char>('a' + i % 26);
+    text += static_cast<char>('a' + i % 26);
   }
+  return text;
+}
+
+TEST(Catalogue, TranslatesWhatItHolds) {
   expect_exit(run_child("catalogue", {"yes"}), 0,
               text_mode("23<Translated: not this processor.>24<Translated: 100%% of %s.>"
                         "27<Translated: %d\n>28<NTDLL module not found>"
                         "29<RtlCaptureContext function not found in ntdll.dll>30<>31<x>49<" +
-                        long_text +
+                        long_text() +
                         ">57< plus%% >0<>24<Translated: 100% of it.>"
                         "23<Translated: not this processor.>"));
 }
@@ -132,14 +137,17 @@ KSOMD_CHILD(translated_reports) {
   use_catalogue(true);
   __orvex_vendor_feature_indicator[0] = 3;
   exits([] { __orvex_new_feature_proc_init_n(0, 0x840000); });
+  exits([] { __libkso_fatal_system(50); });
   __libkso_fatal_processor(44);
 }
 
 TEST(Catalogue, ReportsAreTranslated) {
   expect_exit(run_child("translated_reports"), 1,
               text_mode("\nPlease verify that both the operating system and the processor support "
-                        "Orvex(R) FMA plus%% AVX2 instructions.\n\n\nTranslated: not this "
-                        "processor.\nTranslated: 100% of Translated level B.\n\n"));
+                        "Orvex(R) FMA plus%% AVX2 instructions.\n\n\n" +
+                        long_text() +
+                        "\nTranslated: %d%%.\n\n\nTranslated: not this processor.\n"
+                        "Translated: 100% of Translated level B.\n\n"));
 }
 
 #ifndef _WIN32

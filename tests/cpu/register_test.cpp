@@ -8,7 +8,6 @@
 #include <iterator>
 
 #include "cpu/feature_set.h"
-#include "cpu/feature_table.h"
 #include "cpu/machine.h"
 #include "support/register_probe.h"
 #include "support/sweep.h"
@@ -37,11 +36,13 @@ using Entry = void (*)();
 const Entry entries[] = {reinterpret_cast<Entry>(__orvex_cpu_features_init),
                          reinterpret_cast<Entry>(__orvex_cpu_features_init_vendor)};
 
+// By the compiler's run-time library, which looks for itself.
 VectorState available_state() {
-  constexpr std::uint64_t wide = feature_mask("AVX512F", "AVX512BW");
-  return has_features(wide)                  ? VectorState::Zmm
-         : has_features(feature_mask("AVX")) ? VectorState::Ymm
-                                             : VectorState::Xmm;
+  __builtin_cpu_init();
+  const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+  return wide                            ? VectorState::Zmm
+         : __builtin_cpu_supports("avx") ? VectorState::Ymm
+                                         : VectorState::Xmm;
 }
 
 TEST(FillEntry, KeepsEveryRegister) {
