@@ -181,6 +181,8 @@ TEST(ElfSection, IsFoundByTheFileThatWasLoaded) {
     ASSERT_EQ(find_native_section(library.base, ".trace", offset, size), row.found)
         << &row - changes;
     EXPECT_FALSE(find_native_section(library.base + 1, ".trace", offset, size));
+    char path[260];
+    EXPECT_EQ(K32GetModuleFileNameExA(nullptr, library.base + 1, path, sizeof path), 0u);
     const Bytes section = trace_section_of(address_of(library.base));
     const auto& wanted = elf.at<Elf64_Shdr>(trace);
     EXPECT_TRUE(row.found ? section.data == library.base + wanted.sh_addr &&
