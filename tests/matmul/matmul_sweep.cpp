@@ -350,8 +350,7 @@ void clear_exactly(const char* code, Random& random) {
                          matrix.leading});
   const std::string name = std::string("_MATMUL_") + code + "_n_n_pst_init";
   entry<void(Element*, Size, Size, Size)>(name)(p, m, n, matrix.leading);
-  EXPECT_TRUE(std::memcmp(p, expected.data(), matrix.count * sizeof(Element)) == 0 &&
-              matrix.intact())
+  EXPECT_TRUE(same_bits(p, expected.data(), matrix.count) && matrix.intact())
       << name << " m=" << m << " n=" << n << " ldp=" << matrix.leading;
 }
 
@@ -438,7 +437,7 @@ TEST(MatmulSweep, PanelsAndTiles) {
                                                    random.one_of({Place::AtEnd, Place::AtStart}));
       entry<Pack>(name)(depth_first ? depth : members, depth_first ? members : depth, from,
                         source.leading, to);
-      EXPECT_TRUE(std::memcmp(to, expected.data(), expected.size() * 8) == 0 && panels.intact() &&
+      EXPECT_TRUE(same_bits(to, expected.data(), expected.size()) && panels.intact() &&
                   source.intact())
           << name << " members " << members << " depth " << depth << " leading " << source.leading;
       return expected;

@@ -22,7 +22,6 @@ struct DispatchingCase {
   void* slot;
   std::uint64_t wide_level, narrow_level;
   const char *wide, *narrow, *plain;
-  mem::DynamicStreamRoutine* stream = entry<mem::DynamicStreamRoutine>(name);
 
   const void* held() const {
     return __atomic_load_n(static_cast<void* const*>(slot), __ATOMIC_RELAXED);
@@ -48,7 +47,11 @@ struct DispatchingCase {
     } chunk{{}, {1, 2, 3, 4, 5, 6, 7, 8}};
     Byte out[8] = {};
     chunk.context.destination = out;
-    stream(&chunk.context, 5, 1, 0);
+    if (std::string_view(name).ends_with("_dynamic")) {
+      entry<mem::DynamicStreamRoutine>(name)(&chunk.context, 5, 1, 0);
+    } else {
+      entry<mem::StreamRoutine>(name)(&chunk.context, 5, 1);
+    }
     return std::memcmp(out, "\1\2\3\4\5\0\0\0", 8) == 0;
   }
 };
@@ -155,8 +158,9 @@ KSOMD_CHILD(leave_a_range) {
 }
 
 TEST(Ranges, LongerThanThirtyTwoBits) {
-  if (!Sweep::proving()) {
-    GTEST_SKIP() << "takes a process for each routine: the host proves it";
+  if (!Sweep::proving() || sanitized) {
+    GTEST_SKIP()
+        << "takes a process for each routine, whose fault is the system's: the host proves it";
   }
   for (const Routine& routine : routines) {
     for (const char* const count : {"2147483688", "4294967336"}) {

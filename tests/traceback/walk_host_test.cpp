@@ -218,6 +218,7 @@ TEST_F(SystemFaults, WalksGoThroughTheRoutineThatASignalInterrupted) {
   CONTEXT context;
   RtlCaptureContext(&context);
   counters.clear();
+  counters.reserve(256);  // signal handlers must not allocate
   ASSERT_EQ(trace_stack(&context, nullptr, note_counter, 0), 0u);
   const std::vector<std::uint64_t> callers(counters.begin() + 1, counters.end());
   struct sigaction action = {}, before;

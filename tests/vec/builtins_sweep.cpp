@@ -146,9 +146,10 @@ void check_conversion(Sweep& sweep, T (*convert)(const Integer*)) {
   const std::uint64_t few_bits = bit() + bit() + (bit() & random.next()) + random.below(5) - 2;
   const auto value = static_cast<Integer>(
       random.one_of({few_bits, 0 - few_bits, random.next(), random.next() >> random.below(64)}));
-  auto* const place = reinterpret_cast<Integer*>(memory.place(
-      8, random.one_in(2) ? Place::AtEnd : Place::AtStart, random.below(2) * random.below(9)));
-  std::memcpy(place, &value, sizeof value);
+  unsigned char* const bytes = memory.place(8, random.one_in(2) ? Place::AtEnd : Place::AtStart,
+                                            random.below(2) * random.below(9));
+  std::memcpy(bytes, &value, sizeof value);
+  const auto* const place = reinterpret_cast<const Integer*>(bytes);
   const std::uint64_t mode = random.below(rounding_modes);
   volatile double rounded = 0;
   T result = 0, expected = 0;
