@@ -26,8 +26,8 @@
 // matmul/kernels.h cannot be included beside the public builtins: both declare the complex
 // products.
 namespace ksomd::matmul {
-struct Variant;
-[[gnu::visibility("hidden")]] extern const Variant* variant_slot;
+struct Kernels;
+[[gnu::visibility("hidden")]] extern const Kernels* kernels_slot;
 }  // namespace ksomd::matmul
 
 namespace ksomd::test {
@@ -218,7 +218,7 @@ void force(std::uint64_t word) {
   __orvex_fast_memset_slot = nullptr;
   __libkso_nontemporal_store_slot = nullptr;
   __libkso_nontemporal_store_dynamic_slot = nullptr;
-  matmul::variant_slot = nullptr;
+  matmul::kernels_slot = nullptr;
 }
 
 int report_levels() {
@@ -230,16 +230,16 @@ int report_levels() {
   const std::uint64_t present = feature_word();
   constexpr struct {
     const char* name;
-    std::uint64_t features;
+    FeatureMask features;
   } levels[] = {
       {"baseline", mem::baseline_level}, {"avx2", mem::avx2_level}, {"avx512", mem::avx512_level}};
   for (const auto& level : levels) {
     level_name = level.name;
-    if ((present & level.features) != level.features) {
+    if (!level.features.all_in({present, 0})) {
       std::printf("%s absent\n", level.name);
       continue;
     }
-    force(level.features | 1);
+    force(level.features.words[0] | 1);
     report_quads();
     report_memory();
     report_products();

@@ -16,6 +16,19 @@ namespace ksomd {
 // 128 bits: bit b lies in word b / 64 at position b mod 64.
 using FeatureSet = std::uint64_t[2];
 
+// Features that something needs. feature_mask() in cpu/feature_table.h makes one from their names.
+struct FeatureMask {
+  std::uint64_t words[2];
+
+  constexpr bool all_in(const FeatureSet& set) const {
+    return (set[0] & words[0]) == words[0] && (set[1] & words[1]) == words[1];
+  }
+  friend constexpr FeatureMask operator|(const FeatureMask& a, const FeatureMask& b) {
+    return {{a.words[0] | b.words[0], a.words[1] | b.words[1]}};
+  }
+  friend constexpr bool operator==(const FeatureMask&, const FeatureMask&) = default;
+};
+
 }  // namespace ksomd
 
 extern "C" {
@@ -57,9 +70,18 @@ inline std::uint64_t feature_word() {
   return word;
 }
 
-// Whether every feature of `mask`, a mask of word 0, is present.
-inline bool has_features(std::uint64_t mask) {
-  return (feature_word() & mask) == mask;
+// Both words of the general set, filled first if nobody has.
+inline void read_features(FeatureSet& features) {
+  features[0] = feature_word();
+  features[1] = load_feature_word(__orvex_cpu_feature_indicator[1]);
+}
+
+// Whether this processor has every feature of `mask`.
+inline bool has_features(const FeatureMask& mask) {
+  const std::uint64_t word_0 = feature_word();
+  const std::uint64_t word_1 =
+      mask.words[1] != 0 ? load_feature_word(__orvex_cpu_feature_indicator[1]) : 0;
+  return mask.all_in({word_0, word_1});
 }
 
 }  // namespace ksomd

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "cpu/feature_set.h"
+
 namespace ksomd {
 
 // The CPUID leaves that report features.
@@ -53,7 +55,7 @@ struct Field {
 
 enum class Reported : std::uint8_t { Never, Always, ByCpuid };
 
-struct Report {
+struct CpuidReport {
   Leaf leaf{};
   Register reg{};
   Field field{};
@@ -65,7 +67,7 @@ struct FeatureRow {
   const char* upper_name;  // as reports print it; null in a row without a feature
   const char* lower_name;  // as the disable variable spells it; null: cannot be switched off
   std::int32_t bit;        // in a 128-bit feature set; -1 in a row without a feature
-  Report report;
+  CpuidReport report;
 };
 
 namespace feature_table {
@@ -81,8 +83,8 @@ consteval Field at_least(std::uint32_t mask, std::uint32_t minimum) {
   return {mask, minimum};
 }
 
-inline constexpr Report never{{}, {}, {}, {}, Reported::Never};
-inline constexpr Report always{{}, {}, {}, {}, Reported::Always};
+inline constexpr CpuidReport never{{}, {}, {}, {}, Reported::Never};
+inline constexpr CpuidReport always{{}, {}, {}, {}, Reported::Always};
 
 // clang-format off
 inline constexpr FeatureRow rows[] = {
@@ -202,20 +204,24 @@ inline constexpr FeatureRow rows[] = {
 inline constexpr int isa_id_count = sizeof feature_table::rows / sizeof feature_table::rows[0];
 static_assert(isa_id_count == 108);
 
-// The bit of the feature with this upper-case name; fails to compile for any other name.
-consteval int feature_bit(std::string_view upper_name) {
+// The row of the feature with this upper-case name; fails to compile for any other name.
+consteval const FeatureRow& feature_row(std::string_view upper_name) {
   for (const FeatureRow& row : feature_table::rows) {
     if (row.upper_name != nullptr && upper_name == row.upper_name) {
-      return row.bit;
+      return row;
     }
   }
   __builtin_trap();  // no feature has this name
 }
 
-// The features of word 0 with these upper-case names, as one mask.
+// The features with these upper-case names.
 template <class... Names>
-consteval std::uint64_t feature_mask(Names... upper_names) {
-  return ((std::uint64_t{1} << feature_bit(upper_names)) | ...);
+consteval FeatureMask feature_mask(Names... upper_names) {
+  FeatureMask mask{};
+  ((mask.words[feature_row(upper_names).bit / 64] |= std::uint64_t{1}
+                                                     << feature_row(upper_names).bit % 64),
+   ...);
+  return mask;
 }
 
 }  // namespace ksomd

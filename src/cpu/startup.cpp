@@ -26,21 +26,21 @@ struct HardwareMxcsr {
   }
 };
 
-using Report = void (*)(std::uint32_t message);
+using FatalReport = void (*)(std::uint32_t message);
 
 constexpr Guarantees daz = KSOMD_DENORMALS_ARE_ZERO;
 constexpr Guarantees daz_17 = KSOMD_DENORMALS_ARE_ZERO | KSOMD_MXCSR_BIT_17;
-constexpr Report processor_report = __libkso_fatal_processor;
-constexpr Report system_report = __libkso_fatal_system;
+constexpr FatalReport processor_report = __libkso_fatal_processor;
+constexpr FatalReport system_report = __libkso_fatal_system;
 
-constexpr std::uint64_t set_none = feature_mask("X87", "CMOV", "MMX", "SSE");
-constexpr std::uint64_t set_B = set_none | feature_mask("SSE2");
-constexpr std::uint64_t set_P = set_B | feature_mask("SSE3");
-constexpr std::uint64_t set_T = set_P | feature_mask("SSSE3");
-constexpr std::uint64_t set_S = set_T | feature_mask("SSE4_1");
-constexpr std::uint64_t set_H = set_S | feature_mask("SSE4_2", "POPCNT");
-constexpr std::uint64_t set_G = set_H | feature_mask("AVX");
-constexpr std::uint64_t set_I = set_G | feature_mask("F16C");
+constexpr FeatureMask set_none = feature_mask("X87", "CMOV", "MMX", "SSE");
+constexpr FeatureMask set_B = set_none | feature_mask("SSE2");
+constexpr FeatureMask set_P = set_B | feature_mask("SSE3");
+constexpr FeatureMask set_T = set_P | feature_mask("SSSE3");
+constexpr FeatureMask set_S = set_T | feature_mask("SSE4_1");
+constexpr FeatureMask set_H = set_S | feature_mask("SSE4_2", "POPCNT");
+constexpr FeatureMask set_G = set_H | feature_mask("AVX");
+constexpr FeatureMask set_I = set_G | feature_mask("F16C");
 
 constexpr Level level_none{"", set_none, 0, nullptr, 0};
 constexpr Level level_B{"B", set_B, daz, processor_report, 44};
@@ -137,9 +137,9 @@ bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[f
 
 FeatureVerdict judge_features(const FeatureSet& vendor_set, std::int32_t index, std::uint64_t mask,
                               FeatureSet& missing) {
-  constexpr std::uint64_t generic_alone = feature_mask("GENERIC_QX32");
+  constexpr std::uint64_t generic_alone = feature_mask("GENERIC_QX32").words[0];
   if (index == 0) {
-    mask &= ~feature_mask("SHSTK");
+    mask &= ~feature_mask("SHSTK").words[0];
   }
   if (load_feature_word(vendor_set[0]) == generic_alone) {
     return FeatureVerdict::OtherVendor;
@@ -193,7 +193,8 @@ void __orvex_new_feature_proc_init_n(std::int32_t index, std::uint64_t mask) {
 
 void __orvex_new_feature_proc_init(std::int32_t flags, std::uint64_t mask) {
   __orvex_new_feature_proc_init_n(0, mask);
-  if ((load_feature_word(__orvex_vendor_feature_indicator[0]) & feature_mask("SSE")) != 0) {
+  if ((load_feature_word(__orvex_vendor_feature_indicator[0]) & feature_mask("SSE").words[0]) !=
+      0) {
     __orvex_set_fp_mode(0, static_cast<std::uint32_t>(flags));
   }
 }

@@ -9,11 +9,11 @@
 
 namespace ksomd {
 
-// A processor level: the features of word 0 that it requires, what it guarantees of MXCSR, and how
+// A processor level: the features that it requires, what it guarantees of MXCSR, and how
 // a processor below it is reported. A level without a report lets such a processor pass.
 struct Level {
   const char* letter;  // as the entries' names end; "": the lowest
-  std::uint64_t required;
+  FeatureMask required;
   Guarantees known;
   void (*report)(std::uint32_t message);
   std::uint32_t message;

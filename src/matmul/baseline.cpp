@@ -4,6 +4,6 @@
 
 namespace ksomd::matmul {
 
-constexpr Variant baseline = variant_of<Sse2>("baseline", 0, {});
+constexpr Kernels baseline_kernels = kernels_with<Sse2>({});
 
 }  // namespace ksomd::matmul

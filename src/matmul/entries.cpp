@@ -1,14 +1,16 @@
 // The entry points of MATMUL and their second stages.
-#include "cpu/feature_set.h"
 #include "cpu/feature_table.h"
 #include "matmul/kernels.h"
 #include "second_names.h"
 
+using ksomd::choose;
+using ksomd::Variant;
 using ksomd::matmul::Size;
 
 namespace {
 
-constexpr std::uint64_t packed_features = ksomd::feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2");
+constexpr ksomd::FeatureMask packed_features =
+    ksomd::feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2");
 
 }  // namespace
 
@@ -25,60 +27,30 @@ KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE)
 
 }  // extern "C"
 
-namespace {
-
-// Hands the call over to its second stage, arguments unchanged: the packed one where there is one
-// and the processor has what it was written for, the portable one otherwise.
-template <auto* portable, auto* packed, class... Arguments>
-[[gnu::always_inline]] inline void dispatch(Arguments... arguments) {
-  [[maybe_unused]] const std::uint64_t features = ksomd::feature_word();
-  if constexpr (packed != portable) {
-    if ((features & packed_features) == packed_features) [[likely]] {
-      packed(arguments...);
-      return;
-    }
-  }
-  portable(arguments...);
-}
-
-}  // namespace
-
-// The second stage that follows the packed features, by type.
-#define KSOMD_PACKED_r4(a, b) _MATMUL_r4_##a##_##b##_portable
-#define KSOMD_PACKED_r8(a, b) _MATMUL_r8_##a##_##b##_packed
-#define KSOMD_PACKED_c4(a, b) _MATMUL_c4_##a##_##b##_portable
-#define KSOMD_PACKED_c8(a, b) _MATMUL_c8_##a##_##b##_portable
+// The second stages of an entry point, best first. Only real double precision has a packed one.
+#define KSOMD_STAGES_r4(code, a, b)
+#define KSOMD_STAGES_r8(code, a, b) \
+  {"packed", packed_features, _MATMUL_##code##_##a##_##b##_packed},
+#define KSOMD_STAGES_c4(code, a, b)
+#define KSOMD_STAGES_c8(code, a, b)
 
 #define KSOMD_DEFINE(code, element, a, b)                                                         \
+  namespace {                                                                                     \
+  constexpr Variant<decltype(&_MATMUL_##code##_##a##_##b)> stages_##code##_##a##_##b[] = {        \
+      KSOMD_STAGES_##code(code, a, b){"portable", {}, _MATMUL_##code##_##a##_##b##_portable}};    \
+  }                                                                                               \
   void _MATMUL_##code##_##a##_##b(const element* A, const element* B, element* P, Size m, Size k, \
                                   Size n, Size lda, Size ldb, Size ldp) {                         \
-    dispatch<_MATMUL_##code##_##a##_##b##_portable, KSOMD_PACKED_##code(a, b)>(A, B, P, m, k, n,  \
-                                                                               lda, ldb, ldp);    \
+    choose(stages_##code##_##a##_##b, {ksomd::feature_word(), 0})                                 \
+        .choice(A, B, P, m, k, n, lda, ldb, ldp);                                                 \
   }
 KSOMD_MATMUL_EACH(KSOMD_DEFINE)
 #undef KSOMD_DEFINE
 
-namespace {
-
-const char* portable_stage(const ksomd::FeatureSet&) {
-  return "portable";
-}
-const char* packed_stage(const ksomd::FeatureSet& features) {
-  return (features[0] & packed_features) == packed_features ? "packed" : "portable";
-}
-
-// Whether an entry has a packed second stage is a matter of the type.
-template <auto* portable, auto* packed>
-constexpr auto* stage = packed != portable ? packed_stage : portable_stage;
-
-#define KSOMD_DEFINE(code, element, a, b) \
-  {"_MATMUL_" #code "_" #a "_" #b,        \
-   stage<_MATMUL_##code##_##a##_##b##_portable, KSOMD_PACKED_##code(a, b)>},
-constexpr ksomd::DispatchingEntry entries[] = {KSOMD_MATMUL_EACH(KSOMD_DEFINE)};
-#undef KSOMD_DEFINE
-
-}  // namespace
-
 std::span<const ksomd::DispatchingEntry> ksomd::matmul::dispatching_entries() {
+#define KSOMD_DEFINE(code, element, a, b) \
+  ksomd::dispatching_entry<stages_##code##_##a##_##b>("_MATMUL_" #code "_" #a "_" #b),
+  static constexpr ksomd::DispatchingEntry entries[] = {KSOMD_MATMUL_EACH(KSOMD_DEFINE)};
+#undef KSOMD_DEFINE
   return entries;
 }

@@ -1,33 +1,24 @@
-// The exported portable kernels, and the choice of their variant.
+// The exported portable kernels, and the choice of the instruction set.
 #include "matmul/kernels.h"
 
 #include <cstring>
 
+#include "cpu/feature_table.h"
 #include "matmul/in_order.h"
 #include "second_names.h"
 
 namespace ksomd::matmul {
 
-const Variant* const variants[] = {&avx512, &avx, &baseline};
-const Size variant_count = sizeof variants / sizeof *variants;
-const Variant* variant_slot;
+constexpr Variant<const Kernels*> kernel_variants[] = {
+    {"avx512", feature_mask("AVX", "AVX512F"), &avx512_kernels},
+    {"avx", feature_mask("AVX"), &avx_kernels},
+    {"baseline", {}, &baseline_kernels},
+};
+const Kernels* kernels_slot;
 
-const Variant& choose_variant(std::uint64_t features) {
-  const Variant* const* row = variants;
-  // The last row requires nothing. NOLINTNEXTLINE(clang-analyzer-security.ArrayBound)
-  while (((*row)->required & features) != (*row)->required) {
-    ++row;
-  }
-  return **row;
-}
-
-const Variant& chosen_variant() {
-  const Variant* variant = __atomic_load_n(&variant_slot, __ATOMIC_RELAXED);
-  if (variant == nullptr) [[unlikely]] {
-    variant = &choose_variant(feature_word());
-    __atomic_store_n(&variant_slot, variant, __ATOMIC_RELAXED);
-  }
-  return *variant;
+const Kernels& chosen_kernels() {
+  const Kernels* const kernels = load_slot(kernels_slot);
+  return kernels != nullptr ? *kernels : *fill_slot(kernels_slot, kernel_variants);
 }
 
 namespace {
@@ -75,7 +66,7 @@ void multiply_small(const Product<Element>& x, Sums sums) {
 
 template <class Element, Letters letters>
 KSOMD_INLINE void multiply_portable(const Product<Element>& x, Sums sums,
-                                    const ElementKernels<Element> Variant::* kernels) {
+                                    const ElementKernels<Element> Kernels::* kernels) {
   if (x.m == 0 || x.n == 0) {
     return;
   }
@@ -92,12 +83,13 @@ KSOMD_INLINE void multiply_portable(const Product<Element>& x, Sums sums,
     multiply_small<Element, letters>(x, sums);
     return;
   }
-  (chosen_variant().*kernels).multiply[letters.a == Layout::t][letters.b == Layout::t](x, sums);
+  (chosen_kernels().*kernels).multiply[letters.a == Layout::t][letters.b == Layout::t](x, sums);
 }
 
 }  // namespace
 }  // namespace ksomd::matmul
 
+using namespace ksomd;
 using namespace ksomd::matmul;
 
 #define KSOMD_DEFINE(code, element, letter_a, letter_b)                                    \
@@ -105,14 +97,14 @@ using namespace ksomd::matmul;
       const element* a, const element* b, element* p, Size rows, Size depth, Size columns, \
       Size lda, Size ldb, Size ldp) {                                                      \
     multiply_portable<element, Letters{Layout::letter_a, Layout::letter_b}>(               \
-        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::on_cleared, &Variant::code); \
+        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::on_cleared, &Kernels::code); \
   }                                                                                        \
   KSOMD_SECOND_NAMES(_MATMUL_##code##_##letter_a##_##letter_b##_portable);                 \
   void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(                             \
       const element* a, const element* b, element* p, Size rows, Size columns, Size depth, \
       Size lda, Size ldb, Size ldp) {                                                      \
     multiply_portable<element, Letters{Layout::letter_a, Layout::letter_b}>(               \
-        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::resume, &Variant::code);     \
+        {a, b, p, rows, columns, depth, lda, ldb, ldp}, Sums::resume, &Kernels::code);     \
   }
 KSOMD_MATMUL_EACH(KSOMD_DEFINE)
 #undef KSOMD_DEFINE
@@ -131,45 +123,36 @@ void _MATMUL_c8_n_n_pst_init(ksomd_c8* p, Size rows, Size columns, Size ldp) {
 }
 
 void MATMUL_v_nn_pst(const double* a, const double* x, double* y, Size m, Size k, Stride lda) {
-  chosen_variant().matrix_vector[n]({a, x, y, m, k, lda, 1});
+  chosen_kernels().matrix_vector[n]({a, x, y, m, k, lda, 1});
 }
 void MATMUL_v_tn_pst(const double* a, const double* x, double* y, Size k, Size m, Stride lda) {
-  chosen_variant().matrix_vector[t]({a, x, y, m, k, lda, 1});
+  chosen_kernels().matrix_vector[t]({a, x, y, m, k, lda, 1});
 }
 void MATMUL_v_nt_pst(const double* a, const double* x, double* y, Size m, Size k, Stride lda,
                      Stride incx) {
-  chosen_variant().matrix_vector[n]({a, x, y, m, k, lda, incx});
+  chosen_kernels().matrix_vector[n]({a, x, y, m, k, lda, incx});
 }
 void MATMUL_v_tt_pst(const double* a, const double* x, double* y, Size k, Size m, Stride lda,
                      Stride incx) {
-  chosen_variant().matrix_vector[t]({a, x, y, m, k, lda, incx});
+  chosen_kernels().matrix_vector[t]({a, x, y, m, k, lda, incx});
 }
 
-namespace {
-
-const char* kernels_of(const ksomd::FeatureSet& features) {
-  return choose_variant(features[0]).name;
-}
-
+std::span<const DispatchingEntry> ksomd::matmul::kernel_entries() {
 #define KSOMD_DEFINE(code, element, a, b) \
-  {"_MATMUL_" #code "_" #a "_" #b "_pst_General", kernels_of},
+  dispatching_entry<kernel_variants>("_MATMUL_" #code "_" #a "_" #b "_pst_General"),
 #define KSOMD_DEFINE_PACKED(code, element, a, b) \
-  {"_MATMUL_" #code "_" #a "_" #b "_QWide", kernels_of},
-// clang-format off
-constexpr ksomd::DispatchingEntry entries[] = {
-    KSOMD_MATMUL_EACH(KSOMD_DEFINE)
-    KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE_PACKED)
-    {"MATMUL_v_nn_pst", kernels_of},
-    {"MATMUL_v_tn_pst", kernels_of},
-    {"MATMUL_v_nt_pst", kernels_of},
-    {"MATMUL_v_tt_pst", kernels_of},
-};
-// clang-format on
+  dispatching_entry<kernel_variants>("_MATMUL_" #code "_" #a "_" #b "_QWide"),
+  // clang-format off
+  static constexpr DispatchingEntry entries[] = {
+      KSOMD_MATMUL_EACH(KSOMD_DEFINE)
+      KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE_PACKED)
+      dispatching_entry<kernel_variants>("MATMUL_v_nn_pst"),
+      dispatching_entry<kernel_variants>("MATMUL_v_tn_pst"),
+      dispatching_entry<kernel_variants>("MATMUL_v_nt_pst"),
+      dispatching_entry<kernel_variants>("MATMUL_v_tt_pst"),
+  };
+  // clang-format on
 #undef KSOMD_DEFINE
 #undef KSOMD_DEFINE_PACKED
-
-}  // namespace
-
-std::span<const ksomd::DispatchingEntry> ksomd::matmul::kernel_entries() {
   return entries;
 }

@@ -1,10 +1,9 @@
-// The variants of the portable kernels, best first, and the choice among them.
+// The kernels of each instruction set, and the choice among them.
 #pragma once
 
 #include <span>
 
-#include "cpu/dispatching_entry.h"
-#include "cpu/feature_set.h"
+#include "dispatch/variant.h"
 #include "matmul/matrix_vector.h"
 #include "matmul/register_tile.h"
 
@@ -25,10 +24,8 @@ struct ElementKernels {
 // rows and columns are not touched. `columns` are handled per pass.
 using MultiplyPacked = void (*)(const Product<double>& x, const PanelMemory& memory, Size columns);
 
-// One variant: the features of word 0 that it requires, and its kernels.
-struct Variant {
-  const char* name;
-  std::uint64_t required;
+// The kernels of one instruction set.
+struct Kernels {
   ElementKernels<float> r4;
   ElementKernels<double> r8;
   ElementKernels<Complex<float>> c4;
@@ -37,20 +34,15 @@ struct Variant {
   void (*matrix_vector[2])(const MatrixVector& z);  // by the letter of A
 };
 
-[[gnu::visibility("hidden")]] extern const Variant avx512;
-[[gnu::visibility("hidden")]] extern const Variant avx;
-[[gnu::visibility("hidden")]] extern const Variant baseline;
+[[gnu::visibility("hidden")]] extern const Kernels avx512_kernels;
+[[gnu::visibility("hidden")]] extern const Kernels avx_kernels;
+[[gnu::visibility("hidden")]] extern const Kernels baseline_kernels;
 
-// Best first; the last row, the baseline, requires nothing.
-[[gnu::visibility("hidden")]] extern const Variant* const variants[];
-[[gnu::visibility("hidden")]] extern const Size variant_count;
+[[gnu::visibility("hidden")]] extern const Variant<const Kernels*> kernel_variants[3];
 
-// The row in use: empty (null) until the first product. Racing first calls store the same address.
-[[gnu::visibility("hidden")]] extern const Variant* variant_slot;
-const Variant& chosen_variant();
-
-// The first variant whose features are all among `features`, word 0 of the indicator.
-const Variant& choose_variant(std::uint64_t features);
+// The kernels in use, and their slot, which is null until the first product.
+[[gnu::visibility("hidden")]] extern const Kernels* kernels_slot;
+const Kernels& chosen_kernels();
 
 // The entry points, which choose their second stage, and what chooses its kernels below them.
 std::span<const DispatchingEntry> dispatching_entries();

@@ -155,7 +155,7 @@ void multiply_rest(const Routines& routines, const Product<double>& x) {
     }
   }
   if (columns < x.n) {
-    chosen_variant().r8.multiply[letters.a == Layout::t][letters.b == Layout::t](
+    chosen_kernels().r8.multiply[letters.a == Layout::t][letters.b == Layout::t](
         {x.a, x.b + offset<letters.b>(0, columns, x.ldb), x.p + columns * x.ldp, x.m, x.n - columns,
          x.k, x.lda, x.ldb, x.ldp},
         Sums::overwrite);
@@ -170,7 +170,7 @@ void multiply_packed(const Routines& routines, const double* a, const double* b,
     const Scratch scratch(columns);
     if (scratch) {
       if (const MultiplyPacked wide =
-              chosen_variant().packed[letters.a == Layout::t][letters.b == Layout::t]) {
+              chosen_kernels().packed[letters.a == Layout::t][letters.b == Layout::t]) {
         wide({a, b, p, m, n, k, lda, ldb, ldp}, {scratch.a(), scratch.b()}, columns);
         multiply_rest<letters>(routines, {a, b, p, m, n, k, lda, ldb, ldp});
         return;

@@ -1,4 +1,4 @@
-// One variant of the kernels: the templates, instantiated with the vectors of an instruction set.
+// The kernels of one instruction set: the templates, instantiated with its vectors.
 #pragma once
 
 #include "matmul/kernels.h"
@@ -29,10 +29,8 @@ constexpr PackedKernels packed_of() {
 }
 
 template <template <class> class Lanes>
-constexpr Variant variant_of(const char* name, std::uint64_t required, PackedKernels packed) {
-  return {name,
-          required,
-          kernels_of<RealRows<Lanes<float>>>(),
+constexpr Kernels kernels_with(PackedKernels packed) {
+  return {kernels_of<RealRows<Lanes<float>>>(),
           kernels_of<RealRows<Lanes<double>>>(),
           kernels_of<ComplexRows<Lanes<float>>>(),
           kernels_of<ComplexRows<Lanes<double>>>(),

@@ -9,20 +9,20 @@ ksomd::mem::FillRoutine* __orvex_fast_memset_slot;
 namespace ksomd::mem {
 namespace {
 
-constexpr Variant<CopyRoutine> memcpy_variants[] = {
+constexpr Variant<CopyRoutine*> memcpy_variants[] = {
     KSOMD_VARIANT(avx2_level, __orvex_avx_rep_memcpy),
     KSOMD_VARIANT(baseline_level, __orvex_new_memcpy),
-    KSOMD_VARIANT(0, std::memmove),
+    KSOMD_VARIANT({}, std::memmove),
 };
-constexpr Variant<CopyRoutine> memmove_variants[] = {
+constexpr Variant<CopyRoutine*> memmove_variants[] = {
     KSOMD_VARIANT(avx2_level, __orvex_avx_memmove),
     KSOMD_VARIANT(baseline_level, __orvex_new_memmove),
-    KSOMD_VARIANT(0, std::memmove),
+    KSOMD_VARIANT({}, std::memmove),
 };
-constexpr Variant<FillRoutine> memset_variants[] = {
+constexpr Variant<FillRoutine*> memset_variants[] = {
     KSOMD_VARIANT(avx2_level, __orvex_avx_rep_memset),
     KSOMD_VARIANT(baseline_level, __orvex_new_memset),
-    KSOMD_VARIANT(0, std::memset),
+    KSOMD_VARIANT({}, std::memset),
 };
 
 constexpr DispatchingEntry entries[] = {
@@ -39,40 +39,32 @@ std::span<const DispatchingEntry> memory_entries() {
 
 }  // namespace ksomd::mem
 
+using namespace ksomd;
 using namespace ksomd::mem;
 
-void* __orvex_fast_memcpy_resolve(void* destination, const void* source, size_t count) {
-  CopyRoutine* const chosen = fill_slot(__orvex_fast_memcpy_slot, memcpy_variants);
-  [[clang::musttail]] return chosen(destination, source, count);
-}
-
-void* __orvex_fast_memmove_resolve(void* destination, const void* source, size_t count) {
-  CopyRoutine* const chosen = fill_slot(__orvex_fast_memmove_slot, memmove_variants);
-  [[clang::musttail]] return chosen(destination, source, count);
-}
-
-void* __orvex_fast_memset_resolve(void* destination, int value, size_t count) {
-  FillRoutine* const chosen = fill_slot(__orvex_fast_memset_slot, memset_variants);
-  [[clang::musttail]] return chosen(destination, value, count);
-}
-
 void* _orvex_fast_memcpy(void* destination, const void* source, size_t count) {
-  if (CopyRoutine* const variant = load_slot(__orvex_fast_memcpy_slot)) [[likely]] {
-    [[clang::musttail]] return variant(destination, source, count);
-  }
-  [[clang::musttail]] return __orvex_fast_memcpy_resolve(destination, source, count);
+  [[clang::musttail]] return dispatch<__orvex_fast_memcpy_slot, memcpy_variants>(destination,
+                                                                                 source, count);
+}
+void* __orvex_fast_memcpy_resolve(void* destination, const void* source, size_t count) {
+  [[clang::musttail]] return resolve<__orvex_fast_memcpy_slot, memcpy_variants>(destination, source,
+                                                                                count);
 }
 
 void* _orvex_fast_memmove(void* destination, const void* source, size_t count) {
-  if (CopyRoutine* const variant = load_slot(__orvex_fast_memmove_slot)) [[likely]] {
-    [[clang::musttail]] return variant(destination, source, count);
-  }
-  [[clang::musttail]] return __orvex_fast_memmove_resolve(destination, source, count);
+  [[clang::musttail]] return dispatch<__orvex_fast_memmove_slot, memmove_variants>(destination,
+                                                                                   source, count);
+}
+void* __orvex_fast_memmove_resolve(void* destination, const void* source, size_t count) {
+  [[clang::musttail]] return resolve<__orvex_fast_memmove_slot, memmove_variants>(destination,
+                                                                                  source, count);
 }
 
 void* _orvex_fast_memset(void* destination, int value, size_t count) {
-  if (FillRoutine* const variant = load_slot(__orvex_fast_memset_slot)) [[likely]] {
-    [[clang::musttail]] return variant(destination, value, count);
-  }
-  [[clang::musttail]] return __orvex_fast_memset_resolve(destination, value, count);
+  [[clang::musttail]] return dispatch<__orvex_fast_memset_slot, memset_variants>(destination, value,
+                                                                                 count);
+}
+void* __orvex_fast_memset_resolve(void* destination, int value, size_t count) {
+  [[clang::musttail]] return resolve<__orvex_fast_memset_slot, memset_variants>(destination, value,
+                                                                                count);
 }

@@ -23,15 +23,15 @@ void store_dynamic_plain(__libkso_nt_context* context, size_t length, int, int) 
   copy_chunk(context, length);
 }
 
-constexpr Variant<StreamRoutine> store_variants[] = {
+constexpr Variant<StreamRoutine*> store_variants[] = {
     KSOMD_VARIANT(avx512_level, __libkso_nontemporal_store_512),
     KSOMD_VARIANT(avx2_level, __libkso_nontemporal_store_256),
-    KSOMD_VARIANT(0, store_plain),
+    KSOMD_VARIANT({}, store_plain),
 };
-constexpr Variant<DynamicStreamRoutine> store_dynamic_variants[] = {
+constexpr Variant<DynamicStreamRoutine*> store_dynamic_variants[] = {
     KSOMD_VARIANT(avx512_level, __libkso_nontemporal_store_dynamic_512),
     KSOMD_VARIANT(avx2_level, __libkso_nontemporal_store_dynamic_256),
-    KSOMD_VARIANT(0, store_dynamic_plain),
+    KSOMD_VARIANT({}, store_dynamic_plain),
 };
 
 constexpr DispatchingEntry entries[] = {
@@ -60,33 +60,25 @@ void copy_chunk(__libkso_nt_context* context, size_t length) {
 
 }  // namespace ksomd::mem
 
+using namespace ksomd;
 using namespace ksomd::mem;
 
-void __libkso_nontemporal_store_resolve(__libkso_nt_context* context, size_t length, int final) {
-  StreamRoutine* const chosen = fill_slot(__libkso_nontemporal_store_slot, store_variants);
-  [[clang::musttail]] return chosen(context, length, final);
-}
-
-void __libkso_nontemporal_store_dynamic_resolve(__libkso_nt_context* context, size_t length,
-                                                int final, int plain) {
-  DynamicStreamRoutine* const chosen =
-      fill_slot(__libkso_nontemporal_store_dynamic_slot, store_dynamic_variants);
-  [[clang::musttail]] return chosen(context, length, final, plain);
-}
-
 void __libkso_nontemporal_store(__libkso_nt_context* context, size_t length, int final) {
-  if (StreamRoutine* const variant = load_slot(__libkso_nontemporal_store_slot)) [[likely]] {
-    [[clang::musttail]] return variant(context, length, final);
-  }
-  [[clang::musttail]] return __libkso_nontemporal_store_resolve(context, length, final);
+  [[clang::musttail]] return dispatch<__libkso_nontemporal_store_slot, store_variants>(
+      context, length, final);
+}
+void __libkso_nontemporal_store_resolve(__libkso_nt_context* context, size_t length, int final) {
+  [[clang::musttail]] return resolve<__libkso_nontemporal_store_slot, store_variants>(
+      context, length, final);
 }
 
 void __libkso_nontemporal_store_dynamic(__libkso_nt_context* context, size_t length, int final,
                                         int plain) {
-  if (DynamicStreamRoutine* const variant = load_slot(__libkso_nontemporal_store_dynamic_slot))
-      [[likely]] {
-    [[clang::musttail]] return variant(context, length, final, plain);
-  }
-  [[clang::musttail]] return __libkso_nontemporal_store_dynamic_resolve(context, length, final,
-                                                                        plain);
+  [[clang::musttail]] return dispatch<__libkso_nontemporal_store_dynamic_slot,
+                                      store_dynamic_variants>(context, length, final, plain);
+}
+void __libkso_nontemporal_store_dynamic_resolve(__libkso_nt_context* context, size_t length,
+                                                int final, int plain) {
+  [[clang::musttail]] return resolve<__libkso_nontemporal_store_dynamic_slot,
+                                     store_dynamic_variants>(context, length, final, plain);
 }

@@ -1,22 +1,14 @@
 #include "quad/dispatch.h"
 
 namespace ksomd::quad {
-namespace {
-
-const char* variant(const FeatureSet& features) {
-  return (features[0] & features_of_l) == features_of_l ? ".L" : ".A";
-}
-
-constexpr DispatchingEntry entries[] = {
-    {"__addq", variant},
-    {"__subq", variant},
-    {"__mulq", variant},
-    {"__divq", variant},
-};
-
-}  // namespace
 
 std::span<const DispatchingEntry> dispatching_entries() {
+  static constexpr DispatchingEntry entries[] = {
+      dispatching_entry<add_variants>("__addq"),
+      dispatching_entry<subtract_variants>("__subq"),
+      dispatching_entry<multiply_variants>("__mulq"),
+      dispatching_entry<divide_variants>("__divq"),
+  };
   return entries;
 }
 

@@ -5,11 +5,6 @@
 
 using namespace ksomd::quad;
 
-extern "C" {
-KSOMD_API void quad_divide_l(quad128*, const quad128*, const quad128*) __asm__("__divq.L");
-KSOMD_API void quad_divide_a(quad128*, const quad128*, const quad128*) __asm__("__divq.A");
-}
-
 namespace {
 
 // How a quotient is found. For significands n and d with their leading ones at bit 127,
@@ -150,10 +145,6 @@ __extension__ using Int128 = __int128;
       at_least_one);
 }
 
-[[gnu::cold, gnu::noinline]] void divide_on_doubt(quad128* r, const quad128* a, const quad128* b) {
-  return l_suits() ? quad_divide_l(r, a, b) : quad_divide_a(r, a, b);
-}
-
 }  // namespace
 
 void quad_divide_l(quad128* r, const quad128* a, const quad128* b) {
@@ -167,6 +158,6 @@ void __divq(quad128* r, const quad128* a, const quad128* b) {
   if (l_is_known()) [[likely]] {
     return quad_divide_l(r, a, b);
   }
-  return divide_on_doubt(r, a, b);
+  return call_variant<divide_variants>(r, a, b);
 }
 KSOMD_SECOND_NAMES(__divq);

@@ -5,11 +5,6 @@
 
 using namespace ksomd::quad;
 
-extern "C" {
-KSOMD_API void quad_multiply_l(quad128*, const quad128*, const quad128*) __asm__("__mulq.L");
-KSOMD_API void quad_multiply_a(quad128*, const quad128*, const quad128*) __asm__("__mulq.A");
-}
-
 namespace {
 
 // a * b / 2^128 with its lowest bit set if anything is lost: four products of words,
@@ -83,11 +78,6 @@ namespace {
       product, carry);
 }
 
-[[gnu::cold, gnu::noinline]] void multiply_on_doubt(quad128* r, const quad128* a,
-                                                    const quad128* b) {
-  return l_suits() ? quad_multiply_l(r, a, b) : quad_multiply_a(r, a, b);
-}
-
 }  // namespace
 
 void quad_multiply_l(quad128* r, const quad128* a, const quad128* b) {
@@ -101,6 +91,6 @@ void __mulq(quad128* r, const quad128* a, const quad128* b) {
   if (l_is_known()) [[likely]] {
     return quad_multiply_l(r, a, b);
   }
-  return multiply_on_doubt(r, a, b);
+  return call_variant<multiply_variants>(r, a, b);
 }
 KSOMD_SECOND_NAMES(__mulq);

@@ -16,13 +16,6 @@
 
 using namespace ksomd::quad;
 
-extern "C" {
-void quad_add_magnitudes_64(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.L");
-void quad_add_magnitudes_32(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.A");
-void quad_subtract_magnitudes_64(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.L");
-void quad_subtract_magnitudes_32(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.A");
-}
-
 namespace {
 
 // An operand is held 14 bits to the left of its place in the format: bit 127 is left for the
@@ -106,10 +99,7 @@ constexpr std::uint64_t common_exponents = highest_common_exponent - lowest_comm
 [[gnu::cold, gnu::noinline]] void sum_by_cores(quad128* r, const quad128* a, const quad128* b,
                                                std::uint64_t turn_b) {
   const bool add = ((a->high ^ b->high ^ turn_b) & sign_bit) == 0;
-  if (l_suits()) {
-    return add ? quad_add_magnitudes_64(r, a, b) : quad_subtract_magnitudes_64(r, a, b);
-  }
-  return add ? quad_add_magnitudes_32(r, a, b) : quad_subtract_magnitudes_32(r, a, b);
+  return add ? call_variant<add_variants>(r, a, b) : call_variant<subtract_variants>(r, a, b);
 }
 
 // A difference of neighbouring exponents that lost all of its remainder: exact.
@@ -192,16 +182,16 @@ inline std::uint64_t trailing_zeros(Roomy y) {
 
 }  // namespace
 
-void quad_add_magnitudes_64(quad128* r, const quad128* a, const quad128* b) {
+void quad_add_magnitudes_l(quad128* r, const quad128* a, const quad128* b) {
   combine_magnitudes<std::uint64_t>(r, a, b, false);
 }
-void quad_add_magnitudes_32(quad128* r, const quad128* a, const quad128* b) {
+void quad_add_magnitudes_a(quad128* r, const quad128* a, const quad128* b) {
   combine_magnitudes<std::uint32_t>(r, a, b, false);
 }
-void quad_subtract_magnitudes_64(quad128* r, const quad128* a, const quad128* b) {
+void quad_subtract_magnitudes_l(quad128* r, const quad128* a, const quad128* b) {
   combine_magnitudes<std::uint64_t>(r, a, b, true);
 }
-void quad_subtract_magnitudes_32(quad128* r, const quad128* a, const quad128* b) {
+void quad_subtract_magnitudes_a(quad128* r, const quad128* a, const quad128* b) {
   combine_magnitudes<std::uint32_t>(r, a, b, true);
 }
 

@@ -240,7 +240,7 @@ TEST(Sets, AreFilledByTheirEntries) {
     EXPECT_EQ(feature_word(), all.features[0]);
     EXPECT_EQ(__orvex_cpu_feature_indicator[1], all.features[1]);
     EXPECT_EQ(__orvex_vendor_feature_indicator[0], 0u) << "filled by its own entry only";
-    EXPECT_FALSE(has_features(all.features[0] | feature_mask("AVX2")));
+    EXPECT_FALSE(has_features(FeatureMask{{all.features[0], 0}} | feature_mask("AVX2")));
   }
   disabled_names = nullptr;
   install(nullptr);

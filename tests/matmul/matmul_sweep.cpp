@@ -82,23 +82,15 @@ class Matrix {
 
 // ---- the rows of the kernel table ---------------------------------------------------------------
 
-std::vector<const matmul::Variant*> usable_rows() {
-  std::vector<const matmul::Variant*> rows;
-  for (Size i = 0; i < matmul::variant_count; ++i) {
-    if (has_features(matmul::variants[i]->required)) {
-      rows.push_back(matmul::variants[i]);
-    }
-  }
-  return rows;
-}
-
 template <class Body>
 void with_each_row(Body body) {
-  for (const matmul::Variant* row : usable_rows()) {
-    matmul::variant_slot = row;
-    body(row->name);
+  for (const auto& row : matmul::kernel_variants) {
+    if (has_features(row.needs)) {
+      matmul::kernels_slot = row.choice;
+      body(row.name);
+    }
   }
-  matmul::variant_slot = nullptr;
+  matmul::kernels_slot = nullptr;
 }
 
 // ---- products -----------------------------------------------------------------------------------

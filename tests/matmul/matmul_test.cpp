@@ -98,15 +98,17 @@ TEST(MatmulScratch, IsTakenByPackedProductsAlone) {
          {std::array<Size, 3>{34, 38, 38}, {264, 41, 113}, {35, 2003, 113}}) {
       const std::size_t size = std::min<Size>(n, 2000) * 896 + 258816;
       const auto bytes = m * n * sizeof(double);
-      for (const matmul::Variant* row :
-           {&matmul::baseline, &matmul::choose_variant(feature_word())}) {
-        matmul::variant_slot = row;
+      for (const auto& row : matmul::kernel_variants) {
+        if (!has_features(row.needs)) {
+          continue;
+        }
+        matmul::kernels_slot = row.choice;
         EXPECT_EQ(scratch_of(name, m, n, k, memory.end(), got.data()), size) << name << ' ' << n;
         scratch_of(name + ".J", m, n, k, memory.end(), expected.data());
-        EXPECT_EQ(std::memcmp(got.data(), expected.data(), bytes), 0) << name << ' ' << row->name;
+        EXPECT_EQ(std::memcmp(got.data(), expected.data(), bytes), 0) << name << ' ' << row.name;
         EXPECT_EQ(scratch_of(name, m, n, k, nullptr, got.data()), size) << name;
         EXPECT_EQ(scratch_of(name + ".A", m, n, k, nullptr, expected.data()), 0u) << name;
-        EXPECT_EQ(std::memcmp(got.data(), expected.data(), bytes), 0) << name << ' ' << row->name;
+        EXPECT_EQ(std::memcmp(got.data(), expected.data(), bytes), 0) << name << ' ' << row.name;
       }
     }
     for (const auto& [m, n, k] : {std::array<Size, 3>{33, 38, 38}, {34, 37, 38}, {34, 38, 37}}) {
@@ -135,19 +137,22 @@ TEST(MatmulDispatch, ThePackedPathNeedsItsFiveFeatures) {
 
 // The first row whose features are all there, and the first product settles it.
 TEST(MatmulDispatch, TheFirstProductTakesTheBestRow) {
+  const auto best = [](std::uint64_t features) {
+    return choose(matmul::kernel_variants, {features, 0}).choice;
+  };
   constexpr std::uint64_t avx = 1u << 16, avx512f = 1u << 27;
-  EXPECT_EQ(&matmul::choose_variant(1), &matmul::baseline);
-  EXPECT_EQ(&matmul::choose_variant(avx512f), &matmul::baseline);
-  EXPECT_EQ(&matmul::choose_variant(avx), &matmul::avx);
-  EXPECT_EQ(&matmul::choose_variant(avx | avx512f), &matmul::avx512);
+  EXPECT_EQ(best(1), &matmul::baseline_kernels);
+  EXPECT_EQ(best(avx512f), &matmul::baseline_kernels);
+  EXPECT_EQ(best(avx), &matmul::avx_kernels);
+  EXPECT_EQ(best(avx | avx512f), &matmul::avx512_kernels);
   const std::uint64_t saved = feature_word();
   std::vector<double> p(64);
   for (const std::uint64_t features : {std::uint64_t{0x6F}, saved}) {
     for (const std::uint64_t later : {features, saved}) {  // it stays
-      matmul::variant_slot = later == features ? nullptr : matmul::variant_slot;
+      matmul::kernels_slot = later == features ? nullptr : matmul::kernels_slot;
       __orvex_cpu_feature_indicator[0] = later;
       _MATMUL_r8_n_n(p.data(), p.data(), p.data() + 32, 4, 4, 4, 4, 4, 4);
-      EXPECT_EQ(matmul::variant_slot, &matmul::choose_variant(features));
+      EXPECT_EQ(matmul::kernels_slot, best(features));
     }
   }
 }
@@ -163,7 +168,7 @@ TEST(MatmulThreads, ShareOperandsAndResult) {
                    m);
   };
   std::vector<std::thread> running;
-  matmul::variant_slot = nullptr;
+  matmul::kernels_slot = nullptr;
   for (Size thread = 0; thread < threads; ++thread) {
     running.emplace_back([&, thread] { multiply_rows(got, thread); });
   }

@@ -21,10 +21,10 @@ using mem::FillRoutine;
 using CompareRoutine = int(const void*, const void*, std::size_t);
 inline constexpr const char* compare_routines[] = {"_orvex_fast_memcmp", "__orvex_new_memcmp"};
 
-inline constexpr std::uint64_t needs_sse2 = 0, needs_avx = feature_mask("AVX"),
-                               needs_avx2 = needs_avx | feature_mask("AVX2"),
-                               needs_avx512f = needs_avx2 | feature_mask("AVX512F"),
-                               needs_avx512bw = needs_avx512f | feature_mask("AVX512BW");
+inline constexpr FeatureMask needs_sse2{},
+    needs_avx = feature_mask("AVX"), needs_avx2 = needs_avx | feature_mask("AVX2"),
+    needs_avx512f = needs_avx2 | feature_mask("AVX512F"),
+    needs_avx512bw = needs_avx512f | feature_mask("AVX512BW");
 
 enum class Kind { Copy, Move, Fill, Zero };
 // What a routine does with the upper halves of the vector registers.
@@ -33,7 +33,7 @@ enum class Upper { Keep, Clear, AsVariant };
 struct Routine {
   const char* name;
   Kind kind;
-  std::uint64_t needs;
+  FeatureMask needs;
   Upper upper;
   const void* address = find_entry(name);
 

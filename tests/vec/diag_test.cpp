@@ -6,7 +6,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cmath>
 #include <limits>
@@ -14,10 +13,10 @@
 #include <thread>
 #include <vector>
 
-#include "cpu/feature_set.h"
-#include "diag/math.h"
+#include "cpu/feature_table.h"
 #include "ksomd/builtins.h"
 #include "ksomd/diagnostics.h"
+#include "math/math.h"
 #include "support/child_process.h"
 #include "vec/calls.h"
 
@@ -254,10 +253,10 @@ TEST(Math, ResultsFlagsAndErrors) {
 
 // ---- dispatch -----------------------------------------------------------------------------------
 
-// The highest level of which every feature is there; among few features, or most.
-TEST(MathDispatch, LevelOfFeatures) {
-  const std::vector<int> needs[] = {
-      {}, {}, {1}, {5}, {6}, {7}, {8}, {9}, {10}, {16}, {13, 18, 19, 20, 23}, {43, 44, 48}, {92}};
+// SSE3, or what any later generation brought: among few features, or most.
+TEST(MathDispatch, TakesTheVectorVariantFromSse3On) {
+  const std::vector<int> any_of[] = {{7},          {8}, {9}, {10}, {16}, {13, 18, 19, 20, 23},
+                                     {43, 44, 48}, {92}};
   Random random(seed_of(2));
   for (int i = 0; i < 50'000; ++i) {
     const bool few = random.one_in(2);
@@ -265,78 +264,38 @@ TEST(MathDispatch, LevelOfFeatures) {
     for (std::size_t bit = 0; bit < 128; ++bit) {
       features[bit / 64] |= std::uint64_t{random.one_in(few ? 12 : 4) == few} << bit % 64;
     }
-    std::uint32_t expected = 12;
-    while (!std::ranges::all_of(
-        needs[expected], [&](int bit) { return (features[bit / 64] >> bit % 64 & 1) != 0; })) {
-      --expected;
+    const auto present = [&](int bit) { return (features[bit / 64] >> bit % 64 & 1) != 0; };
+    const bool vector = std::ranges::any_of(
+        any_of, [&](const auto& bits) { return std::ranges::all_of(bits, present); });
+    for (const DispatchingEntry& entry : dispatching_entries()) {
+      ASSERT_STREQ(entry.variant(features), vector ? "vector" : "general")
+          << entry.name << std::hex << ' ' << features[0] << ' ' << features[1];
     }
-    ASSERT_EQ(level_of(features), expected) << std::hex << features[0] << ' ' << features[1];
   }
 }
 
-using Address = void (*)();
-struct Slot {
-  Address* slot;
-  Address first, second, resolver;  // the resolver as every program starts: nothing has called it
-};
-#define KSOMD_SLOT(name)                                                                          \
-  {reinterpret_cast<Address*>(&__libkso_##name##_slot), reinterpret_cast<Address>(general::name), \
-   reinterpret_cast<Address>(vector::name), reinterpret_cast<Address>(__libkso_##name##_slot)}
-const Slot slots[] = {KSOMD_SLOT(fmax),      KSOMD_SLOT(fmaxf), KSOMD_SLOT(copysign),
-                      KSOMD_SLOT(copysignf), KSOMD_SLOT(logb),  KSOMD_SLOT(scalbn)};
-
-// Calls all as the first users, of a process in this state: whether results and slots are right.
-bool install(LevelState state, std::uint32_t level) {
-  for (const Slot& row : slots) {
-    *row.slot = row.resolver;
-  }
-  __libkso_math_level = state;
+template <class Routine>
+bool race_to_fill(Routine*& slot, Routine* general, Routine* vector, auto right) {
+  slot = nullptr;
   std::atomic<int> wrong = 0;
-  const auto use = [&] {
-    wrong += __libkso_fmax(2, 3) != 3 || __libkso_fmaxf(4, -5) != 4 ||
-             __libkso_copysign(6, -7) != -6 || __libkso_copysignf(-8, 9) != 8 ||
-             __libkso_logb(1024) != 10 || __libkso_scalbn(3, 4) != 48;
-  };
-  std::thread other(use);
-  use();
+  std::thread other([&] { wrong += !right(); });
+  wrong += !right();
   other.join();
-  use();
-  for (const Slot& row : slots) {
-    wrong += *row.slot != (level < 5 ? row.first : row.second);
-  }
-  return wrong == 0;
+  return wrong == 0 && slot == (has_features(feature_mask("SSE3")) ? vector : general);
 }
 
-TEST(MathDispatch, FirstUsersInstallTheLevelsImplementations) {
-  for (std::uint32_t level = 1; level <= 13; ++level) {
-    EXPECT_TRUE(install({level, 1}, level)) << level;
+TEST(MathDispatch, RacingFirstCallsFillTheSlots) {
+#define KSOMD_RACE(name, ...) \
+  race_to_fill(__libkso_##name##_slot, general::name, vector::name, [] { return __VA_ARGS__; })
+  for (int round = 0; round < 20; ++round) {
+    EXPECT_TRUE(KSOMD_RACE(fmax, __libkso_fmax(2, 3) == 3));
+    EXPECT_TRUE(KSOMD_RACE(fmaxf, __libkso_fmaxf(4, -5) == 4));
+    EXPECT_TRUE(KSOMD_RACE(copysign, __libkso_copysign(6, -7) == -6));
+    EXPECT_TRUE(KSOMD_RACE(copysignf, __libkso_copysignf(-8, 9) == 8));
+    EXPECT_TRUE(KSOMD_RACE(logb, __libkso_logb(1024) == 10));
+    EXPECT_TRUE(KSOMD_RACE(scalbn, __libkso_scalbn(3, 4) == 48));
   }
-  // A thread that has read an old slot runs the resolver again: what is there stays.
-  __libkso_logb_slot = general::logb;
-  EXPECT_EQ(reinterpret_cast<double (*)(double)>(slots[4].resolver)(8), 3);
-  EXPECT_EQ(__libkso_logb_slot, general::logb);
-  for (int round = 0; round < 10; ++round) {
-    const std::uint32_t level = level_of({feature_word(), __orvex_cpu_feature_indicator[1]});
-    EXPECT_TRUE(install({}, level));
-    EXPECT_EQ(__libkso_math_level.level, level);
-    EXPECT_EQ(__libkso_math_level.started, 1u);
-  }
-}
-
-// Nobody leaves before the level is there, however long its finder takes; and who finds it there
-// computes nothing.
-TEST(MathDispatch, OthersWaitForTheLevel) {
-  LevelState state = {0, 1};
-  std::atomic<std::uint32_t> result = 0;
-  std::thread other([&] { result = process_level(state); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(result, 0u);
-  __atomic_store_n(&state.level, 7, __ATOMIC_RELEASE);
-  other.join();
-  EXPECT_EQ(result, 7u);
-  state = {7, 0};
-  EXPECT_EQ(process_level(state), 7u);
-  EXPECT_EQ(state.started, 0u);
+#undef KSOMD_RACE
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 
 #include "cpu/feature_table.h"
 #include "cpu/isa_names.h"
-#include "diag/math.h"
+#include "math/math.h"
 #include "matmul/kernels.h"
 #include "mem/dispatch.h"
 #include "msg/messages.h"
@@ -139,7 +139,9 @@ Report make_report(const Processor& processor, const char* disabled_names) {
   std::memcpy(report.features, detection.features, sizeof report.features);
   explain_features(processor, disabled_names, report.explanations);
   for (const Level* level : std::span(levels, level_count)) {
-    report.levels.push_back({level, {level->required & ~report.features[0], 0}});
+    report.levels.push_back({level,
+                             {level->required.words[0] & ~report.features[0],
+                              level->required.words[1] & ~report.features[1]}});
   }
   report.caches = gather_caches(processor);
   report.tuning = fields_of(mem::derive_tuning(processor, report.caches));

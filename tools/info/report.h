@@ -9,9 +9,9 @@
 #include "cpu/cache.h"
 #include "cpu/core_type.h"
 #include "cpu/detection.h"
-#include "cpu/dispatching_entry.h"
 #include "cpu/processor.h"
 #include "cpu/startup.h"
+#include "dispatch/variant.h"
 #include "mem/tuning.h"
 
 namespace ksomd::info {
@@ -29,7 +29,7 @@ struct Identity {
 struct LevelOutcome {
   const Level* level;
   FeatureSet missing;
-  bool passes() const { return missing[0] == 0; }
+  bool passes() const { return missing[0] == 0 && missing[1] == 0; }
 };
 
 // Dispatching entry points of one kind.

@@ -1,5 +1,5 @@
 // The elementary functions themselves, by the bits of each format.
-#include "diag/math.h"
+#include "math/math.h"
 
 #include <emmintrin.h>
 

@@ -4,8 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "cpu/dispatching_entry.h"
-#include "cpu/feature_set.h"
+#include "dispatch/variant.h"
 
 extern "C" {
 
@@ -60,24 +59,8 @@ enum class Error : std::uint16_t {
 // Sets errno as the error asks.
 void report(Error error, bool result_is_zero);
 
-// 1 to 12: the implementation level that a processor with these features has.
-std::uint32_t level_of(const FeatureSet& features);
-
-// A process's level, 0 until it is computed; and whether somebody has begun to.
-struct LevelState {
-  std::uint32_t level;
-  std::uint32_t started;
-};
-
 // The dispatched functions.
 std::span<const DispatchingEntry> dispatching_entries();
-
-// The level, computed by the first caller; others spin until it is there.
-std::uint32_t process_level(LevelState& state);
-
-// Levels from here on run the second implementation.
-inline constexpr std::uint32_t first_vector_level = 5;
-inline constexpr std::uint32_t level_count = 12;
 
 // The two implementations of the dispatched functions: general instructions, and SSE.
 namespace general {
@@ -97,39 +80,10 @@ double logb(double x);
 double scalbn(double x, std::int32_t n);
 }  // namespace vector
 
-// What a slot holds at first, the resolver, and the implementation for each level.
-template <class Function>
-struct Table {
-  Function* entries[level_count + 1];
-};
-
-template <class Function>
-constexpr Table<Function> table_of(Function* resolver, Function* first, Function* second) {
-  Table<Function> table{{resolver}};
-  for (std::uint32_t level = 1; level <= level_count; ++level) {
-    table.entries[level] = level < first_vector_level ? first : second;
-  }
-  return table;
-}
-
-// Replaces the resolver in a slot; what the slot holds then.
-template <class Function>
-Function* install(Function*& slot, const Table<Function>& table, LevelState& state) {
-  const std::uint32_t level = process_level(state);
-  Function* held = table.entries[0];
-  Function* const chosen = table.entries[level < level_count ? level : level_count];
-  return __atomic_compare_exchange_n(&slot, &held, chosen, false, __ATOMIC_ACQ_REL,
-                                     __ATOMIC_ACQUIRE)
-             ? chosen
-             : held;
-}
-
 }  // namespace ksomd::math
 
 extern "C" {
 
-// The process's own level and slots. A slot holds its resolver until the first call.
-[[gnu::visibility("hidden")]] extern ksomd::math::LevelState __libkso_math_level;
 [[gnu::visibility("hidden")]] extern double (*__libkso_fmax_slot)(double, double);
 [[gnu::visibility("hidden")]] extern float (*__libkso_fmaxf_slot)(float, float);
 [[gnu::visibility("hidden")]] extern double (*__libkso_copysign_slot)(double, double);
