@@ -1,5 +1,6 @@
 #include "cpu/core_type.h"
 
+#include "cpu/feature_table.h"
 #include "ksomd/core.h"
 #include "second_names.h"
 
@@ -25,13 +26,14 @@ HybridState determined_state() {
 }  // namespace
 
 HybridState hybrid_state(const Processor& processor) {
-  constexpr std::uint32_t rdpid = 1u << 22;
-  constexpr std::uint32_t hybrid = 1u << 15;
+  constexpr CpuidReport rdpid = feature_row("RDPID").report;
+  static_assert(rdpid.leaf == Leaf::Basic7 && rdpid.reg == Register::Ecx);
+  constexpr std::uint32_t hybrid = 1u << 15;  // EDX; no feature of the table
   if (processor.leaf(0).eax < core_type_leaf || !processor.vendor_is(genuine_vendor)) {
     return HybridState::Unavailable;
   }
   const CpuidResult features = processor.leaf(7);
-  const bool available = (features.ecx & rdpid) != 0 && (features.edx & hybrid) != 0;
+  const bool available = (features.ecx & rdpid.field.mask) != 0 && (features.edx & hybrid) != 0;
   return available ? HybridState::Available : HybridState::Unavailable;
 }
 

@@ -28,12 +28,12 @@ constexpr std::uint32_t apx_state = bit(19);
 // The CPUID leaves that report features, each read once, and the conditions that hold.
 class Snapshot {
  public:
+  // Of a processor that reports nothing.
+  Snapshot() : read_(~0u) {}
   explicit Snapshot(const Processor& processor);
 
-  bool reports(const Report& report) const { return explain(report).finding == Finding::Present; }
-
-  Explanation explain(const Report& report) const {
-    if ((reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum) {
+  Explanation explain(const CpuidReport& report) const {
+    if (reports(report)) {
       return holds(report.condition) ? Explanation{Finding::Present, Condition::None}
                                      : Explanation{Finding::ConditionFails, report.condition};
     }
@@ -43,6 +43,10 @@ class Snapshot {
 
  private:
   std::uint32_t reg(Leaf leaf, Register reg) const;
+  // Whether CPUID reports it, whatever its condition is.
+  bool reports(const CpuidReport& report) const {
+    return (reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum;
+  }
   bool holds(Condition condition) const {
     return all_of(conditions_, bit(static_cast<unsigned>(condition)));
   }
@@ -60,6 +64,11 @@ class Snapshot {
   std::uint32_t read_ = 0;
 };
 
+// What conditions rest on, and no feature of the table is.
+constexpr CpuidReport xgetbv_enabled{Leaf::Basic1, Register::Ecx, feature_table::bits(27)};
+constexpr CpuidReport key_locker{Leaf::Basic7, Register::Ecx, feature_table::bits(23)};
+constexpr CpuidReport avx10{Leaf::Basic7Sub1, Register::Edx, feature_table::bits(19)};
+
 Snapshot::Snapshot(const Processor& processor) {
   read(processor, Leaf::Basic1, 1, 0);
   read(processor, Leaf::Basic7, 7, 0);
@@ -68,21 +77,20 @@ Snapshot::Snapshot(const Processor& processor) {
   read(processor, Leaf::Extended8, 0x80000008, 0);
   read(processor, Leaf::Trace14, 0x14, 0);
 
-  const bool xgetbv_enabled = all_of(reg(Leaf::Basic1, Register::Ecx), bit(27));
-  const std::uint32_t xcr0 = xgetbv_enabled ? processor.xcr0(processor.self) : 0;
+  const std::uint32_t xcr0 = reports(xgetbv_enabled) ? processor.xcr0(processor.self) : 0;
   const bool ymm = all_of(xcr0, ymm_state);
   const bool tmm = all_of(xcr0, tile_state);
   set(Condition::None, true);
-  set(Condition::Fxsave, all_of(reg(Leaf::Basic1, Register::Edx), bit(24)));
+  set(Condition::Fxsave, reports(feature_row("FXSAVE").report));
   set(Condition::Ymm, ymm);
   set(Condition::Zmm, ymm && all_of(xcr0, zmm_state));
   set(Condition::Tmm, tmm);
   set(Condition::BoundRegisters, ymm && all_of(xcr0, bound_state));
-  set(Condition::Avx, ymm && all_of(reg(Leaf::Basic1, Register::Ecx), bit(28)));
-  set(Condition::Avx2, ymm && all_of(reg(Leaf::Basic7, Register::Ebx), bit(5)));
-  set(Condition::AmxTile, tmm && all_of(reg(Leaf::Basic7, Register::Edx), bit(24)));
-  set(Condition::KeyLocker, all_of(reg(Leaf::Basic7, Register::Ecx), bit(23)));
-  set(Condition::Avx10, all_of(reg(Leaf::Basic7Sub1, Register::Edx), bit(19)));
+  set(Condition::Avx, ymm && reports(feature_row("AVX").report));
+  set(Condition::Avx2, ymm && reports(feature_row("AVX2").report));
+  set(Condition::AmxTile, tmm && reports(feature_row("AMX-TILE").report));
+  set(Condition::KeyLocker, reports(key_locker));
+  set(Condition::Avx10, reports(avx10));
   set(Condition::Apx, all_of(xcr0, apx_state));
 
   if (holds(Condition::KeyLocker)) {
@@ -111,20 +119,6 @@ std::uint32_t Snapshot::reg(Leaf leaf, Register reg) const {
   __builtin_unreachable();
 }
 
-// Adds what the processor reports to the set; 0, or the first failure to add a feature.
-int add_reported_features(const Processor& processor, FeatureSet& features) {
-  const Snapshot snapshot(processor);
-  for (int id = 1; id < isa_id_count; ++id) {
-    const Report& report = feature_table::rows[id].report;
-    if (report.reported == Reported::ByCpuid && snapshot.reports(report)) {
-      if (const int status = __orvex_set_feature(features, id); status != 0) {
-        return status;
-      }
-    }
-  }
-  return 0;
-}
-
 void store(FeatureSet& set, const FeatureSet& features) {
   __atomic_store_n(&set[1], features[1], __ATOMIC_RELEASE);
   __atomic_store_n(&set[0], features[0], __ATOMIC_RELEASE);
@@ -132,46 +126,43 @@ void store(FeatureSet& set, const FeatureSet& features) {
 
 }  // namespace
 
-Detection detect_features(const Processor& processor, const char* disabled_names,
-                          bool check_vendor) {
-  constexpr int generic_id = 1;
-  Detection detection{0, check_vendor ? Publish::Both : Publish::General, {}};
-  detection.status = __orvex_set_feature(detection.features, generic_id);
-  if (detection.status != 0 || processor.leaf(0).eax == 0) {
-    return detection;
-  }
-  if (check_vendor && !processor.vendor_is(genuine_vendor)) {
-    detection.publish = Publish::GateOnly;
-    return detection;
-  }
-  detection.status = add_reported_features(processor, detection.features);
-
-  FeatureSet disabled = {};
-  add_disabled_features(disabled_names, disabled);
-  detection.features[0] &= ~disabled[0];
-  detection.features[1] &= ~disabled[1];
-  return detection;
-}
-
 void explain_features(const Processor& processor, const char* disabled_names,
                       Explanation (&explanations)[isa_id_count]) {
   FeatureSet disabled = {};
   add_disabled_features(disabled_names, disabled);
-  const bool silent = processor.leaf(0).eax == 0;
-  const Snapshot snapshot(processor);
+  const Snapshot snapshot = processor.leaf(0).eax == 0 ? Snapshot() : Snapshot(processor);
   for (int id = 0; id < isa_id_count; ++id) {
-    const Report& report = feature_table::rows[id].report;
+    const CpuidReport& report = feature_table::rows[id].report;
     Explanation& explanation = explanations[id];
     explanation = {Finding::NotReported, Condition::None};
     if (report.reported == Reported::Always) {
       explanation.finding = Finding::Present;
-    } else if (report.reported == Reported::ByCpuid && !silent) {
+    } else if (report.reported == Reported::ByCpuid) {
       explanation = snapshot.explain(report);
     }
     if (explanation.finding == Finding::Present && __orvex_test_feature(disabled, id) == 1) {
       explanation.finding = Finding::SwitchedOff;
     }
   }
+}
+
+Detection detect_features(const Processor& processor, const char* disabled_names,
+                          bool check_vendor) {
+  constexpr int generic_id = 1;
+  Detection detection{0, check_vendor ? Publish::Both : Publish::General, {}};
+  if (check_vendor && processor.leaf(0).eax != 0 && !processor.vendor_is(genuine_vendor)) {
+    detection.publish = Publish::GateOnly;
+    detection.status = __orvex_set_feature(detection.features, generic_id);
+    return detection;
+  }
+  Explanation explanations[isa_id_count];
+  explain_features(processor, disabled_names, explanations);
+  for (int id = 1; id < isa_id_count && detection.status == 0; ++id) {
+    if (explanations[id].finding == Finding::Present) {
+      detection.status = __orvex_set_feature(detection.features, id);
+    }
+  }
+  return detection;
 }
 
 void publish(const Detection& detection) {

@@ -40,7 +40,8 @@ struct Explanation {
   Condition condition;  // the one that does not hold, for NotAsked and ConditionFails
 };
 
-// Explains every row of the feature table; a row without a feature is NotReported.
+// Explains every row of the feature table; a row without a feature is NotReported. What is Present
+// is what detect_features puts into its set.
 void explain_features(const Processor& processor, const char* disabled_names,
                       Explanation (&explanations)[isa_id_count]);
 

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "cpu/feature_table.h"
 #include "msg/messages.h"
 #include "platform/exit_while_loading.h"
 
@@ -14,12 +15,14 @@ constexpr std::uint64_t kib = 1024;
 // A processor of this vendor is asked for the size of its level 2, and for no other.
 constexpr char level_2_vendor[13] = "AuthenticAMD";
 
-std::int32_t mmx_class(const CpuidResult& features) {
-  return static_cast<std::int32_t>(features.edx >> 23 & 1);
-}
+// Leaf 1 reports both in EDX.
+constexpr std::uint32_t mmx = feature_row("MMX").report.field.mask;
+constexpr std::uint32_t sse2 = feature_row("SSE2").report.field.mask;
 
+std::int32_t mmx_class(const CpuidResult& features) {
+  return (features.edx & mmx) != 0 ? 1 : 0;
+}
 std::int32_t sse2_class(const CpuidResult& features) {
-  constexpr std::uint32_t sse2 = 1u << 26;
   return (features.edx & sse2) != 0 ? 2 : mmx_class(features);
 }
 
