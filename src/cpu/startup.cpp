@@ -43,17 +43,18 @@ constexpr FeatureMask set_G = set_H | feature_mask("AVX");
 constexpr FeatureMask set_I = set_G | feature_mask("F16C");
 
 constexpr Level level_none{"", set_none, 0, nullptr, 0};
-constexpr Level level_B{"B", set_B, daz, processor_report, 44};
-constexpr Level level_N{"N", set_B, daz, processor_report, 45};
-constexpr Level level_P{"P", set_P, daz, processor_report, 43};
-constexpr Level level_T{"T", set_T, daz, processor_report, 42};
-constexpr Level level_L{"L", set_T | feature_mask("MOVBE"), daz, processor_report, 48};
-constexpr Level level_S{"S", set_S, daz, processor_report, 46};
-constexpr Level level_H{"H", set_H, daz_17, processor_report, 47};
-constexpr Level level_G{"G", set_G, daz_17, system_report, 50};
-constexpr Level level_I{"I", set_I, daz_17, system_report, 51};
+constexpr Level level_B{"B", set_B, daz, processor_report, message::for_sse2};
+constexpr Level level_N{"N", set_B, daz, processor_report, message::for_sse2_new};
+constexpr Level level_P{"P", set_P, daz, processor_report, message::for_sse3};
+constexpr Level level_T{"T", set_T, daz, processor_report, message::for_ssse3};
+constexpr Level level_L{"L", set_T | feature_mask("MOVBE"), daz, processor_report,
+                        message::for_movbe};
+constexpr Level level_S{"S", set_S, daz, processor_report, message::for_tandem};
+constexpr Level level_H{"H", set_H, daz_17, processor_report, message::for_sse4_2};
+constexpr Level level_G{"G", set_G, daz_17, system_report, message::needs_avx};
+constexpr Level level_I{"I", set_I, daz_17, system_report, message::needs_f16c};
 constexpr Level level_E{"E", set_I | feature_mask("MOVBE", "FMA", "BMI", "LZCNT", "AVX2"), daz_17,
-                        system_report, 52};
+                        system_report, message::needs_avx2};
 
 constexpr std::uint32_t default_flags = KSOMD_FLUSH_TO_ZERO | KSOMD_DENORMALS_ARE_ZERO;
 
@@ -87,10 +88,10 @@ class List {
 };
 
 // One message between two empty lines, then the end of the process.
-[[noreturn]] void fail_check(std::uint32_t message, const char* argument = nullptr) {
-  __libkso_print(1, 0, 0);
-  __libkso_print(1, message, argument == nullptr ? 0 : 1, argument);
-  __libkso_print(1, 0, 0);
+[[noreturn]] void fail_check(std::uint32_t number, const char* argument = nullptr) {
+  __libkso_print(1, message::empty_line, 0);
+  __libkso_print(1, number, argument == nullptr ? 0 : 1, argument);
+  __libkso_print(1, message::empty_line, 0);
   std::exit(1);
 }
 
@@ -160,10 +161,10 @@ namespace {
 
 [[noreturn]] void report_missing(const FeatureSet& missing) {
   char list[feature_list_size];
-  if (list_features(missing, __libkso_format_msg(57, 0), list) && *list != '\0') {
-    fail_check(56, list);
+  if (list_features(missing, __libkso_format_msg(message::list_joiner, 0), list) && *list != '\0') {
+    fail_check(message::needs_features, list);
   }
-  fail_check(58);
+  fail_check(message::incompatible_library);
 }
 
 }  // namespace
@@ -176,16 +177,16 @@ void __orvex_new_feature_proc_init_n(std::int32_t index, std::uint64_t mask) {
   if (load_feature_word(__orvex_vendor_feature_indicator[0]) == 0 &&
       (__orvex_cpu_features_init_vendor() != 0 ||
        load_feature_word(__orvex_vendor_feature_indicator[0]) == 0)) {
-    fail_check(59);
+    fail_check(message::inconsistent_library);
   }
   FeatureSet missing;
   switch (judge_features(__orvex_vendor_feature_indicator, index, mask, missing)) {
     case FeatureVerdict::Present:
       return;
     case FeatureVerdict::OtherVendor:
-      fail_check(62);
+      fail_check(message::genuine_processors_only);
     case FeatureVerdict::BadIndex:
-      fail_check(58);
+      fail_check(message::incompatible_library);
     case FeatureVerdict::Missing:
       report_missing(missing);
   }

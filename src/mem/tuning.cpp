@@ -4,7 +4,7 @@
 
 #include "cpu/feature_table.h"
 #include "msg/messages.h"
-#include "platform/exit_while_loading.h"
+#include "platform/platform.h"
 
 constinit ksomd::mem::Tuning __libkso_mem_tuning;
 
@@ -82,9 +82,9 @@ void check_cache_size(const CacheInfo& caches, const char* debug) {
   if (caches.genuine == 0 || caches.level[0].size_kib != 0 || debug == nullptr || *debug == '\0') {
     return;
   }
-  __libkso_print(1, 0, 0);
-  __libkso_print(1, 61, 0);
-  __libkso_print(1, 0, 0);
+  __libkso_print(1, message::empty_line, 0);
+  __libkso_print(1, message::no_cache_size, 0);
+  __libkso_print(1, message::empty_line, 0);
   exit_while_loading(1);
 }
 

@@ -1,7 +1,7 @@
 #include <cstring>
 
 #include "msg/messages.h"
-#include "system.h"
+#include "platform/platform.h"
 
 namespace ksomd {
 namespace {

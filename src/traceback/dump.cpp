@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "ksomd/traceback.h"
-#include "stack_system.h"
+#include "platform/platform.h"
 #include "traceback/module_name.h"
 
 namespace ksomd {

@@ -1,6 +1,6 @@
 #include "traceback/image.h"
 
-#include "stack_system.h"
+#include "platform/platform.h"
 #include "traceback/pe_image.h"
 
 namespace ksomd {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "ksomd/traceback.h"
-#include "stack_system.h"
+#include "platform/platform.h"
 
 namespace ksomd {
 namespace {

@@ -2,7 +2,7 @@
 
 #include "ksomd/traceback.h"
 #include "msg/messages.h"
-#include "stack_system.h"
+#include "platform/platform.h"
 #include "traceback/image.h"
 
 namespace ksomd {
@@ -27,23 +27,23 @@ void set_error(const char* text) {
 }
 
 // The system's last-error value goes into the text: it is read before anything can change it.
-void set_error_with_code(std::uint32_t message, DWORD code) {
-  set_error(__libkso_format_msg(message, 1, code));
+void set_error_with_code(message::Number number, DWORD code) {
+  set_error(__libkso_format_msg(number, 1, code));
 }
 
 std::uint32_t find_capture_routine() {
   HMODULE module = nullptr;
   if (!GetModuleHandleExA(0, "NTDLL.DLL", &module)) {
-    set_error(__libkso_get_msg(28));
+    set_error(__libkso_get_msg(message::no_ntdll));
     return KSOMD_WALK_NO_SYSTEM_MODULE;
   }
   const auto address =
       reinterpret_cast<std::uintptr_t>(GetProcAddress(module, "RtlCaptureContext"));
   capture_routine = reinterpret_cast<CaptureRoutine>(address);
   if (capture_routine == nullptr) {
-    set_error(__libkso_get_msg(29));
+    set_error(__libkso_get_msg(message::no_capture_routine));
     add_error("\n");
-    add_error(__libkso_get_msg(30));
+    add_error(__libkso_get_msg(message::newer_system_needed));
     return KSOMD_WALK_NO_CAPTURE;
   }
   return KSOMD_WALK_DONE;
@@ -82,7 +82,7 @@ void run_walk(void* argument) {
   for (;;) {
     if (!StackWalk64(IMAGE_FILE_MACHINE_AMD64, walk.process, walk.thread, &walk.frame,
                      &walk.context, nullptr, nullptr, nullptr, nullptr)) {
-      set_error_with_code(31, GetLastError());
+      set_error_with_code(message::walk_failed, GetLastError());
       walk.status = KSOMD_WALK_FAILED;
       return;
     }
@@ -114,13 +114,13 @@ using namespace ksomd;
 [[gnu::noinline, clang::disable_tail_calls]] std::uint32_t tbk_trace_stack_impl(
     const void* context, void* user, ksomd_frame_callback callback, std::uint32_t direct,
     std::uint32_t skip) {
-  set_error(__libkso_get_msg(40));
+  set_error(__libkso_get_msg(message::no_error));
   Walk walk;
   walk.process = GetCurrentProcess();
   walk.thread = GetCurrentThread();
   SetLastError(0);
   if (!SymInitialize(walk.process, nullptr, true)) {
-    set_error_with_code(27, GetLastError());
+    set_error_with_code(message::no_symbol_handler, GetLastError());
     add_error("\n");
     return KSOMD_WALK_NO_SYMBOL_HANDLER;
   }
@@ -145,7 +145,7 @@ using namespace ksomd;
     walk.skip = direct != 0 ? skip : frames_skipped_indirect;
   }
   if (!run_protected(run_walk, &walk)) {
-    set_error(__libkso_get_msg(32));
+    set_error(__libkso_get_msg(message::walk_exception));
     walk.status = KSOMD_WALK_EXCEPTION;
   }
   SymCleanup(walk.process);

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "cpu/catalogue.h"
-#include "system.h"
+#include "platform/platform.h"
 
 namespace ksomd::test {
 namespace {

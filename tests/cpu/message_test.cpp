@@ -12,7 +12,7 @@
 #ifndef _WIN32
 #include <malloc.h>
 
-#include "system.h"
+#include "platform/platform.h"
 #endif
 
 namespace ksomd::test {

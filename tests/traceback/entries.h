@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "ksomd/traceback.h"
-#include "stack_system.h"
+#include "platform/platform.h"
 #include "support/entry.h"
 
 namespace ksomd::test {

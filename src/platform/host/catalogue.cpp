@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "system.h"
+#include "platform/platform.h"
 
 namespace ksomd::host {
 

@@ -1,10 +1,10 @@
-#include "platform/exit_while_loading.h"
-
 #include <sys/auxv.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+
+#include "platform/platform.h"
 
 // At exit the C run-time of a static program takes back its registration of frames, which it makes
 // only after this moment, and aborts where there is none. Such a program is one without a loader,

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "stack_system.h"
+#include "platform/platform.h"
 
 using ksomd::host::stack_faults;
 

@@ -3,7 +3,7 @@
 #include <csetjmp>
 #include <csignal>
 
-#include "stack_system.h"
+#include "platform/platform.h"
 
 namespace ksomd {
 namespace {

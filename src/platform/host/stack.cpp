@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "stack_system.h"
+#include "platform/platform.h"
 
 namespace ksomd::host {
 

@@ -1,7 +1,9 @@
 // The operating system as the library calls it: on the host, the same few types and calls over
-// what Linux offers, just large enough for what the library asks.
+// what Linux offers (libunwind, the ELF loader's list of modules, signals), just large enough for
+// what the library asks. Names, values and layouts are those of the Windows headers.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 using DWORD = std::uint32_t;
@@ -19,7 +21,115 @@ DWORD FormatMessageA(DWORD flags, HMODULE source, DWORD identifier, DWORD langua
                      DWORD size, void* arguments);
 void* LocalFree(void* memory);
 
-namespace ksomd::host {
+// ---- stacks, modules and memory -----------------------------------------------------------------
+
+#define WINAPI
+
+using BOOL = int;
+using WORD = std::uint16_t;
+using DWORD64 = std::uint64_t;
+using FARPROC = void*;
+
+struct alignas(16) CONTEXT {
+  DWORD64 P1Home, P2Home, P3Home, P4Home, P5Home, P6Home;
+  DWORD ContextFlags, MxCsr;
+  WORD SegCs, SegDs, SegEs, SegFs, SegGs, SegSs;
+  DWORD EFlags;
+  DWORD64 Dr0, Dr1, Dr2, Dr3, Dr6, Dr7;
+  DWORD64 Rax, Rcx, Rdx, Rbx, Rsp, Rbp, Rsi, Rdi, R8, R9, R10, R11, R12, R13, R14, R15, Rip;
+  unsigned char FltSave[512];
+  unsigned char VectorRegister[26][16];
+  DWORD64 VectorControl, DebugControl;
+  DWORD64 LastBranchToRip, LastBranchFromRip, LastExceptionToRip, LastExceptionFromRip;
+};
+static_assert(sizeof(CONTEXT) == 1232 && offsetof(CONTEXT, Rip) == 248);
+
+enum ADDRESS_MODE : std::uint32_t { AddrMode1616, AddrMode1632, AddrModeReal, AddrModeFlat };
+
+struct ADDRESS64 {
+  DWORD64 Offset;
+  WORD Segment;
+  ADDRESS_MODE Mode;
+};
+
+struct STACKFRAME64 {
+  ADDRESS64 AddrPC, AddrReturn, AddrFrame, AddrStack, AddrBStore;
+  void* FuncTableEntry;
+  DWORD64 Params[4];
+  BOOL Far, Virtual;
+  DWORD64 Reserved[3];
+  unsigned char KdHelp[112];
+};
+static_assert(sizeof(STACKFRAME64) == 264);
+
+struct MEMORY_BASIC_INFORMATION {
+  void* BaseAddress;
+  void* AllocationBase;
+  DWORD AllocationProtect;
+  std::size_t RegionSize;
+  DWORD State, Protect, Type;
+};
+static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 48);
+
+inline constexpr DWORD IMAGE_FILE_MACHINE_AMD64 = 0x8664;
+inline constexpr DWORD MEM_COMMIT = 0x1000;
+inline constexpr DWORD MEM_FREE = 0x10000;
+inline constexpr DWORD PAGE_NOACCESS = 0x01;
+inline constexpr DWORD PAGE_READONLY = 0x02;
+inline constexpr DWORD PAGE_EXECUTE = 0x10;
+inline constexpr DWORD PAGE_EXECUTE_READ = 0x20;
+inline constexpr DWORD PAGE_EXECUTE_READWRITE = 0x40;
+inline constexpr DWORD PAGE_EXECUTE_WRITECOPY = 0x80;
+inline constexpr DWORD PAGE_GUARD = 0x100;
+inline constexpr DWORD PROCESS_VM_READ = 0x10;
+inline constexpr DWORD PROCESS_QUERY_INFORMATION = 0x400;
+inline constexpr DWORD ERROR_INVALID_ADDRESS = 487;
+
+DWORD GetLastError();
+void SetLastError(DWORD code);
+
+HANDLE GetCurrentProcess();
+HANDLE GetCurrentThread();
+DWORD GetCurrentProcessId();
+HANDLE OpenProcess(DWORD access, BOOL inherit, DWORD identifier);
+BOOL CloseHandle(HANDLE handle);
+
+// "NTDLL.DLL" is the one module there is, and RtlCaptureContext the one routine in it.
+BOOL GetModuleHandleExA(DWORD flags, const char* name, HMODULE* module);
+FARPROC GetProcAddress(HMODULE module, const char* name);
+
+// Registers as they are in the caller once this has returned.
+void RtlCaptureContext(CONTEXT* context);
+
+// A region is a mapping of the process, as /proc/self/maps lists it; it belongs to the ELF module
+// that holds it or is an allocation of its own.
+std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, std::size_t size);
+
+// The path of the ELF module whose first byte is there.
+DWORD K32GetModuleFileNameExA(HANDLE process, HMODULE module, char* path, DWORD size);
+
+BOOL SymInitialize(HANDLE process, const char* search_path, BOOL invade);
+BOOL SymCleanup(HANDLE process);
+
+// The first call describes the frame that the context is in, each later one that of its caller;
+// the context follows. False if there is no such frame. The four routines are not used.
+BOOL StackWalk64(DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* frame,
+                 CONTEXT* context, void* read_memory, void* function_table, void* module_base,
+                 void* translate);
+
+namespace ksomd {
+
+// Runs body(argument). False if this thread got SIGSEGV, SIGBUS, SIGFPE, SIGILL or SIGTRAP in it;
+// the handlers for them are the old ones again when this returns. One thread at a time; nested
+// calls are fine.
+bool run_protected(void (*body)(void*), void* argument);
+
+// Finds a loaded section by name in the ELF image that starts there; its place counts from the
+// image's start. The section table is not loaded with an image: it is read from the image's file.
+bool find_native_section(const void* image, const char* name, std::uint64_t& offset,
+                         std::uint64_t& size);
+
+namespace host {
 
 // A message catalogue that a test supplies before the first message is asked for.
 struct Catalogue {
@@ -29,7 +139,26 @@ struct Catalogue {
   // The text of a message in US English, or null.
   const char* (*text)(DWORD identifier);
 };
-
 extern const Catalogue* catalogue;
 
-}  // namespace ksomd::host
+// Calls that a test wants to fail: a call whose field is not 0 fails with this last-error value.
+struct StackFaults {
+  DWORD sym_initialize = 0;
+  DWORD get_module_handle = 0;
+  DWORD get_proc_address = 0;
+  DWORD virtual_query = 0;
+  DWORD open_process = 0;
+  DWORD module_file_name = 0;
+  // Does what StackWalk64 is to do instead.
+  BOOL (*stack_walk)(STACKFRAME64* frame) = nullptr;
+};
+extern StackFaults stack_faults;
+
+// What is open: symbol handlers started and process handles opened, less those closed.
+struct StackBalance {
+  int symbol_handlers, process_handles;
+};
+extern StackBalance stack_balance;
+
+}  // namespace host
+}  // namespace ksomd

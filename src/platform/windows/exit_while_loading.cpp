@@ -1,6 +1,6 @@
-#include "platform/exit_while_loading.h"
-
 #include <cstdlib>
+
+#include "platform/platform.h"
 
 void ksomd::exit_while_loading(int status) {
   std::exit(status);

@@ -1,4 +1,4 @@
-#include "stack_system.h"
+#include "platform/platform.h"
 
 // Structured exceptions are the compiler's, whatever a library header made of the words.
 #undef __try
