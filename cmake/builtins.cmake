@@ -1,7 +1,7 @@
-# The products' compiler supplies the 128-bit division and complex builtins from its run-time,
-# whatever compiler builds this tree. Their objects are taken out of its archive; on the copies
-# hidden symbols become visible, and the math routines that they call by name become the library's
-# own. Sets KSOMD_BUILTIN_OBJECTS.
+# The 128-bit division and complex builtins come from the run-time of clang, whatever compiler builds
+# this tree. Their objects are copied out of its archive. In the copies hidden symbols are made
+# visible, and the math routines that they call are renamed to the library's own. Sets
+# KSOMD_BUILTIN_OBJECTS.
 set(routines divti3 udivti3 udivmodti4 muldc3 mulsc3 mulxc3 divdc3 divsc3 divxc3)
 set(math fabs fabsf fmax fmaxf fmaxl copysign copysignf logb logbf logbl scalbn scalbnf scalbnl)
 

@@ -1,5 +1,5 @@
 # The module-definition file is the one list of exported names and second names, for both targets.
-# The Windows linker reads it as it is. This derives from it, at configure time,
+# The Windows linker reads it directly. For ELF this derives from it, at configure time,
 #   exports.version   for ELF linkers: every exported name global, everything else local
 #   second_names.h    what gives a routine its second names, in the object that defines it
 set(KSOMD_DEF ${CMAKE_SOURCE_DIR}/include/ksomd/libksomd.def)
@@ -23,7 +23,8 @@ function(ksomd_derive_exports)
     if(routine)
       string(MAKE_C_IDENTIFIER ${name} identifier)
       list(APPEND routines ${routine})
-      list(APPEND second_names_of_${routine} "KSOMD_SECOND_NAME(${routine}, \"${name}\", ${identifier})")
+      list(APPEND second_names_of_${routine}
+        "KSOMD_SECOND_NAME(${routine}, \"${name}\", ${identifier})")
     endif()
   endforeach()
   set(definitions "")

@@ -1,4 +1,3 @@
-# Linux on x86-64 with the other compiler and the other linker, to see that nothing leans on one of
-# them.
+# Linux on x86-64 with gcc and GNU ld, to see that nothing depends on clang or lld.
 set(CMAKE_C_COMPILER gcc)
 set(CMAKE_CXX_COMPILER g++)
