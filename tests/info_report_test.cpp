@@ -203,7 +203,7 @@ TEST(InfoReport, TellsEveryTuningField) {
   const Report report = info::make_report(answers.processor(), nullptr);
   EXPECT_EQ(report.caches.level[0].size_kib, 48u);
   std::map<std::string, std::uint64_t> fields;
-  for (const info::TuningField& field : report.tuning) {
+  for (const info::TuningValue& field : report.tuning) {
     fields[field.name] = field.value;
   }
   EXPECT_EQ(fields["l1_size"], 48u * 1024);

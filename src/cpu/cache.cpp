@@ -113,11 +113,12 @@ constexpr std::uint32_t field(std::uint32_t value, unsigned high, unsigned low) 
   return value << (31 - high) >> (31 - high + low);
 }
 
-void read_leaf_4(const Processor& processor, CacheInfo& info) {
+// Reads one of the leaves that describe a cache in each subleaf.
+void read_deterministic_leaf(const Processor& processor, std::uint32_t leaf, CacheInfo& info) {
   constexpr std::uint32_t most_subleaves = 8;
   constexpr std::uint32_t no_more = 0, data = 1, unified = 3;
   for (std::uint32_t subleaf = 0; subleaf < most_subleaves; ++subleaf) {
-    const CpuidResult result = processor.leaf(4, subleaf);
+    const CpuidResult result = processor.leaf(leaf, subleaf);
     const std::uint32_t type = field(result.eax, 4, 0);
     const std::uint32_t level = field(result.eax, 7, 5);
     if (type == no_more) {
@@ -208,13 +209,29 @@ CacheInfo gather_caches(const Processor& processor) {
       info.highest_leaf = processor.leaf(0).eax;
     }
     if (info.highest_leaf >= 4) {
-      read_leaf_4(processor, info);
+      read_deterministic_leaf(processor, 4, info);
     }
     if (info.level[0].size_kib == 0 && info.highest_leaf >= 2) {
       read_leaf_2(processor, info);
     }
   }
   info.ready = 1;
+  return info;
+}
+
+CacheInfo reported_caches(const Processor& processor) {
+  constexpr std::uint32_t extended_range = 0x80000000, extended_leaf = 0x8000001D;
+  CacheInfo info{};
+  if (!processor.has_cpuid(processor.self)) {
+    return info;
+  }
+  info.highest_leaf = processor.leaf(0).eax;
+  if (info.highest_leaf >= 4) {
+    read_deterministic_leaf(processor, 4, info);
+  }
+  if (info.level[0].size_kib == 0 && processor.leaf(extended_range).eax >= extended_leaf) {
+    read_deterministic_leaf(processor, extended_leaf, info);
+  }
   return info;
 }
 

@@ -23,6 +23,11 @@ struct CacheInfo {
 // Gathers what a genuine processor reports; everything is 0 for any other.
 CacheInfo gather_caches(const Processor& processor);
 
+// The caches that a processor of any vendor reports by the leaf that describes one cache in each
+// subleaf: leaf 4, or its counterpart 0x8000001D. Everything but `highest_leaf` is 0 for a processor
+// without such a leaf; `genuine` and `ready` are not set.
+CacheInfo reported_caches(const Processor& processor);
+
 // What CPUID leaf 2's descriptor byte stands for; level 0: no data or unified cache.
 struct CacheDescriptor {
   std::uint8_t level;

@@ -1,5 +1,6 @@
 #include "mem/tuning.h"
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "cpu/feature_table.h"
@@ -31,7 +32,8 @@ void take_largest_cache(std::uint64_t size_kib, Tuning& tuning) {
   tuning.copy_nt_threshold = size_kib * (kib / 2);
 }
 
-Tuning derive_genuine(const Processor& processor, const CacheInfo& caches) {
+// By the formulas for genuine processors.
+Tuning derive_from_caches(const Processor& processor, const CacheInfo& caches) {
   Tuning tuning;
   if (caches.highest_leaf != 0) {
     tuning.mem_class = sse2_class(processor.leaf(1));
@@ -64,6 +66,11 @@ Tuning derive_from_level_2(const Processor& processor) {
   return tuning;
 }
 
+void report_refused_item(const char* item, std::size_t length) {
+  std::fprintf(stderr, "ksomd: KSOMD_MEM_TUNING: \"%.*s\" names no tuning value or gives none\n",
+               static_cast<int>(length), item);
+}
+
 // As early as a program can ask for: a static program's own constructors may call any export.
 [[gnu::constructor(101), gnu::used]] void initialise_at_load() {
   __libkso_mem_tuning_init();
@@ -73,9 +80,15 @@ Tuning derive_from_level_2(const Processor& processor) {
 
 Tuning derive_tuning(const Processor& processor, const CacheInfo& caches) {
   if (caches.genuine != 0) {
-    return derive_genuine(processor, caches);
+    return derive_from_caches(processor, caches);
   }
   return processor.vendor_is(level_2_vendor) ? derive_from_level_2(processor) : Tuning{};
+}
+
+Tuning automatic_tuning(const Processor& processor, const CacheInfo& caches) {
+  const CacheInfo reported = reported_caches(processor);
+  return reported.level[0].size_kib != 0 ? derive_from_caches(processor, reported)
+                                         : derive_tuning(processor, caches);
 }
 
 void check_cache_size(const CacheInfo& caches, const char* debug) {
@@ -92,6 +105,9 @@ void check_cache_size(const CacheInfo& caches, const char* debug) {
 
 void __libkso_mem_tuning_init() {
   const ksomd::CacheInfo caches = ksomd::process_caches();
-  __libkso_mem_tuning = ksomd::mem::derive_tuning(ksomd::hardware_processor, caches);
+  const char* const variable = std::getenv("KSOMD_MEM_TUNING");
+  const char* const text = variable != nullptr ? variable : ksomd::mem::default_tuning_request;
+  __libkso_mem_tuning = ksomd::mem::requested_tuning({ksomd::hardware_processor, caches, text},
+                                                     nullptr, ksomd::mem::report_refused_item);
   ksomd::mem::check_cache_size(caches, std::getenv("__ORVEX_LIBKSO_DEBUG"));
 }

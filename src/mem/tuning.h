@@ -1,6 +1,7 @@
 // Sizes at which the memory routines change their method.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "cpu/cache.h"
@@ -24,6 +25,40 @@ struct Tuning {
 
 // The tuning values of a processor with these caches.
 Tuning derive_tuning(const Processor& processor, const CacheInfo& caches);
+
+// The same by the formulas for genuine processors, from the caches that this processor reports,
+// whatever its vendor; if it reports none, what derive_tuning() gives.
+Tuning automatic_tuning(const Processor& processor, const CacheInfo& caches);
+
+// A tuning value: its name, and its place in Tuning.
+struct TuningField {
+  const char* name;
+  std::size_t offset, size;
+
+  std::uint64_t get(const Tuning& tuning) const;
+  void set(Tuning& tuning, std::uint64_t value) const;
+};
+inline constexpr std::size_t tuning_field_count = 9;
+extern const TuningField tuning_fields[tuning_field_count];
+
+// What KSOMD_MEM_TUNING asks for: items between commas, which apply in their order.
+//
+//   auto          every value as automatic_tuning() gives it
+//   NAME=VALUE    one value: decimal digits, then K, M or G for KiB, MiB or GiB, or nothing
+//
+// `origins`, unless null, receives where each value comes from. Calls refuse(item, length) for an
+// item that is none of these, which changes nothing.
+enum class TuningOrigin { Computed, Automatic, Variable };
+struct TuningRequest {
+  const Processor& processor;
+  const CacheInfo& caches;
+  const char* text;  // null or empty: nothing is asked for
+};
+Tuning requested_tuning(const TuningRequest& request, TuningOrigin (*origins)[tuning_field_count],
+                        void (*refuse)(const char* item, std::size_t length));
+
+// What is asked for where the variable is not set: chosen when the library is built.
+extern const char* const default_tuning_request;
 
 // Ends the process with message 61 if the processor is a genuine one whose level-1 size is 0 and
 // `debug`, the value of the debug variable or null, is not empty.

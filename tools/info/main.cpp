@@ -13,7 +13,7 @@ using namespace ksomd::info;
 constexpr int fulfilled = 0, not_fulfilled = 1, wrong_usage = 2, not_written = 3;
 
 constexpr char usage[] =
-    "usage: ksomd-info [--json | --require NAMES | --version | --help]\n"
+    "usage: ksomd-info [--json | --require NAMES | --tune | --version | --help]\n"
     "\n"
     "Prints what the ksomd library finds on this processor: its features and why others are\n"
     "missing, the outcome of each start-up check, caches, tuning values, and the variant that\n"
@@ -23,16 +23,21 @@ constexpr char usage[] =
     "  --require NAMES  nothing but the named features that are missing, one a line with the\n"
     "                   reason; NAMES are separated by commas, in letters of either case: AVX2,\n"
     "                   sse4.1, SSE4_1\n"
+    "  --tune           measures copies, moves and fills on this machine, some seconds, and "
+    "prints\n"
+    "                   the setting of KSOMD_MEM_TUNING that suits it\n"
     "  --version        the library's version\n"
     "  --help           this text\n"
     "\n"
     "Exit status: 0, with --require only if every named feature is there; 1, a named feature is\n"
     "missing; 2, wrong usage or a name that no feature has; 3, the output cannot be written.\n"
     "\n"
-    "The variable ORVEX_ISA_DISABLE switches features off here as it does in every program.\n";
+    "The variable ORVEX_ISA_DISABLE switches features off here as it does in every program,\n"
+    "and KSOMD_MEM_TUNING sets tuning values.\n";
 
 Report this_processor() {
-  return make_report(ksomd::hardware_processor, std::getenv("ORVEX_ISA_DISABLE"));
+  return make_report(ksomd::hardware_processor, std::getenv("ORVEX_ISA_DISABLE"),
+                     std::getenv("KSOMD_MEM_TUNING"));
 }
 
 int require(const char* list) {
@@ -70,6 +75,11 @@ int run(int count, char** words) {
     print_text(this_processor());
   } else if (option == "--json" && count == 2) {
     print_json(this_processor());
+  } else if (option == "--tune" && count == 2) {
+    if (!tune()) {
+      std::fprintf(stderr, "ksomd-info: not enough memory to measure in\n");
+      return not_written;
+    }
   } else if (option == "--version" && count == 2) {
     std::printf("ksomd %s\n", KSOMD_VERSION);
   } else if (option == "--help" && count == 2) {

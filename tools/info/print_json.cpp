@@ -125,12 +125,27 @@ void print_sizes(const Report& report) {
   }
   std::printf("\n  ],\n  \"tuning\": {");
   Separator fields;
-  for (const TuningField& field : report.tuning) {
+  for (const TuningValue& field : report.tuning) {
     fields.print();
     std::printf("%s: %llu", quoted(field.name).c_str(),
                 static_cast<unsigned long long>(field.value));
   }
-  std::printf("\n  },\n");
+  std::printf("\n  },\n  \"tuning_origin\": {");
+  Separator origins;
+  for (const TuningValue& field : report.tuning) {
+    origins.print();
+    std::printf("%s: {\"from\": %s, \"auto\": %llu}", quoted(field.name).c_str(),
+                quoted(origin_name(field.origin)).c_str(),
+                static_cast<unsigned long long>(field.automatic));
+  }
+  std::printf("\n  },\n  \"tuning_variable\": {\"value\": %s, \"refused\": [",
+              quoted(report.tuning_request).c_str());
+  const char* comma = "";
+  for (const std::string& item : report.refused_items) {
+    std::printf("%s%s", comma, quoted(item).c_str());
+    comma = ", ";
+  }
+  std::printf("]},\n");
 }
 
 void print_dispatch(const Report& report) {

@@ -99,8 +99,17 @@ void print_sizes(const Report& report) {
     }
   }
   std::printf("\nTuning of the memory routines (sizes in bytes)\n");
-  for (const TuningField& field : report.tuning) {
-    std::printf("  %-20s %12llu\n", field.name, static_cast<unsigned long long>(field.value));
+  std::printf("  %-20s %12s  %-16s %12s\n", "", "value", "from", "auto gives");
+  for (const TuningValue& field : report.tuning) {
+    std::printf("  %-20s %12llu  %-16s %12llu\n", field.name,
+                static_cast<unsigned long long>(field.value), origin_name(field.origin),
+                static_cast<unsigned long long>(field.automatic));
+  }
+  if (!report.tuning_request.empty()) {
+    std::printf("KSOMD_MEM_TUNING: %s\n", report.tuning_request.c_str());
+  }
+  for (const std::string& item : report.refused_items) {
+    std::printf("  \"%s\" there names no tuning value or gives none\n", item.c_str());
   }
 }
 

@@ -77,21 +77,22 @@ Identity identify(const Processor& processor) {
   return identity;
 }
 
-std::vector<TuningField> fields_of(const mem::Tuning& tuning) {
-#define KSOMD_FIELD(name)                          \
-  {                                                \
-    #name, static_cast<std::uint64_t>(tuning.name) \
+// Items that a request holds in vain; the library reports them one at a time, without a context.
+std::vector<std::string> refused;
+
+void add_tuning(const Processor& processor, const char* request, Report& report) {
+  report.tuning_request = request != nullptr ? request : mem::default_tuning_request;
+  mem::TuningOrigin origins[mem::tuning_field_count];
+  refused.clear();
+  const mem::Tuning tuning = mem::requested_tuning(
+      {processor, report.caches, report.tuning_request.c_str()}, &origins,
+      [](const char* item, std::size_t length) { refused.emplace_back(item, length); });
+  const mem::Tuning automatic = mem::automatic_tuning(processor, report.caches);
+  for (std::size_t i = 0; i < mem::tuning_field_count; ++i) {
+    const mem::TuningField& field = mem::tuning_fields[i];
+    report.tuning.push_back({field.name, field.get(tuning), origins[i], field.get(automatic)});
   }
-  return {KSOMD_FIELD(largest_cache_size),
-          KSOMD_FIELD(copy_nt_threshold),
-          KSOMD_FIELD(l1_size),
-          KSOMD_FIELD(l1_half),
-          KSOMD_FIELD(l1_quarter),
-          KSOMD_FIELD(rep_movsb_threshold),
-          KSOMD_FIELD(avx512_nt_threshold),
-          KSOMD_FIELD(rep_stosb_threshold),
-          KSOMD_FIELD(mem_class)};
-#undef KSOMD_FIELD
+  report.refused_items = refused;
 }
 
 char lower(char c) {
@@ -124,7 +125,8 @@ std::span<const Family> families() {
   return table;
 }
 
-Report make_report(const Processor& processor, const char* disabled_names) {
+Report make_report(const Processor& processor, const char* disabled_names,
+                   const char* tuning_request) {
   Report report{};
   report.identity = identify(processor);
   report.disabled = disabled_names == nullptr ? "" : disabled_names;
@@ -144,7 +146,7 @@ Report make_report(const Processor& processor, const char* disabled_names) {
                               level->required.words[1] & ~report.features[1]}});
   }
   report.caches = gather_caches(processor);
-  report.tuning = fields_of(mem::derive_tuning(processor, report.caches));
+  add_tuning(processor, tuning_request, report);
   return report;
 }
 
@@ -185,6 +187,11 @@ std::vector<std::string> split(std::string_view list) {
     list.remove_prefix(std::min(length + 1, list.size()));
   }
   return parts;
+}
+
+const char* origin_name(mem::TuningOrigin origin) {
+  constexpr const char* names[] = {"computed", "auto", "KSOMD_MEM_TUNING"};
+  return names[static_cast<int>(origin)];
 }
 
 const char* level_message(const Level& level) {

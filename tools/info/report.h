@@ -39,9 +39,12 @@ struct Family {
 };
 std::span<const Family> families();
 
-struct TuningField {
+// A tuning value, where it comes from, and what "auto" would make of it.
+struct TuningValue {
   const char* name;
   std::uint64_t value;
+  mem::TuningOrigin origin;
+  std::uint64_t automatic;
 };
 
 struct Report {
@@ -52,10 +55,15 @@ struct Report {
   Explanation explanations[isa_id_count];
   std::vector<LevelOutcome> levels;
   CacheInfo caches;
-  std::vector<TuningField> tuning;
+  std::vector<TuningValue> tuning;
+  std::string tuning_request;              // what KSOMD_MEM_TUNING says, or stands for
+  std::vector<std::string> refused_items;  // those in it that ask for nothing known
 };
 
-Report make_report(const Processor& processor, const char* disabled_names);
+// `disabled_names` and `tuning_request`: the values of ORVEX_ISA_DISABLE and KSOMD_MEM_TUNING; null
+// where they are not set.
+Report make_report(const Processor& processor, const char* disabled_names,
+                   const char* tuning_request = nullptr);
 
 // Why the feature is not present, as a sentence's end; empty for one that is.
 std::string reason(const Report& report, int id);
@@ -69,6 +77,13 @@ std::vector<std::string> split(std::string_view list);
 
 void print_text(const Report& report);
 void print_json(const Report& report);
+
+// "computed", "auto" or "KSOMD_MEM_TUNING".
+const char* origin_name(mem::TuningOrigin origin);
+
+// Measures copies, moves and fills on this processor, with progress on standard error, and prints
+// the setting of KSOMD_MEM_TUNING that suits it. False if the memory for it is not there.
+bool tune();
 
 // What a program would print whose start-up check fails, without the lines around it: the message.
 const char* level_message(const Level& level);
