@@ -1,33 +1,32 @@
 #include "traceback/program/program.h"
 
 // A compiler may make one call of the two. It then belongs to no line, least of all the one before.
-[[gnu::noinline, clang::disable_tail_calls]] int program_middle(CallSites& sites, Step step,
-                                                                void* user) {
-  NOT_HERE(sites, "program_middle");
-  if (user == nullptr) {
-    library_entry(sites, step, nullptr);
+TRACED int program_middle(CallSites& sites, Step step, bool either) {
+  RECORD(false);
+  if (either) {
+    library_entry(sites, step);
   } else {
-    library_entry(sites, step, user);
+    library_entry(sites, step);
   }
   return 4;
 }
 
-[[gnu::noinline]] void program_leaves(CallSites& sites, Step step, void* user) {
-  NOT_HERE(sites, "program_leaves");
-  library_entry(sites, step, user);
-  throw Left{};
+[[gnu::noinline]] void program_leaves(CallSites& sites, Step step, void* place[]) {
+  RECORD(false);
+  library_entry(sites, step);
+  __builtin_longjmp(place, 1);
 }
 
-[[gnu::noinline, gnu::section(".text.together")]] void program_ends_in_a_call(CallSites& sites,
-                                                                              Step step,
-                                                                              void* user) {
-  HERE(sites, "program_ends_in_a_call"), program_leaves(sites, step, user);
+#define TOGETHER [[gnu::section(".text.together")]]
+TOGETHER TRACED void program_ends_in_a_call(CallSites& sites, Step step, void* place[]) {
+  RECORD(true), program_leaves(sites, step, place);
 }
 
-[[gnu::section(".text.together")]] int program_follows() {
+TOGETHER int program_follows() {
   return 5;
 }
 
-[[gnu::section(".text.together")]] int program_ends() {
+TOGETHER int program_ends() {
+  __asm__("nop; .globl program_inside; program_inside: nop");
   return 6;
 }
