@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -12,13 +12,13 @@
 #include "support/effort.h"
 #ifndef _WIN32
 #include <dlfcn.h>
-
-extern "C" const char __executable_start;
+#include <unistd.h>
 #endif
 
 namespace {
 
 std::vector<std::uint64_t> counters;
+int walk_line, start_line;
 
 ksomd_pc_info info_at(std::uint64_t pc) {
   ksomd_pc_info info;
@@ -26,56 +26,96 @@ ksomd_pc_info info_at(std::uint64_t pc) {
   return info;
 }
 
-TRACED int note_walk(CallSites& sites) {
+std::string name_at(int (*routine)()) {
+  return info_at(reinterpret_cast<std::uint64_t>(routine)).routine;
+}
+
+TRACED int note_walk() {
+  counters.clear();
   const auto note = [](const void* frame, void*, std::int32_t skip) {
     counters.insert(counters.end(), skip != 0 ? 0 : 1, tbk_getPC(frame));
     return 0;
   };
-  counters.clear();
-  return RECORD(true), tbk_trace_stack(nullptr, nullptr, note, 1) == 0 ? 1 : 0;
+  return walk_line = __LINE__, tbk_trace_stack(nullptr, nullptr, note, 1) == 0 ? 1 : 0;
 }
 
-TRACED int start(CallSites& sites, bool either) {
-  return RECORD(true), program_middle(sites, note_walk, either) + 1;
+TRACED int start() {
+  return start_line = __LINE__, program_middle(note_walk) + 1;
 }
 
-// The innermost frames of the walk, in the library or not, are those of the sites.
-void check_sites(const CallSites& sites, const std::string& in_library) {
-  ASSERT_EQ(static_cast<std::size_t>(sites.count), in_library.size());
-  ASSERT_GT(counters.size(), in_library.size() + 1);
-  for (std::size_t i = 0; i < in_library.size(); ++i) {
-    const CallSite& site = sites.sites[in_library.size() - 1 - i];
+#ifndef _WIN32
+// Another reader of the line tables is the oracle: the byte behind a call may belong to the call's
+// line, and return addresses do.
+void check_lines(const std::vector<std::uint64_t>& addresses, bool returns) {
+  const std::string path = testing::TempDir() + "lines" + std::to_string(getpid());
+  const std::string command = "llvm-symbolizer-22 --no-inlines --functions=none >" + path;
+  std::FILE* const reader = popen(command.c_str(), "w");
+  for (const std::uint64_t pc : addresses) {
+    Dl_info image = {};
+    dladdr(reinterpret_cast<void*>(pc), &image);
+    const auto offset = pc - reinterpret_cast<std::uint64_t>(image.dli_fbase);
+    std::fprintf(reader, "%s %lu\n%s %lu\n", image.dli_fname, offset - 1, image.dli_fname, offset);
+  }
+  pclose(reader);
+  std::ifstream lines(path);
+  for (const std::uint64_t pc : addresses) {
+    std::string before, line, empty;
+    std::getline(std::getline(lines, before), empty);
+    std::getline(std::getline(lines, line), empty);
+    const ksomd_pc_info info = info_at(pc);
+    const std::string wanted = info.file + (':' + std::string(info.line)) + ':';
+    const auto* const code = reinterpret_cast<const std::uint8_t*>(pc);
+    const bool call = code[-5] == 0xE8 || code[-2] == 0xFF || code[-3] == 0xFF;
+    EXPECT_NE(((call ? before : "") + (returns ? "" : line))
+                  .find(info.file == std::string("Unknown") ? "??:0:" : wanted),
+              std::string::npos)
+        << info.routine << ' ' << wanted << ' ' << before << ' ' << line;
+  }
+  std::remove(path.c_str());
+}
+
+TEST(Program, HasTheLinesOfItsLineTable) {
+  std::vector<std::uint64_t> addresses(5000,
+                                       reinterpret_cast<std::uint64_t>(program_inside) - 4000);
+  for (std::size_t i = 0; i < addresses.size(); ++i) {
+    addresses[i] += i;
+  }
+  check_lines(addresses, false);
+}
+#endif
+
+// The innermost frames of the walk, in the library or not.
+void check_frames(const std::string& caller, const std::string& start) {
+  const std::string routines[] = {"note_walk", "library_inner", "library_entry", caller, start};
+  ASSERT_GT(counters.size(), 6u);
+  counters.resize(5);
+  for (std::size_t i = 0; i < 5; ++i) {
     const ksomd_pc_info info = info_at(counters[i]);
-    SCOPED_TRACE(testing::Message() << info.routine << ' ' << info.file << ' ' << info.line);
     char image[260];
     tbk_getModuleName(counters[i], image, sizeof image, nullptr);
-    EXPECT_TRUE(std::string(image).starts_with(in_library[i] == '1' ? "traceback_library"
-                                                                    : "traceback_program"));
-    EXPECT_STREQ(info.routine, site.routine);
-    EXPECT_TRUE(std::string(info.file).ends_with(site.file));
-    EXPECT_EQ(info.line == std::to_string(site.line), site.here) << site.line;
+    EXPECT_EQ(info.routine, routines[i]);
+    EXPECT_TRUE(std::string(image).starts_with(i == 1 || i == 2 ? "traceback_library"
+                                                                : "traceback_program"));
   }
-}
-
-TEST(Program, ShowsRoutinesFilesAndLines) {
-  CallSites sites = {};
-  ASSERT_EQ(start(sites, false), 5);
-  check_sites(sites, "01100");
-#if defined __clang__ && defined __OPTIMIZE__
-  EXPECT_STREQ(info_at(counters[3]).line, "0") << "one call for two lines belongs to none";
+  EXPECT_EQ(info_at(counters[0]).line, std::to_string(walk_line));
+#ifndef _WIN32
+  check_lines(counters, true);
 #endif
 }
 
+TEST(Program, ShowsRoutinesFilesAndLines) {
+  ASSERT_EQ(start(), 5);
+  check_frames("program_middle", "start");
+  EXPECT_EQ(info_at(counters[4]).line, std::to_string(start_line));
+  EXPECT_TRUE(std::string(info_at(counters[4]).file).ends_with("traceback/program_test.cpp"));
+}
+
 TEST(Program, ShowsTheCallerOfARoutineThatDoesNotReturn) {
-  CallSites sites = {};
   void* place[5];
   if (__builtin_setjmp(place) == 0) {
-    program_ends_in_a_call(sites, note_walk, place);
+    program_ends_in_a_call(note_walk, place);
   }
-  check_sites(sites, "01100");
-  const auto name_at = [](int (*routine)()) {
-    return std::string(info_at(reinterpret_cast<std::uint64_t>(routine)).routine);
-  };
+  check_frames("program_leaves", "program_ends_in_a_call");
   EXPECT_EQ(name_at(program_ends), "program_ends") << "no call before it";
 #ifndef _WIN32
   if (!ksomd::test::sanitized) {  // whose code stands behind the call
@@ -84,36 +124,5 @@ TEST(Program, ShowsTheCallerOfARoutineThatDoesNotReturn) {
   }
 #endif
 }
-
-#ifndef _WIN32
-// Another reader of the line table is the oracle, byte by byte. The byte behind a call may belong
-// to the call's line.
-TEST(Program, HasTheLinesOfItsLineTable) {
-  const auto base = reinterpret_cast<std::uint64_t>(&__executable_start);
-  const std::uint64_t first = reinterpret_cast<std::uint64_t>(program_inside) - 4000;
-  Dl_info program = {};
-  dladdr(&__executable_start, &program);
-  std::string command = "llvm-symbolizer-22 --no-inlines --functions=none --obj=";
-  command += program.dli_fname;
-  for (std::uint64_t pc = first; pc < first + 5000; ++pc) {
-    command += ' ' + std::to_string(pc - base);
-  }
-  std::FILE* const reader = popen(command.c_str(), "r");
-  std::string before;
-  for (std::uint64_t pc = first; pc < first + 5000; ++pc) {
-    char line[4096] = "", empty[4];
-    std::fgets(line, sizeof line, reader), std::fgets(empty, sizeof empty, reader);
-    const ksomd_pc_info info = info_at(pc);
-    const std::string unknown = "Unknown", where = info.file + (':' + std::string(info.line)) + ':';
-    const std::string wanted = info.file == unknown ? "??:0:" : where;
-    const auto* const code = reinterpret_cast<const std::uint8_t*>(pc);
-    const bool behind_call = code[-5] == 0xE8 || code[-2] == 0xFF || code[-3] == 0xFF;
-    EXPECT_NE(((behind_call ? before : "") + line).find(wanted), std::string::npos)
-        << pc - base << ' ' << wanted << ' ' << line;
-    before = line;
-  }
-  pclose(reader);
-}
-#endif
 
 }  // namespace

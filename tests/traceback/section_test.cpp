@@ -1,7 +1,6 @@
 // The decoder of trace sections and the reader of image headers, as functions of bytes.
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <fstream>
 
 #include "support/child_process.h"
@@ -121,19 +120,6 @@ TEST_F(TraceSection, IsFoundInDamagedImagesAsTheReferenceFindsIt) {
     ASSERT_TRUE(!wanted || (found.offset == wanted->offset && found.size == wanted->size))
         << pasted(placed);
   });
-}
-
-// Megabytes made to keep a careless decoder busy: items that select the last of as many files.
-TEST_F(TraceSection, IsReadInLinearTime) {
-  constexpr std::size_t many = 1 << 19;
-  Data items;
-  for (std::size_t i = 0; i < many; ++i) {
-    items.insert(items.end(), {3, 255, 255, 7, 0, 7, 0});
-  }
-  const Data section = Data(many, 0) + block(0, UINT32_MAX, std::vector<std::string>(many), items);
-  const std::clock_t start = std::clock();
-  EXPECT_EQ(look_up({section.data(), section.size()}, many, 0), "Unknown |  | 0");
-  EXPECT_LT(std::clock() - start, 2 * CLOCKS_PER_SEC);
 }
 
 // The seeds of the fuzzer: an image whose trace section is the sample, for some counters.
