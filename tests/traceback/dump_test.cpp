@@ -52,6 +52,21 @@ std::string text_of(const Frames& frames, bool brief) {
   return text;
 }
 
+TEST(Dump, ShowsThisStack) {
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  Recorder recorder;
+  ASSERT_EQ(recorder.walk(&context), 0u);
+  for (const bool brief : {false, true}) {
+    const std::string text = text_of(recorder.frames, brief);
+    std::string buffer(text.size() + 59, '\0');
+    EXPECT_EQ(string_stack_signal(&context, buffer.data(), buffer.size(), brief, 1), text.size());
+    EXPECT_STREQ(buffer.c_str(), text.c_str());
+  }
+}
+
+#ifndef _WIN32
+
 // What a dump of this text, with this error behind it, leaves in a buffer of that size, and the
 // result.
 using Outcome = std::pair<std::string, std::uint64_t>;
@@ -68,21 +83,6 @@ Outcome outcome_of(const std::string& text, const std::string& error, std::uint6
   const std::uint64_t used = text.size() + (error.empty() ? 0 : error.size() + 1);
   return {((text.empty() ? before : text) + error).substr(0, size - 1), std::min(size, used)};
 }
-
-TEST(Dump, ShowsThisStack) {
-  CONTEXT context;
-  RtlCaptureContext(&context);
-  Recorder recorder;
-  ASSERT_EQ(recorder.walk(&context), 0u);
-  for (const bool brief : {false, true}) {
-    const std::string text = text_of(recorder.frames, brief);
-    std::string buffer(text.size() + 59, '\0');
-    EXPECT_EQ(string_stack_signal(&context, buffer.data(), buffer.size(), brief, 1), text.size());
-    EXPECT_STREQ(buffer.c_str(), text.c_str());
-  }
-}
-
-#ifndef _WIN32
 
 // Frames of the test's own, in place of the walker's; behind the last one the walk fails.
 Frames script;

@@ -12,13 +12,14 @@
 namespace ksomd::test {
 
 #define ENTRY(name) inline const auto name = entry<decltype(tbk_##name)>("tbk_" #name);
-#define ENTRIES                                                                    \
-  ENTRY(trace_stack)                                                               \
-  ENTRY(trace_stack_impl)                                                          \
-  ENTRY(getPC)                                                                     \
-  ENTRY(getRetAddr)                                                                \
-  ENTRY(getFramePtr) ENTRY(geterrorstring) ENTRY(getModuleName) ENTRY(get_pc_info) \
-      ENTRY(get_pc_info_pie) ENTRY(string_stack_signal) ENTRY(string_stack_signal_impl)
+#define ENTRIES                                                                        \
+  ENTRY(trace_stack)                                                                   \
+  ENTRY(trace_stack_impl)                                                              \
+  ENTRY(getPC)                                                                         \
+  ENTRY(getRetAddr)                                                                    \
+  ENTRY(getFramePtr)                                                                   \
+  ENTRY(geterrorstring) ENTRY(getModuleName) ENTRY(get_pc_info) ENTRY(get_pc_info_pie) \
+      ENTRY(string_stack_signal) ENTRY(string_stack_signal_impl)
 ENTRIES
 
 template <class Object>

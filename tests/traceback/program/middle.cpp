@@ -4,13 +4,13 @@ TRACED int program_middle(Step step) {
   return library_entry(step) + 1;
 }
 
-[[gnu::noinline]] void program_leaves(Step step, void* place[]) {
+[[gnu::noinline]] void program_leaves(Step step, std::jmp_buf& place) {
   library_entry(step);
-  __builtin_longjmp(place, 1);
+  std::longjmp(place, 1);  // NOLINT(cert-err52-cpp)
 }
 
 #define TOGETHER [[gnu::section(".text.together")]]
-TOGETHER TRACED void program_ends_in_a_call(Step step, void* place[]) {
+TOGETHER TRACED void program_ends_in_a_call(Step step, std::jmp_buf& place) {
   program_leaves(step, place);
 }
 

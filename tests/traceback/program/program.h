@@ -1,6 +1,8 @@
 // Calls that cross between a program and a shared library of its own.
 #pragma once
 
+#include <csetjmp>
+
 #define TRACED [[gnu::noinline, clang::disable_tail_calls]]
 
 using Step = int (*)();
@@ -13,8 +15,8 @@ int program_middle(Step step);
 
 // Calls the library, which calls step, and does not return; what calls that ends in the call, and
 // program_follows in the file, and program_ends that. program_inside stands within a line.
-[[noreturn]] void program_leaves(Step step, void* place[]);
-void program_ends_in_a_call(Step step, void* place[]);
+[[noreturn]] void program_leaves(Step step, std::jmp_buf& place);
+void program_ends_in_a_call(Step step, std::jmp_buf& place);
 int program_follows();
 int program_ends();
 extern "C" void program_inside();
