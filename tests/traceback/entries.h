@@ -12,14 +12,15 @@
 namespace ksomd::test {
 
 #define ENTRY(name) inline const auto name = entry<decltype(tbk_##name)>("tbk_" #name);
-#define ENTRIES                                                                        \
-  ENTRY(trace_stack)                                                                   \
-  ENTRY(trace_stack_impl)                                                              \
-  ENTRY(getPC)                                                                         \
-  ENTRY(getRetAddr)                                                                    \
-  ENTRY(getFramePtr)                                                                   \
-  ENTRY(geterrorstring) ENTRY(getModuleName) ENTRY(get_pc_info) ENTRY(get_pc_info_pie) \
-      ENTRY(string_stack_signal) ENTRY(string_stack_signal_impl)
+#define ENTRIES                                                                             \
+  ENTRY(trace_stack)                                                                        \
+  ENTRY(trace_stack_impl)                                                                   \
+  ENTRY(getPC)                                                                              \
+  ENTRY(getRetAddr)                                                                         \
+  ENTRY(getFramePtr)                                                                        \
+  ENTRY(geterrorstring)                                                                     \
+  ENTRY(getModuleName) ENTRY(get_pc_info) ENTRY(get_pc_info_pie) ENTRY(string_stack_signal) \
+      ENTRY(string_stack_signal_impl)
 ENTRIES
 
 template <class Object>
@@ -32,8 +33,10 @@ struct Recorder {
   std::uint32_t last = UINT32_MAX;
   std::int32_t wish = 0;
   void (*action)() = [] {};
+  // NOLINTBEGIN(readability-redundant-member-init): the compiler asks for it
   std::vector<STACKFRAME64> frames = {};
   std::string skips = {};  // the skip flags, a digit a frame
+  // NOLINTEND(readability-redundant-member-init)
 
   std::uint32_t walk(const void* context, std::uint32_t direct = 1) {
     return trace_stack(context, this, record, direct);

@@ -49,6 +49,7 @@ TRACED int start() {
 void check_lines(const std::vector<std::uint64_t>& addresses, bool returns) {
   const std::string path = testing::TempDir() + "lines" + std::to_string(getpid());
   const std::string command = "llvm-symbolizer-22 --no-inlines --functions=none >" + path;
+  // NOLINTNEXTLINE(bugprone-command-processor): no word of the command comes from outside
   std::FILE* const reader = popen(command.c_str(), "w");
   for (const std::uint64_t pc : addresses) {
     Dl_info image = {};

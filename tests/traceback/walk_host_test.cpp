@@ -132,6 +132,10 @@ TEST(Registers, AreFollowedFromFrameToFrame) {
     wanted.Rsp = wanted.Rbx;
     wanted.Rip = caller;
   }
+  Recorder flat;
+  context.Rip = address_of(keeps);
+  EXPECT_EQ(flat.walk(&context), 0u);
+  EXPECT_EQ(flat.frames.size(), 1u);
 }
 
 Recorder recorder;
