@@ -11,17 +11,19 @@
 
 namespace ksomd::test {
 
-#define ENTRY(name) inline const auto name = entry<decltype(tbk_##name)>("tbk_" #name);
-#define ENTRIES                                                                             \
-  ENTRY(trace_stack)                                                                        \
-  ENTRY(trace_stack_impl)                                                                   \
-  ENTRY(getPC)                                                                              \
-  ENTRY(getRetAddr)                                                                         \
-  ENTRY(getFramePtr)                                                                        \
-  ENTRY(geterrorstring)                                                                     \
-  ENTRY(getModuleName) ENTRY(get_pc_info) ENTRY(get_pc_info_pie) ENTRY(string_stack_signal) \
-      ENTRY(string_stack_signal_impl)
-ENTRIES
+#define KSOMD_ENTRY(name) inline const auto name = entry<decltype(tbk_##name)>("tbk_" #name);
+KSOMD_ENTRY(trace_stack)
+KSOMD_ENTRY(trace_stack_impl)
+KSOMD_ENTRY(getPC)
+KSOMD_ENTRY(getRetAddr)
+KSOMD_ENTRY(getFramePtr)
+KSOMD_ENTRY(geterrorstring)
+KSOMD_ENTRY(getModuleName)
+KSOMD_ENTRY(get_pc_info)
+KSOMD_ENTRY(get_pc_info_pie)
+KSOMD_ENTRY(string_stack_signal)
+KSOMD_ENTRY(string_stack_signal_impl)
+#undef KSOMD_ENTRY
 
 template <class Object>
 std::uint64_t address_of(Object* object) {
