@@ -1,116 +1,55 @@
 // Dumps: their text, and where they are cut.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cinttypes>
-#include <cstdarg>
-#include <numeric>
 
 #include "support/operand.h"
+#include "support/sweep.h"
 #include "traceback/entries.h"
 #include "traceback/module_name.h"
-#ifndef _WIN32
-#include "support/sweep.h"
-#include "traceback/image_host.h"
-#endif
 
 namespace ksomd::test {
 namespace {
 
-const std::string notice = "\nStack trace buffer overflow; further frames not shown.\n";
-const std::string headings[] = {
-    "\n\nTraceback symbolic or hex stack dump follows:\n\n",
-    "Image              PC                Routine            Line        Source             \n"};
+using Frames = std::vector<STACKFRAME64>;
 
-[[gnu::format(printf, 1, 2)]] std::string printed(const char* format, ...) {
-  char text[4096];
-  std::va_list values;
-  va_start(values, format);
-  std::vsnprintf(text, sizeof text, format, values);
-  va_end(values);
-  return text;
-}
+#define ADD(...) (std::snprintf(part, sizeof part, __VA_ARGS__), text += part)
+#define HEX "%016" PRIX64
 
-std::string address_line(const std::string& name, const ADDRESS64& address) {
-  const char* const modes[] = {"AddrMode1616", "AddrMode1632", "AddrModeReal", "AddrModeFlat",
-                               "Unknown"};
-  return printed("%-17s%016" PRIX64 "  %-18s%04X  %-15s%s\n", (name + ".Offset:").c_str(),
-                 std::uint64_t{address.Offset}, (name + ".Segment:").c_str(),
-                 unsigned{address.Segment}, (name + ".Mode:").c_str(),
-                 modes[std::min<std::size_t>(static_cast<std::size_t>(address.Mode), 4)]);
-}
-
-std::string entry_of(const STACKFRAME64& frame, bool brief, std::size_t frame_number) {
-  const std::uint64_t pc = frame.AddrPC.Offset;
-  const std::string module = module_of(pc);
-  ksomd_pc_info info;
-  get_pc_info(&info, pc, 0, module.c_str());
-  if (brief) {
-    return printed("%-17.17s  %016" PRIX64 "  %-17.17s  %10.10s  %s\n", module.c_str(), pc,
-                   info.routine, info.line, file_name_of(info.file));
-  }
-  const std::uint64_t(parameters)[] = {frame.Params[0], frame.Params[1], frame.Params[2],
-                                       frame.Params[3]};
-  return printed(
-             "--------- Frame # %zu ---------------------------------------\n\n"
-             "Image:         %s\nPC:            %016" PRIX64
-             "\nRoutine name:  %s\n"
-             "Source file:   %s\nLine number:   %s\n\nInfo from StackFrame is:\n\n",
-             frame_number, module.c_str(), pc, info.routine, info.file, info.line) +
-         address_line("PC", frame.AddrPC) + address_line("Return", frame.AddrReturn) +
-         address_line("Frame", frame.AddrFrame) + address_line("Stack", frame.AddrStack) +
-         printed("\nParams[0]:       %016" PRIX64 "  Params[1]:   %016" PRIX64
-                 "\nParams[2]:       %016" PRIX64 "  Params[3]:   %016" PRIX64 "\n\n",
-                 parameters[0], parameters[1], parameters[2], parameters[3]);
-}
-
-// What a dump consists of: the heading and the entries of these frames.
-using Pieces = std::vector<std::string>;
-Pieces pieces_of(const std::vector<STACKFRAME64>& frames, bool brief) {
-  Pieces pieces;
-  for (const STACKFRAME64& frame : frames) {
-    pieces.push_back(entry_of(frame, brief, pieces.size()));
-  }
-  pieces.insert(pieces.begin(), frames.empty() ? 0 : 1, headings[brief]);
-  return pieces;
-}
-
-std::string joined(const Pieces& pieces) {
-  return std::accumulate(pieces.begin(), pieces.end(), std::string());
-}
-
-// The text and the result for a buffer of that size, which held `before`.
-std::pair<std::string, std::uint64_t> expected(const Pieces& pieces, std::uint64_t size,
-                                               const std::string& before,
-                                               const std::string& error) {
-  if (size <= 57) {
-    return {(before + notice).substr(0, size > 0 ? size - 1 : 0), 57};
-  }
-  const std::uint64_t capacity = size - 58;
-  std::string text;
-  for (const std::string& piece : pieces) {
-    text += piece;
-    if (capacity <= text.size()) {
-      text = capacity > 0 ? text.substr(0, capacity - 1) : before;
-      return {(text + notice).substr(0, size - 1), std::min(size, capacity + 57)};
+// The text of a dump that shows these frames, up to one without code.
+std::string text_of(const Frames& frames, bool brief) {
+  char part[4096];
+  std::string text = brief ? "Image              PC                Routine            "
+                             "Line        Source             \n"
+                           : "\n\nTraceback symbolic or hex stack dump follows:\n\n";
+  for (std::size_t i = 0; i < frames.size() && frames[i].AddrPC.Offset != 0; ++i) {
+    const std::uint64_t pc = frames[i].AddrPC.Offset;
+    const std::string module = module_of(pc);
+    ksomd_pc_info at;
+    get_pc_info(&at, pc, 0, nullptr);
+    if (brief) {
+      ADD("%-17.17s  " HEX "  %-17.17s  %10.10s  %s\n", module.c_str(), pc, at.routine, at.line,
+          file_name_of(at.file));
+      continue;
     }
+    ADD("--------- Frame # %zu ---------------------------------------\n\nImage:         %s\n", i,
+        module.c_str());
+    ADD("PC:            " HEX "\nRoutine name:  %s\nSource file:   %s\n", pc, at.routine, at.file);
+    ADD("Line number:   %s\n\nInfo from StackFrame is:\n\n", at.line);
+    const ADDRESS64* address = &frames[i].AddrPC;
+    for (const std::string name : {"PC", "Return", "Frame", "Stack"}) {
+      constexpr const char* modes[] = {"AddrMode1616", "AddrMode1632", "AddrModeReal",
+                                       "AddrModeFlat", "Unknown"};
+      ADD("%-17s" HEX, (name + ".Offset:").c_str(), std::uint64_t{address->Offset});
+      ADD("  %-18s%04X", (name + ".Segment:").c_str(), unsigned{address->Segment});
+      ADD("  %-15s%s\n", (name + ".Mode:").c_str(), modes[static_cast<int>(address++->Mode)]);
+    }
+    for (int parameter = 0; parameter < 4; ++parameter) {
+      constexpr const char* labels[] = {
+          "\nParams[0]:       ", "  Params[1]:   ", "\nParams[2]:       ", "  Params[3]:   "};
+      ADD("%s" HEX, labels[parameter], std::uint64_t{frames[i].Params[parameter]});
+    }
+    text += "\n\n";
   }
-  const std::uint64_t used = text.size() + (error.empty() ? 0 : error.size() + 1);
-  return {((pieces.empty() ? before : text) + error).substr(0, size - 1), std::min(size, used)};
-}
-
-// Dumps into a buffer before a page that faults.
-void check(const CONTEXT& context, const Pieces& pieces, bool brief, std::uint64_t size,
-           std::string before = "", const std::string& error = "") {
-  static Operand memory(65536);
-  char* const buffer = memory.place_values<char>(size, Place::AtEnd);
-  before = before.substr(0, size > 0 ? size - 1 : 0);
-  std::copy_n(before.c_str(), std::min(size, before.size() + 1), buffer);
-  const std::uint64_t result = string_stack_signal(&context, buffer, size, brief ? 9 : 0, 1);
-  ASSERT_EQ(std::pair(std::string(buffer, strnlen(buffer, size)), result),
-            expected(pieces, size, before, error))
-      << "size " << size;
-  ASSERT_TRUE(memory.intact()) << "size " << size;
+  return text;
 }
 
 TEST(Dump, ShowsThisStack) {
@@ -119,113 +58,103 @@ TEST(Dump, ShowsThisStack) {
   Recorder recorder;
   ASSERT_EQ(recorder.walk(&context), 0u);
   for (const bool brief : {false, true}) {
-    const Pieces pieces = pieces_of(recorder.frames, brief);
-    const std::uint64_t needed = joined(pieces).size() + 59;
-    EXPECT_EQ(string_stack_signal(&context, nullptr, 0, brief, 1), needed);
-    check(context, pieces, brief, needed);
-    check(context, pieces, brief, brief ? 150 : needed - 1);
+    const std::string text = text_of(recorder.frames, brief);
+    std::string buffer(text.size() + 59, '\0');
+    EXPECT_EQ(string_stack_signal(&context, buffer.data(), buffer.size(), brief, 1), text.size());
+    EXPECT_STREQ(buffer.c_str(), text.c_str());
   }
 }
 
 #ifndef _WIN32
 
-// Frames of the test's own, in place of the walker's; without an end the walk fails behind them.
-std::vector<STACKFRAME64> script;
+// What a dump of this text, with this error behind it, leaves in a buffer of that size, and the
+// result.
+using Outcome = std::pair<std::string, std::uint64_t>;
+Outcome outcome_of(const std::string& text, const std::string& error, std::uint64_t size,
+                   const std::string& before) {
+  const std::string notice = "\nStack trace buffer overflow; further frames not shown.\n";
+  if (size <= 57) {
+    return {(before + notice).substr(0, size > 0 ? size - 1 : 0), 57};
+  }
+  if (!text.empty() && text.size() + 58 >= size) {
+    const std::string kept = size > 58 ? text.substr(0, size - 59) : before;
+    return {(kept + notice).substr(0, size - 1), size - 1};
+  }
+  const std::uint64_t used = text.size() + (error.empty() ? 0 : error.size() + 1);
+  return {((text.empty() ? before : text) + error).substr(0, size - 1), std::min(size, used)};
+}
+
+// Frames of the test's own, in place of the walker's; behind the last one the walk fails.
+Frames script;
 std::size_t played;
 
-class ScriptedDump : public testing::Test {
- protected:
-  ScriptedDump() {
-    host::stack_faults.stack_walk = [](STACKFRAME64* frame) {
-      if (played == script.size()) {
-        return SetLastError(998), 0;
-      }
-      *frame = script[played++];
-      return 1;
-    };
-  }
-  ~ScriptedDump() override { host::stack_faults = {}; }
-
-  // Frames that differ in everything that is shown, in code with and without a trace section.
-  void set_script(std::size_t count, bool ends) {
-    Random random(1);
-    script.assign(count, {});
-    std::uint32_t mode = 0;
+TEST(Dump, ShowsWhatFits) {
+  const Image image;
+  const CONTEXT wild = {};
+  Operand memory(65536);
+  Random random(seed_of(1));
+  for (int round = 0; round < 400 && !testing::Test::HasFailure(); ++round) {
+    // Frames that differ in everything that is shown, in code with and without a trace section.
+    script.assign(1 + random.below(9), {});
     for (STACKFRAME64& frame : script) {
-      for (ADDRESS64* const each :
-           {&frame.AddrPC, &frame.AddrReturn, &frame.AddrFrame, &frame.AddrStack}) {
-        *each = {random.next(), static_cast<WORD>(random.next()), ADDRESS_MODE{mode++ % 5}};
+      for (ADDRESS64* each = &frame.AddrPC; each <= &frame.AddrStack; ++each) {
+        *each = {random.next(), static_cast<WORD>(random.next()), ADDRESS_MODE(random.below(5))};
       }
       std::ranges::generate(frame.Params, [&] { return random.next(); });
-      frame.AddrPC.Offset = random.one_of({image_.code(), image_.code() + 17, address_of(&script)});
-      frame.AddrReturn.Offset *= !ends || &frame != &script.back() ? 1 : 0;
+      frame.AddrPC.Offset = random.one_of({image.code(), image.code() + 17, address_of(&script)});
     }
-    played = 0;
-  }
-
-  const Image image_;
-  const CONTEXT context_ = {};
-};
-
-TEST_F(ScriptedDump, FillsBuffersOfEverySize) {
-  for (const std::size_t count : {0u, 1u, 3u}) {
-    host::stack_faults.sym_initialize = count == 0 ? 1u << 31 : 0;
-    const std::string error =
-        count == 0 ? "Initialization of symbol handler failed. Error code -2147483648\n"
-                   : "StackWalk is terminated abnormally. Error code 998";
-    for (const auto& [brief, ends] :
-         {std::pair{true, false}, {false, false}, {true, true}, {false, true}}) {
-      set_script(count, ends && count > 0);
-      const Pieces pieces = pieces_of(script, brief);
-      const std::string tail = ends && count > 0 ? "" : error;
-      const std::uint64_t needed = joined(pieces).size() + 59;
-      EXPECT_EQ(string_stack_signal(&context_, nullptr, 0, brief, 1),
-                needed + (tail.empty() ? 0 : tail.size() + 1));
-      for (std::uint64_t size = 0; size < needed + 130 && !HasFatalFailure(); ++size) {
-        const std::string before[] = {"", "held", std::string(200, 'x')};
-        played = 0;
-        check(context_, pieces, brief, size, before[size % 3], tail);
-      }
-    }
-  }
-}
-
-TEST_F(ScriptedDump, ShowsManyFramesUpToOneWithoutCode) {
-  for (const bool brief : {false, true}) {
-    set_script(12, false);
-    const Pieces pieces = pieces_of(script, brief);
-    script.push_back({});
-    script.back().AddrReturn.Offset = 1;
-    check(context_, pieces, brief, 40000);
-    script.erase(script.begin(), script.end() - 1);
-    played = 0;
-    check(context_, {pieces[0]}, brief, 1000);
-  }
-}
-
-TEST_F(ScriptedDump, LeavesOutLeadingFrames) {
-  const struct {
-    std::uint32_t direct, skip;
-    std::size_t left_out;
-  } rows[] = {{1, 0, 0}, {7, 6, 6}, {0, 0, 5}, {0, 8, 5}, {1, 8, 8}, {1, 1000, 8}, {1, 3, 3}};
-  for (const auto& row : rows) {
-    set_script(8, true);
-    char text[10000] = "";
-    const auto first = script.begin() + static_cast<std::ptrdiff_t>(row.left_out);
-    const std::string wanted = joined(pieces_of({first, script.end()}, true));
-    const std::uint64_t length =
-        string_stack_signal_impl(nullptr, text, sizeof text, 1, row.direct, row.skip);
-    EXPECT_TRUE(text == wanted && length == wanted.size()) << row.skip << text;
-    if (row.skip == 3 || row.direct == 0) {
-      played = 0;
-      string_stack_signal(nullptr, text, sizeof text, 1, row.direct);
-      EXPECT_EQ(text, wanted);
-    }
+    enum Last { Fails, HasNoCaller, HasNoCode };
+    const auto last = random.one_of({Fails, HasNoCaller, HasNoCode});
+    script.back().AddrReturn.Offset *= last == HasNoCaller ? 0 : 1;
+    script.back().AddrPC.Offset *= last == HasNoCode ? 0 : 1;
+    const bool brief = random.one_in(2), starts = !random.one_in(8);
+    const CONTEXT* const context = random.one_in(2) ? &wild : nullptr;
+    const auto direct = static_cast<std::uint32_t>(random.below(2));
+    const std::uint32_t skip = random.one_of({0u, 1u, 3u, 6u, 1000u});
+    const std::size_t wanted = context != nullptr ? 0
+                               : direct != 0      ? skip
+                                                  : 5,
+                      left_out = std::min(wanted, script.size());
+    const Frames shown(script.begin() + static_cast<std::ptrdiff_t>(left_out), script.end());
+    host::stack_faults.sym_initialize = starts ? 0 : 1u << 31;
+    host::stack_faults.stack_walk = [](STACKFRAME64* frame) {
+      SetLastError(998);
+      *frame = played < script.size() ? script[played] : *frame;
+      return played++ < script.size() ? 1 : 0;
+    };
     Recorder recorder;
     played = 0;
-    trace_stack_impl(nullptr, &recorder, Recorder::record, row.direct, row.skip);
-    EXPECT_EQ(recorder.skips, std::string(row.left_out, '1') + std::string(8 - row.left_out, '0'));
+    trace_stack_impl(context, &recorder, Recorder::record, direct, skip);
+    const std::string skips = std::string(left_out, '1') + std::string(shown.size(), '0');
+    EXPECT_EQ(recorder.skips, starts ? skips : "");
+    std::string text = shown.empty() || !starts ? "" : text_of(shown, brief), error;
+    if (!starts) {
+      error = "Initialization of symbol handler failed. Error code -2147483648\n";
+    } else if (last == Fails || (last == HasNoCode && shown.empty())) {
+      error = "StackWalk is terminated abnormally. Error code 998";
+    }
+    const auto dump = [&](char* buffer, std::uint64_t size) {
+      played = 0;
+      return skip == 3 ? string_stack_signal(context, buffer, size, brief, direct)
+                       : string_stack_signal_impl(context, buffer, size, brief, direct, skip);
+    };
+    EXPECT_EQ(dump(nullptr, 0), text.size() + 59 + (error.empty() ? 0 : error.size() + 1));
+    for (int i = 0; i < 6; ++i) {
+      const std::uint64_t most = random.one_of({std::size_t{59}, text.size() + 200}),
+                          size =
+                              i % 2 == 0 ? random.below(most) : text.size() + 55 + random.below(5);
+      const std::string before(std::min(random.one_of({0ul, 4ul, 200ul}), size > 0 ? size - 1 : 0),
+                               'x');
+      char* const buffer = memory.place_values<char>(size, Place::AtEnd);
+      std::copy_n(before.c_str(), std::min(size, before.size() + 1), buffer);
+      const std::uint64_t result = dump(buffer, size);
+      EXPECT_EQ(Outcome(std::string(buffer, strnlen(buffer, size)), result),
+                outcome_of(text, error, size, before))
+          << size;
+      EXPECT_TRUE(memory.intact()) << size;
+    }
   }
+  host::stack_faults = {};
 }
 
 #endif

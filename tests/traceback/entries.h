@@ -1,13 +1,13 @@
-// The traceback's routines by their exported names, and what more than one of its tests does.
+// The traceback's routines by their exported names, and what more than one of its tests needs.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "ksomd/traceback.h"
 #include "platform/platform.h"
 #include "support/entry.h"
+#include "support/guarded_memory.h"
+#include "traceback/sample.h"
 
 namespace ksomd::test {
 
@@ -36,8 +36,8 @@ struct Recorder {
   std::int32_t wish = 0;
   void (*action)() = [] {};
   // NOLINTBEGIN(readability-redundant-member-init): the compiler asks for it
-  std::vector<STACKFRAME64> frames{};
-  std::string skips{};  // the skip flags, a digit a frame
+  std::vector<STACKFRAME64> frames = {};
+  std::string skips = {};  // the skip flags, a digit a frame
   // NOLINTEND(readability-redundant-member-init)
 
   std::uint32_t walk(const void* context, std::uint32_t direct = 1) {
@@ -47,18 +47,39 @@ struct Recorder {
     auto& own = *static_cast<Recorder*>(user);
     own.frames.push_back(*static_cast<const STACKFRAME64*>(frame));
     own.skips += std::to_string(skip);
-    if (own.frames.size() < own.last) {
-      return 0;
+    if (own.frames.size() >= own.last) {
+      own.action();
     }
-    own.action();
-    return own.wish;
+    return own.frames.size() >= own.last ? own.wish : 1;
   }
 };
 
 inline std::string module_of(std::uint64_t address) {
   char name[512];
-  getModuleName(address, name, sizeof name, nullptr);
+  std::uint64_t base = 99;
+  getModuleName(address, name, sizeof name, &base);
+  EXPECT_EQ(base, 0u);
   return name;
 }
+
+// A PE image in memory, with headers on its first page and a trace section on its second one.
+struct Image {
+  Image() {
+    const auto routine = [](std::uint64_t at, const std::string& file, const std::string& name) {
+      return block(at, 16, {file}, routine_item(12, at, name) + Data{5, 42, 0, 7, 15});
+    };
+    const Data trace = routine(code(), "dir\\file.f90", "routine") +
+                       routine(code() + 16, "next/" + std::string(300, 'f'), std::string(300, 'n'));
+    put(0, image_headers({".text", ".trace"}, 240));
+    put(size_at, number(trace.size(), 4) + number(4096, 4));
+    put(4096, trace);
+  }
+  void put(std::size_t at, const Data& data) { std::ranges::copy(data, memory.begin() + at); }
+  [[nodiscard]] std::uint64_t code() const { return address_of(memory.begin()) + 0x2000; }
+
+  // Where the headers keep the trace section's size and, 4 bytes on, its place.
+  static constexpr std::size_t size_at = 0x48 + 24 + 240 + 40 + 8;
+  GuardedMemory memory{0x3000};
+};
 
 }  // namespace ksomd::test

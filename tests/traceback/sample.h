@@ -1,17 +1,19 @@
-// Trace sections and images for the tests: a writer for them, and second readers.
+// Trace sections and images for the tests: a writer for them, and a second reader.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <optional>
-#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "traceback/pe_image.h"
 #include "traceback/trace_section.h"
 
 namespace ksomd::test {
+
+// ---- writing ------------------------------------------------------------------------------------
 
 using Data = std::vector<std::uint8_t>;
 
@@ -21,36 +23,29 @@ inline Data operator+(Data left, const Data& right) {
 }
 
 inline Data number(std::uint64_t value, unsigned width) {
-  Data result(width);
-  std::generate(result.begin(), result.end(),
-                [&, i = 0]() mutable { return static_cast<std::uint8_t>(value >> 8 * i++); });
-  return result;
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&value);
+  return {bytes, bytes + width};
 }
 
 inline Data text(const std::string& characters) {
-  return Data(characters.begin(), characters.end());
+  return {characters.begin(), characters.end()};
 }
 
-// An item of a tag and an operand of that width; negative operands in two's complement.
-inline Data item(unsigned tag, std::uint64_t operand = 0, unsigned width = 0) {
-  return number(tag, 1) + number(operand, width);
-}
-
-// Routine items with a 32-bit and a 64-bit address. Byte 1 is not read, and neither is the byte
-// that stands where an empty name would.
+// Routine items with a 32-bit (tag 2) and a 64-bit address (tag 12). Byte 1 is not read, and
+// neither is the byte that stands where an empty name would.
 inline Data routine_item(unsigned tag, std::uint64_t address, const std::string& name) {
-  return number(tag | 0xEE00, 2) + number(name.size(), 2) + number(address, tag == 0x02 ? 4 : 8) +
-         (name.empty() ? Data{0xEE} : text(name));
+  return number(tag | 0xEE00, 2) + number(name.size(), 2) + number(address, tag == 2 ? 4 : 8) +
+         text(name.empty() ? "?" : name);
 }
 
 inline Data block(std::uint64_t start, std::uint32_t range, const std::vector<std::string>& files,
                   const Data& items) {
-  Data entries;
+  Data body;
   for (const std::string& file : files) {
-    entries = entries + number(file.size(), 2) + text(file);
+    body = std::move(body) + number(file.size(), 2) + text(file);
   }
-  return Data{10, 2, 0, 0} + number(26 + entries.size() + items.size(), 4) + number(start, 8) +
-         number(files.size(), 4) + number(range, 4) + Data{0xEE, 0xEE} + entries + items;
+  return number(0x20A, 4) + number(26 + body.size() + items.size(), 4) + number(start, 8) +
+         number(files.size(), 4) + number(range, 4) + Data{0xEE, 0xEE} + body + items;
 }
 
 // The headers of an image; section i is at 4096 (i + 1) and has 0x123 + i bytes.
@@ -65,144 +60,131 @@ inline Data image_headers(const std::vector<std::string>& names, std::size_t opt
   return image;
 }
 
-struct Found {
-  std::string routine = "Unknown", file = "Unknown", line = "Unknown";
-  bool operator==(const Found&) const = default;
-};
+// ---- reading ------------------------------------------------------------------------------------
 
-inline std::ostream& operator<<(std::ostream& stream, const Found& found) {
-  return stream << found.routine << ' ' << found.file << ' ' << found.line;
+// Routine, file and line: in this form the tests compare them.
+inline std::string joined(const std::string& routine, const std::string& file,
+                          const std::string& line) {
+  return routine + " | " + file + " | " + line;
 }
+const std::string unknown = joined("Unknown", "Unknown", "Unknown");
 
-// As it reads in a field: a terminated text of at most 259 characters.
-inline std::string field_of(Bytes name, bool known) {
-  const std::string fits(name.data, name.data + std::min<std::size_t>(name.size, 259));
-  return known ? fits.substr(0, fits.find('\0')) : "Unknown";
+// As a name reads in a field: a terminated text of at most 259 characters.
+inline std::string field_of(const std::string& name) {
+  return name.substr(0, std::min(name.find('\0'), std::size_t{259}));
 }
 
 // What the library's decoder finds.
-inline Found look_up(Bytes section, std::uint64_t pc, std::uint64_t bias) {
+inline std::string look_up(Bytes section, std::uint64_t pc, std::uint64_t bias) {
   Location at = {};
+  const auto field = [](Bytes name, bool known) {
+    return known ? field_of({name.data, name.data + name.size}) : "Unknown";
+  };
   return find_location(section, pc, bias, at)
-             ? Found{field_of(at.routine, at.routine_known), field_of(at.file, at.file_known),
-                     std::to_string(at.line)}
-             : Found{};
+             ? joined(field(at.routine, at.routine_known), field(at.file, at.file_known),
+                      std::to_string(at.line))
+             : unknown;
 }
 
-// The rules of lookups as they read, one after the other. What is not there reads as 0, and fails.
-class Reference {
- public:
-  static Found find(Bytes section, std::uint64_t pc, std::uint64_t bias) {
-    Reference reference{pc, bias};
-    const Found found = reference.find_block(section);
-    return reference.lost_ ? Found{} : found;
+// Reads on and on. What is not there reads as 0, and from then on everything is lost.
+struct Cursor {
+  Bytes from;
+  std::uint64_t at = 0;
+  bool lost = false;
+
+  std::uint64_t number(unsigned width) {
+    std::uint64_t value = 0;
+    for (unsigned i = 0; i < width; ++i, ++at) {
+      lost = lost || at >= from.size;
+      value |= lost ? 0 : std::uint64_t{from.data[at]} << 8 * i;
+    }
+    return value;
+  }
+  std::string text(std::uint64_t size) {
+    std::string characters;
+    for (; size > 0 && !lost; --size) {
+      characters += static_cast<char>(number(1));
+    }
+    return characters;
+  }
+};
+
+// The rules of lookups as they read, one after the other.
+struct Reference {
+  static std::string find(Bytes section, std::uint64_t pc, std::uint64_t bias) {
+    for (std::uint64_t at = 0, length = 1; at < section.size; at += length) {
+      Cursor in{section, at};
+      length = 1;
+      if (section.data[at] != 0) {
+        const bool tagged = in.number(4) == 0x20A;
+        length = in.number(4);
+        const std::uint64_t start = in.number(8), files = in.number(4), range = in.number(4);
+        const std::uint64_t adjustment = start < bias ? bias : 0, first = start + adjustment;
+        in.number(2);
+        if (in.lost || !tagged || length == 0 || length > section.size - at) {
+          break;
+        }
+        if (pc >= first && pc - first < range) {
+          return decode({{section.data + at, length}, 26}, files, pc, adjustment);
+        }
+      }
+    }
+    return unknown;
   }
 
   // The first section named ".trace" in an image's headers.
   static std::optional<SectionPlace> find_section(Bytes image) {
-    Reference all{0, 0};
-    const std::uint64_t pe = all.get(image, 60, 4);
-    const std::uint64_t table = pe + 24 + all.get(image, pe + 20, 2);
-    const std::uint64_t end = table + 40 * all.get(image, pe + 6, 2);
-    const bool valid = all.get(image, 0, 2) == 0x5A4D && pe < 0x80000000;
-    for (std::uint64_t at = table; valid && at < end && !all.lost_; at += 40) {
-      const SectionPlace place{all.get(image, at + 12, 4), all.get(image, at + 8, 4)};
-      all.get(image, at + 32, 8);
-      if (all.get(image, at, 8) == 0x65'63'61'72'74'2E && !all.lost_) {
-        return place;
+    const std::uint64_t pe = Cursor{image, 60}.number(4), count = Cursor{image, pe + 6}.number(2);
+    Cursor table{image, pe + 24 + Cursor{image, pe + 20}.number(2)};
+    for (std::uint64_t i = 0; i < count && Cursor{image}.number(2) == 0x5A4D; ++i) {
+      const std::uint64_t name = table.number(8), size = table.number(4), place = table.number(4);
+      table.text(24);
+      if (name == 0x65'63'61'72'74'2E && !table.lost) {
+        return SectionPlace{place, size};
       }
     }
     return std::nullopt;
   }
 
  private:
-  Reference(std::uint64_t pc, std::uint64_t bias) : pc_(pc), bias_(bias) {}
-
-  std::uint64_t get(Bytes from, std::uint64_t at, unsigned width) {
-    std::uint64_t value = 0;
-    for (unsigned i = 0; i < width; ++i) {
-      lost_ = lost_ || at + i >= from.size;
-      value |= lost_ ? 0 : std::uint64_t{from.data[at + i]} << 8 * i;
-    }
-    return value;
-  }
-
-  std::string name(Bytes from, std::uint64_t at, std::uint64_t length) {
-    get(from, at + length - 1, 1);
-    return lost_ ? "" : field_of({from.data + at, length}, true);
-  }
-
-  Found find_block(Bytes section) {
-    for (std::uint64_t at = 0; at < section.size; ++at) {
-      if (section.data[at] == 0) {
-        continue;
-      }
-      const std::uint64_t length = get(section, at + 4, 4), start = get(section, at + 8, 8);
-      get(section, at + 24, 2);
-      if (lost_ || get(section, at, 4) != 0x20A || length == 0 || length > section.size - at) {
-        return {};
-      }
-      adjustment_ = bias_ != 0 && start < bias_ ? bias_ : 0;
-      if (pc_ >= start + adjustment_ && pc_ - (start + adjustment_) < get(section, at + 20, 4)) {
-        return decode({section.data + at, length});
-      }
-      at += length - 1;
-    }
-    return {};
-  }
-
-  Found decode(Bytes own) {
-    constexpr int operand_sizes[] = {0, -1, 0, 4, 1, 2, 4, 1, 2, 4, -1, -1, 0, 8};
+  static std::string decode(Cursor in, std::uint64_t count, std::uint64_t pc,
+                            std::uint64_t adjustment) {
+    constexpr unsigned none = 99, sizes[] = {0, none, 0, 4, 1, 2, 4, 1, 2, 4, none, none, 0, 8};
     std::vector<std::string> files;
-    std::uint64_t at = 26, line = 0, address = adjustment_, file = 0;
-    for (const std::uint64_t count = get(own, 16, 4); files.size() < count && !lost_;) {
-      files.push_back(name(own, at + 2, get(own, at, 2)));
-      at += 2 + get(own, at, 2);
+    while (files.size() < count && !in.lost) {
+      files.push_back(field_of(in.text(in.number(2))));
     }
     std::string routine = "Unknown";
-    bool named = false;
-    while (at < own.size && !lost_ && !files.empty()) {
-      const std::uint64_t tag = get(own, at++, 1);
-      const int size = tag >= 0xC0 ? 1 : tag >= 0x80 ? 0 : tag > 0x0D ? -1 : operand_sizes[tag];
-      if (size < 0) {
-        return {};
+    std::uint64_t line = 0, address = adjustment, file = 0;
+    while (in.at < in.from.size && !in.lost && count > 0) {
+      const std::uint64_t tag = in.number(1);
+      const unsigned size = tag >= 0xC0 ? 1 : tag >= 0x80 ? 0 : tag > 13 ? none : sizes[tag];
+      if (size == none) {
+        break;
       }
-      const std::uint64_t operand = get(own, at, static_cast<unsigned>(size));
-      const std::int64_t distance = size == 1   ? static_cast<std::int8_t>(operand)
-                                    : size == 2 ? static_cast<std::int16_t>(operand)
-                                                : static_cast<std::int32_t>(operand);
-      at += static_cast<unsigned>(size);
-      if (tag == 0x02 || tag == 0x0C) {
-        const unsigned width = tag == 0x02 ? 4 : 8;
-        const std::uint64_t length = get(own, at + 1, 2), start = get(own, at + 3, width);
-        named = named || length > 0;
-        routine = named ? name(own, at + 3 + width, length) : routine;
-        at += 3 + width + std::max<std::uint64_t>(length, 1);
-        get(own, at - 1, 1);
-        if (start > pc_) {
-          return {};
-        }
-        address = start + adjustment_;
-      } else if (tag == 0x03) {
+      const std::uint64_t operand = in.number(size), sign = size > 0 ? 1ull << (8 * size - 1) : 0;
+      if (tag == 2 || tag == 12) {
+        const std::uint64_t length = in.number(3) >> 8, start = in.number(tag == 2 ? 4 : 8);
+        const std::string name = in.text(std::max(length, std::uint64_t{1}));
+        routine = length > 0 ? field_of(name) : routine == "Unknown" ? routine : "";
+        address = start + adjustment;
+        in.lost = in.lost || start > pc;
+      } else if (tag == 3) {
         file = operand;
-      } else if ((tag >= 0x04 && tag <= 0x06) || tag >= 0xC0) {
-        line += static_cast<std::uint64_t>(distance);
-      } else if (tag >= 0x07 && tag <= 0x09) {
-        address += (operand + 1) & 0xFFFFFFFF;
       } else if (tag >= 0x80) {
-        line += 1;
+        address += (tag & 63) + 1;
+        line += tag >= 0xC0 ? (operand ^ sign) - sign : 1;
+      } else if (tag >= 7 && tag <= 9) {
+        address += (operand + 1) & UINT32_MAX;
+      } else if (tag >= 4 && tag <= 6) {
+        line += (operand ^ sign) - sign;
       }
-      address += tag >= 0x80 ? (tag & 0x3F) + 1 : 0;
-      const bool test = tag >= 0x80 || tag == 0x0D || (tag >= 0x07 && tag <= 0x09);
-      if (test && !lost_ && address >= pc_) {
-        return {routine, file < files.size() ? files[file] : "Unknown", std::to_string(line)};
+      if (tag >= 7 && tag != 12 && !in.lost && address >= pc) {
+        return joined(routine, file < files.size() ? files[file] : "Unknown", std::to_string(line));
       }
     }
-    return {};
+    return unknown;
   }
-
-  std::uint64_t pc_, bias_, adjustment_ = 0;
-  bool lost_ = false;
 };
 
 }  // namespace ksomd::test

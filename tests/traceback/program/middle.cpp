@@ -1,33 +1,24 @@
 #include "traceback/program/program.h"
 
-// A compiler may make one call of the two. It then belongs to no line, least of all the one before.
-[[gnu::noinline, clang::disable_tail_calls]] int program_middle(CallSites& sites, Step step,
-                                                                void* user) {
-  NOT_HERE(sites, "program_middle");
-  if (user == nullptr) {
-    library_entry(sites, step, nullptr);
-  } else {
-    library_entry(sites, step, user);
-  }
-  return 4;
+TRACED int program_middle(Step step) {
+  return library_entry(step) + 1;
 }
 
-[[gnu::noinline]] void program_leaves(CallSites& sites, Step step, void* user) {
-  NOT_HERE(sites, "program_leaves");
-  library_entry(sites, step, user);
-  throw Left{};
+[[gnu::noinline]] void program_leaves(Step step, std::jmp_buf& place) {
+  library_entry(step);
+  std::longjmp(place, 1);  // NOLINT(cert-err52-cpp)
 }
 
-[[gnu::noinline, gnu::section(".text.together")]] void program_ends_in_a_call(CallSites& sites,
-                                                                              Step step,
-                                                                              void* user) {
-  HERE(sites, "program_ends_in_a_call"), program_leaves(sites, step, user);
+#define TOGETHER [[gnu::section(".text.together")]]
+TOGETHER TRACED void program_ends_in_a_call(Step step, std::jmp_buf& place) {
+  program_leaves(step, place);
 }
 
-[[gnu::section(".text.together")]] int program_follows() {
+TOGETHER int program_follows() {
   return 5;
 }
 
-[[gnu::section(".text.together")]] int program_ends() {
+TOGETHER int program_ends() {
+  __asm__("nop; .globl program_inside; program_inside: nop");
   return 6;
 }
