@@ -1,19 +1,10 @@
 // How much a test may do: its full length, or what fits a build whose every access is watched.
 #pragma once
 
-#include <cstdlib>
-#include <string_view>
-
 namespace ksomd::test {
 
 // Whether the tests are to run at their full length.
-inline bool full_length() {
-  static const bool full = [] {
-    const char* length = std::getenv("KSOMD_TEST_LENGTH");
-    return length != nullptr && std::string_view(length) == "full";
-  }();
-  return full;
-}
+bool full_length();
 
 // Whether a sanitizer's instructions and memory are in the program. One compiler tells by macros,
 // the other by features.
