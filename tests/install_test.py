@@ -34,14 +34,14 @@ def run(*command, **options):
     return result.stdout
 
 
+def chosen(c, cpp):
+    return [f"-DCMAKE_C_COMPILER={c}", f"-DCMAKE_CXX_COMPILER={cpp}"]
+
+
 def build(sources, directory, *options):
     run("cmake", "-S", sources, "-B", directory, *options)
     run("cmake", "--build", directory, "--parallel", os.cpu_count())
     return directory
-
-
-def with_compilers(compilers):
-    return [f"-DCMAKE_C_COMPILER={compilers[0]}", f"-DCMAKE_CXX_COMPILER={compilers[1]}"]
 
 
 class Installation:
@@ -73,7 +73,6 @@ class Installation:
         program = self.scratch / f"{name}.exe"
         run(*command, "-o", program)
         run(*self.wrapper, program, env=self.environment)
-        print(f"{name} ran")
         return program
 
     def check_layout(self):
@@ -97,14 +96,14 @@ class Installation:
         run(*self.wrapper, info, "--require", "sse2")
 
     def package_clients(self):
-        for number, compilers in enumerate(self.compilers):
+        for c, cpp in self.compilers:
             options = ([f"-DCMAKE_TOOLCHAIN_FILE={self.toolchain}"] if self.toolchain
-                       else [*with_compilers(compilers), "-DCONSUMER_FORTRAN=ON"])
-            clients = build(SOURCES, self.scratch / f"package clients {number}", *options,
+                       else [*chosen(c, cpp), "-DCONSUMER_FORTRAN=ON"])
+            clients = build(SOURCES, self.scratch / f"package clients {pathlib.Path(c).name}",
                             "-DCMAKE_BUILD_TYPE=Release",
-                            f"-Dksomd_DIR={self.libraries}/cmake/ksomd")
-            print(run("ctest", "--test-dir", clients, "--output-on-failure", "--no-tests=error",
-                      env=self.environment))
+                            f"-Dksomd_DIR={self.libraries}/cmake/ksomd", *options)
+            run("ctest", "--test-dir", clients, "--output-on-failure", "--no-tests=error",
+                env=self.environment)
 
     def pkg_config(self, *options):
         return shlex.split(run("pkg-config", *options, "ksomd", env=self.environment))
@@ -113,16 +112,16 @@ class Installation:
         """With -lksomd alone, with what pkg-config says, with nothing shared, with the archive."""
         include, linked = f"-I{self.prefix}/include", [f"-L{self.libraries}", "-lksomd"]
         module, both = f"-J{self.scratch}", ("client.c", "client.cpp")
+        with_package = self.pkg_config("--libs")
         roads = [
             ("linked", both, [include], linked),
-            ("pkgconfig", both, self.pkg_config("--cflags"), self.pkg_config("--libs")),
+            ("pkgconfig", both, self.pkg_config("--cflags"), with_package),
             ("standalone", both, ["-static", *self.pkg_config("--static", "--cflags")],
              self.pkg_config("--static", "--libs")),
             ("archive", both[:1], [include], [self.libraries / "libksomd.a"]),
             ("linked", ["client.f90"], [module, self.prefix / "include/ksomd/matmul.f90"], linked),
             ("pkgconfig", ["client.f90"], [module, *self.pkg_config("--variable=fortran_sources")],
-             self.pkg_config("--libs")),
-        ]
+             with_package)]
         commands = {"client.c": [[c] for c, _ in self.compilers],
                     "client.cpp": [[cpp, "-std=c++20"] for _, cpp in self.compilers],
                     "client.f90": [] if self.toolchain else [["gfortran"]]}
@@ -141,11 +140,6 @@ class Installation:
         if not 0 < sizes[1] - sizes[0] < LARGEST_SUM:
             sys.exit("too many, or none")
 
-    def import_library(self):
-        """The export list is for whoever makes an import library of his own."""
-        definition = self.prefix / "include" / "ksomd" / "libksomd.def"
-        run("x86_64-w64-mingw32-dlltool", "-d", definition, "-l", self.scratch / "own.dll.a")
-
     def traced_client(self, tree):
         """A debug build keeps its variables when it gets a trace section."""
         traced = build(SOURCES / "traced", self.scratch / "traced client",
@@ -161,7 +155,9 @@ def check(installation, tree=TOP):
     installation.plain_clients()
     installation.small_client()
     if installation.toolchain:
-        installation.import_library()
+        # The export list is for whoever makes an import library of his own.
+        run("x86_64-w64-mingw32-dlltool", "-d", installation.prefix / "include/ksomd/libksomd.def",
+            "-l", installation.scratch / "own.dll.a")
     elif (tree / "tools").is_dir():
         installation.traced_client(tree)
 
@@ -173,9 +169,8 @@ def check_sources(scratch):
     tree = scratch / "tree with blanks"
     shutil.copytree(TOP, tree, ignore=shutil.ignore_patterns("build", ".git", "__pycache__"))
     for compilers in (GCC, CLANG):
-        product = build(tree, tree / f"build with {pathlib.Path(compilers[0]).name}",
-                        "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_INSTALL_LIBDIR=lib64",
-                        *with_compilers(compilers))
+        product = build(tree, tree / f"build with {pathlib.Path(compilers[0]).name}", *chosen(*compilers),
+                        "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_INSTALL_LIBDIR=lib64")
         print(f"{product.name} done", flush=True)
         check(Installation(product, scratch / "installed"), tree)
 

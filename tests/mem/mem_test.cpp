@@ -124,12 +124,12 @@ CacheInfo caches_of(std::uint32_t genuine, std::uint32_t leaf, const std::uint32
   return {genuine, leaf, {{kib[0], 0, 0, 0}, {kib[1], 0, 0, 0}, {kib[2], 0, 0, 0}}, 1};
 }
 
-// With the largest cache and that of level 1, in KiB; 0: that of level 1 is not known.
-mem::Tuning tuning_of(std::uint64_t largest, std::uint64_t l1, std::int32_t mem_class) {
-  const std::uint64_t whole = largest * 1024, first = l1 * 1024;
-  return l1 != 0 ? mem::Tuning{whole, whole / 2, first, first / 2, first / 4,
-                               8192,  first * 6, 2048,  mem_class}
-                 : mem::Tuning{whole, whole / 2, 16384, 8192, 4096, 8192, 65536, 16384, mem_class};
+// With the largest cache and that of level 1, in KiB; or with the largest one alone.
+mem::Tuning known(std::uint64_t most, std::uint64_t l1, std::int32_t mem_class) {
+  return {most << 10, most << 9, l1 << 10, l1 << 9, l1 << 8, 8192, l1 * 6144, 2048, mem_class};
+}
+mem::Tuning usual(std::int32_t mem_class, std::uint64_t most = 128) {
+  return {most << 10, most << 9, 16384, 8192, 4096, 8192, 65536, 16384, mem_class};
 }
 
 TEST(TuningValues, FollowTheProcessor) {
@@ -139,25 +139,19 @@ TEST(TuningValues, FollowTheProcessor) {
     std::uint32_t leaf, caches[3];
     mem::Tuning expected;
   } rows[] = {
-      {"GenuineOrvex", ~mmx, 0, 0, 22, {48, 1280, 30720}, tuning_of(30720, 48, 2)},
-      {"GenuineOrvex", ~sse2, l2_leaf, ~0u, 1, {32, 8, 16}, tuning_of(32, 32, 1)},
-      {"GenuineOrvex", mmx, 0, 0, 22, {1, 3, 2}, tuning_of(3, 1, 1)},
-      {"GenuineOrvex", sse2, 0, 0, 22, {~0u, 1, ~0u}, tuning_of(~0u, ~0u, 2)},
-      {"GenuineOrvex", sse2, 0, 0, 22, {0, 1280, 30720}, tuning_of(128, 0, 2)},
-      {"GenuineOrvex", mmx, 0, 0, 22, {0, 0, 0}, tuning_of(128, 0, 1)},
-      {"GenuineOrvex", ~(sse2 | mmx), 0, 0, 22, {0, 0, 0}, tuning_of(128, 0, 0)},
-      {"GenuineOrvex", sse2 | mmx, 0, 0, 0, {0, 9, 9}, tuning_of(128, 0, 0)},
-      {"AuthenticAMD",
-       sse2 | mmx,
-       l2_leaf,
-       512u << 16 | 0xFFFF,
-       0,
-       {48, 9, 9},
-       tuning_of(512, 0, 1)},
-      {"AuthenticAMD", ~mmx, l2_leaf + 2, ~0u, 0, {0, 0, 0}, tuning_of(0xFFFF, 0, 0)},
-      {"AuthenticAMD", mmx, l2_leaf - 1, 512u << 16, 0, {0, 0, 0}, tuning_of(128, 0, 1)},
-      {"AuthenticAMD", mmx, l2_leaf, 0xFFFF, 0, {0, 0, 0}, tuning_of(0, 0, 1)},
-      {"SomebodyElse", ~0u, l2_leaf, ~0u, 22, {48, 9, 9}, tuning_of(128, 0, 0)},
+      {"GenuineOrvex", ~mmx, 0, 0, 22, {48, 1280, 30720}, known(30720, 48, 2)},
+      {"GenuineOrvex", ~sse2, l2_leaf, ~0u, 1, {32, 8, 16}, known(32, 32, 1)},
+      {"GenuineOrvex", mmx, 0, 0, 22, {1, 3, 2}, known(3, 1, 1)},
+      {"GenuineOrvex", sse2, 0, 0, 22, {~0u, 1, ~0u}, known(~0u, ~0u, 2)},
+      {"GenuineOrvex", sse2, 0, 0, 22, {0, 1280, 30720}, usual(2)},
+      {"GenuineOrvex", mmx, 0, 0, 22, {0, 0, 0}, usual(1)},
+      {"GenuineOrvex", ~(sse2 | mmx), 0, 0, 22, {0, 0, 0}, usual(0)},
+      {"GenuineOrvex", sse2 | mmx, 0, 0, 0, {0, 9, 9}, usual(0)},
+      {"AuthenticAMD", sse2 | mmx, l2_leaf, 512u << 16 | 0xFFFF, 0, {48, 9, 9}, usual(1, 512)},
+      {"AuthenticAMD", ~mmx, l2_leaf + 2, ~0u, 0, {0, 0, 0}, usual(0, 0xFFFF)},
+      {"AuthenticAMD", mmx, l2_leaf - 1, 512u << 16, 0, {0, 0, 0}, usual(1)},
+      {"AuthenticAMD", mmx, l2_leaf, 0xFFFF, 0, {0, 0, 0}, usual(1, 0)},
+      {"SomebodyElse", ~0u, l2_leaf, ~0u, 22, {48, 9, 9}, usual(0)},
   };
   for (const auto& row : rows) {
     SyntheticProcessor table;
@@ -169,7 +163,7 @@ TEST(TuningValues, FollowTheProcessor) {
     EXPECT_EQ(values_of(mem::derive_tuning(table.processor(), caches)), values_of(row.expected))
         << "row " << &row - rows;
   }
-  EXPECT_EQ(values_of({}), values_of(tuning_of(128, 0, 0)));
+  EXPECT_EQ(values_of({}), values_of(usual(0)));
 }
 
 // Seen by a constructor of this program: the library's own has run before it. The tuning values of
