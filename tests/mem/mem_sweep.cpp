@@ -54,6 +54,17 @@ TEST(MemSweep, CopiesMovesAndFills) {
   EXPECT_TRUE(source.holds(source.begin(), source.expected.size()));
 }
 
+void check_comparison(const Byte* a, const Byte* b, std::size_t n, int expected, bool watched) {
+  for (const char* const name : {"_orvex_fast_memcmp", "__orvex_new_memcmp"}) {
+    auto* const compare = entry<int(const void*, const void*, std::size_t)>(name);
+    ASSERT_TRUE(compare(a, b, n) == expected && compare(b, a, n) == -expected)
+        << name << " of " << n << " bytes should give " << expected << " at "
+        << reinterpret_cast<std::uintptr_t>(a) % 4096 << " and "
+        << reinterpret_cast<std::uintptr_t>(b) % 4096 << " in their pages";
+    ASSERT_EQ(watched ? what_call_changes(compare, a, b, n) : "", "") << name;
+  }
+}
+
 // A comparison reads nothing beyond the 16 bytes, counted from the beginning, in which the first
 // difference lies: the ranges may end there, whatever the count says.
 TEST(MemSweep, Comparisons) {
@@ -84,14 +95,17 @@ TEST(MemSweep, Comparisons) {
     }
     const int difference = std::memcmp(a, b, readable);
     const int expected = (difference > 0) - (difference < 0);
-    for (const char* const name : {"_orvex_fast_memcmp", "__orvex_new_memcmp"}) {
-      auto* const compare = entry<int(const void*, const void*, std::size_t)>(name);
-      ASSERT_TRUE(compare(a, b, n) == expected && compare(b, a, n) == -expected)
-          << name << "(end - " << first.end() - a << ", end - " << second.end() - b << ", " << n
-          << "), " << readable << " readable, should give " << expected;
-      ASSERT_EQ(round % 8 == 0 ? what_call_changes(compare, a, b, n) : "", "") << name;
-    }
+    ASSERT_NO_FATAL_FAILURE(check_comparison(a, b, n, expected, round % 8 == 0));
     sweep.result(expected);
+  }
+  // One byte alone makes the difference, wherever it lies.
+  for (std::size_t n = 1; n <= 150; ++n) {
+    Byte *const a = first.end() - n - 5, *const b = second.begin() + 9;
+    std::copy_n(a, n, b);
+    for (std::size_t i = 0; i < n; ++i, b[i - 1] ^= 1) {
+      b[i] ^= 1;
+      ASSERT_NO_FATAL_FAILURE(check_comparison(a, b, n, a[i] > b[i] ? 1 : -1, false));
+    }
   }
 }
 
