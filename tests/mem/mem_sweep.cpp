@@ -113,18 +113,18 @@ TEST(MemSweep, Comparisons) {
 // The choices do not depend on what it chose.
 void check_stream(Random random, const std::string& suffix, std::size_t line, Range& target,
                   Sweep& sweep) {
-  const auto fixed = entry<mem::StreamRoutine>("__libkso_nontemporal_store" + suffix);
-  const auto dynamic =
-      entry<mem::DynamicStreamRoutine>("__libkso_nontemporal_store_dynamic" + suffix);
+  const std::string name = "__libkso_nontemporal_store";
+  const auto fixed = entry<mem::StreamRoutine>(name + suffix);
+  const auto dynamic = entry<mem::DynamicStreamRoutine>(name + "_dynamic" + suffix);
   static const GuardedMemory chunks(4096);
   const std::size_t limit = 1 + random.below(5000);
   Byte* const out = target.place(random, 8000);
   __libkso_nt_context context{{}, out, 0, 0};
   std::size_t handed = 0;
-  for (bool final = false; !final;) {
+  while (handed < limit) {
     const std::size_t n = random.below(random.one_of({40u, 300u, 700u, 1600u}));
-    const bool by_flag = random.one_in(2),
-               plain = by_flag && random.one_in(2) && context.pending == 0;
+    const bool by_flag = random.one_in(2);
+    const int plain = by_flag && random.one_in(2) && context.pending == 0 ? -1 : 0;
     if (context.pending == 0) {
       const std::uint64_t offset = reinterpret_cast<std::uintptr_t>(context.destination) % 64;
       context.head_offset = offset + random.below(3) * 64;
@@ -136,32 +136,27 @@ void check_stream(Random random, const std::string& suffix, std::size_t line, Ra
     std::generate_n(chunk, n, [&] { return static_cast<Byte>(random.next()); });
     std::copy_n(chunk, n, target.expected_at(out) + handed);
     handed += n;
-    final = handed >= limit;
-    StreamedChunk expected(line, context, n, final);
-    if (plain) {
-      // That way looks at nothing but the destination.
-      context.pending = expected.pending = 9;
-      expected.head_offset = context.head_offset;
-    }
+    const int final = handed >= limit ? -1 : 0;
     *placed = context;
-    const int last = final ? -1 : 0;
-    ASSERT_EQ(by_flag ? what_call_changes(dynamic, placed, n, last, plain ? -1 : 0)
-                      : what_call_changes(fixed, placed, n, last),
+    placed->pending = plain != 0 ? 9 : context.pending;  // which that way does not look at
+    ASSERT_EQ(by_flag ? what_call_changes(dynamic, placed, n, final, plain)
+                      : what_call_changes(fixed, placed, n, final),
               "");
-    ASSERT_TRUE((line == 0 && !plain) || (placed->head_offset == expected.head_offset &&
-                                          placed->pending == expected.pending));
-    if (plain) {
-      ASSERT_EQ(std::memcmp(placed->staging, context.staging, sizeof context.staging), 0);
+    if (plain != 0) {
+      ASSERT_TRUE(placed->pending == 9 && placed->head_offset == context.head_offset &&
+                  std::memcmp(placed->staging, context.staging, sizeof context.staging) == 0);
       placed->pending = 0;
+    } else if (line != 0) {
+      const StreamedChunk expected(line, context, n, final != 0);
+      ASSERT_TRUE(placed->head_offset == expected.head_offset &&
+                  placed->pending == expected.pending);
     }
     context = *placed;
     ASSERT_TRUE(context.destination == out + handed - context.pending &&
                 std::memcmp(context.staging, chunk + n - context.pending, context.pending) == 0);
   }
   ASSERT_TRUE(context.pending == 0 && target.holds(out, handed));
-  if (line == 0) {
-    sweep.results(out, std::min<std::size_t>(handed, 100));
-  }
+  sweep.results(out, line == 0 ? std::min<std::size_t>(handed, 100) : 0);
 }
 
 TEST(MemSweep, StreamingStores) {

@@ -2,6 +2,8 @@
 // prefetches and fences, counted one instruction after the other.
 #include <sys/mman.h>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <string_view>
 
@@ -25,36 +27,34 @@ class Method : public testing::Test {
   Range target_{1 << 16}, source_{1 << 16};
 };
 
-// String instructions, non-temporal stores, prefetches to NTA, T0 and T1, fences.
-using Counts = std::vector<std::size_t>;
-Counts counts(std::size_t strings, std::size_t stores = 0, std::size_t nta = 0, std::size_t t0 = 0,
-              std::size_t t1 = 0) {
-  return {strings, stores, nta, t0, t1, stores != 0 ? std::size_t{1} : 0};
-}
-
+// String instructions, non-temporal stores, prefetches to NTA, T0 and T1.
+using Counts = std::array<std::size_t, 5>;
 InstructionCount last;
 Counts last_counts() {
-  Counts now = {last[StringMove] + last[StringFill]};
-  for (const InstructionKind kind :
-       {NonTemporalStore, PrefetchNta, PrefetchT0, PrefetchT1, StoreFence}) {
-    now.push_back(last[kind]);
-  }
+  Counts now = {last[StringMove] + last[StringFill], last[NonTemporalStore]};
+  std::ranges::copy_n(&last.executed[static_cast<int>(PrefetchNta)], 3, now.begin() + 2);
   return now;
 }
 
-// Anything stored between a non-temporal store and its fence is wrong. The vector routines may run
-// by another clock.
-using Clock = std::uint64_t();
-template <Clock* clock>
+const std::uint64_t* next_tick;
+std::uint64_t scripted_clock() {
+  return *next_tick++;
+}
+
+// The vector routines may run by the scripted clock. Behind non-temporal stores stands one fence,
+// and nothing is stored in between.
+template <bool scripted>
 void* run_counted(const Call& c, std::string& wrong) {
   void* result = c.d;
   last = count_instructions([&] {
-    clock == nullptr               ? void(result = run_plainly(c, wrong))
-    : c.routine.kind == Kind::Copy ? mem::copy_by_clock(c.d, c.s, c.n, clock)
-    : c.routine.kind == Kind::Fill ? mem::fill_by_clock(c.d, c.value, c.n, clock)
-                                   : mem::zero_by_clock(c.d, c.n, clock);
+    !scripted                      ? void(result = run_plainly(c, wrong))
+    : c.routine.kind == Kind::Copy ? mem::copy_by_clock(c.d, c.s, c.n, scripted_clock)
+    : c.routine.kind == Kind::Fill ? mem::fill_by_clock(c.d, c.value, c.n, scripted_clock)
+                                   : mem::zero_by_clock(c.d, c.n, scripted_clock);
   });
-  wrong += last.unfenced_stores == 0 && last.fenced ? "" : "fence ";
+  const std::size_t fences = last[NonTemporalStore] != 0 ? 1 : 0;
+  const bool right = last.unfenced_stores == 0 && last.fenced && last[StoreFence] == fences;
+  wrong += right ? "" : "fence ";
   return result;
 }
 
@@ -72,7 +72,7 @@ Promise promise_of(const Call& c, const mem::Tuning& t) {
   const std::size_t n = c.n;
   const auto behind = [&](std::size_t line) { return n - (-d & (line - 1)); };
   const auto streams = [](std::size_t left) {
-    return counts(0, steps(left, 256, 768) * 8, 0, steps(left, 256, 768) * 4);
+    return Counts{0, steps(left, 256, 768) * 8, 0, steps(left, 256, 768) * 4};
   };
   const bool fills = name.ends_with("set"), sse2 = t.mem_class == 2;
   std::size_t left = n, lines = 0;
@@ -83,37 +83,37 @@ Promise promise_of(const Call& c, const mem::Tuning& t) {
     const bool descends = name.ends_with("move") && d > s && d < s + n;
     bulk = fills ? behind(8) > 127 && left > t.largest_cache_size && (!sse2 || left >= 176)
                  : behind(8) > 176 && left > t.copy_nt_threshold && !descends;
-    return {left, !bulk   ? counts(0)
-                  : fills ? counts(0, sse2 ? left / 128 * 8 : lines * 8)
-                          : counts(0, lines * (sse2 ? 4 : 8), lines)};
+    return {left, !bulk   ? Counts{}
+                  : fills ? Counts{0, sse2 ? left / 128 * 8 : lines * 8}
+                          : Counts{0, lines * (sse2 ? 4 : 8), lines}};
   }
   if (name.starts_with("__orvex_avx_mem")) {
     left = (d > s ? n - (d + n) % 32 : behind(32)) - 32;
     bulk = n > 256 && left >= 256 && d != s && left >= t.copy_nt_threshold;
-    return {left, bulk ? streams(left) : counts(0)};
+    return {left, bulk ? streams(left) : Counts{}};
   }
   if (name.starts_with("__orvex_avx_rep")) {
     left = behind(32);
     const std::size_t floor = fills ? t.l1_size - t.l1_size / 16 : t.l1_half - t.l1_half / 4;
     bulk = n > (fills ? 255 : 256) && left >= 256 && left >= floor;
-    return {left, !bulk                                 ? counts(0)
-                  : fills || left < t.copy_nt_threshold ? counts(1)
+    return {left, !bulk                                 ? Counts{}
+                  : fills || left < t.copy_nt_threshold ? Counts{1}
                                                         : streams(left)};
   }
   if (name == "__orvex_tvr_avx512_memcpy") {
     left = n - 64 + d % 64;
     const bool string = n > t.rep_movsb_threshold && n < t.avx512_nt_threshold;
     lines = left > t.avx512_nt_threshold ? steps(left, 256, 257) * 4 : 0;
-    return {left, n <= 512 ? counts(0) : string ? counts(1) : counts(0, lines, 0, lines * 2)};
+    return {left, n <= 512 ? Counts{} : string ? Counts{1} : Counts{0, lines, 0, lines * 2}};
   }
   if (name == "__orvex_tvr_avx512_memset") {
-    return {n, counts(n > 256 && n > t.rep_stosb_threshold ? 1 : 0)};
+    return {n, Counts{n > 256 && n > t.rep_stosb_threshold ? 1u : 0u}};
   }
   left = behind(64);
   lines = left / 512 * 8;
   const bool large = lines != 0 && left >= (fills ? t.l1_quarter : t.copy_nt_threshold);
   const bool owns = name.find("rfo") != std::string_view::npos;
-  return {left, counts(0, large && !owns ? lines : 0, 0, 0, fills ? 0 : lines + (large ? 24 : 0))};
+  return {left, Counts{0, large && !owns ? lines : 0, 0, 0, fills ? 0 : lines + (large ? 24 : 0)}};
 }
 
 TEST_F(Method, ChangesWhereItShould) {
@@ -139,7 +139,7 @@ TEST_F(Method, ChangesWhereItShould) {
       call.s = !moves ? source_.place(random, call.n) : up ? d - apart : d + apart;
       const std::size_t left = promise_of(call, tuning).first;
       tuning = random_tuning(random, random.one_in(4) ? call.n : left, tuning.mem_class);
-      ASSERT_TRUE(runs_right(call, run_counted<nullptr>));
+      ASSERT_TRUE(runs_right(call, run_counted<false>));
       ASSERT_EQ(last_counts(), promise_of(call, tuning).second) << call;
     }
   }
@@ -159,11 +159,6 @@ const std::pair<std::vector<std::uint64_t>, bool> scripts[] = {
     {{0, 1, 0x80000000, 0, 1, 0x80000000}, false},
     {{0x500000000, 0x600000001, 0x700000004}, true},
 };
-const std::uint64_t* next_tick;
-std::uint64_t scripted_clock() {
-  return *next_tick++;
-}
-
 TEST(CacheProbe, LooksAtTheFirstAndTheLastQuarter) {
   constexpr std::size_t page = 4096;
   const GuardedMemory memory(16 * page);
@@ -189,21 +184,21 @@ TEST_F(Method, VectorRoutinesUseStringsUpToSixteenKibibytesAndThenAskTheClock) {
     const std::size_t rest = routine.kind == Kind::Zero ? 1 : 2;
     Call call{routine, target_, target_.begin(), source_, source_.begin() + 3, 0x1AB, 16385};
     // The exported ones read the processor's clock, each time once the loads before it are done.
-    ASSERT_TRUE(runs_right(call, run_counted<nullptr>));
+    ASSERT_TRUE(runs_right(call, run_counted<false>));
     EXPECT_TRUE(last[LoadFence] == 3 || last[LoadFence] == 6) << routine.name;
     EXPECT_EQ(last[VectorStore] + last[NonTemporalStore], 1024u) << routine.name;
-    EXPECT_EQ(last_counts(), counts(rest, last[NonTemporalStore])) << routine.name;
+    EXPECT_EQ(last_counts(), (Counts{rest, last[NonTemporalStore]})) << routine.name;
     for (const auto& [n, offset] : rows) {
       const auto& [ticks, cached] = scripts[++number % std::size(scripts)];
       next_tick = ticks.data();
       call.d = target_.begin() + offset;
       call.s = source_.begin() + (number % 2 == 0 ? offset : 3);
       call.n = n;
-      ASSERT_TRUE(runs_right(call, run_counted<scripted_clock>));
+      ASSERT_TRUE(runs_right(call, run_counted<true>));
       const std::size_t head = n > 16384 ? -offset % 16 : 0, left = n - head;
       const bool probed = left > 16384;
       const std::size_t stores = probed ? left / 128 * 8 : 0;
-      EXPECT_EQ(last_counts(), counts((head != 0) + (probed ? rest : 2), cached ? 0 : stores))
+      EXPECT_EQ(last_counts(), (Counts{(head != 0) + (probed ? rest : 2), cached ? 0 : stores}))
           << call;
       // One may save a register around a reading of the clock.
       EXPECT_EQ(last[VectorStore] / 8, cached ? stores / 8 : 0) << call;

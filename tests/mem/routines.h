@@ -195,7 +195,7 @@ struct StreamedChunk {
 
   StreamedChunk(std::size_t line, const __libkso_nt_context& before, std::size_t n, bool final)
       : head_offset(before.head_offset) {
-    if (line != 0 && n >= 4 * line) {
+    if (n >= 4 * line) {
       n += before.pending - (head_offset == 0 ? 0 : line - head_offset % line);
       head_offset = 0;
       lines = n / line;
