@@ -6,15 +6,13 @@
 #include <ksomd/quad.hpp>
 #include <stdexcept>
 
-namespace {
-
-int left;
+static int left;
 
 struct Scope {
   ~Scope() { ++left; }
 };
 
-[[gnu::noinline]] void fail(int levels) {
+[[gnu::noinline]] static void fail(int levels) {
   const Scope scope;
   if (levels == 0) {
     char text[1000];
@@ -23,8 +21,6 @@ struct Scope {
   }
   fail(levels - 1);
 }
-
-}  // namespace
 
 int main() {
   using namespace ksomd::literals;
