@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <optional>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "mem/dispatch.h"
@@ -67,10 +68,9 @@ inline const Routine routines[] = {
 // Memory between pages that fault, across `boundary` if that is free, and what it should hold.
 struct Range {
   explicit Range(std::size_t size, std::uintptr_t boundary = 0) {
-    memory.emplace(size, boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536));
-    if (!*memory) {
-      memory.emplace(size);
-    }
+    void* const address = boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536);
+    memory = std::make_unique<GuardedMemory>(size, address);
+    memory = *memory ? std::move(memory) : std::make_unique<GuardedMemory>(size);
     Random random(size);
     std::generate(begin(), end(), [&] { return static_cast<Byte>(random.next()); });
     expected.assign(begin(), end());
@@ -95,7 +95,7 @@ struct Range {
     return std::memcmp(from, expected_at(from), static_cast<std::size_t>(to - from)) == 0;
   }
 
-  std::optional<GuardedMemory> memory;
+  std::unique_ptr<GuardedMemory> memory;
   std::vector<Byte> expected;
 };
 

@@ -1,6 +1,6 @@
 #include "support/instruction_count.h"
 
-#include <cstring>
+#include <algorithm>
 #include <utility>
 
 namespace ksomd::test {
@@ -31,7 +31,8 @@ constexpr struct {
 
 InstructionKind classify(const std::uint8_t* code) {
   bool f3 = false;
-  for (; std::memchr("\x66\xF2\xF3\x2E\x3E\x67", *code, 6) != nullptr; ++code) {
+  constexpr std::uint8_t prefixes[] = {0x66, 0xF2, 0xF3, 0x2E, 0x3E, 0x67};
+  for (; std::ranges::count(prefixes, *code) != 0; ++code) {
     f3 |= *code == 0xF3;
   }
   int map = 0;
