@@ -1,13 +1,12 @@
 /* A C program with the sum of two quads, or without it, to be compared in size. */
 #include <ksomd/quad.h>
-#include <stdio.h>
 
 int main(void) {
   const quad128 one = {0, 0x3FFF000000000000};
   quad128 sum = one;
 #ifdef WITH_SUM
   __addq(&sum, &one, &one);
+  sum.high -= 1ull << 48;
 #endif
-  puts(sum.high >> 48 == 0x4000 ? "client ran" : "no sum");
-  return 0;
+  return sum.high != one.high;
 }

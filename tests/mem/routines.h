@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "mem/dispatch.h"
@@ -18,8 +20,6 @@ namespace ksomd::test {
 using Byte = unsigned char;
 using mem::CopyRoutine;
 using mem::FillRoutine;
-using CompareRoutine = int(const void*, const void*, std::size_t);
-inline constexpr const char* compare_routines[] = {"_orvex_fast_memcmp", "__orvex_new_memcmp"};
 
 inline constexpr FeatureMask needs_sse2{},
     needs_avx = feature_mask("AVX"), needs_avx2 = needs_avx | feature_mask("AVX2"),
@@ -35,6 +35,7 @@ struct Routine {
   Kind kind;
   FeatureMask needs;
   Upper upper;
+  const char* second_name = name;
   const void* address = find_entry(name);
 
   bool available() const { return has_features(needs); }
@@ -47,9 +48,9 @@ inline const Routine routines[] = {
     {"_orvex_fast_memcpy", Kind::Copy, needs_sse2, Upper::AsVariant},
     {"_orvex_fast_memmove", Kind::Move, needs_sse2, Upper::AsVariant},
     {"_orvex_fast_memset", Kind::Fill, needs_sse2, Upper::AsVariant},
-    {"__orvex_new_memcpy", Kind::Copy, needs_sse2, Upper::Keep},
+    {"__orvex_new_memcpy", Kind::Copy, needs_sse2, Upper::Keep, "__orvex_memcpy"},
     {"__orvex_new_memmove", Kind::Move, needs_sse2, Upper::Keep},
-    {"__orvex_new_memset", Kind::Fill, needs_sse2, Upper::Keep},
+    {"__orvex_new_memset", Kind::Fill, needs_sse2, Upper::Keep, "__orvex_memset"},
     {"__orvex_avx_rep_memcpy", Kind::Copy, needs_avx, Upper::Clear},
     {"__orvex_avx_memmove", Kind::Move, needs_avx2, Upper::Clear},
     {"__orvex_avx_rep_memset", Kind::Fill, needs_avx2, Upper::Clear},
@@ -59,25 +60,20 @@ inline const Routine routines[] = {
     {"__orvex_pxn_avx512f_rfo_memcpy", Kind::Copy, needs_avx512f, Upper::Keep},
     {"__orvex_pxn_avx512f_memset", Kind::Fill, needs_avx512f, Upper::Keep},
     {"__orvex_pxn_avx512f_rfo_memset", Kind::Fill, needs_avx512f, Upper::Keep},
-    {"_VEC_memcpy", Kind::Copy, needs_sse2, Upper::Keep},
-    {"_VEC_memset", Kind::Fill, needs_sse2, Upper::Keep},
-    {"_VEC_memzero", Kind::Zero, needs_sse2, Upper::Keep},
+    {"_VEC_memcpy", Kind::Copy, needs_sse2, Upper::Keep, "__orvex_VEC_memcpy"},
+    {"_VEC_memset", Kind::Fill, needs_sse2, Upper::Keep, "__orvex_VEC_memset"},
+    {"_VEC_memzero", Kind::Zero, needs_sse2, Upper::Keep, "__orvex_VEC_memzero"},
 };
 
 // Memory between pages that fault, across `boundary` if that is free, and what it should hold.
 struct Range {
-  explicit Range(std::size_t size, std::uintptr_t boundary = 0)
-      : memory(std::make_unique<GuardedMemory>(
-            size, boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536))) {
-    if (!*memory) {
-      memory = std::make_unique<GuardedMemory>(size);
-    }
+  explicit Range(std::size_t size, std::uintptr_t boundary = 0) {
+    void* const address = boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536);
+    memory = std::make_unique<GuardedMemory>(size, address);
+    memory = *memory ? std::move(memory) : std::make_unique<GuardedMemory>(size);
     Random random(size);
-    expected.resize(memory->size());
-    for (Byte& byte : expected) {
-      byte = static_cast<Byte>(random.next());
-    }
-    std::memcpy(begin(), expected.data(), expected.size());
+    std::generate(begin(), end(), [&] { return static_cast<Byte>(random.next()); });
+    expected.assign(begin(), end());
   }
   Byte* begin() const { return memory->begin(); }
   Byte* end() const { return memory->end(); }
@@ -158,12 +154,12 @@ inline void* run_plainly(const Call& c, std::string&) {
 // Looks at the registers.
 inline void* run_watched(const Call& c, std::string& wrong) {
   const bool wide = has_features(needs_avx), keeps = c.routine.upper == Upper::Keep;
+  const VectorState width = wide ? VectorState::Ymm : VectorState::Xmm;
   RegisterFile before, after;
-  const auto call = [&](auto* routine, auto second) {
-    wrong += what_call_changes(wide ? VectorState::Ymm : VectorState::Xmm, before, after, routine,
-                               c.d, second, c.n);
-  };
-  c.copies() ? call(c.routine.as<CopyRoutine>(), c.s) : call(c.routine.as<FillRoutine>(), c.value);
+  wrong +=
+      c.copies()
+          ? what_call_changes(width, before, after, c.routine.as<CopyRoutine>(), c.d, c.s, c.n)
+          : what_call_changes(width, before, after, c.routine.as<FillRoutine>(), c.d, c.value, c.n);
   // The routines that keep the upper halves use few registers at most.
   constexpr Byte zero[16] = {};
   for (int i = keeps ? 15 : 0; wide && c.routine.upper != Upper::AsVariant && i < 16; ++i) {
@@ -175,8 +171,8 @@ inline void* run_watched(const Call& c, std::string& wrong) {
 }
 
 // Whether the result and every byte of both ranges are right.
-template <class Run>
-testing::AssertionResult runs_right(const Call& c, Run&& run) {
+inline testing::AssertionResult runs_right(const Call& c,
+                                           void* (*run)(const Call&, std::string&) = run_plainly) {
   if (c.copies()) {
     std::memmove(c.target.expected_at(c.d), c.source.expected_at(c.s), c.n);
   } else {
@@ -186,11 +182,8 @@ testing::AssertionResult runs_right(const Call& c, Run&& run) {
   wrong += run(c, wrong) == c.d ? "" : "result ";
   const bool held = c.target.holds(c.d, c.n) && c.source.holds(c.s, c.copies() ? c.n : 0);
   wrong += held ? "" : "bytes ";
-  return wrong.empty() ? testing::AssertionSuccess()
-                       : testing::AssertionFailure() << c << ": wrong " << wrong;
-}
-inline testing::AssertionResult runs_right(const Call& c) {
-  return runs_right(c, run_plainly);
+  return (wrong.empty() ? testing::AssertionSuccess() : testing::AssertionFailure())
+         << c << ": wrong " << wrong;
 }
 
 // ---- streaming stores ---------------------------------------------------------------------------

@@ -2,17 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <map>
+#include <regex>
 
 #ifdef _WIN32
 #include <windows.h>
 #else
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
 #endif
@@ -21,6 +19,7 @@ namespace ksomd::test {
 namespace {
 
 const std::string child_flag = "--child=";
+std::string program;
 
 std::map<std::string, ChildFunction>& registry() {
   static std::map<std::string, ChildFunction> functions;
@@ -31,45 +30,35 @@ std::map<std::string, ChildFunction>& registry() {
 #ifdef _WIN32
 
 constexpr const char* read_mode = "rb";
-constexpr char quote = '"';
-constexpr std::pair<unsigned, Ending> endings[] = {
-    {3, Ending::Abort},
-    {EXCEPTION_BREAKPOINT, Ending::BreakpointTrap},
-    {EXCEPTION_ACCESS_VIOLATION, Ending::AccessViolation},
-    {EXCEPTION_ILLEGAL_INSTRUCTION, Ending::IllegalInstruction}};
-
 // The command processor takes off the outermost quotation marks.
-std::string start_of_command() {
-  return '"' + ('"' + std::string(_pgmptr) + '"');
-}
+constexpr const char *before_command = "\"", *after_command = "\"", *line_end = "\r\n";
+const std::map<int, Ending> endings = {{3, Ending::Abort},
+                                       {EXCEPTION_BREAKPOINT, Ending::BreakpointTrap},
+                                       {EXCEPTION_ACCESS_VIOLATION, Ending::AccessViolation},
+                                       {EXCEPTION_ILLEGAL_INSTRUCTION, Ending::IllegalInstruction}};
+
 void set_variable(const std::string& name, const char* value) {
   _putenv_s(name.c_str(), value != nullptr ? value : "");
 }
 // The exit code is all that tells; abort ends with 3.
-std::pair<bool, unsigned> exited(int code) {
-  return {code >= 0 && code < 256 && code != 3, static_cast<unsigned>(code)};
+std::pair<bool, int> exited(int code) {
+  return {code >= 0 && code < 256 && code != 3, code};
 }
 
 #else
 
 constexpr const char* read_mode = "r";
-constexpr char quote = '\'';
-constexpr std::pair<unsigned, Ending> endings[] = {{SIGABRT, Ending::Abort},
-                                                   {SIGTRAP, Ending::BreakpointTrap},
-                                                   {SIGSEGV, Ending::AccessViolation},
-                                                   {SIGILL, Ending::IllegalInstruction}};
+constexpr const char *before_command = "exec ", *after_command = "", *line_end = "\n";
+const std::map<int, Ending> endings = {{SIGABRT, Ending::Abort},
+                                       {SIGTRAP, Ending::BreakpointTrap},
+                                       {SIGSEGV, Ending::AccessViolation},
+                                       {SIGILL, Ending::IllegalInstruction}};
 
-std::string start_of_command() {
-  char program[4096];
-  const auto length = readlink("/proc/self/exe", program, sizeof program);
-  return "exec '" + std::string(program, static_cast<std::size_t>(length)) + '\'';
-}
 void set_variable(const std::string& name, const char* value) {
   value != nullptr ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
 }
-std::pair<bool, unsigned> exited(int status) {
-  return {WIFEXITED(status),
-          static_cast<unsigned>(WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status))};
+std::pair<bool, int> exited(int status) {
+  return {WIFEXITED(status), WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status)};
 }
 
 #endif
@@ -82,16 +71,16 @@ ChildRegistration::ChildRegistration(const char* name, ChildFunction function) {
 
 ChildResult run_child(const std::string& name, const Arguments& arguments,
                       const std::vector<std::pair<std::string, std::string>>& environment) {
-  std::string command = start_of_command() + ' ' + child_flag + name;
+  std::string command = before_command + ('"' + program + "\" ") + child_flag + name;
   for (const std::string& argument : arguments) {
-    command += std::string(" ") + quote + argument + quote;
+    command += " \"" + argument + '"';
   }
   for (const auto& [variable, value] : environment) {
     set_variable(variable, value.c_str());
   }
   std::fflush(nullptr);
   // NOLINTNEXTLINE(bugprone-command-processor): the command is this program
-  std::FILE* const child = popen((command + (quote == '"' ? "\"" : "")).c_str(), read_mode);
+  std::FILE* const child = popen((command + after_command).c_str(), read_mode);
   for (const auto& variable : environment) {
     set_variable(variable.first, nullptr);
   }
@@ -100,11 +89,9 @@ ChildResult run_child(const std::string& name, const Arguments& arguments,
     output += static_cast<char>(c);
   }
   const auto [regular, code] = exited(pclose(child));
-  const auto* const fault = std::ranges::find(endings, code, &std::pair<unsigned, Ending>::first);
-  const Ending ending = regular                      ? Ending::Exit
-                        : fault != std::end(endings) ? fault->second
-                                                     : Ending::Other;
-  return {ending, static_cast<int>(code), output};
+  const auto fault = endings.find(code);
+  const Ending unusual = fault != endings.end() ? fault->second : Ending::Other;
+  return {regular ? Ending::Exit : unusual, code, output};
 }
 
 void expect_exit(const ChildResult& child, int status, const std::string& output) {
@@ -114,29 +101,11 @@ void expect_exit(const ChildResult& child, int status, const std::string& output
 }
 
 std::string text_mode(const std::string& text) {
-#ifdef _WIN32
-  constexpr const char* line_end = "\r\n";
-#else
-  constexpr const char* line_end = "\n";
-#endif
-  std::string result;
-  for (const char character : text) {
-    result += character == '\n' ? line_end : std::string(1, character);
-  }
-  return result;
-}
-
-int platform::finish(int status) {
-#ifdef _WIN32
-  // After an exception was thrown, the compiler's emulation of thread-local storage aborts in the
-  // run-time library's own clean-up: a program that has all its results leaves without it.
-  std::fflush(nullptr);
-  std::_Exit(status);
-#endif
-  return status;
+  return std::regex_replace(text, std::regex("\n"), line_end);
 }
 
 int run_as_child(int argc, char** argv) {
+  program = argv[0];
   if (argc < 2 || !std::string(argv[1]).starts_with(child_flag)) {
     return -1;
   }
@@ -147,12 +116,6 @@ int run_as_child(int argc, char** argv) {
 #endif
   return registry().at(std::string(argv[1]).substr(child_flag.size()))(
       Arguments(argv + 2, argv + argc));
-}
-
-std::ostream& operator<<(std::ostream& stream, Ending ending) {
-  constexpr const char* names[] = {
-      "Exit", "Abort", "BreakpointTrap", "AccessViolation", "IllegalInstruction", "Other"};
-  return stream << names[static_cast<int>(ending)];
 }
 
 }  // namespace ksomd::test

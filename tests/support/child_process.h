@@ -4,8 +4,6 @@
 //   TEST(Report, Text) { EXPECT_EQ(run_child("report").output, text_mode("...\n")); }
 #pragma once
 
-#include <ostream>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,15 +42,8 @@ void expect_exit(const ChildResult& child, int status, const std::string& output
 // Text as this platform's standard output writes it: line feeds become CR LF on Windows.
 std::string text_mode(const std::string& text);
 
-std::ostream& operator<<(std::ostream& stream, Ending ending);
-
 // For main: runs the child function that the command line asks for and returns its status; -1 if
-// this is not a child.
+// this is not a child. Children start by the name that this program was started by.
 int run_as_child(int argc, char** argv);
-
-// How a test program ends with its status.
-namespace platform {
-int finish(int status);
-}
 
 }  // namespace ksomd::test

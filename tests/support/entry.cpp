@@ -3,36 +3,46 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "support/shared_library.h"
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
 
 namespace ksomd::test {
 
-// Generated from the export list.
 struct Entry {
   const char* name;
   const void* address;
+  bool asked = false;
 };
-extern const Entry exported_entries[];
-extern const int exported_entry_count;
+
+// Generated from the export list: static Entry exported_entries[].
+#include "exported_entries.inc"
 
 namespace {
 
-std::vector<bool>& asked_for() {
-  static std::vector<bool> asked(static_cast<std::size_t>(exported_entry_count));
-  return asked;
+// In the shared library beside the tests; null if it has no such routine.
+const void* find_exported(const char* name) {
+#ifdef _WIN32
+  static const HMODULE library = LoadLibraryA("..\\libksomd.dll");
+  return library == nullptr ? nullptr
+                            : reinterpret_cast<const void*>(GetProcAddress(library, name));
+#else
+  static void* const library = dlopen("../libksomd.so", RTLD_NOW | RTLD_LOCAL);
+  return library == nullptr ? nullptr : dlsym(library, name);
+#endif
 }
 
 }  // namespace
 
 const void* find_entry(std::string_view name) {
   static const bool shared = std::getenv("KSOMD_TEST_SHARED") != nullptr;
-  for (int i = 0; i < exported_entry_count; ++i) {
-    const Entry& entry = exported_entries[i];
+  for (Entry& entry : exported_entries) {
     if (entry.name == name) {
-      asked_for()[static_cast<std::size_t>(i)] = true;
-      const void* const address = shared ? find_exported(entry.name) : entry.address;
-      if (address != nullptr) {
-        return address;
+      entry.asked = true;
+      if (const void* found = shared ? find_exported(entry.name) : entry.address) {
+        return found;
       }
     }
   }
@@ -43,9 +53,9 @@ const void* find_entry(std::string_view name) {
 
 std::vector<std::string_view> entries_with_prefix(std::string_view prefix) {
   std::vector<std::string_view> names;
-  for (int i = 0; i < exported_entry_count; ++i) {
-    if (std::string_view(exported_entries[i].name).starts_with(prefix)) {
-      names.emplace_back(exported_entries[i].name);
+  for (const Entry& entry : exported_entries) {
+    if (std::string_view(entry.name).starts_with(prefix)) {
+      names.emplace_back(entry.name);
     }
   }
   return names;
@@ -53,16 +63,12 @@ std::vector<std::string_view> entries_with_prefix(std::string_view prefix) {
 
 void report_entries() {
   const char* const path = std::getenv("KSOMD_ENTRY_REPORT");
-  std::FILE* const out = path != nullptr ? std::fopen(path, "w") : nullptr;
-  if (out == nullptr) {
-    return;
-  }
-  for (int i = 0; i < exported_entry_count; ++i) {
-    if (asked_for()[static_cast<std::size_t>(i)]) {
-      std::fprintf(out, "%s\n", exported_entries[i].name);
+  if (std::FILE* const out = path != nullptr ? std::fopen(path, "w") : nullptr; out != nullptr) {
+    for (const Entry& entry : exported_entries) {
+      entry.asked ? std::fprintf(out, "%s\n", entry.name) : 0;
     }
+    std::fclose(out);
   }
-  std::fclose(out);
 }
 
 }  // namespace ksomd::test

@@ -23,8 +23,6 @@ class GuardedMemory {
  private:
   unsigned char* first_ = nullptr;
   std::size_t size_;
-  void* mapping_ = nullptr;
-  std::size_t mapped_ = 0;
 };
 
 }  // namespace ksomd::test

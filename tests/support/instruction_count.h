@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "support/single_step.h"
 
@@ -11,7 +12,7 @@ namespace ksomd::test {
 enum class InstructionKind : int {
   StringMove,        // (rep) movsb, movsq
   StringFill,        // (rep) stosb, stosq
-  NonTemporalStore,  // movnti, movntdq and their wide forms
+  NonTemporalStore,  // movnti, movntdq, movntps and their wide forms
   VectorStore,       // ordinary stores of vector registers
   GeneralStore,      // ordinary stores of general registers
   StoreFence,
@@ -19,54 +20,36 @@ enum class InstructionKind : int {
   PrefetchNta,
   PrefetchT0,
   PrefetchT1,
-  ZeroUpper,
+  ZeroUpper,  // vzeroupper, and emms, which the library does not have
   Other,
 };
-inline constexpr int instruction_kinds = 12;
-
-// The kind of the instruction at `code`.
-InstructionKind classify(const std::uint8_t* code);
 
 struct InstructionCount {
-  std::size_t executed[instruction_kinds] = {};
+  std::size_t executed[static_cast<int>(InstructionKind::Other) + 1] = {};
   // Ordinary stores between a non-temporal store and the store fence that follows it.
   std::size_t unfenced_stores = 0;
   // Whether the last non-temporal store has a fence behind it.
   bool fenced = true;
 
   std::size_t operator[](InstructionKind kind) const { return executed[static_cast<int>(kind)]; }
+  // Counts the instruction that runs next; the repetitions of a string instruction only once.
+  void add(const std::uint8_t* next);
+
+ private:
+  const std::uint8_t* last_ = nullptr;
 };
 
-// What body() executes. A repeated string instruction counts once.
+// What body() executes.
 template <class Body>
 InstructionCount count_instructions(Body body) {
-  struct Session {
-    Body& body;
-    InstructionCount count;
-    const std::uint8_t* last = nullptr;
-  } session{body, {}, nullptr};
-  single_step(
-      [](void* context) { static_cast<Session*>(context)->body(); },
-      [](const std::uint8_t* next, void* context) {
-        auto& now = *static_cast<Session*>(context);
-        const InstructionKind kind = classify(next);
-        const bool repeated = next == now.last;
-        now.last = next;
-        if (repeated &&
-            (kind == InstructionKind::StringMove || kind == InstructionKind::StringFill)) {
-          return;
-        }
-        ++now.count.executed[static_cast<int>(kind)];
-        if (kind == InstructionKind::NonTemporalStore) {
-          now.count.fenced = false;
-        } else if (kind == InstructionKind::StoreFence) {
-          now.count.fenced = true;
-        } else if (kind == InstructionKind::VectorStore || kind == InstructionKind::GeneralStore) {
-          now.count.unfenced_stores += !now.count.fenced;
-        }
-      },
-      &session);
-  return session.count;
+  std::pair<Body&, InstructionCount> session{body, {}};
+  using Session = decltype(session);
+  single_step([](void* context) { static_cast<Session*>(context)->first(); },
+              [](const std::uint8_t* next, void* context) {
+                static_cast<Session*>(context)->second.add(next);
+              },
+              &session);
+  return session.second;
 }
 
 }  // namespace ksomd::test

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 namespace ksomd::test {
 namespace {
@@ -17,21 +16,17 @@ unsigned char* Operand::place(std::size_t size, Place place, std::size_t distanc
   // Emulators read whole vectors where a mask leaves a part out, so they need a vector's room.
   static const bool emulated = std::getenv("KSOMD_TEST_EMULATED") != nullptr;
   distance += emulated ? 64 : 0;
-  size_ = size;
   first_ = place == Place::AtStart ? memory_.begin() + distance : memory_.end() - distance - size;
-  unsigned char* const from = first_ - std::min(watched, first_ - memory_.begin());
-  unsigned char* const to = first_ + size + std::min(watched, memory_.end() - (first_ + size));
-  std::memset(from, canary, static_cast<std::size_t>(to - from));
+  end_ = first_ + size;
+  from_ = first_ - std::min(watched, first_ - memory_.begin());
+  to_ = end_ + std::min(watched, memory_.end() - end_);
+  std::fill(from_, to_, canary);
   return first_;
 }
 
 bool Operand::intact() const {
-  const auto all_canaries = [](const unsigned char* from, const unsigned char* to) {
-    return std::all_of(from, to, [](unsigned char byte) { return byte == canary; });
-  };
-  const unsigned char* const end = first_ + size_;
-  return all_canaries(first_ - std::min(watched, first_ - memory_.begin()), first_) &&
-         all_canaries(end, end + std::min(watched, memory_.end() - end));
+  const auto is_canary = [](unsigned char byte) { return byte == canary; };
+  return std::all_of(from_, first_, is_canary) && std::all_of(end_, to_, is_canary);
 }
 
 }  // namespace ksomd::test

@@ -30,8 +30,7 @@ class Operand {
 
  private:
   GuardedMemory memory_;
-  unsigned char* first_ = nullptr;
-  std::size_t size_ = 0;
+  unsigned char *from_ = nullptr, *first_ = nullptr, *end_ = nullptr, *to_ = nullptr;
 };
 
 }  // namespace ksomd::test

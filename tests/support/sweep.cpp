@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -45,30 +46,19 @@ std::uint64_t seed_of(std::uint64_t own) {
   return given.empty() ? own : Random(std::strtoull(given.c_str(), nullptr, 10) ^ own).next();
 }
 
-Length test_length() {
-  static const Length length = [] {
-    const std::string_view wish = variable("KSOMD_TEST_LENGTH");
-#ifdef _WIN32
-    constexpr Length usual = Length::Shared;
-#else
-    constexpr Length usual = Length::Proof;
-#endif
-    return wish == "full" ? Length::Full : wish == "shared" ? Length::Shared : usual;
-  }();
-  return length;
+bool full_length() {
+  static const bool full = variable("KSOMD_TEST_LENGTH") == "full";
+  return full;
 }
 
-void Digest::add(const void* data, std::size_t size) {
-  const auto* bytes = static_cast<const unsigned char*>(data);
-  while (size > 0) {
-    std::uint64_t word = 0;
-    const std::size_t part = size < sizeof word ? size : sizeof word;
-    std::memcpy(&word, bytes, part);
-    state_ = (state_ ^ word) * 0x100000001B3;
-    state_ ^= state_ >> 29;
-    bytes += part;
-    size -= part;
-  }
+bool Sweep::proving() {
+#ifdef _WIN32
+  constexpr bool usual = false;
+#else
+  constexpr bool usual = true;
+#endif
+  static const bool shared = variable("KSOMD_TEST_LENGTH") == "shared";
+  return full_length() || (usual && !shared);
 }
 
 Sweep::Sweep(const char* name) : name_(name) {}
@@ -81,14 +71,17 @@ Sweep::Rounds Sweep::rounds(std::size_t shared, std::size_t proof) {
   random = Random(seed_of(own));
   shared_ = shared;
   round_ = 0;
-  return {this, test_length() == Length::Shared ? shared
-                : test_length() == Length::Full ? proof * full_factor
-                                                : proof};
+  return {{this}, proving() ? proof * (full_length() ? full_factor : 1) : shared};
 }
 
 void Sweep::results(const void* data, std::size_t size) {
-  if (round_ < shared_) {
-    digest_.add(data, size);
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  for (std::size_t part = 0; round_ < shared_ && size > 0; bytes += part, size -= part) {
+    std::uint64_t word = 0;
+    part = std::min(size, sizeof word);
+    std::memcpy(&word, bytes, part);
+    digest_ = (digest_ ^ word) * 0x100000001B3;
+    digest_ ^= digest_ >> 29;
   }
 }
 
@@ -98,14 +91,14 @@ Sweep::~Sweep() {
   }
   if (const std::string file{variable("KSOMD_WRITE_DIGESTS")}; !file.empty()) {
     if (std::FILE* const out = std::fopen(file.c_str(), "a"); out != nullptr) {
-      std::fprintf(out, "{\"%s\", 0x%016" PRIx64 "},\n", name_.c_str(), digest_.value());
+      std::fprintf(out, "{\"%s\", 0x%016" PRIx64 "},\n", name_.c_str(), digest_);
       std::fclose(out);
     }
     return;
   }
   for (const auto& row : agreed) {
     if (row.name == name_) {
-      EXPECT_EQ(row.digest, digest_.value())
+      EXPECT_EQ(row.digest, digest_)
           << "the results of " << name_ << " differ from those that the host proved";
       return;
     }

@@ -51,20 +51,8 @@ class Random {
 // `own`, or with KSOMD_TEST_SEED set a number made of both: for long runs with other inputs.
 std::uint64_t seed_of(std::uint64_t own);
 
-// How much a test does. KSOMD_TEST_LENGTH is "shared" (what every target computes and compares),
+// How much a test does: KSOMD_TEST_LENGTH is "shared" (what every target computes and compares),
 // empty (on the host also the proof) or "full" (many times the proof).
-enum class Length { Shared, Proof, Full };
-Length test_length();
-
-class Digest {
- public:
-  void add(const void* data, std::size_t size);
-  std::uint64_t value() const { return state_; }
-
- private:
-  std::uint64_t state_ = 0xCBF29CE484222325;
-};
-
 class Sweep {
  public:
   explicit Sweep(const char* name);
@@ -75,13 +63,24 @@ class Sweep {
 
   Random random{0};
 
-  // The rounds of a loop: `shared` of them on every target, `proof` where this target proves. Each
-  // loop of a sweep starts from a seed of its own.
-  class Rounds;
+  // The numbers of the rounds of a loop: `shared` of them on every target, `proof` where this
+  // target proves. Each loop of a sweep starts from a seed of its own.
+  struct Rounds {
+    struct Iterator {
+      Sweep* sweep;
+      std::size_t operator*() const { return sweep->round_; }
+      void operator++() { ++sweep->round_; }
+      bool operator!=(std::size_t end) const { return sweep->round_ != end; }
+    };
+    Iterator first;
+    std::size_t count;
+    Iterator begin() const { return first; }
+    std::size_t end() const { return count; }
+  };
   Rounds rounds(std::size_t shared, std::size_t proof);
 
   // Whether results are to be judged by an oracle here.
-  static bool proving() { return test_length() != Length::Shared; }
+  static bool proving();
 
   // Results that every target must share; those of rounds beyond the shared ones are left out. Only
   // types without padding.
@@ -96,28 +95,7 @@ class Sweep {
   std::uint64_t loops_ = 0;
   std::size_t round_ = 0;
   std::size_t shared_ = ~std::size_t{0};
-  Digest digest_;
-};
-
-class Sweep::Rounds {
- public:
-  struct Iterator {
-    Sweep* sweep;
-    std::size_t round;
-    std::size_t operator*() const { return round; }
-    Iterator& operator++() {
-      sweep->round_ = ++round;
-      return *this;
-    }
-    bool operator!=(const Iterator& other) const { return round != other.round; }
-  };
-  Rounds(Sweep* sweep, std::size_t count) : sweep_(sweep), count_(count) {}
-  Iterator begin() const { return {sweep_, 0}; }
-  Iterator end() const { return {sweep_, count_}; }
-
- private:
-  Sweep* sweep_;
-  std::size_t count_;
+  std::uint64_t digest_ = 0xCBF29CE484222325;
 };
 
 // ---- the floating-point mode --------------------------------------------------------------------

@@ -6,16 +6,6 @@
 
 namespace ksomd::test {
 
-CpuidResult& SyntheticProcessor::at(std::uint32_t leaf, std::uint32_t subleaf) {
-  const auto found = std::ranges::find_if(
-      answers, [&](const Answer& a) { return a.leaf == leaf && a.subleaf == subleaf; });
-  return found != answers.end() ? found->result : answers.emplace_back(leaf, subleaf).result;
-}
-
-std::uint32_t& SyntheticProcessor::reg(std::uint32_t leaf, std::uint32_t subleaf, char name) {
-  return reg(at(leaf, subleaf), name);
-}
-
 std::uint32_t& SyntheticProcessor::reg(CpuidResult& result, char name) {
   std::uint32_t* const registers[] = {&result.eax, &result.ebx, &result.ecx, &result.edx};
   return *registers[name - 'a'];
@@ -35,17 +25,17 @@ int SyntheticProcessor::times_asked(std::uint32_t leaf, std::uint32_t subleaf) c
 
 std::string SyntheticProcessor::describe() const {
   std::ostringstream text;
+  text << std::hex << "xcr0_low = 0x" << xcr0_low;
   const auto print = [&text](const CpuidResult& r) {
-    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << "};\n";
+    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << '}';
   };
-  text << std::hex << "xcr0_low = 0x" << xcr0_low << ";\n";
-  for (const auto& [leaf, subleaf, result] : answers) {
-    print((text << "at(0x" << leaf << ", " << subleaf << ") = ", result));
+  for (const auto& [leaf, result] : answers) {
+    text << "; at(0x" << (leaf >> 32) << ", " << (leaf & 0xFFFFFFFF) << ") = ";
+    print(result);
   }
-  for (const CpuidResult& result : leaf_2) {
-    print((text << "leaf_2 ", result));
-  }
-  return text.str();
+  text << "; leaf_2 = {";
+  std::ranges::for_each(leaf_2, print);
+  return text.str() + "};";
 }
 
 Processor SyntheticProcessor::processor() const {
@@ -57,10 +47,8 @@ Processor SyntheticProcessor::processor() const {
             if (leaf == 2 && !that->leaf_2.empty()) {
               return before < that->leaf_2.size() ? that->leaf_2[before] : CpuidResult{};
             }
-            const auto found = std::ranges::find_if(that->answers, [&](const Answer& a) {
-              return a.leaf == leaf && a.subleaf == subleaf;
-            });
-            return found != that->answers.end() ? found->result : CpuidResult{};
+            const auto found = that->answers.find(that->asked.back());
+            return found != that->answers.end() ? found->second : CpuidResult{};
           },
           [](const void* self) {
             ++static_cast<Self>(self)->xgetbv_count;

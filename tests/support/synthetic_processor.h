@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,11 +12,8 @@
 namespace ksomd::test {
 
 struct SyntheticProcessor {
-  struct Answer {
-    std::uint32_t leaf, subleaf;
-    CpuidResult result;
-  };
-  std::vector<Answer> answers;            // a leaf that is not here answers 0
+  // By leaf << 32 | subleaf; a leaf that is not here answers 0.
+  std::map<std::uint64_t, CpuidResult> answers;
   std::vector<CpuidResult> leaf_2;        // if any: successive answers of leaf 2, then 0
   std::vector<std::uint32_t> numbers{0};  // successive processor numbers; the last one stays
   std::uint32_t xcr0_low = 0;
@@ -25,14 +23,15 @@ struct SyntheticProcessor {
   mutable std::size_t rdpid_count = 0;
   mutable std::vector<std::uint64_t> asked;  // leaf << 32 | subleaf
 
-  CpuidResult& at(std::uint32_t leaf, std::uint32_t subleaf = 0);
-  std::uint32_t& reg(std::uint32_t leaf, std::uint32_t subleaf, char name);
+  CpuidResult& at(std::uint32_t leaf, std::uint32_t subleaf = 0) {
+    return answers[std::uint64_t{leaf} << 32 | subleaf];
+  }
   static std::uint32_t& reg(CpuidResult& result, char name);  // 'a' to 'd'
+  std::uint32_t& reg(std::uint32_t leaf, std::uint32_t subleaf, char name) {
+    return reg(at(leaf, subleaf), name);
+  }
   void set_vendor(std::string_view name, std::uint32_t highest_leaf = 0x24);
   int times_asked(std::uint32_t leaf, std::uint32_t subleaf = 0) const;
-  bool was_asked(std::uint32_t leaf, std::uint32_t subleaf = 0) const {
-    return times_asked(leaf, subleaf) > 0;
-  }
 
   std::string describe() const;  // in a form that can be pasted
 
