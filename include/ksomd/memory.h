@@ -36,8 +36,8 @@ KSOMD_API void* _orvex_fast_memmove(void* destination, const void* source, size_
 KSOMD_API void* _orvex_fast_memset(void* destination, int value, size_t count);
 
 /* -1, 0 or +1: the sign of the first difference, of unsigned bytes in address order. Equal
- * addresses compare equal without being read. Reads no page of memory that lies beyond the first
- * difference's block of 16 bytes, counted from the beginning. */
+ * addresses compare equal without being read. Otherwise any byte of both ranges may be read, also
+ * behind the first difference. */
 KSOMD_API int _orvex_fast_memcmp(const void* first, const void* second, size_t count);
 
 /* ---- generic variants: any x86-64 processor -------------------------------------------------- */

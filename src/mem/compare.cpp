@@ -40,16 +40,6 @@ template <>
 
 // ---- whole ranges at once -----------------------------------------------------------------------
 
-// What the processor protects at once: if one byte of a page can be read, all can. A comparison
-// ends at the first difference and the bytes behind it may be out of reach, so that more than 16
-// bytes are read at once only where no page ends among them.
-constexpr size_t page = 4096;
-
-[[gnu::always_inline]] inline size_t room_in_pages(const Byte* a, const Byte* b) {
-  const size_t x = offset_in(page, a), y = offset_in(page, b);
-  return page - (x > y ? x : y);
-}
-
 template <Access from = Access::Unaligned>
 [[gnu::always_inline]] inline __m128i equal_bytes(const Byte* a, const Byte* b) {
   return _mm_cmpeq_epi8(Piece16::load<from>(a), Piece16::load<Access::Unaligned>(b));
@@ -117,9 +107,9 @@ template <Access from = Access::Unaligned>
 
 // ---- the first difference -----------------------------------------------------------------------
 
-// 16 bytes at a time, counted from the beginning: what is behind the block of the first difference
-// is not read.
-[[gnu::noinline]] int compare_stepwise(const Byte* a, const Byte* b, size_t n) {
+// The result for 16 bytes or more, known to differ. Out of line, since most comparisons of some
+// length find no difference or end in their first bytes.
+[[gnu::noinline]] int order_of_difference(const Byte* a, const Byte* b, size_t n) {
   int result = 0;
   for (; n >= 16; a += 16, b += 16, n -= 16) {
     if (differ<Piece16>(a, b, result)) {
@@ -129,52 +119,21 @@ template <Access from = Access::Unaligned>
   return compare_below_16(a, b, n);
 }
 
-// More than 128 bytes that are in the two pages of a and b.
-[[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
-  const Byte* const a_last = a + n - 128;
-  const Byte* const b_last = b + n - 128;
-  for (; a < a_last; a += 128, b += 128) {
-    if (!equal_128(a, b)) {
-      return compare_stepwise(a, b, 128);
-    }
-  }
-  return equal_128(a_last, b_last) ? 0 : compare_stepwise(a_last, b_last, 128);
-}
-
-// More than 128 bytes, across any number of pages. The first range is read in blocks between
-// multiples of 128, in which no page of it ends; where one of the second ends, steps of 16 bytes
-// counted from the beginning cover the block:
-//
-//     16   16   16   16   16   16   16   16   16    from the beginning
-//   |    |    |    |    |    |    |    |    |    |
-//      |            block of 128             |
-[[gnu::noinline]] int compare_pages(const Byte* a, const Byte* b, size_t n) {
-  constexpr size_t block = 128, covering = block + 16;
-  if (const int found = compare_stepwise(a, b, block); found != 0) {
-    return found;
+// More than 128 bytes: blocks from the first 16-byte boundary of the first operand on, which is
+// then read aligned, and the last block of the range.
+[[gnu::noinline]] int compare_long(const Byte* a, const Byte* b, size_t n) {
+  constexpr size_t block = 128;
+  if (!all_set(equal_bytes(a, b))) {
+    return order_of_difference(a, b, 16);
   }
   const std::ptrdiff_t distance = b - a;
-  const Byte* x = a + block - offset_in(block, a);
-  const Byte* const end = a + n;
-  for (;;) {
-    const size_t safe = page - offset_in(page, x + distance), left = static_cast<size_t>(end - x);
-    const size_t straight = safe < left ? safe : left;
-    const Byte* const stop = x + (straight - straight % block);
-    for (; x != stop; x += block) {
-      if (!equal_128<Access::Aligned>(x, x + distance)) {
-        return compare_stepwise(x, x + distance, block);
-      }
+  const Byte* const last = a + n - block;
+  for (a += 16 - offset_in(16, a); a < last; a += block) {
+    if (!equal_128<Access::Aligned>(a, a + distance)) {
+      return order_of_difference(a, a + distance, block);
     }
-    const size_t past_step = static_cast<size_t>(x - a) % 16;
-    const Byte* const step = x - past_step;
-    if (static_cast<size_t>(end - x) < covering) {
-      return compare_stepwise(step, step + distance, static_cast<size_t>(end - step));
-    }
-    if (const int found = compare_stepwise(step, step + distance, covering); found != 0) {
-      return found;
-    }
-    x += block;
   }
+  return equal_128(last, last + distance) ? 0 : order_of_difference(last, last + distance, block);
 }
 
 // Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
@@ -216,7 +175,6 @@ struct CompareTail {
 
 using namespace ksomd::mem;
 
-// Never reads on beyond the 16 bytes in which the first difference lies.
 int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
   const auto* a = static_cast<const Byte*>(first);
   const auto* b = static_cast<const Byte*>(second);
@@ -226,14 +184,11 @@ int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
   if (count < 16) {
     return compare_below_16(a, b, count);
   }
-  if (count > 512 || count > room_in_pages(a, b)) [[unlikely]] {
-    return count > 128 ? compare_pages(a, b, count) : compare_stepwise(a, b, count);
+  if (count <= 128) {
+    const bool equal = count <= 64 ? equal_up_to_64(a, b, count) : equal_up_to_128(a, b, count);
+    return equal ? 0 : order_of_difference(a, b, count);
   }
-  if (count > 128) {
-    return compare_blocks(a, b, count);
-  }
-  const bool equal = count <= 64 ? equal_up_to_64(a, b, count) : equal_up_to_128(a, b, count);
-  return equal ? 0 : compare_stepwise(a, b, count);
+  return compare_long(a, b, count);
 }
 
 int __orvex_new_memcmp(const void* first, const void* second, size_t count) {

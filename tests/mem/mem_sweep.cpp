@@ -54,9 +54,9 @@ TEST(MemSweep, CopiesMovesAndFills) {
   EXPECT_TRUE(source.holds(source.begin(), source.expected.size()));
 }
 
-// A comparison reads nothing beyond the 16 bytes, counted from the beginning, in which the first
-// difference lies: the ranges may end there, whatever the count says. In every fourth round one
-// byte of a short range makes the difference alone, each in turn.
+// The generic comparison reads nothing beyond the 16 bytes, counted from the beginning, in which the
+// first difference lies: the ranges may end there, whatever the count says. In every fourth round
+// one byte of a short range makes the difference alone, each in turn.
 TEST(MemSweep, Comparisons) {
   Sweep sweep("mem.compare");
   // Their ends are ends of pages, but not of any larger unit.
@@ -88,12 +88,13 @@ TEST(MemSweep, Comparisons) {
     }
     const int difference = std::memcmp(a, b, readable);
     const int expected = (difference > 0) - (difference < 0);
-    for (const char* const name : {"_orvex_fast_memcmp", "__orvex_new_memcmp"}) {
+    for (const auto& [name, count] :
+         {std::pair{"_orvex_fast_memcmp", readable}, {"__orvex_new_memcmp", n}}) {
       auto* const compare = entry<int(const void*, const void*, std::size_t)>(name);
-      ASSERT_TRUE(compare(a, b, n) == expected && compare(b, a, n) == -expected)
-          << name << "(end - " << first.end() - a << ", end - " << second.end() - b << ", " << n
+      ASSERT_TRUE(compare(a, b, count) == expected && compare(b, a, count) == -expected)
+          << name << "(end - " << first.end() - a << ", end - " << second.end() - b << ", " << count
           << "), " << readable << " readable, should give " << expected;
-      ASSERT_EQ(round % 8 == 0 ? what_call_changes(compare, a, b, n) : "", "") << name;
+      ASSERT_EQ(round % 8 == 0 ? what_call_changes(compare, a, b, count) : "", "") << name;
     }
     sweep.result(expected);
   }
