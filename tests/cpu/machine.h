@@ -5,20 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <csetjmp>
-#include <cstdlib>
 #include <functional>
-#include <string>
 
 #include "cpu/cache.h"
 #include "cpu/feature_set.h"
-#include "cpu/processor.h"
 #include "support/child_process.h"
 #include "support/entry.h"
+#include "support/single_step.h"
 #include "support/sweep.h"
 #include "support/synthetic_processor.h"
-#ifndef _WIN32
-#include "support/single_step.h"
-#endif
 
 namespace ksomd::test {
 
