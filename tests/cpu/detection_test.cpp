@@ -6,7 +6,6 @@
 #include <array>
 #include <barrier>
 #include <bit>
-#include <cstring>
 #include <thread>
 
 #include "cpu/core_type.h"

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <iostream>
 
 #include "cpu/isa_names.h"
 #include "cpu/machine.h"
@@ -63,13 +64,10 @@ KSOMD_CHILD(report) {
   std::printf("caches: %u %u %u\n", __cacheSize(1), __cacheSize(2), __cacheSize(3));
   std::printf("core type: %u\n", __detect_cpu_core_type());
   const mem::Tuning& t = __libkso_mem_tuning;
-  std::printf("tuning:");
-  for (const std::uint64_t value :
-       {t.largest_cache_size, t.copy_nt_threshold, t.l1_size, t.l1_half, t.l1_quarter,
-        t.rep_movsb_threshold, t.avx512_nt_threshold, t.rep_stosb_threshold}) {
-    std::printf(" %s", std::to_string(value).c_str());
-  }
-  std::printf(" %d\n", t.mem_class);
+  std::cout << "tuning: " << t.largest_cache_size << ' ' << t.copy_nt_threshold << ' ' << t.l1_size
+            << ' ' << t.l1_half << ' ' << t.l1_quarter << ' ' << t.rep_movsb_threshold << ' '
+            << t.avx512_nt_threshold << ' ' << t.rep_stosb_threshold << ' ' << t.mem_class
+            << std::endl;
   return 0;
 }
 

@@ -4,9 +4,6 @@
 
 #include <immintrin.h>
 
-#include <cstring>
-#include <sstream>
-
 #include "cpu/isa_names.h"
 #include "cpu/machine.h"
 #include "msg/messages.h"
@@ -53,7 +50,7 @@ const std::vector<Check> checks = [] {
         const auto granted = static_cast<Guarantees>(dotted[i + 1] - '0');
         all.push_back({name + '.' + dotted[i], 0, granted, 0, flags, true});
       }
-      if (std::strchr("-BNPT", letter[0]) == nullptr) {
+      if (std::string("-BNPT").find(letter) == std::string::npos) {
         break;  // these levels came later
       }
     }
@@ -138,7 +135,7 @@ const auto said = [](std::uint32_t message) -> std::string { return __libkso_get
 // Every check with its set, and without each of its features.
 TEST(Reports, OfEveryLevel) {
   for (const Check& check : checks) {
-    const auto m = check.message;
+    const std::uint32_t m = check.message;
     const auto fail = m < 49 ? __libkso_fatal_processor : __libkso_fatal_system;
     const std::string report = outcome([=] { fail(m); });
     for (std::uint64_t bit = 1u << 24; bit != 0; bit /= 2) {
@@ -254,10 +251,7 @@ TEST(Messages, AreFormattedIfThereAreArgumentsAndCut) {
   EXPECT_EQ(printed, "\n\n" + plain + '\n' + plain + '\n' + cut + "\n5%|" + start + "own.");
   EXPECT_EQ(__libkso_format_msg(24, -5), plain);
   EXPECT_STREQ(__libkso_format_msg(0, 3, "A"), "");
-  for (std::size_t length = 470; length < 530; ++length) {
-    const std::string argument(length, 'x'), whole = start + argument + ".";
-    EXPECT_EQ(__libkso_format_msg(24, 9, argument.c_str()), whole.substr(0, 511));
-  }
+  EXPECT_EQ(__libkso_format_msg(24, 9, std::string(1000, 'y').c_str()), cut);
   char text[64];
   EXPECT_EQ(__libkso_sprintf(text, "%lu/%s", 1033uL, "kso_msg.dll"), 16);
 }
