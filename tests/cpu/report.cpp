@@ -46,16 +46,13 @@ KSOMD_CHILD(report) {
   feature_word();
   print_set("general", __orvex_cpu_feature_indicator);
 
-  alignas(64) unsigned char memory[256] = {};
+  alignas(64) unsigned char memory[256] = {}, stream[sizeof(__libkso_nt_context) + 64] = {};
   _orvex_fast_memcpy(memory, memory + 128, 70);
   _orvex_fast_memmove(memory, memory + 30, 70);
   _orvex_fast_memset(memory, 3, 70);
-  struct {
-    __libkso_nt_context context;
-    unsigned char chunk[64];
-  } stream = {};
-  stream.context.destination = memory;
-  __libkso_nontemporal_store(&stream.context, 8, 1);
+  auto* const context = reinterpret_cast<__libkso_nt_context*>(stream);
+  context->destination = memory;
+  __libkso_nontemporal_store(context, 8, 1);
   print_tier("memcpy", __orvex_fast_memcpy_slot, __orvex_avx_rep_memcpy, __orvex_new_memcpy);
   print_tier("memmove", __orvex_fast_memmove_slot, __orvex_avx_memmove, __orvex_new_memmove);
   print_tier("memset", __orvex_fast_memset_slot, __orvex_avx_rep_memset, __orvex_new_memset);

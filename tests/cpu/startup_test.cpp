@@ -4,6 +4,8 @@
 
 #include <immintrin.h>
 
+#include <numeric>
+
 #include "cpu/isa_names.h"
 #include "cpu/machine.h"
 #include "msg/messages.h"
@@ -81,8 +83,9 @@ TEST(Mode, EveryGuaranteeFlagAndMask) {
     const std::uint32_t known = i % 4 * 2, flags = i / 4 % 16, no_daz = i / 64 % 2, no_17 = i / 128;
     RecordedMxcsr mxcsr{0x1F80, ~(no_daz << 6 | no_17 << 17)};
     set_fp_mode(mxcsr, known, flags);
-    EXPECT_EQ(mxcsr.value, 0x1F80 | gained_mode(known, flags, mxcsr.mask)) << known << ' ' << flags;
-    EXPECT_EQ(mxcsr.probes, in_doubt(known, flags)) << known << ' ' << flags;
+    EXPECT_TRUE(mxcsr.value == (0x1F80 | gained_mode(known, flags, mxcsr.mask)) &&
+                mxcsr.probes == in_doubt(known, flags))
+        << known << ' ' << flags << ' ' << mxcsr.mask;
   }
 }
 
@@ -115,11 +118,10 @@ TEST(Mode, OfEveryEntryOnThisProcessor) {
         after = _mm_getcsr();
         _mm_setcsr(mxcsr::all_masked);
       };
-      // FXSAVE64 with a memory operand: REX.W, 0F AE, and 0 in the middle of the next byte.
+      // FXSAVE64: REX.W, 0F AE, and 0 in the middle of the next byte.
       watch(call, [&](const std::uint8_t* next) {
         watched = 1;
-        probes += (next[0] & 0xF8) == 0x48 && next[1] == 0x0F && next[2] == 0xAE &&
-                  (next[3] & 0x38) == 0 && (next[3] & 0xC0) != 0xC0;
+        probes += next[0] / 8 == 9 && next[1] == 0x0F && next[2] == 0xAE && (next[3] & 0x38) == 0;
       });
       EXPECT_EQ(after, before | gained);
       EXPECT_EQ(probes, in_doubt(check.known, effective) ? watched : 0);
@@ -174,9 +176,8 @@ TEST(Reports, ListsAreCutAtWholeNames) {
 }
 
 TEST(Reports, OfMissingFeatures) {
-  using FeatureCheck = void(std::int32_t index_or_flags, std::uint64_t mask);
-  const auto check_features = entry<FeatureCheck>("__orvex_new_feature_proc_init_n");
-  const auto check_and_set_mode = entry<FeatureCheck>("__orvex_new_feature_proc_init");
+  const auto check_features =
+      entry<decltype(__orvex_new_feature_proc_init_n)>("__orvex_new_feature_proc_init_n");
   Random random(seed_of(5));
   for (int round = 0; round < 1000; ++round) {
     const std::uint64_t have = random.next() | 2, word_1 = random.next();
@@ -194,8 +195,9 @@ TEST(Reports, OfMissingFeatures) {
     __orvex_vendor_feature_indicator[0] = word_0;
     __orvex_vendor_feature_indicator[1] = word_1;
     const bool with_mode = index == 0 && round % 2 != 0;
-    EXPECT_EQ(outcome([=] { (with_mode ? check_and_set_mode : check_features)(index, mask); }),
-              good && lacks == 0 ? "" : '\n' + text + "\n\n(ends)")
+    EXPECT_EQ(
+        outcome([=] { (with_mode ? __orvex_new_feature_proc_init : check_features)(index, mask); }),
+        good && lacks == 0 ? "" : '\n' + text + "\n\n(ends)")
         << std::hex << word_0 << ' ' << word_1 << ' ' << index << ' ' << mask;
   }
 }
@@ -228,11 +230,10 @@ TEST(Messages, EveryDefaultTextToTheByte) {
       "7EC9B804CC5A59C76C3201A4B97EF2F851AC0FDB5AD176FB07B14454FF439FB9F6B8F93AF6FC42D483D9F7BFFCE6"
       "007F659A6F80B02621E10B9BFD6309663CF401B6AE7804171420B461AF32D09A";
   for (std::uint32_t n = 1; n < message_count; ++n) {
-    std::uint32_t hash = 0x811C9DC5;
-    for (const char c : said(n)) {
-      hash = (hash ^ static_cast<unsigned char>(c)) * 0x1000193;
-    }
-    EXPECT_EQ(hash & 0xFFFF, std::stoul(hashes.substr(4 * n - 4, 4), nullptr, 16)) << said(n);
+    const std::string text = said(n);
+    const auto step = [](std::uint32_t hash, unsigned char c) { return (hash ^ c) * 0x1000193; };
+    const std::uint32_t hash = std::accumulate(text.begin(), text.end(), 0x811C9DC5, step);
+    EXPECT_EQ(hash & 0xFFFF, std::stoul(hashes.substr(4 * n - 4, 4), nullptr, 16)) << text;
   }
 }
 
@@ -313,7 +314,7 @@ TEST(Catalogue, OfTheLocalesDirectoryTranslatesWhatItHolds) {
   translated += "Translated: %d%%.\n\n(ends)\nTranslated: not this processor.\n";
   translated += "Translated: 100% of Translated level B.\n\n(ends)Translated: not this processor.";
   expect_exit(run_child("catalogue", {"yes"}), 0, text_mode(translated));
-  EXPECT_EQ(run_child("catalogue", {"no"}).output.find("Translated"), std::string::npos);
+  EXPECT_TRUE(run_child("catalogue", {"no"}).output.ends_with(said(23)));
 }
 
 }  // namespace
