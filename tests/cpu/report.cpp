@@ -63,8 +63,7 @@ KSOMD_CHILD(report) {
   const mem::Tuning& t = __libkso_mem_tuning;
   std::cout << "tuning: " << t.largest_cache_size << ' ' << t.copy_nt_threshold << ' ' << t.l1_size
             << ' ' << t.l1_half << ' ' << t.l1_quarter << ' ' << t.rep_movsb_threshold << ' '
-            << t.avx512_nt_threshold << ' ' << t.rep_stosb_threshold << ' ' << t.mem_class
-            << std::endl;
+            << t.avx512_nt_threshold << ' ' << t.rep_stosb_threshold << ' ' << t.mem_class << '\n';
   return 0;
 }
 

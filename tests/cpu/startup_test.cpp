@@ -60,76 +60,6 @@ const std::vector<Check> checks = [] {
   return all;
 }();
 
-// ---- MXCSR --------------------------------------------------------------------------------------
-
-// Whether what is known leaves a doubt, which asks for a probe; and what MXCSR gains on a processor
-// with this MXCSR_MASK.
-const auto in_doubt = [](auto known, auto flags) { return (flags & ~known & 6) != 0; };
-std::uint32_t gained_mode(Guarantees known, std::uint32_t flags, std::uint32_t supported) {
-  const std::uint32_t wanted = (flags & 1) << 15 | (flags & 2) << 5 | (flags & 4) << 15;
-  return in_doubt(known, flags) ? wanted & (supported | 0x8000) : wanted;
-}
-
-struct RecordedMxcsr {
-  std::uint32_t value, mask;
-  int probes = 0;
-  std::uint32_t read() const { return value; }
-  void write(std::uint32_t next) { value = next; }
-  std::uint32_t supported() { return ++probes, mask; }
-};
-
-TEST(Mode, EveryGuaranteeFlagAndMask) {
-  for (std::uint32_t i = 0; i < 4 * 16 * 4; ++i) {
-    const std::uint32_t known = i % 4 * 2, flags = i / 4 % 16, no_daz = i / 64 % 2, no_17 = i / 128;
-    RecordedMxcsr mxcsr{0x1F80, ~(no_daz << 6 | no_17 << 17)};
-    set_fp_mode(mxcsr, known, flags);
-    EXPECT_TRUE(mxcsr.value == (0x1F80 | gained_mode(known, flags, mxcsr.mask)) &&
-                mxcsr.probes == in_doubt(known, flags))
-        << known << ' ' << flags << ' ' << mxcsr.mask;
-  }
-}
-
-// call ENTRY FLAGS, on a processor that has everything.
-KSOMD_CHILD(call) {
-  __orvex_cpu_feature_indicator[0] = __orvex_vendor_feature_indicator[0] = ~0uLL;
-  entry<void(std::uint32_t)>(arguments[0])(static_cast<std::uint32_t>(std::stoul(arguments[1])));
-  return 0;
-}
-
-TEST(Mode, OfEveryEntryOnThisProcessor) {
-  alignas(16) std::uint32_t image[128] = {};
-  _fxsave64(image);
-  const std::uint32_t supported = image[7];
-  for (std::size_t i = 0; i < checks.size() * 8; ++i) {
-    const Check& check = checks[i / 8];
-    const std::uint32_t flags = i % 8, before = flags % 2 == 0 ? 0x7FBF : 0x1F80;
-    const std::uint32_t effective = !check.sets_mode ? 0 : check.takes_flags ? flags : 3;
-    const std::uint32_t gained = gained_mode(check.known, effective, supported);
-    SCOPED_TRACE(check.name + " flags " + std::to_string(flags));
-    if ((gained & ~supported) != 0) {
-      const ChildResult child = run_child("call", {check.name, std::to_string(flags)});
-      EXPECT_EQ(child.ending, Ending::AccessViolation);  // the mode is beyond this processor
-    } else if (check.sets_mode || check.message == 0) {
-      std::uint32_t after = 0;
-      int probes = 0, watched = 0;
-      const auto call = [&] {
-        _mm_setcsr(before);  // what is set stays
-        check.call(flags, check.required | 1);
-        after = _mm_getcsr();
-        _mm_setcsr(mxcsr::all_masked);
-      };
-      // FXSAVE64: REX.W, 0F AE, and 0 in the middle of the next byte.
-      watch(call, [&](const std::uint8_t* next) {
-        watched = 1;
-        probes += next[0] / 8 == 9 && next[1] == 0x0F && next[2] == 0xAE && (next[3] & 0x38) == 0;
-      });
-      EXPECT_EQ(after, before | gained);
-      EXPECT_EQ(probes, in_doubt(check.known, effective) ? watched : 0);
-    }
-  }
-  install();
-}
-
 // ---- reports ------------------------------------------------------------------------------------
 
 const auto said = [](std::uint32_t message) -> std::string { return __libkso_get_msg(message); };
@@ -219,6 +149,76 @@ TEST(Reports, OfASetThatTheCheckFills) {
 
 TEST(Reports, AFailedDispatchTraps) {
   EXPECT_EQ(run_child("call", {"__orvex_cpu_dispatch_fail", "0"}).ending, Ending::BreakpointTrap);
+}
+
+// ---- MXCSR --------------------------------------------------------------------------------------
+
+// Whether what is known leaves a doubt, which asks for a probe; and what MXCSR gains on a processor
+// with this MXCSR_MASK.
+const auto in_doubt = [](auto known, auto flags) { return (flags & ~known & 6) != 0; };
+std::uint32_t gained_mode(Guarantees known, std::uint32_t flags, std::uint32_t supported) {
+  const std::uint32_t wanted = (flags & 1) << 15 | (flags & 2) << 5 | (flags & 4) << 15;
+  return in_doubt(known, flags) ? wanted & (supported | 0x8000) : wanted;
+}
+
+struct RecordedMxcsr {
+  std::uint32_t value, mask;
+  int probes = 0;
+  std::uint32_t read() const { return value; }
+  void write(std::uint32_t next) { value = next; }
+  std::uint32_t supported() { return ++probes, mask; }
+};
+
+TEST(Mode, EveryGuaranteeFlagAndMask) {
+  for (std::uint32_t i = 0; i < 4 * 16 * 4; ++i) {
+    const std::uint32_t known = i % 4 * 2, flags = i / 4 % 16, no_daz = i / 64 % 2, no_17 = i / 128;
+    RecordedMxcsr mxcsr{0x1F80, ~(no_daz << 6 | no_17 << 17)};
+    set_fp_mode(mxcsr, known, flags);
+    EXPECT_TRUE(mxcsr.value == (0x1F80 | gained_mode(known, flags, mxcsr.mask)) &&
+                mxcsr.probes == in_doubt(known, flags))
+        << known << ' ' << flags << ' ' << mxcsr.mask;
+  }
+}
+
+// call ENTRY FLAGS, on a processor that has everything.
+KSOMD_CHILD(call) {
+  __orvex_cpu_feature_indicator[0] = __orvex_vendor_feature_indicator[0] = ~0uLL;
+  entry<void(std::uint32_t)>(arguments[0])(static_cast<std::uint32_t>(std::stoul(arguments[1])));
+  return 0;
+}
+
+TEST(Mode, OfEveryEntryOnThisProcessor) {
+  alignas(16) std::uint32_t image[128] = {};
+  _fxsave64(image);
+  const std::uint32_t supported = image[7];
+  for (std::size_t i = 0; i < checks.size() * 8; ++i) {
+    const Check& check = checks[i / 8];
+    const std::uint32_t flags = i % 8, before = flags % 2 == 0 ? 0x7FBF : 0x1F80;
+    const std::uint32_t effective = !check.sets_mode ? 0 : check.takes_flags ? flags : 3;
+    const std::uint32_t gained = gained_mode(check.known, effective, supported);
+    SCOPED_TRACE(check.name + " flags " + std::to_string(flags));
+    if ((gained & ~supported) != 0) {
+      const ChildResult child = run_child("call", {check.name, std::to_string(flags)});
+      EXPECT_EQ(child.ending, Ending::AccessViolation);  // the mode is beyond this processor
+    } else if (check.sets_mode || check.message == 0) {
+      std::uint32_t after = 0;
+      int probes = 0, watched = 0;
+      const auto call = [&] {
+        _mm_setcsr(before);  // what is set stays
+        check.call(flags, check.required | 1);
+        after = _mm_getcsr();
+        _mm_setcsr(mxcsr::all_masked);
+      };
+      // FXSAVE64: REX.W, 0F AE, and 0 in the middle of the next byte.
+      watch(call, [&](const std::uint8_t* next) {
+        watched = 1;
+        probes += next[0] / 8 == 9 && next[1] == 0x0F && next[2] == 0xAE && (next[3] & 0x38) == 0;
+      });
+      EXPECT_EQ(after, before | gained);
+      EXPECT_EQ(probes, in_doubt(check.known, effective) ? watched : 0);
+    }
+  }
+  install();
 }
 
 // ---- messages -----------------------------------------------------------------------------------
