@@ -1,31 +1,74 @@
-// The machine as the library sees it, for tests to change: the processor that answers it, the
-// disable variable, and the end of the process.
+// The machine as the library sees it, for tests to change: the processor that answers it, and the
+// end of the process; and what its tests have in common.
 #pragma once
 
-#include <csetjmp>
-#include <cstdint>
+#include <gtest/gtest.h>
 
+#include <csetjmp>
+#include <functional>
+
+#include "cpu/cache.h"
 #include "cpu/feature_set.h"
+#include "support/child_process.h"
+#include "support/entry.h"
+#include "support/single_step.h"
+#include "support/sweep.h"
 #include "support/synthetic_processor.h"
 
 namespace ksomd::test {
 
-// Puts a table of answers in the place of the real processor; null: the real one again. What the
-// library knows of the processor is forgotten, the hybrid state excepted.
-void install(const SyntheticProcessor* answers);
+// The processor of this machine, and the one that answers the library: the linker leads every use
+// of hardware_processor to the second, which must answer before anything is constructed.
+extern const Processor real_machine __asm__("__real__ZN5ksomd18hardware_processorE");
+inline constinit Processor machine __asm__("__wrap__ZN5ksomd18hardware_processorE") = {
+    [](const void*, std::uint32_t leaf, std::uint32_t subleaf) {
+      return real_machine.leaf(leaf, subleaf);
+    },
+    [](const void*) { return real_machine.xcr0(nullptr); },
+    [](const void*) { return real_machine.rdpid(nullptr); },
+    [](const void*) { return real_machine.has_cpuid(nullptr); }, nullptr};
 
-// What the library finds in ORVEX_ISA_DISABLE; null: the real variable's value.
-extern const char* disabled_names;
+// Makes this the one that answers. What the library knows of the processor is forgotten, the hybrid
+// state excepted.
+inline void install(const Processor& processor = real_machine) {
+  machine = processor;
+  __libkso_cache_info = {};
+  for (FeatureSet* set : {&__orvex_cpu_feature_indicator, &__orvex_vendor_feature_indicator}) {
+    (*set)[0] = (*set)[1] = 0;
+  }
+}
 
-// Called whenever the library reads ORVEX_ISA_DISABLE.
-extern void (*on_disabled_names)();
+// Makes the call and, where this processor and this system can, shows `observe` the address of each
+// instruction before it runs.
+inline void watch(const std::function<void()>& call,
+                  [[maybe_unused]] const std::function<void(const std::uint8_t*)>& observe) {
+#ifdef _WIN32
+  call();
+#else
+  std::pair both{&call, &observe};
+  using Both = decltype(both);
+  single_step(
+      [](void* pair) { (*static_cast<Both*>(pair)->first)(); },
+      [](const std::uint8_t* next, void* pair) { (*static_cast<Both*>(pair)->second)(next); },
+      &both);
+#endif
+}
 
-// Where an end of the process with status 1 leads instead.
-extern std::jmp_buf* exit_target;
+// Where an end of the process with status 1 leads instead: in cpu_test, the linker leads the
+// library's calls of exit here.
+inline std::jmp_buf* exit_target;
+extern "C" [[noreturn]] inline void library_exit(int status) __asm__("__wrap_exit");
+[[gnu::used]] inline void library_exit(int status) {
+  if (exit_target != nullptr && status == 1) {
+    std::longjmp(*exit_target, 1);
+  }
+  std::_Exit(status);
+}
 
-// Whether call() ends the process with status 1; it goes on all the same.
+// What a call writes, and "(ends)" if it ends the process with status 1; it goes on all the same.
 template <class Call>
-bool exits(const Call& call) {
+std::string outcome(const Call& call) {
+  testing::internal::CaptureStdout();
   std::jmp_buf target;
   exit_target = &target;
   const bool ended = setjmp(target) != 0;
@@ -33,7 +76,7 @@ bool exits(const Call& call) {
     call();
   }
   exit_target = nullptr;
-  return ended;
+  return testing::internal::GetCapturedStdout() + (ended ? "(ends)" : "");
 }
 
 }  // namespace ksomd::test

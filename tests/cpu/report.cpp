@@ -4,16 +4,22 @@
 //   --child=report     the feature sets, the tiers, the caches and the tuning values
 //   --child=level L    the start-up check of level L: ends with status 0 or 1
 //   --child=feature    the feature check, of SSE2 alone
-#include <cstdio>
+//
+// And a test that runs on emulated processors too, with and without XSAVE.
+#include <unwind.h>
 
-#include "cpu/feature_set.h"
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <iostream>
+
 #include "cpu/isa_names.h"
+#include "cpu/machine.h"
 #include "ksomd/core.h"
 #include "ksomd/processor.h"
 #include "mem/dispatch.h"
 #include "mem/tuning.h"
-#include "support/child_process.h"
-#include "support/entry.h"
+#include "support/register_probe.h"
 
 namespace ksomd::test {
 namespace {
@@ -28,9 +34,8 @@ void print_set(const char* title, const FeatureSet& set) {
   std::printf("\n");
 }
 
-template <class Routine>
-void print_tier(const char* entry, Routine* chosen, Routine* avx, Routine* other,
-                const char* name) {
+void print_tier(const char* entry, auto* chosen, auto* avx, auto* other) {
+  const char* const name = *entry == 's' ? "avx512" : "generic";
   std::printf("%s: %s\n", entry, chosen == avx ? "avx" : chosen == other ? name : "platform");
 }
 
@@ -41,32 +46,24 @@ KSOMD_CHILD(report) {
   feature_word();
   print_set("general", __orvex_cpu_feature_indicator);
 
-  alignas(64) unsigned char memory[256] = {};
+  alignas(64) unsigned char memory[256] = {}, stream[sizeof(__libkso_nt_context) + 64] = {};
   _orvex_fast_memcpy(memory, memory + 128, 70);
   _orvex_fast_memmove(memory, memory + 30, 70);
   _orvex_fast_memset(memory, 3, 70);
-  struct {
-    __libkso_nt_context context;
-    unsigned char chunk[64];
-  } stream = {};
-  stream.context.destination = memory;
-  __libkso_nontemporal_store(&stream.context, 8, 1);
-  print_tier<mem::CopyRoutine>("memcpy", __orvex_fast_memcpy_slot, __orvex_avx_rep_memcpy,
-                               __orvex_new_memcpy, "generic");
-  print_tier<mem::CopyRoutine>("memmove", __orvex_fast_memmove_slot, __orvex_avx_memmove,
-                               __orvex_new_memmove, "generic");
-  print_tier<mem::FillRoutine>("memset", __orvex_fast_memset_slot, __orvex_avx_rep_memset,
-                               __orvex_new_memset, "generic");
-  print_tier<mem::StreamRoutine>("stream", __libkso_nontemporal_store_slot,
-                                 __libkso_nontemporal_store_256, __libkso_nontemporal_store_512,
-                                 "avx512");
-
+  auto* const context = reinterpret_cast<__libkso_nt_context*>(stream);
+  context->destination = memory;
+  __libkso_nontemporal_store(context, 8, 1);
+  print_tier("memcpy", __orvex_fast_memcpy_slot, __orvex_avx_rep_memcpy, __orvex_new_memcpy);
+  print_tier("memmove", __orvex_fast_memmove_slot, __orvex_avx_memmove, __orvex_new_memmove);
+  print_tier("memset", __orvex_fast_memset_slot, __orvex_avx_rep_memset, __orvex_new_memset);
+  print_tier("stream", __libkso_nontemporal_store_slot, __libkso_nontemporal_store_256,
+             __libkso_nontemporal_store_512);
   std::printf("caches: %u %u %u\n", __cacheSize(1), __cacheSize(2), __cacheSize(3));
   std::printf("core type: %u\n", __detect_cpu_core_type());
   const mem::Tuning& t = __libkso_mem_tuning;
-  std::printf("tuning: %lu %lu %lu %lu %lu %lu %lu %lu %d\n", t.largest_cache_size,
-              t.copy_nt_threshold, t.l1_size, t.l1_half, t.l1_quarter, t.rep_movsb_threshold,
-              t.avx512_nt_threshold, t.rep_stosb_threshold, t.mem_class);
+  std::cout << "tuning: " << t.largest_cache_size << ' ' << t.copy_nt_threshold << ' ' << t.l1_size
+            << ' ' << t.l1_half << ' ' << t.l1_quarter << ' ' << t.rep_movsb_threshold << ' '
+            << t.avx512_nt_threshold << ' ' << t.rep_stosb_threshold << ' ' << t.mem_class << '\n';
   return 0;
 }
 
@@ -78,6 +75,62 @@ KSOMD_CHILD(level) {
 KSOMD_CHILD(feature) {
   __orvex_new_feature_proc_init_n(0, 1u << 6);
   return 0;
+}
+
+// ---- the entries that fill the sets -------------------------------------------------------------
+
+// They keep every argument and scratch register, whatever the routines that they call do to them: a
+// processor that answers destroys all that the calling convention lets it.
+using Entry = void (*)();
+VectorState width;
+int misaligned;
+bool walked;
+std::uintptr_t caller;
+
+// A walk of the stack from inside detection must come back to the caller of this.
+[[gnu::noinline]] void call_from_here(Entry entry) {
+  caller = reinterpret_cast<std::uintptr_t>(__builtin_return_address(0));
+  walked = false;
+  entry();
+}
+
+CpuidResult destroy_registers(const void*, std::uint32_t leaf, std::uint32_t subleaf) {
+  misaligned += reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)) % 16 != 0;
+  _Unwind_Backtrace(
+      [](_Unwind_Context* frame, void*) {
+        walked |= _Unwind_GetIP(frame) == caller;
+        return _URC_NO_REASON;
+      },
+      nullptr);
+  const RegisterFile nothing = {};
+  RegisterFile after;
+  ksomd_probe_registers([] {}, &nothing, &after, width);
+  return real_machine.leaf(leaf, subleaf);
+}
+
+TEST(FillEntry, KeepsEveryRegisterAndAStackThatCanBeWalked) {
+  __builtin_cpu_init();
+  const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+  width = static_cast<VectorState>(wide + (__builtin_cpu_supports("avx") != 0));
+  Processor destroyer = real_machine;
+  destroyer.cpuid = destroy_registers;
+  install(destroyer);
+  Random random(seed_of(7));
+  for (int round = 0; round < 20; ++round) {
+    const auto entry = reinterpret_cast<Entry>(round % 2 == 0 ? __orvex_cpu_features_init
+                                                              : __orvex_cpu_features_init_vendor);
+    std::array<std::uint64_t, sizeof(RegisterFile) / 8> words;
+    std::ranges::generate(words, [&random] { return random.next(); });
+    const auto before = std::bit_cast<RegisterFile>(words);
+    RegisterFile after = before;
+    ksomd_probe_registers(entry, &before, &after, width);
+    EXPECT_EQ(static_cast<std::int32_t>(after.general[0]), 0) << "the result";
+    after.general[0] = before.general[0];
+    ASSERT_EQ(std::bit_cast<decltype(words)>(after), words) << "the words of a RegisterFile";
+    call_from_here(entry);
+    ASSERT_TRUE(walked && misaligned == 0);
+  }
+  install();
 }
 
 }  // namespace

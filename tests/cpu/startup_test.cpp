@@ -1,23 +1,15 @@
-// Start-up checks: what each exported entry requires, sets and reports.
+// Start-up checks: what each exported entry requires, sets and reports; and the messages, their
+// translation and their output.
 #include "cpu/startup.h"
 
-#include <gtest/gtest.h>
 #include <immintrin.h>
 
-#include <cstring>
-#include <functional>
-#include <tuple>
+#include <numeric>
 
-#include "cpu/features.h"
 #include "cpu/isa_names.h"
 #include "cpu/machine.h"
 #include "msg/messages.h"
-#include "support/child_process.h"
-#include "support/entry.h"
-#include "support/sweep.h"
-#ifndef _WIN32
-#include "support/single_step.h"
-#endif
+#include "system.h"
 
 namespace ksomd::test {
 namespace {
@@ -27,355 +19,302 @@ using Routine = void(std::uint32_t flags, std::uint64_t mask);
 
 struct Check {
   std::string name;
-  bool takes_flags;
   std::uint64_t required;  // of word 0; 0: checks nothing
   Guarantees known;
-  bool sets_mode;
   std::uint32_t message;  // of the report; 0: returns where something is missing
+  bool takes_flags, sets_mode;
   Routine* routine = entry<Routine>(name);
 
-  [[clang::no_sanitize("function")]] void call(std::uint32_t flags) const { routine(flags, 0); }
+  [[clang::no_sanitize("function")]] void call(std::uint32_t flags, std::uint64_t word) const {
+    __orvex_cpu_feature_indicator[0] = __orvex_vendor_feature_indicator[0] = word;
+    routine(flags, 0);
+  }
 };
 
-// Every exported check, by the documentation: what each level requires, guarantees and reports, and
-// its dotted names that set the mode alone, each followed by what it takes for granted.
-std::vector<Check> all_checks() {
-  const struct {
-    std::string letter;
-    std::uint64_t required;
-    Guarantees known;
-    std::uint32_t message;
-    std::string dotted;
-  } levels[] = {
-      {"", 0x2E, 0, 0, "H0"},      {"B", 0x6E, 2, 44, "J0K2L2"}, {"N", 0x6E, 2, 45, "J0K2L2"},
-      {"P", 0xEE, 2, 43, "L2"},    {"T", 0x1EE, 2, 42, "M2"},    {"L", 0x9EE, 2, 48, "O2"},
-      {"S", 0x3EE, 2, 46, "N2"},   {"H", 0x17EE, 6, 47, "P6"},   {"G", 0x117EE, 6, 50, "R6"},
-      {"I", 0x197EE, 6, 51, "S6"}, {"E", 0x9D9FEE, 6, 52, "V6"}};
-  std::vector<Check> checks{{"__orvex_new_feature_proc_init", true, 0x20, 0, true, 0}};
-  for (const auto& level : levels) {
-    for (const bool with_flags : {false, true}) {
-      if (!with_flags && std::strstr("BNPT", level.letter.c_str()) == nullptr) {
-        continue;  // these levels came later
+// Every exported check, by the documentation. A row is a level: its letter, what it requires,
+// guarantees and reports, and its dotted names that set the mode alone, each followed by what it
+// takes for granted.
+const std::vector<Check> checks = [] {
+  std::istringstream rows(R"(- 2E 0 0 H0  B 6E 2 44 J0K2L2  N 6E 2 45 J0K2L2  P EE 2 43 L2
+      T 1EE 2 42 M2  L 9EE 2 48 O2  S 3EE 2 46 N2  H 17EE 6 47 P6  G 117EE 6 50 R6
+      I 197EE 6 51 S6  E 9D9FEE 6 52 V6)");
+  std::vector<Check> all{{"__orvex_new_feature_proc_init", 0x20, 0, 0, true, true}};
+  std::string letter, dotted;
+  std::uint64_t required = 0;
+  std::uint32_t known = 0, message = 0;
+  while (rows >> letter >> std::hex >> required >> known >> std::dec >> message >> dotted) {
+    for (const bool flags : {true, false}) {
+      const std::string name = (flags ? "__orvex_new_proc_init" : "__orvex_proc_init") +
+                               (letter == "-" ? "" : '_' + letter);
+      all.push_back({name, required, known, message, flags, true});
+      all.push_back({name + ".A", 0, 0, message, flags, false});
+      for (std::size_t i = 0; i < dotted.size(); i += 2) {
+        const auto granted = static_cast<Guarantees>(dotted[i + 1] - '0');
+        all.push_back({name + '.' + dotted[i], 0, granted, 0, flags, true});
       }
-      const std::string name = (with_flags ? "__orvex_new_proc_init" : "__orvex_proc_init") +
-                               (level.letter.empty() ? "" : '_' + level.letter);
-      checks.push_back({name, with_flags, level.required, level.known, true, level.message});
-      checks.push_back({name + ".A", with_flags, 0, 0, false, level.message});
-      for (std::size_t i = 0; i < level.dotted.size(); i += 2) {
-        checks.push_back({name + '.' + level.dotted[i], with_flags, 0,
-                          static_cast<Guarantees>(level.dotted[i + 1] - '0'), true, 0});
+      if (std::string("-BNPT").find(letter) == std::string::npos) {
+        break;  // these levels came later
       }
     }
   }
-  return checks;
+  return all;
+}();
+
+// ---- reports ------------------------------------------------------------------------------------
+
+const auto said = [](std::uint32_t message) -> std::string { return __libkso_get_msg(message); };
+
+// Every check with its set, and without each of its features.
+TEST(Reports, OfEveryLevel) {
+  for (const Check& check : checks) {
+    const std::uint32_t m = check.message;
+    const auto fail = m < 49 ? __libkso_fatal_processor : __libkso_fatal_system;
+    const std::string report = outcome([=] { fail(m); });
+    for (std::uint64_t bit = 1u << 24; bit != 0; bit /= 2) {
+      const bool missing = (check.required & bit) != 0;
+      const bool ends = check.message != 0 && (missing || !check.sets_mode);
+      const auto call = [&] { check.call(0, missing ? ~bit : check.required | 1); };
+      EXPECT_EQ(outcome(call), ends ? report : "") << check.name << ' ' << bit;
+      _mm_setcsr(mxcsr::all_masked);
+    }
+  }
 }
 
-TEST(Checks, AreAllThatIsExported) {
-  EXPECT_EQ(all_checks().size() - 1, entries_with_prefix("__orvex_proc_init").size() +
-                                         entries_with_prefix("__orvex_new_proc_init").size());
+// The names of features of a word of the set in the order of reports, as many as fit into 1023
+// characters, the joiner before the last.
+std::string listed(int index, std::uint64_t missing, const std::string& joiner) {
+  std::string list, open, next;
+  for (int id = 1, count = 0; id < isa_id_count; ++id) {
+    const int bit = __orvex_feature_bit(id);
+    if (bit >= 0 && bit >> 6 == index && (missing >> (bit & 63) & 1) != 0) {
+      open += next.empty() ? "" : (open.empty() ? "" : ", ") + next;
+      next = __orvex_feature_name(id);
+      const std::string closed = open + (open.empty() ? "" : joiner) + next;
+      list = ++count <= 2 || closed.size() <= 1023 ? closed : list;
+    }
+  }
+  return list;
 }
 
-void pretend(std::uint64_t word_0, std::uint64_t word_1 = 0) {
-  __orvex_cpu_feature_indicator[0] = __orvex_vendor_feature_indicator[0] = word_0;
-  __orvex_vendor_feature_indicator[1] = word_1;
+TEST(Reports, ListsAreCutAtWholeNames) {
+  char text[feature_list_size];
+  for (std::size_t length = 0; length < 1000; ++length) {
+    const std::string joiner(length, '+');
+    ASSERT_TRUE(list_features({~0uLL, 0}, joiner.c_str(), text));
+    ASSERT_EQ(text, listed(0, ~0uLL, joiner)) << "joiner of " << length;
+  }
+}
+
+TEST(Reports, OfMissingFeatures) {
+  const auto check_features =
+      entry<decltype(__orvex_new_feature_proc_init_n)>("__orvex_new_feature_proc_init_n");
+  Random random(seed_of(5));
+  for (int round = 0; round < 1000; ++round) {
+    const std::uint64_t have = random.next() | 2, word_1 = random.next();
+    const auto word_0 = random.one_of<std::uint64_t>({1, 3, ~0uLL, have, have, have});
+    const std::int32_t index = random.one_of({-1, 0, 0, 0, 1, 1, 1, 2, 0x7FFFFFFF});
+    std::uint64_t few = random.next();
+    few &= random.next();
+    const auto mask = random.one_of<std::uint64_t>(
+        {few, few, few & have, 0, 1uLL << 31, 1uLL << 52, 3uLL << 51, ~0uLL});
+    const std::uint64_t lacks = mask & ~(index == 0 ? word_0 | 1uLL << 52 : word_1);
+    const std::string names = listed(index, lacks, " and ");
+    const bool genuine = word_0 != 1, good = genuine && (index == 0 || index == 1);
+    const std::uint32_t message = !genuine ? 62 : good && !names.empty() ? 56 : 58;
+    const std::string text = __libkso_format_msg(message, 1, names.c_str());
+    __orvex_vendor_feature_indicator[0] = word_0;
+    __orvex_vendor_feature_indicator[1] = word_1;
+    const bool with_mode = index == 0 && round % 2 != 0;
+    EXPECT_EQ(
+        outcome([=] { (with_mode ? __orvex_new_feature_proc_init : check_features)(index, mask); }),
+        good && lacks == 0 ? "" : '\n' + text + "\n\n(ends)")
+        << std::hex << word_0 << ' ' << word_1 << ' ' << index << ' ' << mask;
+  }
+}
+
+// The gated set is filled by the check itself, through the name table.
+TEST(Reports, OfASetThatTheCheckFills) {
+  for (int i = 0; i < 4; ++i) {
+    const bool genuine = i % 2 != 0, broken = i < 2;
+    SyntheticProcessor p;
+    p.set_vendor(genuine ? "GenuineOrvex" : "OtherVendor!");
+    p.at(1).edx = 1;
+    install(p.processor());
+    __orvex_isa_table[1].bit = broken ? 1000 : 0;
+    EXPECT_EQ(outcome([] { __orvex_new_feature_proc_init_n(0, 2); }),
+              genuine && !broken ? "" : '\n' + said(broken ? 59 : 62) + "\n\n(ends)");
+  }
+  install();
+}
+
+TEST(Reports, AFailedDispatchTraps) {
+  EXPECT_EQ(run_child("call", {"__orvex_cpu_dispatch_fail", "0"}).ending, Ending::BreakpointTrap);
 }
 
 // ---- MXCSR --------------------------------------------------------------------------------------
 
-// Whether what is known leaves a doubt, which asks for a probe.
-bool in_doubt(Guarantees known, std::uint32_t flags) {
-  return (flags & ~known & 6) != 0;
-}
-
-// What MXCSR gains on a processor with this MXCSR_MASK.
+// Whether what is known leaves a doubt, which asks for a probe; and what MXCSR gains on a processor
+// with this MXCSR_MASK.
+const auto in_doubt = [](auto known, auto flags) { return (flags & ~known & 6) != 0; };
 std::uint32_t gained_mode(Guarantees known, std::uint32_t flags, std::uint32_t supported) {
-  const std::uint32_t wanted = ((flags & 1) != 0 ? 0x8000 : 0) | ((flags & 2) != 0 ? 0x40 : 0) |
-                               ((flags & 4) != 0 ? 0x20000 : 0);
+  const std::uint32_t wanted = (flags & 1) << 15 | (flags & 2) << 5 | (flags & 4) << 15;
   return in_doubt(known, flags) ? wanted & (supported | 0x8000) : wanted;
 }
 
-// An MXCSR that tells what was done to it.
 struct RecordedMxcsr {
   std::uint32_t value, mask;
-  std::string& log;
+  int probes = 0;
   std::uint32_t read() const { return value; }
-  void write(std::uint32_t next) {
-    log += std::to_string(next ^ value) + ' ';
-    value = next;
-  }
-  std::uint32_t supported() const {
-    log += "probe ";
-    return mask;
-  }
+  void write(std::uint32_t next) { value = next; }
+  std::uint32_t supported() { return ++probes, mask; }
 };
 
 TEST(Mode, EveryGuaranteeFlagAndMask) {
-  for (const Guarantees known : {0u, 2u, 4u, 6u}) {
-    for (std::uint32_t flags = 0; flags < 16; ++flags) {
-      for (const std::uint32_t mask : {0u, 0x40u, 0x20000u, 0x20040u, ~0x40u, ~0x20000u, ~0u}) {
-        std::string log, expected = in_doubt(known, flags) ? "probe " : "";
-        set_fp_mode(RecordedMxcsr{0x1F80, mask, log}, known, flags);
-        for (const std::uint32_t bit : {0x8000u, 0x40u, 0x20000u}) {
-          const bool set = (gained_mode(known, flags, mask) & bit) != 0;
-          expected += set ? std::to_string(bit) + ' ' : "";  // one at a time, in this order
-        }
-        EXPECT_EQ(log, expected) << known << ' ' << flags << ' ' << std::hex << mask;
-      }
-    }
+  for (std::uint32_t i = 0; i < 4 * 16 * 4; ++i) {
+    const std::uint32_t known = i % 4 * 2, flags = i / 4 % 16, no_daz = i / 64 % 2, no_17 = i / 128;
+    RecordedMxcsr mxcsr{0x1F80, ~(no_daz << 6 | no_17 << 17)};
+    set_fp_mode(mxcsr, known, flags);
+    EXPECT_TRUE(mxcsr.value == (0x1F80 | gained_mode(known, flags, mxcsr.mask)) &&
+                mxcsr.probes == in_doubt(known, flags))
+        << known << ' ' << flags << ' ' << mxcsr.mask;
   }
 }
 
-std::uint32_t mxcsr_mask() {
-  alignas(16) std::uint32_t image[128] = {};
-  _fxsave64(image);
-  return image[7];
-}
-
-struct Step {
-  const Check& check;
-  std::uint32_t flags;
-  int probes = 0;
-};
-
-// Makes the call; on the host instruction by instruction, to see how often MXCSR_MASK is asked for.
-void call_watched(Step& step) {
-  const auto call = [](void* context) {
-    static_cast<const Step*>(context)->check.call(static_cast<const Step*>(context)->flags);
-  };
-#ifdef _WIN32
-  call(&step);
-#else
-  // FXSAVE64 with a memory operand: a REX.W prefix, 0F AE, and 0 in the middle of the next byte.
-  const auto observe = [](const std::uint8_t* next, void* context) {
-    static_cast<Step*>(context)->probes += (next[0] & 0xF8) == 0x48 && next[1] == 0x0F &&
-                                           next[2] == 0xAE && (next[3] & 0x38) == 0 &&
-                                           (next[3] & 0xC0) != 0xC0;
-  };
-  single_step(call, observe, &step);
-#endif
-}
-
-bool can_watch() {
-#ifdef _WIN32
-  return false;
-#else
-  static const bool can_step = can_single_step();
-  return can_step;
-#endif
-}
-
-// set_mode ENTRY FLAGS: faults where the mode is beyond this processor.
-KSOMD_CHILD(set_mode) {
-  pretend(~0uLL);
+// call ENTRY FLAGS, on a processor that has everything.
+KSOMD_CHILD(call) {
+  __orvex_cpu_feature_indicator[0] = __orvex_vendor_feature_indicator[0] = ~0uLL;
   entry<void(std::uint32_t)>(arguments[0])(static_cast<std::uint32_t>(std::stoul(arguments[1])));
   return 0;
 }
 
 TEST(Mode, OfEveryEntryOnThisProcessor) {
-  const std::uint32_t supported = mxcsr_mask();
-  for (const Check& check : all_checks()) {
-    for (std::uint32_t flags = 0; flags < 8 && (check.sets_mode || check.message == 0); ++flags) {
-      SCOPED_TRACE(testing::Message() << check.name << " flags " << flags);
-      const std::uint32_t effective = !check.sets_mode ? 0 : check.takes_flags ? flags : 3;
-      const std::uint32_t gained = gained_mode(check.known, effective, supported);
-      if ((gained & ~supported) != 0) {
-        const ChildResult child = run_child("set_mode", {check.name, std::to_string(flags)});
-        EXPECT_EQ(child.ending, Ending::AccessViolation);
-        continue;
-      }
-      const std::uint32_t before = flags % 2 == 0 ? 0x7FBF : 0x1F80;  // what is set stays
-      Step step{check, flags};
-      pretend(check.required | 1);
-      _mm_setcsr(before);
-      call_watched(step);
-      const std::uint32_t after = _mm_getcsr();
-      _mm_setcsr(mxcsr::all_masked);
+  alignas(16) std::uint32_t image[128] = {};
+  _fxsave64(image);
+  const std::uint32_t supported = image[7];
+  for (std::size_t i = 0; i < checks.size() * 8; ++i) {
+    const Check& check = checks[i / 8];
+    const std::uint32_t flags = i % 8, before = flags % 2 == 0 ? 0x7FBF : 0x1F80;
+    const std::uint32_t effective = !check.sets_mode ? 0 : check.takes_flags ? flags : 3;
+    const std::uint32_t gained = gained_mode(check.known, effective, supported);
+    SCOPED_TRACE(check.name + " flags " + std::to_string(flags));
+    if ((gained & ~supported) != 0) {
+      const ChildResult child = run_child("call", {check.name, std::to_string(flags)});
+      EXPECT_EQ(child.ending, Ending::AccessViolation);  // the mode is beyond this processor
+    } else if (check.sets_mode || check.message == 0) {
+      std::uint32_t after = 0;
+      int probes = 0, watched = 0;
+      const auto call = [&] {
+        _mm_setcsr(before);  // what is set stays
+        check.call(flags, check.required | 1);
+        after = _mm_getcsr();
+        _mm_setcsr(mxcsr::all_masked);
+      };
+      // FXSAVE64: REX.W, 0F AE, and 0 in the middle of the next byte.
+      watch(call, [&](const std::uint8_t* next) {
+        watched = 1;
+        probes += next[0] / 8 == 9 && next[1] == 0x0F && next[2] == 0xAE && (next[3] & 0x38) == 0;
+      });
       EXPECT_EQ(after, before | gained);
-      EXPECT_EQ(step.probes, can_watch() && in_doubt(check.known, effective) ? 1 : 0);
+      EXPECT_EQ(probes, in_doubt(check.known, effective) ? watched : 0);
     }
   }
-  pretend(0);
+  install();
 }
 
-// ---- reports ------------------------------------------------------------------------------------
+// ---- messages -----------------------------------------------------------------------------------
 
-// A call, and what it reports before it ends the process; "": it returns.
-struct Case {
-  std::string what;
-  std::function<void()> call;
-  std::string report;
-};
-
-std::string text_of(std::uint32_t message) {
-  return __libkso_get_msg(message);
-}
-
-std::string report_of(const Check& check) {
-  const std::string text = text_of(check.message);
-  return check.message < 49 ? '\n' + text_of(23) + "\nThe allowed processors are: " + text + ".\n\n"
-                            : '\n' + text_of(49) + '\n' + text + "\n\n";
-}
-
-// Every check with its set, and without each of its features.
-void add_level_cases(std::vector<Case>& cases) {
-  for (const Check& check : all_checks()) {
-    for (int bit = -1; bit < 24; ++bit) {
-      const std::uint64_t missing = bit < 0 ? 0 : check.required & 1uLL << bit;
-      if (bit < 0 || missing != 0) {
-        const bool ends = check.message != 0 && (missing != 0 || !check.sets_mode);
-        const auto call = [check, word = missing == 0 ? check.required | 1 : ~missing] {
-          pretend(word);
-          check.call(0);
-        };
-        cases.push_back(
-            {check.name + ' ' + std::to_string(bit), call, ends ? report_of(check) : ""});
-      }
-    }
+TEST(Messages, EveryDefaultTextToTheByte) {
+  // The low half of the FNV-1a hash of the text of each message from 1 on.
+  const std::string hashes =
+      "CD91E89A377F0AAE11220FEB08A3B5D9901412CE5B6B07D2112D5D2C46870FA64261219D794A1810DE9132C262E4"
+      "7EC9B804CC5A59C76C3201A4B97EF2F851AC0FDB5AD176FB07B14454FF439FB9F6B8F93AF6FC42D483D9F7BFFCE6"
+      "007F659A6F80B02621E10B9BFD6309663CF401B6AE7804171420B461AF32D09A";
+  for (std::uint32_t n = 1; n < message_count; ++n) {
+    const std::string text = said(n);
+    const auto step = [](std::uint32_t hash, unsigned char c) { return (hash ^ c) * 0x1000193; };
+    const std::uint32_t hash = std::accumulate(text.begin(), text.end(), 0x811C9DC5, step);
+    EXPECT_EQ(hash & 0xFFFF, std::stoul(hashes.substr(4 * n - 4, 4), nullptr, 16)) << text;
   }
 }
 
-// The names of features of a word of the set, in the order of reports.
-std::vector<std::string_view> names_of(std::int32_t index, std::uint64_t missing) {
-  std::vector<std::string_view> names;
-  for (const Feature& f : features) {
-    if (f.bit >= 0 && f.bit / 64 == index && (missing >> f.bit % 64 & 1) != 0) {
-      names.push_back(f.name);
-    }
-  }
-  return names;
+TEST(Messages, AreFormattedIfThereAreArgumentsAndCut) {
+  const std::string start = "The allowed processors are: ", plain = start + "%s.";
+  const std::string printed = outcome([] {
+    const char* const formatted = __libkso_format_msg(24, 1, "own");
+    __libkso_print(1, 0, 0);
+    __libkso_print(0, 0, 3, "ignored");
+    __libkso_print(7, 24, 0);
+    __libkso_print(0, 24, -2, "C");
+    __libkso_print(1, 24, 9, std::string(1000, 'y').c_str());
+    __libkso_printf("%d%%|%s", 5, formatted);  // its buffer is its own
+  });
+  const std::string cut = start + std::string(483, 'y');
+  EXPECT_EQ(printed, "\n\n" + plain + '\n' + plain + '\n' + cut + "\n5%|" + start + "own.");
+  EXPECT_EQ(__libkso_format_msg(24, -5), plain);
+  EXPECT_STREQ(__libkso_format_msg(0, 3, "A"), "");
+  EXPECT_EQ(__libkso_format_msg(24, 9, std::string(1000, 'y').c_str()), cut);
+  char text[64];
+  EXPECT_EQ(__libkso_sprintf(text, "%lu/%s", 1033uL, "kso_msg.dll"), 16);
 }
 
-std::string joined(const std::vector<std::string_view>& names, std::size_t count,
-                   const std::string& joiner) {
-  std::string list;
-  for (std::size_t i = 0; i < count; ++i) {
-    list += i == 0 ? "" : i + 1 == count ? joiner : ", ";
-    list += names[i];
-  }
-  return list;
+// ---- with a catalogue ---------------------------------------------------------------------------
+
+// Makes this process find the catalogue kso_msg.mc, or none, in the directory of its locale.
+void use_catalogue(bool present) {
+#ifdef _WIN32
+  SetCurrentDirectoryA("catalogue");  // where the build put the directory 1033
+  SetThreadLocale(present ? 1033 : 1031);
+#else
+  static host::Catalogue catalogue{
+      0,
+      // A message that is needed while the catalogue is loaded is not translated.
+      [](const char* name) {
+        return name == std::string("1033/kso_msg.dll") && said(57) == " and ";
+      },
+      [](DWORD identifier) {
+        static std::string text;
+        text =
+            "|23 Translated: not this processor.~|24 Translated: 100%% of %s.~|27 Translated: %d\n";
+        text += "|30 ~|31 x|44 Translated level B~|50 Translated: %d%%.~|57  plus%% |";
+        text += "49 " + std::string(600, 'x') + "~|";
+        const auto found = text.find('|' + std::to_string(identifier - 0x80000000) + ' ');
+        text = text.substr(std::min(found, text.size() - 4) + 4);
+        text = text.substr(0, text.find('|'));
+        text = text.ends_with('~') ? text.substr(0, text.size() - 1) + "\r\n" : text;
+        return text.c_str();
+      }};
+  catalogue.locale = present ? 1033 : 1031;
+  host::catalogue = &catalogue;
+#endif
 }
 
-using FeatureCheck = void(std::int32_t index_or_flags, std::uint64_t mask);
-const auto check_features = entry<FeatureCheck>("__orvex_new_feature_proc_init_n");
-const auto check_and_set_mode = entry<FeatureCheck>("__orvex_new_feature_proc_init");
-
-Case feature_case(std::uint64_t word_0, std::uint64_t word_1, std::int32_t index,
-                  std::uint64_t mask) {
-  const bool good_index = index == 0 || index == 1, other_vendor = word_0 == 1;
-  const std::uint64_t lacks = mask & ~(index == 0 ? word_0 | 1uLL << 52 : word_1);
-  const auto names = names_of(index, lacks);
-  std::string text = text_of(other_vendor ? 62 : 58);
-  if (!other_vendor && good_index && !names.empty()) {
-    text = "Please verify that both the operating system and the processor support Orvex(R) " +
-           joined(names, names.size(), " and ") + " instructions.";
+KSOMD_CHILD(catalogue) {
+  use_catalogue(arguments[0] == "yes");
+  std::string all = said(0);
+  for (const std::uint32_t n : {23u, 24u, 27u, 28u, 30u, 31u, 49u, 57u}) {
+    all += std::to_string(n) + '<' + said(n) + '>';
   }
-  const bool passes = !other_vendor && good_index && lacks == 0;
-  const auto call = [=] {
-    pretend(word_0, word_1);
-    index == 0 && word_1 % 2 != 0 ? check_and_set_mode(0, mask) : check_features(index, mask);
-  };
-  return {testing::PrintToString(std::tuple{word_0, word_1, index, mask}), call,
-          passes ? "" : '\n' + text.substr(0, 511) + "\n\n"};
-}
-
-// The gated set is filled by the check itself, through the name table.
-Case filling_case(const char* vendor, std::int32_t generic_bit, std::uint32_t message) {
-  const auto call = [=] {
-    static SyntheticProcessor p;
-    p.set_vendor(vendor);
-    p.at(1).edx = 1;
-    install(&p);
-    __orvex_isa_table_init();
-    __orvex_isa_table[1].bit = generic_bit;
-    check_features(0, 2);
-  };
-  return {vendor, call, message == 0 ? "" : '\n' + text_of(message) + "\n\n"};
-}
-
-std::vector<Case> all_cases() {
-  std::vector<Case> cases;
-  add_level_cases(cases);
-  for (const std::uint64_t have : {1uLL, 3uLL, ~0uLL}) {
-    for (const std::int32_t index : {-1, 0, 1, 2, 0x7FFFFFFF}) {
-      for (const std::uint64_t mask : {0uLL, 1uLL << 31, 1uLL << 52, 3uLL << 51, ~0uLL}) {
-        cases.push_back(feature_case(have, have, index, mask));
-      }
-    }
-  }
-  Random random(5);
-  for (int round = 0; round < 200; ++round) {
-    const std::uint64_t have = random.next() | 2,
-                        few = random.next() & random.next() & random.next();
-    cases.push_back(feature_case(have, random.next(), round & 1, few & (random.next() | few << 9)));
-  }
-  for (const std::int32_t generic_bit : {0, 1000}) {
-    cases.push_back(filling_case("GenuineOrvex", generic_bit, generic_bit == 0 ? 0 : 59));
-    cases.push_back(filling_case("OtherVendor!", generic_bit, generic_bit == 0 ? 62 : 59));
-  }
-  return cases;
-}
-
-KSOMD_CHILD(reports) {
-  for (const Case& c : all_cases()) {
-    std::printf("%s:", c.what.c_str());
-    std::printf(exits(c.call) ? "ended\n" : "returned\n");
-  }
+  __orvex_vendor_feature_indicator[0] = 3;
+  all += __libkso_format_msg(24, 1, "it");
+  all += outcome([] { __orvex_new_feature_proc_init_n(0, 0x840000); });
+  all += outcome([] { __libkso_fatal_system(50); });
+  all += outcome([] { __libkso_fatal_processor(44); });
+  use_catalogue(arguments[0] != "yes");  // too late: the catalogue is looked for once
+  std::printf("%s%s", all.c_str(), __libkso_get_msg(23));
   return 0;
 }
 
-TEST(Reports, AreExact) {
-  std::string expected;
-  for (const Case& c : all_cases()) {
-    expected += c.what + ':' + c.report + (c.report.empty() ? "returned\n" : "ended\n");
-  }
-  expect_exit(run_child("reports"), 0, text_mode(expected));
-}
-
-const auto dispatch_fail = entry<void()>("__orvex_cpu_dispatch_fail");
-
-// end [ENTRY]: really ends.
-KSOMD_CHILD(end) {
-  std::atexit([] { std::printf("exit handlers run\n"); });
-  arguments.empty() ? dispatch_fail() : entry<void()>(arguments[0])();
-  return 0;
-}
-
-TEST(Reports, EndTheProcessInOrder) {
-  for (const Check& check : all_checks()) {
-    if (check.name.ends_with("new_proc_init_B.A") || check.name.ends_with("new_proc_init_E.A")) {
-      expect_exit(run_child("end", {check.name}), 1,
-                  text_mode(report_of(check) + "exit handlers run\n"));
-    }
-  }
-  const ChildResult child = run_child("end");
-  EXPECT_EQ(child.ending, Ending::BreakpointTrap);
-  EXPECT_EQ(child.output, "");
-}
-
-TEST(Reports, ListsAreCutAtWholeNames) {
-  const auto names = names_of(0, ~0uLL);
-  for (std::size_t length = 0; length < 1000; ++length) {
-    // As many names as fit into 1023 characters, the joiner before the last.
-    const std::string joiner(length, '+');
-    std::size_t count = 2;
-    while (count < names.size() && joined(names, count + 1, joiner).size() <= 1023) {
-      ++count;
-    }
-    char text[feature_list_size];
-    ASSERT_TRUE(list_features({~0uLL, 0}, joiner.c_str(), text));
-    ASSERT_EQ(text, joined(names, count, joiner)) << "joiner of " << length;
-  }
-}
-
-TEST(Reports, ARowWithoutANameEndsTheList) {
-  __orvex_isa_table_init();
-  const IsaRow saved = __orvex_isa_table[16];
-  for (const char* name : {static_cast<const char*>(nullptr), ""}) {
-    char text[feature_list_size];
-    __orvex_isa_table[16].upper_name = name;
-    EXPECT_FALSE(list_features({1uLL << 16 | 1uLL << 6, 0}, " and ", text));
-  }
-  __orvex_isa_table[16] = saved;
+TEST(Catalogue, OfTheLocalesDirectoryTranslatesWhatItHolds) {
+  const std::string cut(511, 'x');
+  std::string translated = "23<Translated: not this processor.>24<Translated: 100%% of %s.>";
+  translated +=
+      "27<Translated: %d\n>28<NTDLL module not found>30<>31<x>49<" + cut + ">57< plus%% >";
+  translated += "Translated: 100% of it.\nPlease verify that both the operating system and the ";
+  translated += "processor support Orvex(R) FMA plus%% AVX2 instructions.\n\n(ends)\n" + cut + '\n';
+  translated += "Translated: %d%%.\n\n(ends)\nTranslated: not this processor.\n";
+  translated += "Translated: 100% of Translated level B.\n\n(ends)Translated: not this processor.";
+  expect_exit(run_child("catalogue", {"yes"}), 0, text_mode(translated));
+  EXPECT_TRUE(run_child("catalogue", {"no"}).output.ends_with(said(23)));
 }
 
 }  // namespace
