@@ -1,0 +1,310 @@
+// What only a caller of the archive can see: registers, traps, and which variant a processor gets;
+// and the C++ value type, whose expressions are the routines.
+#include "ksomd/quad.hpp"
+
+#include <gtest/gtest.h>
+
+#include <iomanip>
+
+#include "quad/dispatch.h"
+#include "quad/quad_cases.h"
+#include "support/entry.h"
+#include "support/preserved_registers.h"
+#ifndef _WIN32
+#include <ucontext.h>
+
+#include <csignal>
+#endif
+
+namespace ksomd::test::quad {
+namespace {
+
+using namespace ksomd::literals;
+
+// The complex operations with five arguments only call others.
+TEST(QuadCall, KeepsTheCalleesRegisters) {
+  for (const Routine& routine : routines()) {
+    quad128 v[8];
+    std::fill(std::begin(v), std::end(v), quad128{0x1234567800000000, 0x4000400000000000});
+    if (routine.arguments != "qqqq" || routine.result != "Q") {
+      using FourAddresses = void(quad128*, quad128*, quad128*, quad128*);
+      auto* const address = entry<FourAddresses>(routine.names[0]);
+      EXPECT_EQ(what_call_changes(address, v, v + 2, v + 4, v + 6), "") << routine.names[0];
+    }
+  }
+}
+
+TEST(QuadDispatch, NeedsAllFeaturesOfTheFasterVariant) {
+  constexpr std::uint64_t needed = 0xEE;  // X87, CMOV, MMX, SSE, SSE2, SSE3
+  for (const ksomd::DispatchingEntry& entry : ksomd::quad::dispatching_entries()) {
+    EXPECT_STREQ(entry.variant({needed}), ".L") << entry.name;
+    for (std::uint64_t bit = 1; bit < 0x100; bit <<= 1) {
+      EXPECT_STREQ(entry.variant({~bit}), (needed & bit) != 0 ? ".A" : ".L") << bit;
+    }
+  }
+}
+
+#ifndef _WIN32
+volatile std::sig_atomic_t trapped;
+void on_trap(int, siginfo_t*, void* context) {
+  trapped = 1;
+  static_cast<ucontext_t*>(context)->uc_mcontext.fpregs->mxcsr |= mxcsr::all_masked;
+}
+
+// An exception that is due and not masked traps, whatever others are masked.
+TEST(QuadTrap, UnmaskedExceptionsTrap) {
+  struct sigaction action = {}, before = {};
+  action.sa_sigaction = on_trap;
+  action.sa_flags = SA_SIGINFO;
+  ASSERT_EQ(sigaction(SIGFPE, &action, &before), 0);
+  Random random(seed_of(5));
+  using Operation = void(quad128*, const quad128*, const quad128*);
+  Operation* const operations[] = {
+      __addq,
+      __subq,
+      __mulq,
+      __divq,
+      [](quad128*, const quad128* a, const quad128*) { __qtod(a); },
+      [](quad128* r, const quad128* a, const quad128*) {
+        __qtol(reinterpret_cast<extended80*>(r), a);
+      },
+      [](quad128*, const quad128* a, const quad128*) { __qtoj(a, KSOMD_ROUND_UP); },
+      [](quad128*, const quad128* a, const quad128* b) { __ltq(a, b); }};
+  for (int i = 0; i < 20'000; ++i) {
+    const Value x = any_value(random), y = partner(random, x);
+    const auto a = std::bit_cast<quad128>(x), b = std::bit_cast<quad128>(y);
+    quad128 r;
+    const std::uint64_t mode = random.below(rounding_modes), kind = random.below(8);
+    const auto run = [&] { operations[kind](&r, &a, &b); };
+    const unsigned due = raised_by(mode, run);
+    const auto unmasked = static_cast<unsigned>(random.next()) & mxcsr::ieee_flags;
+    trapped = 0;
+    __builtin_ia32_ldmxcsr((mxcsr::all_masked ^ unmasked << 7) | static_cast<unsigned>(mode) << 13);
+    run();
+    __builtin_ia32_ldmxcsr(mxcsr::all_masked);
+    ASSERT_EQ(trapped != 0, (due & unmasked) != 0)
+        << kind << " of" << paste({x, y}) << " mode " << mode << ", unmasked " << unmasked;
+  }
+  sigaction(SIGFPE, &before, nullptr);
+}
+#endif
+
+// ---- the value type ----
+
+template <class From, class To>
+constexpr bool silently = std::is_convertible_v<From, To>;
+
+// What loses nothing is implicit, what may is not.
+static_assert(silently<int, Quad> && silently<std::uint64_t, Quad> && silently<float, Quad> &&
+              silently<double, Quad> && silently<long double, Quad> && silently<quad128, Quad>);
+static_assert(!silently<Quad, int> && !silently<Quad, double> && !silently<Quad, bool> &&
+              !std::is_constructible_v<Quad, bool> && !std::is_constructible_v<Quad, const char*>);
+static_assert(sizeof(Quad) == 16 && alignof(Quad) == 1 && std::is_trivially_copyable_v<Quad> &&
+              std::is_nothrow_invocable_v<std::plus<>, Quad, Quad>);
+
+// The compiler rounds literals as the program would, and writes and reads text.
+constexpr bool compiler_writes(const Quad& a, std::string_view expected) {
+  char text[ksomd::quad_text_size] = {};
+  const char* end = to_chars(text, text + sizeof text, a).ptr;
+  return std::string_view(text, end) == expected &&
+         std::bit_cast<Value>(*ksomd::from_string(expected)) == std::bit_cast<Value>(a);
+}
+static_assert(compiler_writes(-1.5e300_q, "-1.5e+300") && compiler_writes(0.001_q, "0.001") &&
+              compiler_writes(1'234.5e-1'0_q, "1.2345e-07") && compiler_writes(1'000_q, "1000") &&
+              compiler_writes(0_q, "0") && compiler_writes(0.5_q, "0.5") && isinf(1e4933_q) &&
+              compiler_writes(Quad::from_bits(0xFFFF80123456789A, 0xBCDEF0F1E2D3C4B5),
+                              "-nan(0x80123456789abcdef0f1e2d3c4b5)"));
+
+TEST(QuadValue, ExpressionsAreTheRoutines) {
+  Random random(seed_of(1));
+  std::set<Value> numbers;
+  std::set<std::size_t> hashes;
+  for (int i = 0; i < 20'000; ++i) {
+    const Value any = any_value(random);
+    const Value near = narrowed(random, random.one_of({'d', 'f', 'l', 'j', 'i'}));
+    const Value x = random.one_in(2) ? any : near, y = partner(random, x);
+    const Quad a = std::bit_cast<Quad>(x), b = std::bit_cast<Quad>(y);
+    const quad128 *const p = &a.bits(), *const q = &b.bits();
+    const Value magnitude = x & ~sign_bit, sign = y & sign_bit;
+    const bool unordered = magnitude > infinity || (y ^ sign) > infinity;
+    const std::hash<Quad> hash;
+    const auto by = [](auto routine, auto... operands) {
+      Quad r;
+      routine(&r.bits(), operands...);
+      return bits(r);
+    };
+    extended80 wide;
+    __qtol(&wide, p);
+    Quad sum = a, difference = a, product = a, quotient = a;
+    sum += b, difference -= b, product *= b, quotient /= b;
+    bool equal = false;
+    std::partial_ordering order = std::partial_ordering::equivalent;
+    const unsigned by_equal = raised_by(0, [&] { equal = a == b; });
+    const unsigned by_order = raised_by(0, [&] { order = a <=> b; });
+    const Value made[] = {bits(a + b),
+                          bits(a - b),
+                          bits(a * b),
+                          bits(a / b),
+                          bits(sum),
+                          bits(difference),
+                          bits(product),
+                          bits(quotient),
+                          bits(-a),
+                          bits(+a),
+                          bits(abs(a)),
+                          bits(copysign(a, b)),
+                          signbit(a),
+                          isnan(a),
+                          isinf(a),
+                          isfinite(a),
+                          bool{a},
+                          by_equal,
+                          by_order,
+                          equal,
+                          a != b,
+                          a<b, a <= b, a>
+                              b,
+                          a >= b,
+                          order == std::partial_ordering::unordered,
+                          bits((order > 0) - (order < 0)),
+                          equal && hash(a) != hash(b),
+                          bits(static_cast<float>(a)),
+                          bits(static_cast<double>(a)),
+                          bits(static_cast<long double>(a)),
+                          bits(static_cast<signed char>(a)),
+                          bits(static_cast<unsigned short>(a)),
+                          bits(static_cast<std::int32_t>(a)),
+                          bits(static_cast<std::int64_t>(a)),
+                          bits(static_cast<std::uint32_t>(a)),
+                          bits(static_cast<std::uint64_t>(a)),
+                          bits(Quad(__qtof(p))),
+                          bits(Quad(__qtod(p))),
+                          bits(Quad(static_cast<long double>(a)))};
+    const Value right[] = {by(__addq, p, q),
+                           by(__subq, p, q),
+                           by(__mulq, p, q),
+                           by(__divq, p, q),
+                           by(__addq, p, q),
+                           by(__subq, p, q),
+                           by(__mulq, p, q),
+                           by(__divq, p, q),
+                           by(__negq, p),
+                           x,
+                           magnitude,
+                           magnitude | sign,
+                           x != magnitude,
+                           magnitude > infinity,
+                           magnitude == infinity,
+                           magnitude < infinity,
+                           magnitude != 0,
+                           0,
+                           unordered ? mxcsr::invalid : 0,
+                           bits(__eqq(p, q)),
+                           bits(__neq(p, q)),
+                           bits(__ltq(p, q)),
+                           bits(__leq(p, q)),
+                           bits(__gtq(p, q)),
+                           bits(__geq(p, q)),
+                           unordered,
+                           bits(__compareq(p, q)),
+                           0,
+                           bits(__qtof(p)),
+                           bits(__qtod(p)),
+                           bits(wide),
+                           bits(static_cast<signed char>(__qtoi(p, 0))),
+                           bits(static_cast<unsigned short>(__qtou(p))),
+                           bits(__qtoi(p, 0)),
+                           bits(__qtoj(p, 0)),
+                           bits(__qtou(p)),
+                           bits(__qtok(p)),
+                           by(__ftoq, __qtof(p)),
+                           by(__dtoq, __qtod(p)),
+                           by(__ltoq, &wide)};
+    for (std::size_t k = 0; k < std::size(right); ++k) {
+      ASSERT_EQ(made[k], right[k]) << "expression " << k << " of" << paste({x, y});
+    }
+    if (a) {
+      numbers.insert(x);
+      hashes.insert(hash(a));
+    }
+  }
+  EXPECT_EQ(hashes.size(), numbers.size()) << "the hashes of different numbers";
+}
+
+// The value while compiling, the value while running, and back.
+template <class T>
+void integers_both_ways() {
+  constexpr T low = std::numeric_limits<T>::min(), high = std::numeric_limits<T>::max();
+  constexpr T values[] = {low, high, 0, 1, 100, static_cast<T>(-1), high / 3};
+  constexpr Quad compiled[] = {low, high, T{0}, T{1}, T{100}, static_cast<T>(-1), T{high / 3}};
+  for (std::size_t i = 0; i < std::size(values); ++i) {
+    volatile T hidden = values[i];
+    const Quad computed = T{hidden};
+    EXPECT_TRUE(bits(compiled[i]) == bits(computed) && T{computed} == hidden) << +values[i];
+  }
+}
+TEST(QuadValue, IntegersConvertWhileCompiling) {
+  const auto each = []<class... T>() { (integers_both_ways<T>(), ...); };
+  each.operator()<signed char, unsigned char, char16_t, short, unsigned short, int, unsigned, long,
+                  unsigned long, long long, unsigned long long>();
+}
+
+TEST(QuadValue, LimitsAreLimits) {
+  using Limits = std::numeric_limits<Quad>;
+  using Wide = std::numeric_limits<long double>;  // of the same exponents
+  EXPECT_TRUE(bits(1 + Limits::epsilon()) == bits(1_q) + 1 && Limits::round_error() == 0.5_q);
+  EXPECT_TRUE(bits(Limits::max()) == infinity - 1 && Limits::lowest() == -Limits::max());
+  EXPECT_TRUE(bits(Limits::denorm_min()) == 1 && bits(Limits::infinity()) == infinity);
+  EXPECT_TRUE(bits(Limits::min() * Limits::epsilon()) == 1);
+  EXPECT_EQ(bits(Limits::quiet_NaN()), bits(ksomd::from_string("nan").value_or(42)));
+  EXPECT_EQ(raised_by(0, [] { static_cast<void>(Limits::signaling_NaN() + 1); }), mxcsr::invalid);
+  EXPECT_EQ(Limits::max_exponent, Wide::max_exponent);
+  EXPECT_EQ(Limits::min_exponent, Wide::min_exponent);
+  EXPECT_EQ(Limits::max_exponent10, Wide::max_exponent10);
+  EXPECT_EQ(Limits::min_exponent10, Wide::min_exponent10);
+  EXPECT_EQ(Limits::digits10, static_cast<int>((Limits::digits - 1) * 0.30102999566398120));
+  EXPECT_EQ(Limits::max_digits10, static_cast<int>(Limits::digits * 0.30102999566398120 + 2));
+}
+
+TEST(QuadText, StreamsFillToTheirWidth) {
+  std::ostringstream stream;
+  stream << std::setfill('.') << std::setw(6) << 1.5_q << 2_q << std::internal << std::setw(6)
+         << -1.5_q << std::setw(4) << 7_q << std::left << std::setw(4) << -7_q << std::internal
+         << std::setw(1) << -8_q << std::setprecision(1) << std::fixed << 0.25_q;
+  EXPECT_EQ(stream.str(), "...1.52-..1.5...7-7..-80.25");
+}
+
+// Between commas: the text up to the bar is read, and is what stands behind the space; with a !,
+// out of range. Z are 15000 zeros, S 27 sevens.
+TEST(QuadText, ReadsAsFarAsANumberGoes) {
+  std::istringstream rows(
+      "12|abc 12,.5| 0.5,5.| 5,1.2|.3 1.2,1|e 1,1|e+ 1,1|e- 1,1|e-+2 1,1E+2| 100,1|'0 1,"
+      "1e-2|x 0.01,0|x1 0,010| 10,-0| -0,0.0e99999999999| 0,Infinity| inf,inf|init inf,-INF| -inf,"
+      "|na 42,nan|(0x0) nan,nan|(0x1 nan,nan|() nan,NaN| nan,nan|(0x10S) nan,nan(0X1S)| nan(0x1S),"
+      "nan(0xA)| nan(0x000000000000000000000000000a),| 42,|- 42,|+1 42,| 1 42,|. 42,|e5 42,|--1 42,"
+      "1e18446744073709551617| inf!,-1e-18446744073709551617| -0!,1e4294967296| inf!,1Ze-15000| 1,"
+      ".Z1e15001| 1,Z1| 1,1.Z1| 1,1e-5| 0.00001,.00000999| 9.99e-06,1e35| 100000000000000000000000"
+      "000000000000,1e36| 1e+36,1e99| 1e+99,1e100| 1e+100,1e1000| 1e+1000,9e999| 9e+999,"
+      "1e-99| 1e-99,1e-100| 1e-100,1e-999| 1e-999,1e-1000| 1e-1000");
+  for (std::string row; std::getline(rows, row, ',');) {
+    SCOPED_TRACE(row);
+    for (const auto& [letter, text] :
+         {std::pair('Z', std::string(15000, '0')), {'S', std::string(27, '7')}}) {
+      for (std::size_t at = row.find(letter); at != std::string::npos; at = row.find(letter)) {
+        row.replace(at, 1, text);
+      }
+    }
+    const std::size_t bar = row.find('|'), space = row.rfind(' ');
+    const std::string text = row.substr(0, bar) + row.substr(bar + 1, space - bar - 1);
+    Quad a = 42;
+    const auto [end, error] = from_chars(text.data(), text.data() + text.size(), a);
+    const bool out_of_range = error == std::errc::result_out_of_range;
+    EXPECT_EQ(to_string(a) + (out_of_range ? "!" : ""), row.substr(space + 1));
+    EXPECT_EQ(end, text.data() + bar);
+    EXPECT_EQ(error == std::errc::invalid_argument, bar == 0);
+    EXPECT_EQ(ksomd::from_string(text).has_value(), bar > 0 && bar == text.size());
+  }
+}
+
+}  // namespace
+}  // namespace ksomd::test::quad
