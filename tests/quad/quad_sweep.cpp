@@ -9,6 +9,12 @@
 #include "support/entry.h"
 #include "support/operand.h"
 
+#ifndef _WIN32
+#include <ucontext.h>
+
+#include <csignal>
+#endif
+
 namespace ksomd::test::quad {
 namespace {
 
@@ -35,6 +41,22 @@ bool in_vector(char type) {
   return type == 'd' || type == 'f';
 }
 
+// Exceptions that are due and not masked trap, whatever others are masked. Emulators do not trap.
+volatile bool trapped = false;
+#ifdef _WIN32
+const bool trapping = false;
+#else
+const bool trapping = Sweep::proving() && [] {
+  struct sigaction action = {};
+  action.sa_flags = SA_SIGINFO;
+  action.sa_sigaction = [](int, siginfo_t*, void* context) {
+    trapped = true;
+    static_cast<ucontext_t*>(context)->uc_mcontext.fpregs->mxcsr |= mxcsr::all_masked;
+  };
+  return sigaction(SIGFPE, &action, nullptr) == 0;
+}();
+#endif
+
 // What a call depends on, and what it must not depend on; all of it follows from one number.
 struct Circumstances {
   Random random;
@@ -48,6 +70,7 @@ struct Circumstances {
   std::uint16_t x87 = static_cast<std::uint16_t>(0x7F | (any & 0xF00));
   std::uint64_t lacking = std::uint64_t{1} << (any >> 24 & 31);  // often a feature that is needed
   bool undetected = random.one_in(2000);
+  unsigned unmasked = !trapping || any % 32 != 1 ? 0 : any >> 40 & mxcsr::ieee_flags;
   bool guarded = random.one_in(16);  // beside pages that fault, with canaries; else anywhere
   bool result_first = random.one_in(2);
   std::size_t offset = random.below(16), overlaid = 16 * random.below(8);
@@ -130,6 +153,8 @@ Effect call(const void* entry, const Routine& routine, const Value (&operands)[4
   effect.flags = raised_by(
       how.mode,
       [&] {
+        trapped = false;
+        __builtin_ia32_ldmxcsr(__builtin_ia32_stmxcsr() ^ how.unmasked << 7);
         returned = enter(entry, routine, words, how.x87);
         control = __builtin_ia32_stmxcsr();
       },
@@ -142,7 +167,7 @@ Effect call(const void* entry, const Routine& routine, const Value (&operands)[4
   const std::size_t part = is_pair(type) ? size / 2 : size;
   std::memcpy(&effect.parts[0], in_memory(type) ? static_cast<void*>(out) : &returned, part);
   std::memcpy(&effect.parts[1], out + part, size - part);
-  control ^= static_cast<unsigned>(how.mode) << 13 | how.mxcsr;
+  control ^= static_cast<unsigned>(how.mode) << 13 | how.mxcsr | (trapped ? 0 : how.unmasked << 7);
   control &= ~(mxcsr::ieee_flags | (Sweep::proving() ? 0 : mxcsr::denormal));  // as emulators do
   EXPECT_EQ(control, mxcsr::all_masked) << "MXCSR changed";
   EXPECT_TRUE(routine.result[1] != '&' || returned == address_of(out));
@@ -190,6 +215,7 @@ TEST(QuadSweep, EveryRoutineRoundsOnceAndRaisesItsFlags) {
       Effect right = effect;
       if constexpr (has_judge) {
         right = Sweep::proving() ? expected(routine, v, how.mode, how.rounding) : effect;
+        EXPECT_EQ(trapped, (right.flags & how.unmasked) != 0);
         right.flags |= how.mxcsr & mxcsr::ieee_flags;
       }
       ASSERT_TRUE(effect == right && !testing::Test::HasFailure())
