@@ -12,20 +12,30 @@
 
 namespace ksomd::test::quad {
 
-__extension__ using Uint128 = unsigned __int128;
-using Value = Uint128;  // the bits of a number of any type, zeros above them
+__extension__ using Value =
+    unsigned __int128;  // the bits of a number of any type, zeros above them
 
 // Types have the letters that the names give them, and capital ones for pairs in memory:
 //   q quad   l 80 bits   d double   f float   j, k int64, uint64   i, u int32, uint32
 //   s int16   c int8   Q, D, F two quads, doubles, floats   m a rounding argument
-// & behind a result: its address is returned.
+struct Type {
+  char letter;
+  bool is_pair() const { return letter < 'a'; }
+  char part() const { return static_cast<char>(letter | 0x20); }
+  bool in_memory() const { return letter == 'q' || letter == 'l' || is_pair(); }
+  bool in_vector() const { return letter == 'd' || letter == 'f'; }
+  unsigned size() const {
+    constexpr unsigned sizes[] = {1, 2, 4, 4, 4, 8, 8, 4, 8, 10, 16, 8, 16, 32};
+    return sizes[std::string_view("csiumjkfdlqFDQ").find(letter)];
+  }
+};
+
 struct Routine {
   // + - * / and ~ (negated)   = ! < l > g ? (the relations, __leq and __geq as letters; the order)
   // s o (same bits, others)   : (converted)
   char operation;
-  std::string result, arguments;
+  std::string result, arguments;  // & behind a result: its address is returned
   std::vector<std::string> names;
-
   std::vector<const void*> entries;
 
   bool computes() const { return std::string_view("+-*/").find(operation) < 4; }
@@ -34,17 +44,6 @@ struct Routine {
   }
 };
 const std::vector<Routine>& routines();
-
-inline bool is_pair(char type) {
-  return type == 'Q' || type == 'D' || type == 'F';
-}
-inline char part_of(char type) {
-  return static_cast<char>(type | 0x20);
-}
-inline std::size_t size_of(char type) {
-  constexpr std::size_t sizes[] = {1, 2, 4, 4, 4, 8, 8, 4, 8, 10, 16, 8, 16, 32};
-  return sizes[std::string_view("csiumjkfdlqFDQ").find(type)];
-}
 
 struct Effect {
   Value parts[2] = {};
@@ -55,12 +54,12 @@ struct Effect {
 struct Format {
   int digits, lowest, largest;  // the exponents of the lowest and the highest bit
 };
-inline constexpr std::string_view floating = "qdfl";
-inline constexpr Format formats[] = {
+constexpr std::string_view floating = "qdfl";
+constexpr Format formats[] = {
     {113, -16494, 16383}, {53, -1074, 1023}, {24, -149, 127}, {64, -16445, 16383}};
-inline constexpr int bias = 16383, special = 0x7FFF;  // fields of exponents
-inline constexpr Value one_bit = 1, sign_bit = one_bit << 127, hidden_bit = one_bit << 112;
-inline constexpr Value infinity = Value{special} << 112;
+constexpr int bias = 16383, special = 0x7FFF;  // fields of exponents
+constexpr Value one_bit = 1, sign_bit = one_bit << 127, hidden_bit = one_bit << 112;
+constexpr Value infinity = Value{special} << 112;
 
 template <class Number>
 Value bits(const Number& number) {
@@ -112,9 +111,8 @@ inline int field_of(Value value) {
 
 inline Value any_number(Random& random) {
   const int edge = random.one_of({0, -112, bias, 2 * bias, bias / 2 + 1, bias + bias / 2 + 1});
-  const int near = edge + within(random, 3),
-            fields[] = {near, near, bias + within(random, 130), within(random, bias) + bias};
-  return number(random, random.one_of(fields));
+  const int near = edge + within(random, 3), middle = bias + within(random, 130);
+  return number(random, random.one_of({near, near, middle, within(random, bias) + bias}));
 }
 
 inline Value any_value(Random& random) {
@@ -137,34 +135,20 @@ inline Value partner(Random& random, Value a) {
                      : number(random, random.one_of(fields) + near);
 }
 
-// Operands whose product or quotient is as close to a tie or to a number of the format as can be,
-// or there: their low bits follow from one another modulo a power of two.
-inline void make_hard(Random& random, char operation, Value& a, Value& b) {
-  const Value divisor = pattern(random, 48) << 64 | hidden_bit | (random.next() | 1);
-  Value inverse = divisor;  // modulo 2^128; each step doubles the bits that are right
+// Operands whose product is as close to a tie or to a number of the format as can be, or there:
+// what their low bits are follows from one another modulo a power of two.
+inline void make_hard(Random& random, Value& a, Value& b) {
+  const Value top = pattern(random, 48) << 64, factor = hidden_bit | top | random.next() | 1;
+  Value inverse = factor, other = 0;  // modulo 2^128; each step doubles the bits that are right
   for (int bits = 3; bits < 128; bits *= 2) {
-    inverse *= 2 - divisor * inverse;
+    inverse *= 2 - factor * inverse;
   }
-  Value other = 0, quotient = 0;
-  while (operation == '*' && other < hidden_bit) {
-    // divisor * other ends in a half and few units, or in these.
+  while (other < hidden_bit) {
     const Value half = one_bit << random.one_of({111, 112, 127});
     other = (half + random.below(128) - 1) * inverse & (2 * hidden_bit - 1);
   }
-  while (operation == '/' && quotient < 2 * hidden_bit) {
-    // other / divisor is quotient + rest / divisor, in units of half a last place.
-    const Value above = random.below(2), rest = 1 + random.below(60);
-    quotient = (above != 0 ? -rest : rest) * inverse & (4 * hidden_bit - 1);
-    other = 0;
-    for (int i = 0; i < 114; ++i) {
-      other = (other + ((quotient >> i & 1) != 0 ? divisor : 0)) >> 1;
-    }
-    other += above;
-  }
-  for (; other < hidden_bit; other *= 2) {
-  }
   a = number(random, bias + within(random, 100), other - hidden_bit);
-  b = number(random, bias + within(random, 100), divisor - hidden_bit);
+  b = number(random, bias + within(random, 100), factor - hidden_bit);
 }
 
 // A number for a conversion to `to`: at the edges of its range, and what is cut off is nothing,
@@ -173,10 +157,9 @@ inline Value narrowed(Random& random, char to) {
   const std::size_t known = floating.find(to);
   const auto [digits, lowest, largest] =
       known < 4 ? formats[known] : Format{113, 0, random.one_in(2) ? 31 : 63};
-  const int edge = random.one_of({0, lowest, lowest + digits - 1, largest}) + within(random, 3);
-  const auto span = static_cast<unsigned>(largest - lowest + 7);
-  const int inside = lowest - 3 + static_cast<int>(random.below(span));
-  const int exponent = random.one_in(2) ? edge : inside;
+  const int edge = random.one_of({0, lowest, lowest + digits - 1, largest});
+  const int middle = (lowest + largest) / 2, inside = within(random, (largest - lowest) / 2 + 4);
+  const int exponent = random.one_in(2) ? edge + within(random, 3) : middle + inside;
   const auto kept = static_cast<unsigned>(std::clamp(exponent - lowest + 1, 0, digits));
   const unsigned cut = 113 - kept;
   const Value unit = one_bit << cut, significand = pattern(random, kept) << cut;
@@ -192,7 +175,7 @@ inline Value source(Random& random, char from, char to) {
     return to == 'q' || random.one_in(16) ? any_value(random) : narrowed(random, to);
   }
   if (floating.find(from) > 3) {
-    return pattern(random, static_cast<unsigned>(8 * size_of(from)));
+    return pattern(random, 8 * Type{from}.size());
   }
   const unsigned largest = from == 'd' ? 2047 : from == 'f' ? 255 : 0x7FFF;
   const unsigned width = from == 'd' ? 52 : from == 'f' ? 23 : 64;
@@ -206,9 +189,9 @@ inline Value source(Random& random, char from, char to) {
 // by MPFR.
 
 #ifdef _WIN32
-inline constexpr bool has_judge = false;  // there is neither
+constexpr bool has_judge = false;  // there is neither
 #else
-inline constexpr bool has_judge = true;
+constexpr bool has_judge = true;
 #endif
 
 Effect expected(const Routine& routine, const Value (&operands)[4], std::uint64_t mode,

@@ -113,33 +113,29 @@ Effect to_integer(char to, Value a, std::int32_t rounding) {
                               to == 'i' ? MPFR_RNDA : MPFR_RNDZ};
   Real r(113, a);
   const int inexact = mpfr_rint(r.x, r.x, modes[std::min(static_cast<unsigned>(rounding), 4u)]);
-  const int fits = to == 'i'   ? mpfr_fits_sint_p(r.x, MPFR_RNDZ)
-                   : to == 'j' ? mpfr_fits_slong_p(r.x, MPFR_RNDZ)
-                   : to == 'u' ? mpfr_fits_uint_p(r.x, MPFR_RNDZ)
-                               : mpfr_fits_ulong_p(r.x, MPFR_RNDZ);
-  if (fits == 0) {  // as NaNs do not
-    return {{one_bit << (8 * size_of(to) - 1)}, mxcsr::invalid};
+  const Float x = mpfr_get_float128(r.x, MPFR_RNDN);
+  const bool is_signed = to == 'i' || to == 'j';
+  const Value highest = one_bit << (8 * Type{to}.size() - 1);
+  if (x >= (is_signed ? -Float(highest) : 0) && x < Float(is_signed ? highest : 2 * highest)) {
+    return {{static_cast<Value>(static_cast<Int128>(x)) & (2 * highest - 1)},
+            inexact != 0 ? mxcsr::inexact : 0};
   }
-  const unsigned flags = inexact != 0 ? mxcsr::inexact : 0;
-  return {{to == 'i'   ? static_cast<std::uint32_t>(mpfr_get_si(r.x, MPFR_RNDZ))
-           : to == 'j' ? static_cast<std::uint64_t>(mpfr_get_si(r.x, MPFR_RNDZ))
-                       : mpfr_get_ui(r.x, MPFR_RNDZ)},
-          flags};
+  return {{highest}, mxcsr::invalid};  // as NaNs do
 }
 
 // Bits of one format in another: of NaNs and infinities, and of 80-bit numbers of any kind.
 Effect carried_over(char from, char to, Value a) {
-  const int source = formats[floating.find(from)].digits - 1;
-  const int target = formats[floating.find(to)].digits - 1,
-            sign = static_cast<int>(8 * size_of(to)) - 1;
-  const Value fraction = a & ((one_bit << source) - 1);
-  const bool narrows = target < source;
-  const Value kept = narrows ? fraction >> (source - target) : fraction << (target - source);
-  const Value top = (one_bit << sign) - (one_bit << target);
-  const Value field = from == 'l' ? (a >> 64 & special) << 112 : top;
-  const Value quiet = narrows && fraction != 0 ? one_bit << (target - 1) : 0;
-  return {{(a >> (8 * size_of(from) - 1)) << sign | field | quiet | kept},
-          narrows && is_signaling(a) ? mxcsr::invalid : 0};
+  const char other = to == 'q' ? from : to;
+  const int digits = formats[floating.find(other)].digits;
+  const unsigned sign = 8 * Type{other}.size() - 1;
+  const Value fraction = a & (hidden_bit - 1), top = one_bit << (digits - 1);
+  if (to == 'q') {
+    const Value field = from == 'l' ? a >> 64 & special : special;
+    return {{(a >> sign) << 127 | field << 112 | (a % top) << (113 - digits)}};
+  }
+  const Value quiet = fraction != 0 ? top / 2 : 0;
+  return {{(a >> 127) << sign | ((one_bit << sign) - top) | quiet | fraction >> (113 - digits)},
+          is_signaling(a) ? mxcsr::invalid : 0};
 }
 
 Effect convert(char from, char to, Value a, std::uint64_t mode, std::int32_t rounding) {
@@ -149,7 +145,7 @@ Effect convert(char from, char to, Value a, std::uint64_t mode, std::int32_t rou
   if (floating.find(to) > 3) {
     return to_integer(to, a, rounding);
   }
-  const std::size_t width = 8 * size_of(from), format = floating.find(from);
+  const std::size_t width = 8 * Type{from}.size(), format = floating.find(from);
   if (format > 3) {
     const bool negative = from != 'u' && from != 'k' && (a >> (width - 1)) != 0;
     return {{bits(static_cast<Float>(static_cast<Int128>(a - negative * (one_bit << width))))}};
@@ -174,7 +170,8 @@ Effect convert(char from, char to, Value a, std::uint64_t mode, std::int32_t rou
 
 Effect expected(const Routine& routine, const Value (&v)[4], std::uint64_t mode,
                 std::int32_t rounding) {
-  const char operation = routine.operation, from = routine.arguments[0], to = routine.result[0];
+  const char operation = routine.operation;
+  const Type from = {routine.arguments[0]}, to = {routine.result[0]};
   const bool is_complex = routine.is_complex();
   if (routine.computes()) {
     return is_complex ? complex_arithmetic(operation, v, mode)
@@ -193,9 +190,9 @@ Effect expected(const Routine& routine, const Value (&v)[4], std::uint64_t mode,
     return {{operation == '!' ? a | b : a & b}, re.flags};
   }
   rounding = routine.arguments == "qm" ? rounding : 0;
-  Effect effect = convert(part_of(from), part_of(to), v[0], mode, rounding);
-  if (is_pair(from) && is_pair(to)) {
-    const Effect second = convert(part_of(from), part_of(to), v[1], mode, rounding);
+  Effect effect = convert(from.part(), to.part(), v[0], mode, rounding);
+  if (from.is_pair() && to.is_pair()) {
+    const Effect second = convert(from.part(), to.part(), v[1], mode, rounding);
     effect.parts[1] = second.parts[0];
     effect.flags |= second.flags;
   }

@@ -34,13 +34,6 @@ g i qq __geq a_geq; ? i qq __compareq compareq; + Q qqqq __caddq a_caddq;
 : Q q a_qtocq; : Q d a_dtocq; : Q f a_ftocq; : Q c a_chtocq; : Q s a_stocq; : Q i a_itocq;
 : Q j a_jtocq; : Q D a_cdtocq; : Q F a_ctocq)";
 
-bool in_memory(char type) {
-  return type == 'q' || type == 'l' || is_pair(type);
-}
-bool in_vector(char type) {
-  return type == 'd' || type == 'f';
-}
-
 // Exceptions that are due and not masked trap, whatever others are masked. Emulators do not trap.
 volatile bool trapped = false;
 #ifdef _WIN32
@@ -88,9 +81,9 @@ using Words = Word[5];
   const auto address = reinterpret_cast<std::uintptr_t>(entry);
   Word returned = 0;
   asm volatile("fnclex\n\tfldcw %0" : : "m"(x87));
-  if (in_vector(routine.arguments[0])) {
+  if (Type{routine.arguments[0]}.in_vector()) {
     reinterpret_cast<void (*)(Word, double)>(address)(w[0], std::bit_cast<double>(w[1]));
-  } else if (in_vector(routine.result[0])) {
+  } else if (Type{routine.result[0]}.in_vector()) {
     returned = std::bit_cast<Word>(reinterpret_cast<double (*)(Word)>(address)(w[0]));
   } else {
     using General = Word(Word, Word, Word, Word, Word);
@@ -111,29 +104,30 @@ Effect call(const void* entry, const Routine& routine, const Value (&operands)[4
             const Circumstances& how) {
   static Operand guarded(1);
   static unsigned char plain[160];
-  const char type = routine.result[0];
-  const std::size_t size = size_of(type);
+  const Type type = {routine.result[0]};
+  const std::size_t size = type.size();
   std::size_t held = 0;  // by operands in memory, one behind the other
   for (const char argument : routine.arguments) {
-    held += in_memory(argument) ? size_of(argument) : 0;
+    held += Type{argument}.in_memory() ? Type{argument}.size() : 0;
   }
-  const bool overlays = in_memory(type) && how.overlaid < held;
+  const bool overlays = type.in_memory() && how.overlaid < held;
   const bool result_first = !overlays && how.result_first;
   auto* const block = how.guarded ? guarded.place(held + size, Place::AtEnd) : plain + how.offset;
   auto* const in = block + (result_first ? size : 0);
   auto* const out = overlays ? in + how.overlaid : block + (result_first ? 0 : held);
   Words words = {garbage, garbage, garbage, garbage, garbage};
   Word* word = words;
-  if (in_memory(type)) {
+  if (type.in_memory()) {
     *word++ = address_of(out);
   }
   const Value* operand = operands;
   unsigned char* next = in;
-  for (const char argument : routine.arguments) {
-    const std::size_t parts = is_pair(argument) ? 2 : 1, part = size_of(argument) / parts;
-    const void* const direct = argument == 'm' ? static_cast<const void*>(&how.rounding) : operand;
-    std::memcpy(word, direct, in_memory(argument) ? 0 : part);
-    if (in_memory(argument)) {
+  for (const char letter : routine.arguments) {
+    const Type argument = {letter};
+    const std::size_t parts = argument.is_pair() ? 2 : 1, part = argument.size() / parts;
+    const void* const direct = letter == 'm' ? static_cast<const void*>(&how.rounding) : operand;
+    std::memcpy(word, direct, argument.in_memory() ? 0 : part);
+    if (argument.in_memory()) {
       *word = address_of(next);
       for (std::size_t i = 0; i < parts; ++i, next += part) {
         std::memcpy(next, operand++, part);
@@ -164,8 +158,8 @@ Effect call(const void* entry, const Routine& routine, const Value (&operands)[4
   EXPECT_TRUE(indicator != 0 || shared) << "the processor's features are not asked for";
   indicator = detected;
 
-  const std::size_t part = is_pair(type) ? size / 2 : size;
-  std::memcpy(&effect.parts[0], in_memory(type) ? static_cast<void*>(out) : &returned, part);
+  const std::size_t part = type.is_pair() ? size / 2 : size;
+  std::memcpy(&effect.parts[0], type.in_memory() ? static_cast<void*>(out) : &returned, part);
   std::memcpy(&effect.parts[1], out + part, size - part);
   control ^= static_cast<unsigned>(how.mode) << 13 | how.mxcsr | (trapped ? 0 : how.unmasked << 7);
   control &= ~(mxcsr::ieee_flags | (Sweep::proving() ? 0 : mxcsr::denormal));  // as emulators do
@@ -178,9 +172,10 @@ Effect call(const void* entry, const Routine& routine, const Value (&operands)[4
 
 void any_operands(Random& random, const Routine& routine, Value (&v)[4]) {
   const char operation = routine.operation;
+  const Type from = {routine.arguments[0]}, to = {routine.result[0]};
   if (operation == ':') {
     for (Value& value : v) {
-      value = source(random, part_of(routine.arguments[0]), part_of(routine.result[0]));
+      value = source(random, from.part(), to.part());
     }
     return;
   }
@@ -195,7 +190,10 @@ void any_operands(Random& random, const Routine& routine, Value (&v)[4]) {
                               : partner(random, v[i - distance]);
   }
   if ((operation == '*' || operation == '/') && !is_complex && random.one_in(4)) {
-    make_hard(random, operation, v[0], v[1]);
+    make_hard(random, v[0], v[1]);
+    if (operation == '/') {  // the quotient is as close to what was the other factor
+      entry<void(Value*, const Value*, const Value*)>("__mulq")(&v[0], &v[0], &v[1]);
+    }
   }
 }
 
