@@ -45,12 +45,6 @@ struct Routine {
 };
 const std::vector<Routine>& routines();
 
-struct Effect {
-  Value parts[2] = {};
-  unsigned flags = 0;
-  bool operator==(const Effect&) const = default;
-};
-
 struct Format {
   int digits, lowest, largest;  // the exponents of the lowest and the highest bit
 };
@@ -77,6 +71,15 @@ inline std::string paste(std::initializer_list<Value> values) {
   }
   return out.str();
 }
+
+struct Effect {
+  Value parts[2] = {};
+  unsigned flags = 0;
+  bool operator==(const Effect&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, const Effect& effect) {
+    return out << paste({effect.parts[0], effect.parts[1], effect.flags});
+  }
+};
 
 // ---- operands -----------------------------------------------------------------------------------
 

@@ -31,10 +31,9 @@ TEST(QuadCall, KeepsTheCalleesRegisters) {
 
 TEST(QuadDispatch, NeedsAllFeaturesOfTheFasterVariant) {
   constexpr std::uint64_t needed = 0xEE;  // X87, CMOV, MMX, SSE, SSE2, SSE3
-  for (const ksomd::DispatchingEntry& entry : ksomd::quad::dispatching_entries()) {
-    EXPECT_STREQ(entry.variant({needed}), ".L") << entry.name;
-    for (std::uint64_t bit = 1; bit < 0x100; bit <<= 1) {
-      EXPECT_STREQ(entry.variant({~bit}), (needed & bit) != 0 ? ".A" : ".L") << bit;
+  for (const DispatchingEntry& entry : ksomd::quad::dispatching_entries()) {
+    for (std::uint64_t bit = 1; bit <= 0x100; bit <<= 1) {
+      EXPECT_STREQ(entry.variant({~bit & 0xFF}), (needed & bit) != 0 ? ".A" : ".L") << bit;
     }
   }
 }
@@ -160,24 +159,24 @@ TEST(QuadText, StreamsFillToTheirWidth) {
 }
 
 // Between commas: the text up to the bar is read, and is what stands behind the space; with a !,
-// out of range. Z are 15000 zeros, S 27 sevens.
+// out of range. Z are 15000 zeros.
 TEST(QuadText, ReadsAsFarAsANumberGoes) {
   std::istringstream rows(
       "12|abc 12,.5| 0.5,5.| 5,1.2|.3 1.2,1|e 1,1|e+ 1,1|e- 1,1|e-+2 1,1E+2| 100,1|'0 1,"
       "1e-2|x 0.01,0|x1 0,010| 10,-0| -0,0.0e99999999999| 0,Infinity| inf,inf|init inf,-INF| -inf,"
-      "|na 42,nan|(0x0) nan,nan|(0x1 nan,nan|() nan,NaN| nan,nan|(0x10S) nan,nan(0X1S)| nan(0x1S),"
-      "nan(0xA)| nan(0x000000000000000000000000000a),| 42,|- 42,|+1 42,| 1 42,|. 42,|e5 42,|--1 42,"
+      "|na 42,nan|(0x0) nan,nan|(0x1 nan,nan|() nan,NaN| nan,nan(0xA)| "
+      "nan(0x000000000000000000000000000a),"
+      "nan|(0x10777777777777777777777777777) nan,nan(0X1777777777777777777777777777)| "
+      "nan(0x1777777777777777777777777777),"
+      "| 42,|- 42,|+1 42,| 1 42,|. 42,|e5 42,|--1 42,"
       "1e18446744073709551617| inf!,-1e-18446744073709551617| -0!,1e4294967296| inf!,1Ze-15000| 1,"
       ".Z1e15001| 1,Z1| 1,1.Z1| 1,1e-5| 0.00001,.00000999| 9.99e-06,1e35| 100000000000000000000000"
       "000000000000,1e36| 1e+36,1e99| 1e+99,1e100| 1e+100,1e1000| 1e+1000,9e999| 9e+999,"
       "1e-99| 1e-99,1e-100| 1e-100,1e-999| 1e-999,1e-1000| 1e-1000");
   for (std::string row; std::getline(rows, row, ',');) {
     SCOPED_TRACE(row);
-    for (const auto& [letter, text] :
-         {std::pair('Z', std::string(15000, '0')), {'S', std::string(27, '7')}}) {
-      for (std::size_t at = row.find(letter); at != std::string::npos; at = row.find(letter)) {
-        row.replace(at, 1, text);
-      }
+    for (std::size_t at = row.find('Z'); at != std::string::npos; at = row.find('Z')) {
+      row.replace(at, 1, 15000, '0');
     }
     const std::size_t bar = row.find('|'), space = row.rfind(' ');
     const std::string text = row.substr(0, bar) + row.substr(bar + 1, space - bar - 1);
