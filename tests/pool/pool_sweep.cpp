@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <numeric>
-#include <vector>
 
 #include "ksomd/pool.h"
 #include "support/entry.h"
@@ -32,7 +30,7 @@ const auto pool_calloc = entry<decltype(__i_pool_calloc)>("__i_pool_calloc");
 const auto pool_realloc = entry<decltype(__i_pool_realloc)>("__i_pool_realloc");
 const auto pool_free = entry<decltype(__i_pool_free)>("__i_pool_free");
 
-bool all_bytes(const unsigned char* block, std::size_t size, unsigned value) {
+bool all_bytes(const unsigned char* block, std::size_t size, std::size_t value) {
   return size == 0 || (block[0] == value && std::memcmp(block, block + 1, size - 1) == 0);
 }
 
@@ -132,10 +130,11 @@ class Program {
   }
 
   // A pooled block always moves, and is free only then; nothing and a block of the heap move to the
-  // heap, whatever the lists say.
+  // heap, whatever the lists say. What no heap has is refused, and costs nothing.
   void resize(std::size_t size) {
     keep(pool_realloc(nullptr, size), size, Malloc, heap);
     const Block old = any();
+    ASSERT_EQ(pool_realloc(old.address, SIZE_MAX - 4096), nullptr);
     auto* const moved = static_cast<unsigned char*>(pool_realloc(old.address, size));
     ASSERT_TRUE(all_bytes(moved, std::min(size, old.size), old.value)) << old.size << ' ' << size;
     keep(moved, size, Malloc, old.origin == heap ? heap : model_.serve(size, Malloc));
@@ -201,7 +200,6 @@ void expect_refusals_and_heap_blocks() {
     EXPECT_EQ(size > 40 ? pool_calloc(size, 1) : nullptr, nullptr) << size;
   }
   EXPECT_EQ(pool_calloc(top + 20, 2), nullptr) << "2^64 + 40";
-  EXPECT_EQ(pool_realloc(nullptr, SIZE_MAX - 4096), nullptr);
   std::free(pool_malloc(0));
   std::free(pool_calloc(0, SIZE_MAX));
   std::free(pool_calloc(7, 7));
@@ -255,21 +253,20 @@ TEST(PoolSweep, AlignedBlocksStandRightAboveTheirLink) {
   const auto allocate = entry<decltype(ksomd_mm_malloc)>("_mm_malloc");
   const auto release = entry<decltype(ksomd_mm_free)>("_mm_free");
   for (std::size_t alignment = 1; alignment <= 4096; alignment *= 2) {
-    std::vector<unsigned char*> blocks;
+    SCOPED_TRACE(alignment);
+    unsigned char* blocks[301];
     for (std::size_t size = 0; size <= 300; ++size) {
-      auto* const block = static_cast<unsigned char*>(allocate(size, alignment));
-      ASSERT_NE(block, nullptr) << size << " at " << alignment;
+      blocks[size] = static_cast<unsigned char*>(allocate(size, alignment));
+      ASSERT_NE(blocks[size], nullptr) << size;
       const std::size_t step = std::max<std::size_t>(alignment, 8);
       std::uintptr_t raw = 0;
-      std::memcpy(&raw, block - 8, 8);
-      const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(block);
-      ASSERT_EQ(address, (raw + 8 + step - 1) / step * step) << size << " at " << alignment;
-      blocks.push_back(
-          static_cast<unsigned char*>(std::memset(block, size % 2 == 0 ? 1 : 2, size)));
+      std::memcpy(&raw, blocks[size] - 8, 8);
+      const auto address = reinterpret_cast<std::uintptr_t>(blocks[size]);
+      ASSERT_EQ(address, (raw + 8 + step - 1) / step * step) << size;
+      std::memset(blocks[size], static_cast<int>(1 + size % 2), size);
     }
     for (std::size_t size = 0; size <= 300; ++size) {
-      ASSERT_TRUE(all_bytes(blocks[size], size, size % 2 == 0 ? 1 : 2))
-          << size << " at " << alignment;
+      ASSERT_TRUE(all_bytes(blocks[size], size, 1 + size % 2)) << size;
       release(blocks[size]);
     }
   }
@@ -277,8 +274,8 @@ TEST(PoolSweep, AlignedBlocksStandRightAboveTheirLink) {
   for (std::size_t alignment = 1; alignment != 0; alignment *= 2) {
     for (std::size_t distance = 0; distance < 80; ++distance) {
       const std::size_t largest = SIZE_MAX - 8 - alignment;  // whose sum still fits
-      EXPECT_EQ(allocate(SIZE_MAX - distance, alignment), nullptr) << distance << ' ' << alignment;
       const std::size_t size = largest + std::min<std::size_t>(40, 8 + alignment) - distance;
+      EXPECT_EQ(allocate(SIZE_MAX - distance, alignment), nullptr) << distance << ' ' << alignment;
       EXPECT_EQ(allocate(size, alignment), nullptr) << distance << ' ' << alignment;
     }
   }
