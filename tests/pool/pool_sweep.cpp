@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <list>
 #include <numeric>
 
 #include "ksomd/pool.h"
@@ -34,73 +35,15 @@ bool all_bytes(const unsigned char* block, std::size_t size, std::size_t value) 
   return size == 0 || (block[0] == value && std::memcmp(block, block + 1, size - 1) == 0);
 }
 
-// Where a block is from: the heap, or block i of region r, told as r * 2^20 + i.
-using Origin = std::int64_t;
-constexpr Origin heap = -1, nowhere = -2;
-Origin pooled(std::size_t region, std::int64_t block) {
-  return static_cast<Origin>(region << 20) + block;
-}
+struct Region {
+  std::size_t size;
+  Kind kind;
+  std::size_t capacity, next = 0, freed = 0;
+  const unsigned char* first = nullptr;
 
-class Model {
- public:
-  std::vector<std::size_t> sizes[2];
-
-  // Who serves the next request for `size` bytes.
-  Origin serve(std::size_t size, Kind kind) {
-    if (std::ranges::count(sizes[kind], size) == 0) {
-      return heap;
-    }
-    for (std::size_t i = regions_.size(); i-- > 0;) {
-      Region& region = regions_[i];
-      if (region.size == size && region.kind == kind) {
-        if (region.freed == region.capacity) {
-          region.next = region.freed = 0;
-        }
-        if (region.next < region.capacity) {
-          return pooled(i, region.next++);
-        }
-      }
-    }
-    if (regions_.size() == 50) {
-      return heap;
-    }
-    const bool frequent = size == 40 || size == 48 || size == 96;
-    regions_.push_back({size, kind, frequent ? 300000 : 30000});
-    return pooled(regions_.size() - 1, 0);
+  bool holds(const unsigned char* block) const {
+    return block >= first && block < first + capacity * size;
   }
-
-  // Where a block stands that is expected to be there.
-  Origin locate(const unsigned char* block, Origin expected) {
-    if (expected != heap && regions_[region_of(expected)].first == nullptr) {
-      regions_[region_of(expected)].first = block;
-    }
-    for (std::size_t i = 0; i < regions_.size(); ++i) {
-      const Region& region = regions_[i];
-      const auto offset = static_cast<std::size_t>(block - region.first);
-      if (block >= region.first &&
-          offset / region.size < static_cast<std::size_t>(region.capacity)) {
-        const auto number = static_cast<std::int64_t>(offset / region.size);
-        return offset % region.size == 0 ? pooled(i, number) : nowhere;
-      }
-    }
-    return heap;
-  }
-
-  void give_back(Origin origin) {
-    if (origin != heap) {
-      ++regions_[region_of(origin)].freed;
-    }
-  }
-
- private:
-  struct Region {
-    std::size_t size;
-    Kind kind;
-    std::int64_t capacity, next = 1, freed = 0;
-    const unsigned char* first = nullptr;
-  };
-  static std::size_t region_of(Origin origin) { return static_cast<std::size_t>(origin) >> 20; }
-  std::vector<Region> regions_;
 };
 
 class Program {
@@ -108,15 +51,15 @@ class Program {
   explicit Program(Sweep& sweep) : sweep_(sweep) {}
 
   void set_sizes(Kind kind, std::vector<std::size_t> sizes, std::size_t behind = 0) {
-    model_.sizes[kind] = sizes;
+    sizes_[kind] = sizes;
     sizes.push_back(behind);
     pool_init(sizes.data(), -kind);  // every kind but 0 is the other one
   }
 
-  void take(std::size_t size, Kind kind, std::uint64_t count = 1) {
+  void take(std::size_t size, Kind kind, std::size_t count = 1) {
     for (; count > 0; --count) {
       void* const block = kind == Malloc ? pool_malloc(size) : pool_calloc(size / 4, 4);
-      keep(block, size, kind, model_.serve(size, kind));
+      keep(block, size, kind, serve(size, kind));
     }
   }
 
@@ -125,20 +68,20 @@ class Program {
     for (; count > 0 && !held_.empty(); --count) {
       const Block block = any();
       pool_free(block.address);
-      model_.give_back(block.origin);
+      block.region->freed += 1;
     }
   }
 
   // A pooled block always moves, and is free only then; nothing and a block of the heap move to the
   // heap, whatever the lists say. What no heap has is refused, and costs nothing.
   void resize(std::size_t size) {
-    keep(pool_realloc(nullptr, size), size, Malloc, heap);
+    keep(pool_realloc(nullptr, size), size, Malloc, &heap_);
     const Block old = any();
     ASSERT_EQ(pool_realloc(old.address, SIZE_MAX - 4096), nullptr);
     auto* const moved = static_cast<unsigned char*>(pool_realloc(old.address, size));
     ASSERT_TRUE(all_bytes(moved, std::min(size, old.size), old.value)) << old.size << ' ' << size;
-    keep(moved, size, Malloc, old.origin == heap ? heap : model_.serve(size, Malloc));
-    model_.give_back(old.origin);
+    keep(moved, size, Malloc, old.region == &heap_ ? &heap_ : serve(size, Malloc));
+    old.region->freed += 1;
   }
 
   void anything(const std::vector<std::size_t>& sizes, int times) {
@@ -156,19 +99,44 @@ class Program {
   struct Block {
     unsigned char* address;
     std::size_t size;
-    Origin origin;
+    Region* region;
     unsigned char value;  // of every byte
   };
 
-  void keep(void* memory, std::size_t size, Kind kind, Origin expected) {
+  // Who serves the next request.
+  Region* serve(std::size_t size, Kind kind) {
+    if (std::ranges::count(sizes_[kind], size) == 0) {
+      return &heap_;
+    }
+    for (Region& region : regions_) {
+      if (region.size == size && region.kind == kind) {
+        if (region.freed == region.capacity) {
+          region.next = region.freed = 0;
+        }
+        if (region.next < region.capacity) {
+          return &region;
+        }
+      }
+    }
+    const std::size_t capacity = size == 40 || size == 48 || size == 96 ? 300000 : 30000;
+    return regions_.size() == 50 ? &heap_ : &regions_.emplace_front(Region{size, kind, capacity});
+  }
+
+  void keep(void* memory, std::size_t size, Kind kind, Region* region) {
     auto* const block = static_cast<unsigned char*>(memory);
     ASSERT_NE(block, nullptr) << size << " bytes";
-    ASSERT_EQ(model_.locate(block, expected), expected) << size << " bytes of kind " << kind;
+    if (region != &heap_) {
+      region->first = region->first == nullptr ? block : region->first;
+      ASSERT_EQ(block, region->first + region->next * size) << size << " bytes of kind " << kind;
+    } else {
+      ASSERT_TRUE(std::ranges::none_of(regions_, [&](Region& r) { return r.holds(block); }))
+          << size;
+    }
     ASSERT_TRUE(kind == Malloc || all_bytes(block, size, 0)) << size << " bytes not zero";
-    sweep_.result(expected);
+    sweep_.result(region->size, region->next++);
     const auto value = static_cast<unsigned char>(1 + sweep_.random.below(255));
     std::memset(block, value, size);
-    held_.push_back({block, size, expected, value});
+    held_.push_back({block, size, region, value});
   }
 
   // Takes a block out of those held; it still has its contents.
@@ -181,7 +149,9 @@ class Program {
   }
 
   Sweep& sweep_;
-  Model model_;
+  std::vector<std::size_t> sizes_[2];
+  std::list<Region> regions_;  // the newest first
+  Region heap_ = {0, Malloc, 0};
   std::vector<Block> held_;
 };
 
@@ -193,11 +163,10 @@ void expect_refusals_and_heap_blocks() {
   const std::size_t sizes[] = {top, top + 8, SIZE_MAX, top >> 14, (top >> 14) + 500, 40, 0};
   pool_init(sizes, Malloc);
   pool_init(sizes, Calloc);
-  for (const std::size_t size : sizes) {
+  for (int i = 0; i < 5; ++i) {
     errno = 0;
-    EXPECT_EQ(size > 40 ? pool_malloc(size) : nullptr, nullptr) << size;
-    EXPECT_EQ(errno, size > 40 ? ENOMEM : 0) << size;
-    EXPECT_EQ(size > 40 ? pool_calloc(size, 1) : nullptr, nullptr) << size;
+    EXPECT_TRUE(pool_malloc(sizes[i]) == nullptr && errno == ENOMEM) << sizes[i];
+    EXPECT_EQ(pool_calloc(sizes[i], 1), nullptr) << sizes[i];
   }
   EXPECT_EQ(pool_calloc(top + 20, 2), nullptr) << "2^64 + 40";
   std::free(pool_malloc(0));
