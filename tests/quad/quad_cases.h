@@ -135,6 +135,7 @@ inline Value partner(Random& random, Value a) {
   return kind == 0   ? any_value(random)
          : kind == 1 ? close
          : kind == 2 ? a ^ (close & sign_bit)
+         : kind == 3 ? a
                      : number(random, random.one_of(fields) + near);
 }
 

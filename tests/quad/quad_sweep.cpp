@@ -171,25 +171,18 @@ Effect call(const void* entry, const Routine& routine, const Value (&operands)[4
 }
 
 void any_operands(Random& random, const Routine& routine, Value (&v)[4]) {
-  const char operation = routine.operation;
   const Type from = {routine.arguments[0]}, to = {routine.result[0]};
-  if (operation == ':') {
-    for (Value& value : v) {
-      value = source(random, from.part(), to.part());
-    }
-    return;
-  }
+  const char operation = routine.operation;
   // Complex ones mostly such that no product leaves the range; often such that two of them cancel.
-  const bool computes = routine.computes(), is_complex = routine.is_complex();
-  const bool tame = computes && is_complex && !random.one_in(4);
-  const std::size_t distance = is_complex && !computes ? 2 : 1;
+  const bool tame = routine.computes() && routine.is_complex() && !random.one_in(4);
+  const bool paired = !tame || random.one_in(2);
   for (std::size_t i = 0; i < 4; ++i) {
-    const bool second = (computes && is_complex ? i % 2 != 0 && random.one_in(2) : i >= distance);
-    v[i] = !second ? (tame ? number(random, bias + within(random, 60)) : any_value(random))
-           : random.one_in(4) ? v[i - distance]
-                              : partner(random, v[i - distance]);
+    v[i] = operation == ':'                       ? source(random, from.part(), to.part())
+           : i > 0 && paired && !random.one_in(4) ? partner(random, v[random.below(i)])
+           : tame                                 ? number(random, bias + within(random, 60))
+                                                  : any_value(random);
   }
-  if ((operation == '*' || operation == '/') && !is_complex && random.one_in(4)) {
+  if ((operation == '*' || operation == '/') && !routine.is_complex() && random.one_in(4)) {
     make_hard(random, v[0], v[1]);
     if (operation == '/') {  // the quotient is as close to what was the other factor
       entry<void(Value*, const Value*, const Value*)>("__mulq")(&v[0], &v[0], &v[1]);
