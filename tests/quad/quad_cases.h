@@ -76,9 +76,6 @@ struct Effect {
   Value parts[2] = {};
   unsigned flags = 0;
   bool operator==(const Effect&) const = default;
-  friend std::ostream& operator<<(std::ostream& out, const Effect& effect) {
-    return out << paste({effect.parts[0], effect.parts[1], effect.flags});
-  }
 };
 
 // ---- operands -----------------------------------------------------------------------------------

@@ -53,8 +53,7 @@ const bool trapping = Sweep::proving() && [] {
 // What a call depends on, and what it must not depend on; all of it follows from one number.
 struct Circumstances {
   Random random;
-  std::uint64_t mode = random.below(rounding_modes);
-  std::uint64_t any = random.next();
+  std::uint64_t mode = random.below(rounding_modes), any = random.next();
   std::int32_t rounding =  // the argument m
       static_cast<std::int32_t>(random.one_in(8) ? any >> 32 : random.below(5));
   // Flags that are up before, flush to zero, denormals are zero.
@@ -86,8 +85,8 @@ using Words = Word[5];
   } else if (Type{routine.result[0]}.in_vector()) {
     returned = std::bit_cast<Word>(reinterpret_cast<double (*)(Word)>(address)(w[0]));
   } else {
-    using General = Word(Word, Word, Word, Word, Word);
-    returned = reinterpret_cast<General*>(address)(w[0], w[1], w[2], w[3], w[4]);
+    using General = Word (*)(Word, Word, Word, Word, Word);
+    returned = reinterpret_cast<General>(address)(w[0], w[1], w[2], w[3], w[4]);
   }
   asm volatile("fnstenv %0\n\tfldcw %1" : "=m"(after) : "m"(usual));
   EXPECT_TRUE(after[0] == x87 && (after[2] & 0xFF) == 0 && after[4] == 0xFFFF);
@@ -211,8 +210,9 @@ TEST(QuadSweep, EveryRoutineRoundsOnceAndRaisesItsFlags) {
       }
       ASSERT_TRUE(effect == right && !HasFailure())
           << routine.names[which] << paste({v[0], v[1], v[2], v[3]}) << " circumstances " << number
-          << " (mode " << how.mode << ", argument " << how.rounding << ") gives" << effect << " for"
-          << right;
+          << " (mode " << how.mode << ", argument " << how.rounding << "), flags and results"
+          << paste({effect.flags, effect.parts[0], effect.parts[1]}) << " for"
+          << paste({right.flags, right.parts[0], right.parts[1]});
     }
   }
 }

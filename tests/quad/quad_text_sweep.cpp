@@ -16,25 +16,21 @@ Value bits_of_text(const std::string& text) {
   return std::bit_cast<Value>(ksomd::from_string(text).value_or(42));
 }
 
-std::string digits(Random& random, std::uint64_t count) {
-  const bool run = random.one_in(4);
-  std::string text;
-  while (text.size() < count) {
-    text += run && !text.empty() ? text[0] : static_cast<char>('0' + random.below(10));
-  }
-  return text;
-}
-
 // A number as from_chars reads it, mostly in the range of exponents or at its edges.
 std::string any_text(Random& random) {
-  const std::uint64_t length = random.below(random.one_in(20) ? 300 : 45);
-  const std::string before = digits(random, random.below(length + 1));
-  const std::string behind = digits(random, length - before.size() + 1);
-  std::string text = (random.one_in(2) ? "-" : "") + before + "." + behind;
-  text.resize(text.size() - (!before.empty() && random.one_in(4) ? behind.size() : 0));
-  const int edge = random.one_of({4932, -4932, -4966}) - static_cast<int>(before.size());
-  const int near = edge + within(random, 4),
-            exponent = random.one_in(2) ? near : within(random, 5100);
+  const std::uint64_t length = 1 + random.below(random.one_in(20) ? 300 : 45);
+  const std::uint64_t point = random.below(length + 1);
+  const bool runs = random.one_in(4), negative = random.one_in(2);
+  std::string text;
+  while (text.size() < length) {
+    text += runs ? random.one_of({"0", "9", "99999999", "5000000"}) : std::to_string(random.next());
+  }
+  text.resize(length);
+  text.insert(point, point == length && random.one_in(2) ? "" : ".");
+  text.insert(0, negative ? "-" : "");
+  const int edge = random.one_of({4932, -4932, -4966}) - static_cast<int>(point);
+  const int near = edge + within(random, 4), far = within(random, 5100);
+  const int exponent = random.one_in(2) ? near : far;
   const std::string letter = random.one_of({"e", "E", exponent < 0 ? "e" : "e+"});
   return text + (random.one_in(4) ? "" : letter + std::to_string(exponent));
 }
