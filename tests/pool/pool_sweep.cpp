@@ -221,33 +221,31 @@ TEST(PoolSweep, EachRequestGetsTheBlockThatTheModelTells) {
 TEST(PoolSweep, AlignedBlocksStandRightAboveTheirLink) {
   const auto allocate = entry<decltype(ksomd_mm_malloc)>("_mm_malloc");
   const auto release = entry<decltype(ksomd_mm_free)>("_mm_free");
-  for (std::size_t alignment = 1; alignment <= 4096; alignment *= 2) {
+  for (std::size_t alignment = 1; alignment != 0; alignment *= 2) {
     SCOPED_TRACE(alignment);
-    unsigned char* blocks[301];
-    for (std::size_t size = 0; size <= 300; ++size) {
-      blocks[size] = static_cast<unsigned char*>(allocate(size, alignment));
+    const std::size_t step = std::max<std::size_t>(alignment, 8);
+    std::vector<unsigned char*> blocks;
+    for (std::size_t size = 0; size <= 300 && alignment <= 4096; ++size) {
+      blocks.push_back(static_cast<unsigned char*>(allocate(size, alignment)));
       ASSERT_NE(blocks[size], nullptr) << size;
-      const std::size_t step = std::max<std::size_t>(alignment, 8);
       std::uintptr_t raw = 0;
       std::memcpy(&raw, blocks[size] - 8, 8);
       const auto address = reinterpret_cast<std::uintptr_t>(blocks[size]);
       ASSERT_EQ(address, (raw + 8 + step - 1) / step * step) << size;
-      std::memset(blocks[size], static_cast<int>(1 + size % 2), size);
+      std::memset(blocks[size], static_cast<int>(size % 2), size);
     }
-    for (std::size_t size = 0; size <= 300; ++size) {
-      ASSERT_TRUE(all_bytes(blocks[size], size, 1 + size % 2)) << size;
+    for (std::size_t size = 0; size < blocks.size(); ++size) {
+      ASSERT_TRUE(all_bytes(blocks[size], size, size % 2)) << size;
       release(blocks[size]);
     }
-  }
-  release(nullptr);
-  for (std::size_t alignment = 1; alignment != 0; alignment *= 2) {
     for (std::size_t distance = 0; distance < 80; ++distance) {
       const std::size_t largest = SIZE_MAX - 8 - alignment;  // whose sum still fits
       const std::size_t size = largest + std::min<std::size_t>(40, 8 + alignment) - distance;
-      EXPECT_EQ(allocate(SIZE_MAX - distance, alignment), nullptr) << distance << ' ' << alignment;
-      EXPECT_EQ(allocate(size, alignment), nullptr) << distance << ' ' << alignment;
+      EXPECT_EQ(allocate(SIZE_MAX - distance, alignment), nullptr) << distance;
+      EXPECT_EQ(allocate(size, alignment), nullptr) << distance;
     }
   }
+  release(nullptr);
 }
 
 }  // namespace
