@@ -5,12 +5,9 @@
 #include <ucontext.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <functional>
-#include <set>
 #include <thread>
-#include <vector>
 
 #include "pool/allocator.h"
 #include "support/sweep.h"
@@ -19,82 +16,67 @@ namespace ksomd::test {
 namespace {
 
 using pool::Kind;
-using Bodies = std::vector<std::function<void()>>;
 
-// The decisions of one run: replayed as far as they are known, the first choice from there on.
-class Schedule {
- public:
-  int choose(int options) {
-    if (position_ == path_.size()) {
-      path_.push_back({0, options});
-    }
-    return path_[position_++].chosen;
-  }
-  // Goes on to the next schedule in depth-first order; false after the last one.
-  bool advance() {
-    position_ = 0;
-    while (!path_.empty() && ++path_.back().chosen == path_.back().options) {
-      path_.pop_back();
-    }
-    return !path_.empty();
-  }
-
- private:
-  struct Decision {
-    int chosen, options;
-  };
-  std::vector<Decision> path_;
-  std::size_t position_ = 0;
-};
-
-// Runs bodies by turns, as a schedule says. A switch that the running body did not ask for is a
-// preemption.
+// Runs bodies by turns. The decisions of one run are replayed in the next as far as they are known,
+// the last of them excepted; a switch that the running body did not ask for is a preemption.
 class Conductor {
  public:
+  using Bodies = std::vector<std::function<void()>>;
+  static inline Conductor* active;
+
   // False if the bodies came to wait for each other.
-  bool run(Schedule& schedule, int preemptions, const Bodies& bodies) {
-    schedule_ = &schedule;
+  bool run(int preemptions, const Bodies& bodies) {
     preemptions_left_ = preemptions;
+    position_ = 0;
     ready_.clear();
-    waits_ = 0;
-    stuck_ = false;
     for (std::size_t i = 0; i < bodies.size(); ++i) {
       Strand& strand = strands_[i];
       strand.body = &bodies[i];
       getcontext(&strand.context);
       strand.context.uc_stack.ss_sp = strand.stack.data();
       strand.context.uc_stack.ss_size = strand.stack.size();
-      strand.context.uc_link = nullptr;
-      makecontext(&strand.context, [] { active->start(); }, 0);
+      strand.context.uc_link = &home_;
+      makecontext(&strand.context, [] { (*active->running_->body)(); }, 0);
       ready_.push_back(&strand);
     }
     active = this;
-    pick(schedule.choose(static_cast<int>(ready_.size())));
-    swapcontext(&home_, &running_->context);
+    next_ = choose(ready_.size());
+    for (waits_ = 0; !ready_.empty() && waits_ < 1000;) {
+      running_ = ready_[next_];
+      ready_.erase(ready_.begin() + static_cast<std::ptrdiff_t>(next_));
+      done_ = true;
+      swapcontext(&home_, &running_->context);
+      if (!done_) {
+        ready_.push_back(running_);
+      } else if (!ready_.empty()) {
+        next_ = choose(ready_.size());
+      }
+    }
     active = nullptr;
-    return !stuck_;
+    return ready_.empty();
+  }
+
+  // Goes on to the next schedule in depth-first order; false after the last one.
+  bool advance() {
+    while (!path_.empty() && ++path_.back().chosen == path_.back().options) {
+      path_.pop_back();
+    }
+    return !path_.empty();
   }
 
   // Before an access to shared memory.
   void step() {
-    if (preemptions_left_ > 0) {
-      if (const int choice = schedule_->choose(static_cast<int>(ready_.size()) + 1); choice > 0) {
-        --preemptions_left_;
-        hand_over(choice - 1);
-      }
+    if (const std::size_t n = preemptions_left_ > 0 ? choose(ready_.size() + 1) : 0; n > 0) {
+      --preemptions_left_;
+      hand_over(n - 1);
     }
   }
 
   // The running body cannot go on until another one has run: the one that has waited longest.
   void wait() {
-    stuck_ = ready_.empty() || ++waits_ > 1000;
-    if (stuck_) {
-      setcontext(&home_);
-    }
+    ++waits_;
     hand_over(0);
   }
-
-  static inline Conductor* active;
 
  private:
   struct Strand {
@@ -102,61 +84,47 @@ class Conductor {
     std::vector<char> stack = std::vector<char>(std::size_t{64} * 1024);
     const std::function<void()>* body = nullptr;
   };
+  struct Decision {
+    std::size_t chosen, options;
+  };
 
-  void start() {
-    (*running_->body)();
-    if (ready_.empty()) {
-      setcontext(&home_);
+  std::size_t choose(std::size_t options) {
+    if (position_ == path_.size()) {
+      path_.push_back({0, options});
     }
-    pick(schedule_->choose(static_cast<int>(ready_.size())));
-    setcontext(&running_->context);
+    return path_[position_++].chosen;
   }
-  void pick(int n) {
-    running_ = ready_[static_cast<std::size_t>(n)];
-    ready_.erase(ready_.begin() + n);
-  }
-  void hand_over(int n) {
-    Strand* const from = running_;
-    pick(n);
-    ready_.push_back(from);
-    swapcontext(&from->context, &running_->context);
+  void hand_over(std::size_t n) {
+    next_ = n;
+    done_ = false;
+    swapcontext(&running_->context, &home_);
   }
 
-  Schedule* schedule_ = nullptr;
+  std::vector<Decision> path_;
+  std::size_t position_ = 0, next_ = 0;
   int preemptions_left_ = 0, waits_ = 0;
-  bool stuck_ = false;
-  std::array<Strand, 3> strands_;
+  bool done_ = false;
+  Strand strands_[3];
   std::vector<Strand*> ready_;  // all that can run but the running one
   Strand* running_ = nullptr;
   ucontext_t home_{};
 };
 
-constexpr std::int32_t region_blocks = 2;
 constexpr std::size_t size = 40;
 
-// A world in which every access is a place to switch, and every run finds the same addresses. It
-// refuses the request that it is told to refuse.
+// A world in which every access is a place to switch, and every run finds the same addresses.
 struct World {
-  static inline std::array<std::byte, 1 << 16> memory;
+  static inline std::byte memory[1 << 16];
   static inline std::atomic<std::size_t> used;
-  static inline int requests, refuse_at;
 
   static void* allocate(std::size_t bytes) {
-    if (++requests == refuse_at) {
-      return nullptr;
-    }
-    return std::memset(memory.data() + used.fetch_add((bytes + 15) / 16 * 16), 0xEE, bytes);
+    return std::memset(memory + used.fetch_add((bytes + 15) / 16 * 16), 0xEE, bytes);
   }
   static void* allocate_zeroed(std::size_t count, std::size_t bytes) {
-    void* const block = allocate(count * bytes);
-    return block != nullptr ? std::memset(block, 0, count * bytes) : nullptr;
-  }
-  static void* resize(void* block, std::size_t bytes) {
-    void* const moved = allocate(bytes);
-    return moved != nullptr && block != nullptr ? std::memcpy(moved, block, size) : moved;
+    return std::memset(allocate(count * bytes), 0, count * bytes);
   }
   static void release(void*) {}
-  static std::int32_t capacity(std::uint64_t) { return region_blocks; }
+  static std::int32_t capacity(std::uint64_t) { return 2; }
   static void step() {
     if (Conductor::active != nullptr) {
       Conductor::active->step();
@@ -172,39 +140,30 @@ bool all_bytes(const void* block, std::size_t bytes, unsigned char value) {
   return first[0] == value && std::memcmp(first, first + 1, bytes - 1) == 0;
 }
 
-// An allocator, what its users do and what is to be said about it.
+// What threads do: t takes a block, T one of another size and always of malloc's kind, a digit
+// frees the block of that number. A thread counts the blocks taken before it starts, then its own.
+struct Scenario {
+  int preemptions, most_pools;
+  std::size_t pools_before;
+  const char* before = "";
+  std::vector<const char*> threads;
+};
+
 class Stage {
  public:
-  Stage() {
+  Stage(const Scenario& scenario, Kind kind) {
     World::used = 0;
-    World::requests = 0;
-    set_sizes({size, 2 * size}, Kind::Malloc);
-    set_sizes({size}, Kind::Calloc);
-  }
-  void set_sizes(std::vector<std::size_t> sizes, Kind kind) {
-    sizes.push_back(0);
-    allocator.set_sizes(sizes.data(), kind);
-  }
-
-  void* take(Kind kind, std::size_t bytes = size) {
-    void* const block =
-        kind == Kind::Malloc ? allocator.allocate(bytes) : allocator.allocate_zeroed(1, bytes);
-    return block != nullptr ? keep(block, bytes, kind == Kind::Calloc) : nullptr;
-  }
-  // All blocks of the newest pool, which is full then.
-  std::array<void*, region_blocks> fill(Kind kind) { return {take(kind), take(kind)}; }
-  void give_back(void* block) {
-    fault = all_bytes(block, size, 0x77) ? fault : "contents lost";
-    held_.erase(block);
-    allocator.release(block);
-  }
-  void* move(void* block, std::size_t bytes) {
-    void* const moved = allocator.resize(block, bytes);
-    if (block != nullptr) {
-      fault = all_bytes(moved != nullptr ? moved : block, size, 0x77) ? fault : "contents lost";
-      held_.erase(moved != nullptr ? block : nullptr);
+    for (std::size_t i = 1; i <= scenario.pools_before; ++i) {
+      set_sizes({size + i, 0}, Kind::Malloc);
+      take(size + i, Kind::Malloc);
     }
-    return moved != nullptr ? keep(moved, bytes, false) : nullptr;
+    set_sizes({size, 2 * size, 0}, Kind::Malloc);
+    set_sizes({size, 0}, Kind::Calloc);
+    std::vector<void*> blocks;
+    act(scenario.before, kind, blocks);
+    for (const char* const script : scenario.threads) {
+      bodies.emplace_back([=, this]() mutable { act(script, kind, blocks); });
+    }
   }
 
   // With no call in progress: "" if everything is as it must be.
@@ -218,7 +177,7 @@ class Stage {
       });
     }
     const char* const broken = allocator.broken_invariant();
-    return !fault.empty()       ? fault
+    return fault_ != nullptr    ? fault_
            : out != pooled      ? "blocks held = next_index - freed"
            : pools > most_pools ? "a pool too many"
            : broken != nullptr  ? broken
@@ -226,164 +185,94 @@ class Stage {
   }
 
   pool::Allocator<World> allocator{};
-  std::string_view fault;
+  Conductor::Bodies bodies;
 
  private:
-  void* keep(void* block, std::size_t bytes, bool zeroed) {
-    fault = !held_.insert(block).second             ? "block handed out twice"
-            : zeroed && !all_bytes(block, bytes, 0) ? "block not zero"
-                                                    : fault;
+  void set_sizes(std::initializer_list<std::size_t> sizes, Kind kind) {
+    allocator.set_sizes(sizes.begin(), kind);
+  }
+  void* take(std::size_t bytes, Kind kind) {
+    void* const block =
+        kind == Kind::Malloc ? allocator.allocate(bytes) : allocator.allocate_zeroed(1, bytes);
+    fault_ = !held_.insert(block).second                           ? "block handed out twice"
+             : kind == Kind::Calloc && !all_bytes(block, bytes, 0) ? "block not zero"
+                                                                   : fault_;
     return std::memset(block, 0x77, bytes);
   }
+  void act(const char* script, Kind kind, std::vector<void*>& blocks) {
+    for (; *script != 0; ++script) {
+      if (*script == 't' || *script == 'T') {
+        blocks.push_back(*script == 't' ? take(size, kind) : take(2 * size, Kind::Malloc));
+      } else {
+        void* const block = blocks[static_cast<std::size_t>(*script - '0')];
+        fault_ = all_bytes(block, size, 0x77) ? fault_ : "contents lost";
+        held_.erase(block);
+        allocator.release(block);
+      }
+    }
+  }
+
+  const char* fault_ = nullptr;
   std::set<const void*> held_;
-};
-
-// Sets the stage and gives the bodies that run against each other.
-struct Scenario {
-  const char* name;
-  int preemptions, most_pools;
-  Bodies (*set)(Stage& s, Kind kind);
-};
-
-Bodies last_free_against(Stage& s, Kind kind, Bodies others) {
-  const auto blocks = s.fill(kind);
-  s.give_back(blocks[0]);
-  others.insert(others.begin(), [&s, blocks] { s.give_back(blocks[1]); });
-  return others;
-}
-
-constexpr Scenario scenarios[] = {
-    {"two creations of one size", 4, 1,
-     [](Stage& s, Kind kind) { return Bodies(2, [&s, kind] { s.take(kind); }); }},
-    {"creations of two sizes", 4, 2,
-     [](Stage& s, Kind kind) -> Bodies {
-       return {[&s, kind] { s.take(kind); }, [&s] { s.take(Kind::Malloc, 2 * size); }};
-     }},
-    {"three threads, two pools", 2, 2,
-     [](Stage& s, Kind kind) { return Bodies(3, [&s, kind] { s.take(kind); }); }},
-    // Whoever is late finds the pool that the other one has created, although no further one can
-    // be.
-    {"two creations with one descriptor left", 4, pool::max_pools,
-     [](Stage& s, Kind kind) {
-       std::vector<std::size_t> sizes;
-       for (std::size_t other = 1; sizes.size() < pool::max_pools - 1; ++other) {
-         sizes.push_back(other < size ? other : other + 1);
-       }
-       s.set_sizes(sizes, Kind::Malloc);
-       for (const std::size_t other : sizes) {
-         s.take(Kind::Malloc, other);
-       }
-       s.set_sizes({size}, Kind::Malloc);
-       return Bodies(2, [&s, kind] { s.take(kind); });
-     }},
-    {"two reactivations", 4, 1,
-     [](Stage& s, Kind kind) {
-       for (void* block : s.fill(kind)) {
-         s.give_back(block);
-       }
-       return Bodies(2, [&s, kind] { s.take(kind); });
-     }},
-    {"last free against two allocations in one thread", 4, 2,
-     [](Stage& s, Kind kind) {
-       return last_free_against(s, kind, {[&s, kind] { s.give_back(s.fill(kind)[0]); }});
-     }},
-    {"last free against allocations in two threads", 2, 2,
-     [](Stage& s, Kind kind) {
-       return last_free_against(s, kind, Bodies(2, [&s, kind] { s.give_back(s.take(kind)); }));
-     }},
-    {"last two frees against allocations", 2, 2,
-     [](Stage& s, Kind kind) -> Bodies {
-       const auto blocks = s.fill(kind);
-       return {[&s, blocks] { s.give_back(blocks[0]); }, [&s, blocks] { s.give_back(blocks[1]); },
-               [&s, kind] { s.fill(kind); }};
-     }},
-    // The region runs out, starts again and runs out within the time of one call of the other.
-    {"two lives of a region within a call", 3, 3,
-     [](Stage& s, Kind kind) -> Bodies {
-       const auto live = [&s, kind] {
-         const auto blocks = s.fill(kind);
-         s.give_back(blocks[0]);
-         s.give_back(blocks[1]);
-       };
-       return {[live] { live(), live(); }, [&s, kind] { s.give_back(s.take(kind)); }};
-     }},
 };
 
 TEST(PoolInterleaving, EveryScheduleKeepsTheInvariants) {
   if (sanitized) {
     GTEST_SKIP() << "the sanitizers lose track of coroutines";
   }
-  Conductor conductor;
+  const Scenario scenarios[] = {
+      {4, 1, 0, "", {"t", "t"}},       // two creations of one size
+      {4, 2, 0, "", {"t", "T"}},       // creations of two sizes
+      {2, 2, 0, "", {"t", "t", "t"}},  // three threads, two pools
+      {4, 50, 49, "", {"t", "t"}},     // the one who is late finds the last pool that there can be
+      {4, 1, 0, "tt01", {"t", "t"}},   // two reactivations
+      {4, 2, 0, "tt0", {"1", "tt2"}},  // last free against two allocations in one thread
+      {2, 2, 0, "tt0", {"1", "t2", "t2"}},  // and in two threads
+      {2, 2, 0, "tt", {"0", "1", "tt"}},    // last two frees against allocations
+      {3, 3, 0, "", {"tt01tt23", "t0"}},    // two lives of a region within a call
+  };
   for (const Kind kind : {Kind::Malloc, Kind::Calloc}) {
     for (const Scenario& scenario : scenarios) {
-      Schedule schedule;
-      std::int64_t count = 0;
+      Conductor conductor;
+      int count = 0;
       do {
-        Stage stage;
-        const Bodies bodies = scenario.set(stage, kind);
+        Stage stage(scenario, kind);
         const int preemptions = scenario.preemptions + (full_length() ? 1 : 0);
-        ASSERT_TRUE(conductor.run(schedule, preemptions, bodies))
-            << scenario.name << ": threads wait for each other in schedule " << count;
-        ASSERT_EQ(stage.verdict(scenario.most_pools), "")
-            << scenario.name << ", kind " << static_cast<int>(kind) << ", schedule " << count;
+        ASSERT_EQ(conductor.run(preemptions, stage.bodies) ? stage.verdict(scenario.most_pools)
+                                                           : "they wait for each other",
+                  "")
+            << "row " << &scenario - scenarios << ", kind " << static_cast<int>(kind)
+            << ", schedule " << count;
         ++count;
-      } while (schedule.advance());
+      } while (conductor.advance());
     }
   }
-}
-
-// Each heap request of a program is refused in turn: that one call gives null, nothing is lost, no
-// descriptor is taken, and later calls work.
-TEST(PoolHeap, OneRefusalCostsOneCall) {
-  for (int refused = 1; refused <= 8; ++refused) {
-    SCOPED_TRACE(refused);
-    Stage stage;
-    World::refuse_at = refused;
-    std::vector<void*> blocks = {stage.take(Kind::Malloc),     stage.take(Kind::Malloc),
-                                 stage.take(Kind::Malloc),     stage.take(Kind::Calloc),
-                                 stage.take(Kind::Malloc, 50), stage.take(Kind::Malloc, 2 * size)};
-    blocks.push_back(stage.move(nullptr, size));
-    for (const int moved : {0, 5}) {
-      if (void* const block = blocks[static_cast<std::size_t>(moved)]; block != nullptr) {
-        blocks.push_back(stage.move(block, 60));
-      }
-    }
-    EXPECT_EQ(std::ranges::count(blocks, nullptr), 1);
-    EXPECT_EQ(stage.verdict(4), "");
-    EXPECT_NE(stage.take(Kind::Malloc), nullptr);
-  }
-  World::refuse_at = 0;
 }
 
 // For the thread sanitizer, and for what a processor does to the order of accesses.
 TEST(PoolThreads, BlocksKeepTheirContents) {
-  Stage stage;
+  Stage stage({}, Kind::Malloc);
   std::vector<std::thread> threads;
   std::atomic<int> lost = 0;
   for (unsigned char thread = 1; thread <= 6; ++thread) {
     threads.emplace_back([&, thread] {
       Random random(seed_of(thread));
-      std::array<void*, 8> blocks{};
+      void* blocks[8] = {};
       for (int i = 0; i < (sanitized ? 10'000 : 100'000); ++i) {
-        void*& block = blocks[random.below(blocks.size())];
-        if (block != nullptr) {
-          lost += !all_bytes(block, size, thread);
-          stage.allocator.release(block);
-          block = nullptr;
-        } else {
+        void*& block = blocks[random.below(8)];
+        if (block == nullptr) {
           block = random.one_in(2) ? stage.allocator.allocate(size)
                                    : stage.allocator.allocate_zeroed(1, size);
           std::memset(block, thread, size);
+        } else {
+          lost += !all_bytes(block, size, thread);
+          stage.allocator.release(std::exchange(block, nullptr));
         }
       }
-      for (void* block : blocks) {
-        stage.allocator.release(block);
-      }
+      std::ranges::for_each(blocks, [&](void* block) { stage.allocator.release(block); });
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  std::ranges::for_each(threads, [](std::thread& thread) { thread.join(); });
   EXPECT_EQ(lost, 0);
   EXPECT_EQ(stage.verdict(50), "");
 }
