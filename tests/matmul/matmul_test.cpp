@@ -16,7 +16,6 @@
 
 #include "cpu/feature_set.h"
 #include "matmul/kernels.h"
-#include "reference.h"
 #include "support/entry.h"
 #include "support/guarded_memory.h"
 #include "support/sweep.h"
@@ -60,7 +59,7 @@ void __wrap_free(void* block) {
 namespace ksomd::test {
 namespace {
 
-using Product = decltype(_MATMUL_r8_n_n);
+using matmul::Size;
 constexpr std::string_view layouts[] = {"n_n", "t_n", "n_t", "t_t"};
 
 std::vector<double> numbers(std::size_t count) {
@@ -74,7 +73,7 @@ std::vector<double> numbers(std::size_t count) {
 std::size_t scratch_of(const std::string& name, const Size (&shape)[3], unsigned char* end,
                        std::vector<double>& p) {
   static const std::vector<double> a = numbers(300 * 300), b = numbers(2300 * 120);
-  const auto routine = entry<Product>(name);
+  const auto routine = entry<decltype(_MATMUL_r8_n_n)>(name);
   const auto [m, n, k] = shape;
   p.assign(m * n, 0);
   requested = 0;

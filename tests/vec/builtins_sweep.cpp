@@ -193,12 +193,13 @@ template <class T>
   const bool first = std::isinf(a) || std::isinf(b), second = std::isinf(c) || std::isinf(d);
   const bool overflow =
       std::isinf(a * c) || std::isinf(b * d) || std::isinf(a * d) || std::isinf(b * c);
+  const auto boxed = [](T part, bool infinite) {
+    part = infinite ? direction(part) : part;
+    return std::isnan(part) ? std::copysign(T{0}, part) : part;
+  };
   if (std::isnan(result.first) && std::isnan(result.second) && (first || second || overflow)) {
-    for (T* part : {&a, &b, &c, &d}) {
-      *part = (part == &a || part == &b ? first : second) ? direction(*part) : *part;
-      *part = std::isnan(*part) ? std::copysign(T{0}, *part) : *part;
-    }
-    result = product(infinity<T>, a, b, c, d);
+    result =
+        product(infinity<T>, boxed(a, first), boxed(b, first), boxed(c, second), boxed(d, second));
   }
 }
 
@@ -258,14 +259,15 @@ void check_complex(const char* name, Routine* routine,
     });
     ASSERT_EQ(errno, 77);
     raised_by_both(mode, [&] { define(a, b, c, d, expected); });
-    for (const auto part : {&std::pair<T, T>::first, &std::pair<T, T>::second}) {
-      const T shown = std::isnan(result.*part) ? 77 : result.*part;
-      const T wanted = std::isnan(expected.*part) ? 77 : expected.*part;
+    for (auto [part, wanted] :
+         {std::pair{result.first, expected.first}, {result.second, expected.second}}) {
+      part = std::isnan(part) ? 77 : part;
+      wanted = std::isnan(wanted) ? 77 : wanted;
       constexpr std::size_t size = std::min<std::size_t>(sizeof(T), 10);
-      sweep.results(&shown, size);
-      ASSERT_EQ(std::memcmp(&shown, &wanted, size), 0)
+      sweep.results(&part, size);
+      ASSERT_EQ(std::memcmp(&part, &wanted, size), 0)
           << std::hexfloat << a << ", " << b << ", " << c << ", " << d << ", mode " << mode << ": "
-          << shown << " and not " << wanted;
+          << part << " and not " << wanted;
     }
   }
 }
