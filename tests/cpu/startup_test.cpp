@@ -9,7 +9,7 @@
 #include "cpu/isa_names.h"
 #include "cpu/machine.h"
 #include "msg/messages.h"
-#include "system.h"
+#include "platform/platform.h"
 
 namespace ksomd::test {
 namespace {

@@ -1,15 +1,17 @@
-// Every routine of the matrix products against the plain loops of reference.h: bits, flags, what
-// lies around the operands, in every rounding mode and by every row of the kernel table.
+// Every routine of the matrix products against plain loops: bits, flags, what lies around the
+// operands, in every rounding mode and by every row of the kernel table.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
 
 #include "cpu/feature_table.h"
+#include "ksomd/builtins.h"
 #include "matmul/kernels.h"
-#include "reference.h"
 #include "support/entry.h"
 #include "support/operand.h"
 #include "support/sweep.h"
@@ -17,461 +19,442 @@
 namespace ksomd::test {
 namespace {
 
+// ---- the products as the contract states them: loops that read and write P in its order -----------
+
+using Size = std::uint64_t;
+
 template <class Element>
-using Nine = void(const Element*, const Element*, Element*, Size, Size, Size, Size, Size, Size);
+inline constexpr bool is_complex = !std::is_floating_point_v<Element>;
+template <class Element>
+using RealOf = std::conditional_t<sizeof(Element) / (1 + is_complex<Element>) == 4, float, double>;
+
+template <class Element>
+Element sum(Element x, Element y) {
+  if constexpr (is_complex<Element>) {
+    return {x.re + y.re, x.im + y.im};
+  } else {
+    return x + y;
+  }
+}
+
+// A complex product has the flags of the plain formula; where that gives no number, the builtin
+// recovers infinities and raises nothing.
+template <class Element>
+Element product(Element x, Element y) {
+  if constexpr (is_complex<Element>) {
+    Element z = {x.re * y.re - x.im * y.im, x.re * y.im + x.im * y.re};
+    if (z.re != z.re && z.im != z.im) {
+      const unsigned flags = __builtin_ia32_stmxcsr();
+      const auto recovered = [&] {
+        if constexpr (sizeof x.re == 4) {
+          return __mulsc3(x.re, x.im, y.re, y.im);
+        } else {
+          return __muldc3(x.re, x.im, y.re, y.im);
+        }
+      }();
+      z = {__real__ recovered, __imag__ recovered};
+      __builtin_ia32_ldmxcsr(flags);
+    }
+    return z;
+  } else {
+    return x * y;
+  }
+}
+
+// op(A) and op(B) are stored transposed where the flags say so. A vector is a matrix of one column.
+template <class Element>
+struct Problem {
+  bool at, bt;
+  Size m, n, k;
+  const Element* a = nullptr;
+  const Element* b = nullptr;
+  Element* p = nullptr;
+  Size lda = 0, ldb = 0, ldp = 0;  // those of a matrix-vector product are signed
+
+  const Element& left(Size i, Size l) const {
+    return a[static_cast<std::int64_t>(at ? l + i * lda : i + l * lda)];
+  }
+  const Element& right(Size l, Size j) const {
+    return b[static_cast<std::int64_t>(bt ? j + l * ldb : l + j * ldb)];
+  }
+  // s and then the products of l .. l_end - 1.
+  Element add(Element s, Size i, Size j, Size l, Size l_end) const {
+    for (; l < l_end; ++l) {
+      s = sum(s, product(left(i, l), right(l, j)));
+    }
+    return s;
+  }
+};
+
+constexpr Size all = Size{1} << 40;
+
+// P += op(A) * op(B): by row blocks, depth blocks and columns; in these by groups of the depth and
+// then rows. What is left of a group of four goes one by one. Apart, a sum is formed from zero.
+template <class Element>
+void add_in_order(const Problem<Element>& x, Size block, Size group, bool apart) {
+  for (Size i0 = 0; i0 < x.m; i0 += block) {
+    for (Size l0 = 0; l0 < x.k || (apart && l0 == 0); l0 += block) {
+      const Size l_end = std::min(x.k, l0 + block);
+      for (Size j = 0; j < x.n; ++j) {
+        Size l = l0;
+        do {
+          const Size step = l + group <= l_end ? group : group == 4 ? 1 : l_end - l;
+          for (Size i = i0; i < std::min(x.m, i0 + block); ++i) {
+            Element& p = x.p[i + j * x.ldp];
+            const Element s = x.add(apart ? Element{} : p, i, j, l, l + step);
+            p = apart ? sum(p, s) : s;
+          }
+          l += step;
+        } while (l < l_end);
+      }
+    }
+  }
+}
+template <class Element>
+void add_product(const Problem<Element>& x) {
+  const bool apart = x.at && x.bt;
+  add_in_order(x, apart ? all : 128, x.at ? all : 4, apart);
+}
+
+template <class Element>
+void clear(const Problem<Element>& x) {
+  for (Size j = 0; j < x.n && x.m != 0; ++j) {
+    std::memset(x.p + j * x.ldp, 0, x.m * sizeof(Element));
+  }
+}
+
+// P = op(A) * op(B), portable.
+template <class Element>
+void portable(const Problem<Element>& x) {
+  clear(x);
+  add_product(x);
+}
+
+// y takes one column of A after the other, or one running sum.
+template <class Element>
+void matrix_vector(const Problem<Element>& x) {
+  clear(x);
+  add_in_order(x, all, x.at ? all : 1, false);
+}
+
+// The products of a chunk of the depth, for complete groups of four rows and columns; padded with
+// zeros to a depth of a multiple of four.
+template <class Element>
+void tiles(const Problem<Element>& x, Size l, Size depth, bool add_old) {
+  for (Size j = 0; j < x.n / 4 * 4; ++j) {
+    for (Size i = 0; i < x.m / 4 * 4; ++i) {
+      Element& p = x.p[i + j * x.ldp];
+      const Element s = x.add(Element{}, i, j, l, l + depth);
+      p = add_old ? sum(s, p) : depth % 4 != 0 ? sum(s, Element{}) : s;
+    }
+  }
+}
+
+// P = op(A) * op(B) through panels, the depth's last chunk first. Other rows go chunk by chunk
+// through the portable kernel, other columns are one sum.
+template <class Element>
+void packed(const Problem<Element>& x) {
+  if (x.m < 34 || x.n < 38 || x.k < 38) {
+    portable(x);
+    return;
+  }
+  const Size rows = x.m / 4 * 4, columns = x.n / 4 * 4, tail = (x.k - 1) % 112 + 1;
+  for (Size l = x.k - tail, depth = tail, done = 0; done < x.k; depth = 112) {
+    tiles(x, l, depth, done != 0);
+    const Problem<Element> rest{
+        x.at,           x.bt,       x.m - rows, columns, depth, &x.left(rows, l),
+        &x.right(l, 0), x.p + rows, x.lda,      x.ldb,   x.ldp};
+    done == 0 ? portable(rest) : add_product(rest);
+    l = done == 0 ? 0 : l + depth;
+    done += depth;
+  }
+  for (Size j = columns; j < x.n; ++j) {
+    for (Size i = 0; i < x.m; ++i) {
+      x.p[i + j * x.ldp] = x.add(Element{}, i, j, 0, x.k);
+    }
+  }
+}
 
 // ---- what operands hold -------------------------------------------------------------------------
 
 enum class Values { Wide, Tiny, Specials, Rare };
 
-template <class Real>
-Real special(Random& random) {
+// The products of tiny ones lie about the smallest normal number, and most are zero, so that sums
+// do.
+template <class Element>
+void set_value(Random& random, Values kind, Element& element) {
+  using Real = RealOf<Element>;
   using Limits = std::numeric_limits<Real>;
-  const Real value =
-      random.one_of({Real{0}, Limits::denorm_min(), Limits::min(), Limits::max(),
-                     Limits::infinity(), Limits::quiet_NaN(), Real{1}, Limits::max() / 2});
-  return random.one_in(2) ? value : -value;
+  const std::uint64_t rarity = kind == Values::Specials ? 3 : kind == Values::Rare ? 200 : ~0ull;
+  Real parts[1 + is_complex<Element>];
+  for (Real& part : parts) {
+    if (random.one_in(rarity)) {
+      part = random.one_of({Real{0}, Limits::denorm_min(), Limits::min(), Limits::max(),
+                            Limits::infinity(), Limits::quiet_NaN(), Real{1}, Limits::max() / 2});
+      part = random.one_in(2) ? part : -part;
+    } else {
+      const Real scale = kind != Values::Tiny ? Real{1}
+                         : random.one_in(4)   ? std::ldexp(Real{1}, Limits::min_exponent / 2)
+                                              : Real{0};
+      part = static_cast<Real>(random.number()) * scale;
+    }
+  }
+  std::memcpy(&element, parts, sizeof parts);
 }
 
-template <class Real>
-Real real_value(Random& random, Values kind) {
-  if (random.one_in(kind == Values::Specials ? 3
-                    : kind == Values::Rare   ? 200
-                                             : ~std::uint64_t{0})) {
-    return special<Real>(random);
-  }
-  // The products of tiny ones lie about the smallest normal number.
-  constexpr int tiny = std::numeric_limits<Real>::min_exponent / 2;
-  const Real scale = kind == Values::Tiny ? std::ldexp(Real{1}, tiny) : Real{1};
-  return static_cast<Real>(random.number()) * scale;
+Place any_place(Random& random) {
+  return random.one_of({Place::AtEnd, Place::AtStart});
 }
 
 template <class Element>
-Element value(Random& random, Values kind) {
-  if constexpr (is_complex<Element>) {
-    const auto re = real_value<RealOf<Element>>(random, kind);
-    return {re, real_value<RealOf<Element>>(random, kind)};
-  } else {
-    return real_value<Element>(random, kind);
-  }
+Element* filled(Operand& operand, Random& random, Values kind, Size count) {
+  auto* const first = operand.place_values<Element>(count, any_place(random));
+  std::for_each_n(first, count, [&](Element& value) { set_value(random, kind, value); });
+  return first;
 }
 
-// An operand at a guard page.
+// The bits of numbers, any NaN counting as any other.
 template <class Element>
-class Matrix {
- public:
-  Size leading = 0, count = 0;
-
-  Element* place(Random& random, Size rows, Size columns) {
-    leading = rows + random.one_of<Size>({0, 0, 1, 3, columns < 1200 ? 300u : 2u});
-    count = rows == 0 || columns == 0 ? 0 : (columns - 1) * leading + rows;
-    return operand_.place_values<Element>(count, random.one_of({Place::AtEnd, Place::AtStart}));
-  }
-  const Element* fill(Random& random, Values kind, Size rows, Size columns) {
-    Element* const first = place(random, rows, columns);
-    for (Size i = 0; i < count; ++i) {
-      first[i] = value<Element>(random, kind);
-    }
-    return first;
-  }
-  bool intact() const { return operand_.intact(); }
-
- private:
-  Operand operand_{std::size_t{16} << 20};
-};
-
-// ---- the rows of the kernel table ---------------------------------------------------------------
-
-template <class Body>
-void with_each_row(Body body) {
-  for (const auto& row : matmul::kernel_variants) {
-    if (has_features(row.needs)) {
-      matmul::kernels_slot = row.choice;
-      body(row.name);
-    }
-  }
-  matmul::kernels_slot = nullptr;
+std::string bits_of(const Element* first, std::size_t count) {
+  std::vector<RealOf<Element>> numbers(count * (1 + is_complex<Element>));
+  std::copy_n(reinterpret_cast<const char*>(first), count * sizeof *first,
+              reinterpret_cast<char*>(numbers.data()));
+  std::ranges::replace_if(numbers, [](auto number) { return number != number; }, 77);
+  return {reinterpret_cast<const char*>(numbers.data()), count * sizeof *first};
 }
 
-// ---- products -----------------------------------------------------------------------------------
+// ---- calls --------------------------------------------------------------------------------------
 
-// Around every block and threshold of the contract and of the kernels.
-constexpr Size edges[] = {0,  1,  2,   3,   4,   5,   7,   8,   9,   12,  15,  16,  17,  23,  24,
-                          25, 31, 32,  33,  34,  37,  38,  39,  40,  47,  48,  49,  63,  64,  65,
-                          96, 97, 111, 112, 113, 127, 128, 129, 130, 224, 230, 255, 256, 257, 300};
-struct Shape {
-  Size m, n, k;
-};
-constexpr Shape all_targets[] = {{5, 3, 7},    {33, 38, 38},  {34, 37, 38}, {34, 38, 37},
-                                 {34, 38, 38}, {37, 39, 113}, {0, 2, 3},    {3, 0, 2},
-                                 {2, 3, 0},    {17, 9, 130}};
-constexpr Shape host_only[] = {{264, 40, 224},  {263, 41, 230}, {525, 41, 113}, {35, 2003, 39},
-                               {36, 2000, 113}, {130, 5, 300},  {6, 420, 260},  {600, 6, 140},
-                               {70, 30, 300},   {9, 7, 1100}};
+// How a routine takes its arguments, and what it does.
+enum class Call { DepthFirst, ColumnsFirst, Adds, Clears, Vector, Tiles };
 
-Shape any_shape(Random& random, Size limit) {
-  for (;;) {
-    const Shape shape{random.one_of(edges), random.one_of(edges), random.one_of(edges)};
-    if (shape.m * shape.n * shape.k <= limit) {
-      return shape;
+// Packs, and multiplies the panels: complete groups of four of op(A)'s rows or op(B)'s columns, one
+// after the other, with four values for each index of the padded depth.
+void multiply_tiles(const Problem<double>& x) {
+  static Operand memory[3] = {Operand(1 << 16), Operand(1 << 16), Operand(1 << 16)};
+  const Size full[] = {x.m / 4 * 4, x.n / 4 * 4}, padded = (x.k + 3) / 4 * 4, ignored = 4;
+  double* panels[2];
+  for (const int b : {0, 1}) {
+    panels[b] = memory[b].place_values<double>(full[b] * padded, Place::AtEnd);
+    const char* const name = b == 0 ? x.at ? "__orvex_dgcopyat_qwide" : "__orvex_dgcopyan_qwide"
+                             : x.bt ? "__orvex_dgcopybt_psc"
+                                    : "__orvex_dgcopybn_psc";
+    entry<void(Size, Size, const double*, Size, double*)>(name)(
+        b == 0 ? x.m : x.k, b == 0 ? x.k : x.n, b == 0 ? x.a : x.b, b == 0 ? x.lda : x.ldb,
+        panels[b]);
+    std::vector<double> expected(full[b] * padded);
+    for (Size i = 0; i < expected.size(); ++i) {
+      const Size member = i / (4 * padded) * 4 + i % 4, l = i / 4 % padded;
+      expected[i] = l >= x.k ? 0 : b == 0 ? x.left(member, l) : x.right(l, member);
     }
+    EXPECT_EQ(bits_of(panels[b], expected.size()), bits_of(expected.data(), expected.size()));
+  }
+  auto* const doubled = memory[2].place_values<double>(8 * padded, Place::AtEnd);
+  const bool adds = x.k == 112;
+  entry<decltype(__orvex_dinner_qwide)>(adds ? "__orvex_dinner_qwide"
+                                             : "__orvex_dinnerz_roll_qwide")(
+      &full[0], &full[1], adds ? &ignored : &padded, panels[0], panels[1], &ignored, x.p, &x.ldp,
+      doubled);
+  EXPECT_TRUE(memory[0].intact() && memory[1].intact() && memory[2].intact());
+}
+
+template <class E>
+void call(const std::string& name, Call how, const Problem<E>& x) {
+  if (how == Call::Clears) {
+    entry<void(E*, Size, Size, Size)>(name)(x.p, x.m, x.n, x.ldp);
+  } else if (how == Call::DepthFirst || how == Call::ColumnsFirst || how == Call::Adds) {
+    const auto [second, third] =
+        how == Call::DepthFirst ? std::pair{x.k, x.n} : std::pair{x.n, x.k};
+    entry<void(const E*, const E*, E*, Size, Size, Size, Size, Size, Size)>(name)(
+        x.a, x.b, x.p, x.m, second, third, x.lda, x.ldb, x.ldp);
+  } else if constexpr (std::is_same_v<E, double>) {
+    const auto lda = static_cast<std::int64_t>(x.lda), incx = static_cast<std::int64_t>(x.ldb);
+    const auto [first, second] = x.at ? std::pair{x.k, x.m} : std::pair{x.m, x.k};
+    how == Call::Tiles ? multiply_tiles(x)
+    : x.bt ? entry<decltype(MATMUL_v_nt_pst)>(name)(x.a, x.b, x.p, first, second, lda, incx)
+           : entry<decltype(MATMUL_v_nn_pst)>(name)(x.a, x.b, x.p, first, second, lda);
   }
 }
 
 template <class Element>
 struct Path {
-  const char* suffix;
-  bool depth_first;  // k before n
+  std::string name;
+  Call call;
   void (*reference)(const Problem<Element>&);
-  bool accumulates;
+  bool shared = true;  // by every processor
 };
 
+// What stands behind the name of an entry. Without five features it takes the portable path.
 template <class Element>
-std::vector<Path<Element>> paths() {
-  if constexpr (std::is_same_v<Element, double>) {
-    // Without these five features the entry takes the portable path.
-    const bool has_packed = has_features(feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2"));
-    return {{"", true, has_packed ? packed : portable<double>, false},
-            {".J", true, packed, false},
-            {".A", true, portable<double>, false},
-            {"_QWide", false, packed, false},
-            {"_pst_General", false, add_product<double>, true}};
-  } else {
-    return {{"", true, portable<Element>, false},
-            {".A", true, portable<Element>, false},
-            {"_pst_General", false, add_product<Element>, true}};
-  }
-}
-
-template <class Element>
-class Products {
- public:
-  Products(Sweep& sweep, std::string name, bool at, bool bt)
-      : sweep_(sweep), name_(std::move(name)), at_(at), bt_(bt) {}
-
-  void compare(const Shape& shape, Values kind, std::uint64_t mode, unsigned more) {
-    Random& random = sweep_.random;
-    const auto [m, n, k] = shape;
-    Problem<Element> x{at_, bt_, m, n, k, nullptr, nullptr, nullptr, 0, 0, 0};
-    x.a = a_.fill(random, kind, at_ ? k : m, at_ ? m : k);
-    x.b = b_.fill(random, kind, bt_ ? n : k, bt_ ? k : n);
-    x.lda = a_.leading;
-    x.ldb = b_.leading;
-    for (const Path<Element>& path : paths<Element>()) {
-      const auto routine = entry<Nine<Element>>(name_ + path.suffix);
-      x.p = p_.place(random, m, n);
-      x.ldp = p_.leading;
-      std::vector<Element> before(x.p, x.p + p_.count);
-      for (Size i = 0; i < m * n; ++i) {
-        constexpr auto nan = std::numeric_limits<RealOf<Element>>::quiet_NaN();
-        Element& p = before[i % m + i / m * x.ldp];
-        p = value<Element>(random, kind);
-        if (!path.accumulates) {
-          std::fill_n(reinterpret_cast<RealOf<Element>*>(&p), parts<Element>, nan);
-        }
-      }
-      std::vector<Element> expected = before;
-      Problem<Element> reference = x;
-      reference.p = expected.data();
-      const unsigned flags = raised_by(mode, [&] { path.reference(reference); }, more);
-      bool first = true;
-      with_each_row([&](const char* row) {
-        std::copy(before.begin(), before.end(), x.p);
-        const unsigned raised = raised_by(
-            mode,
-            [&] {
-              routine(x.a, x.b, x.p, m, path.depth_first ? k : n, path.depth_first ? n : k, x.lda,
-                      x.ldb, x.ldp);
-            },
-            more);
-        EXPECT_TRUE(same_bits(x.p, expected.data(), expected.size()) && raised == flags &&
-                    a_.intact() && b_.intact() && p_.intact())
-            << name_ << path.suffix << ' ' << row << " m=" << m << " n=" << n << " k=" << k
-            << " lda=" << x.lda << " ldb=" << x.ldb << " ldp=" << x.ldp << " values "
-            << static_cast<int>(kind) << " mode " << mode << " mxcsr " << more << ": flags "
-            << raised << " expected " << flags;
-        if (first && *path.suffix != '\0') {  // the entry itself differs by processor
-          add_result(x, flags);
-        }
-        first = false;
-      });
-    }
-  }
-
- private:
-  void add_result(const Problem<Element>& x, unsigned flags) {
-    for (Size i = 0; i < x.m * x.n; ++i) {
-      using Real = RealOf<Element>;
-      Real values[parts<Element>];
-      std::memcpy(values, x.p + i % x.m + i / x.m * x.ldp, sizeof values);
-      for (const Real real : values) {
-        sweep_.result(real == real ? real : Real{0});
-      }
-    }
-    sweep_.result(flags);
-  }
-
-  Sweep& sweep_;
-  std::string name_;
-  bool at_, bt_;
-  Matrix<Element> a_, b_, p_;
+const Path<Element> suffixes[] = {
+    {"", Call::DepthFirst,
+     std::is_same_v<Element, double> &&
+             has_features(feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2"))
+         ? packed<Element>
+         : portable<Element>,
+     false},
+    {".A", Call::DepthFirst, portable<Element>},
+    {".J", Call::DepthFirst, packed<Element>},
+    {"_QWide", Call::ColumnsFirst, packed<Element>},
+    {"_pst_General", Call::Adds, add_product<Element>},
+    {"_pst_init", Call::Clears, clear<Element>},
 };
 
-template <class Element>
-void sweep_products(const char* code) {
-  for (const char* layout : {"n_n", "t_n", "n_t", "t_t"}) {
-    const std::string name = std::string(code) + "_" + layout;
-    Sweep sweep(("matmul." + name).c_str());
-    Products<Element> products(sweep, "_MATMUL_" + name, layout[0] == 't', layout[2] == 't');
-    for (const auto round : sweep.rounds(std::size(all_targets), is_complex<Element> ? 70 : 200)) {
-      Random& random = sweep.random;
-      const std::size_t listed = round - std::size(all_targets);
-      const Shape shape = round < std::size(all_targets) ? all_targets[round]
-                          : listed < std::size(host_only)
-                              ? host_only[listed]
-                              : any_shape(random, is_complex<Element> ? 60'000 : 150'000);
-      const unsigned more =
-          round % 4 != 3 ? 0 : random.one_of({mxcsr::denormals_are_zero, mxcsr::flush_to_zero});
-      products.compare(shape,
-                       random.one_of({Values::Wide, Values::Tiny, Values::Specials, Values::Rare}),
-                       random.below(rounding_modes), more);
-      if (testing::Test::HasFailure()) {
-        return;
-      }
+// ---- products -----------------------------------------------------------------------------------
+
+struct Shape {
+  Size m, n, k;
+};
+
+// Around every block and threshold of the contract and of the kernels.
+Shape any_shape(Random& random, Size limit) {
+  const auto edge = [&] {
+    const Size middle = random.one_of<Size>(
+        {1, 3, 5, 8, 12, 16, 24, 32, 34, 38, 40, 48, 64, 96, 112, 128, 230, 256, 300});
+    return middle + random.below(3) - 1;
+  };
+  for (;;) {
+    const Size m = edge(), n = edge(), k = edge();
+    if (m * n * k <= limit) {
+      return {m, n, k};
     }
   }
 }
+constexpr Size shared_shapes = 10;
+constexpr Shape listed[] = {{5, 3, 7},      {33, 38, 38},   {34, 37, 38},    {34, 38, 37},
+                            {34, 38, 38},   {37, 39, 113},  {0, 2, 3},       {3, 0, 2},
+                            {2, 3, 0},      {17, 9, 130},   {264, 40, 224},  {263, 41, 230},
+                            {525, 41, 113}, {35, 2003, 39}, {36, 2000, 113}, {130, 5, 300},
+                            {6, 420, 260},  {600, 6, 140},  {70, 30, 300},   {9, 7, 1100}};
 
-TEST(MatmulSweep, ProductsOfR4) {
+// One product by every row of the kernel table. A and B end or begin at pages that fault, as P
+// does; or all three lie anywhere in one array, P on A, on B or on itself.
+template <class Element>
+void compare(Sweep& sweep, const Path<Element>& path, Problem<Element> x) {
+  static Operand operands[3] = {Operand(16 << 20), Operand(16 << 20), Operand(16 << 20)};
+  Random& random = sweep.random;
+  const bool is_vector = path.call == Call::Vector,
+             reads_p = path.call == Call::Adds || (path.call == Call::Tiles && x.k == 112);
+  const Values any = random.one_of({Values::Wide, Values::Tiny, Values::Specials, Values::Rare});
+  const Values kind = x.n * x.k == 1 && !is_vector ? Values::Specials : any;
+  const bool overlap =
+      random.one_in(2) && x.m * x.n * x.k <= 20'000 && (is_vector || path.call == Call::Adds);
+  const Size rows[] = {x.at ? x.k : x.m, x.bt ? x.n : x.k, x.m};
+  const Size columns[] = {x.at ? x.m : x.k, x.bt ? x.k : x.n, x.n};
+  Size* const leading[] = {&x.lda, &x.ldb, &x.ldp};
+  Size counts[3], first[3];
+  for (int i = 0; i < 3; ++i) {
+    const Size near = random.below(4), less = random.below(rows[i] / 2 + 1);
+    const Size gap = random.one_of<Size>({0, 0, 1, 3, columns[i] < 1200 ? 300u : 2u});
+    const Size stride =
+        i == 1 && is_vector ? x.bt ? near : 1 : rows[i] + (overlap ? near - less : gap);
+    const bool backwards = is_vector && (i == 0 || x.bt) && random.one_in(2);
+    const Size span = rows[i] == 0 || columns[i] == 0 ? 0 : (columns[i] - 1) * stride;
+    *leading[i] = backwards ? 0 - stride : stride;
+    counts[i] = columns[i] == 0 ? 0 : span + rows[i];
+    first[i] = backwards ? span : 0;
+  }
+  Size count = counts[2];
+  if (overlap) {
+    const Size half = std::max({counts[0], counts[1], counts[2]}) + 100;
+    for (Size& place : first) {
+      place += random.below(100);
+      place += half * random.below(2);
+    }
+    count = 2 * half;
+  }
+  x.a = filled<Element>(operands[0], random, kind, counts[0]) + first[0];
+  x.b = filled<Element>(operands[1], random, kind, counts[1]) + first[1];
+  auto* const memory = operands[2].place_values<Element>(count, any_place(random));
+  std::vector<Element> before(memory, memory + count);
+  for (Size i = 0; i < (overlap ? count : x.m * x.n); ++i) {
+    Element& p = before[overlap ? i : i % x.m + i / x.m * x.ldp];
+    set_value(random, kind, p);
+    if (!overlap && !reads_p) {
+      std::memset(&p, 0xFF, sizeof p);  // NaN
+    }
+  }
+  const auto within = [&](Element* base) {
+    Problem<Element> y = x;
+    y.a = overlap ? base + first[0] : x.a;
+    y.b = overlap ? base + first[1] : x.b;
+    y.p = base + first[2];
+    return y;
+  };
+  const std::uint64_t mode = random.below(rounding_modes);
+  const unsigned denormal = random.one_of({mxcsr::denormals_are_zero, mxcsr::flush_to_zero});
+  const unsigned more = random.one_in(4) ? denormal : 0;
+  std::vector<Element> expected = before;
+  const unsigned flags = raised_by(mode, [&] { path.reference(within(expected.data())); }, more);
+  const std::string shown = bits_of(expected.data(), expected.size());
+  for (const auto& row : matmul::kernel_variants) {
+    if (has_features(row.needs)) {
+      matmul::kernels_slot = row.choice;
+      std::copy(before.begin(), before.end(), memory);
+      const unsigned raised =
+          raised_by(mode, [&] { call(path.name, path.call, within(memory)); }, more);
+      EXPECT_TRUE(bits_of(memory, expected.size()) == shown && raised == flags &&
+                  operands[0].intact() && operands[1].intact() && operands[2].intact())
+          << path.name << ' ' << row.name << " m n k lda ldb ldp, where: "
+          << testing::PrintToString(
+                 std::vector{x.m, x.n, x.k, x.lda, x.ldb, x.ldp, first[0], first[1], first[2]})
+          << " values " << static_cast<int>(kind) << " overlap " << overlap << " mode " << mode
+          << " mxcsr " << more << ": flags " << raised << " not " << flags;
+    }
+  }
+  matmul::kernels_slot = nullptr;
+  if (path.shared) {
+    sweep.results(shown.data(), shown.size());
+    sweep.result(flags);
+  }
+}
+
+// In each round of each layout every routine with one shape, and a few with small operands: single
+// products of numbers at the edges of their range, those that overlap, vectors.
+template <class Element>
+void sweep_products(const std::string& code) {
+  Sweep sweep(("matmul." + code).c_str());
+  Random& random = sweep.random;
+  for (const auto round : sweep.rounds(shared_shapes, is_complex<Element> ? 50 : 200)) {
+    for (const std::string layout : {"n_n", "t_n", "n_t", "t_t"}) {
+      const auto compare_with = [&](const Path<Element>& path, Shape shape) {
+        const auto [m, n, k] = shape;
+        compare<Element>(sweep, path, {layout[0] == 't', layout[2] == 't', m, n, k});
+      };
+      const Shape any = any_shape(random, is_complex<Element> ? 60'000 : 150'000);
+      const Shape shape = round < std::size(listed) ? listed[round] : any;
+      for (Path<Element> path : suffixes<Element>) {
+        path.name = "_MATMUL_" + code + "_" + layout + path.name;
+        for (int i = 0; i < 6 && !entries_with_prefix(path.name).empty(); ++i) {
+          const Shape small = any_shape(random, random.one_of<Size>({200, 2'000, 20'000}));
+          const Shape tight{34 + random.below(8), 38 + random.below(8), 38 + random.below(80)};
+          const Shape single{1 + random.below(5), 1, 1};
+          compare_with(path, i == 0                            ? shape
+                             : i > 2                           ? single
+                             : path.call == Call::Adds         ? small
+                             : path.call == Call::ColumnsFirst ? tight
+                                                               : single);
+        }
+      }
+      for (int i = 0; i < 4 && code == "r8"; ++i) {
+        const Size depth = random.below(40), rows = random.below(40),
+                   columns = 4 + random.below(20);
+        compare_with(
+            {"MATMUL_v_" + layout.substr(0, 1) + layout[2] + "_pst", Call::Vector, matrix_vector},
+            {rows, 1, depth});
+        compare_with({"panels", Call::Tiles, [](const auto& x) { tiles(x, 0, x.k, x.k == 112); }},
+                     {4 + rows, columns, random.one_in(4) ? 112 : 1 + depth});
+      }
+      ASSERT_FALSE(testing::Test::HasFailure());
+    }
+  }
+}
+
+TEST(MatmulSweep, EveryRoutineComputesInItsOrder) {
   sweep_products<float>("r4");
-}
-TEST(MatmulSweep, ProductsOfR8) {
   sweep_products<double>("r8");
-}
-TEST(MatmulSweep, ProductsOfC4) {
   sweep_products<ksomd_c4>("c4");
-}
-TEST(MatmulSweep, ProductsOfC8) {
   sweep_products<ksomd_c8>("c8");
-}
-
-// Single products of numbers at the edges of their range raise what their own operations raise.
-template <class Element>
-void sweep_single_products(const char* name) {
-  Sweep sweep((std::string("matmul.single.") + name).c_str());
-  Products<Element> products(sweep, name, false, false);
-  for ([[maybe_unused]] const auto round : sweep.rounds(100, 6000)) {
-    products.compare({1 + sweep.random.below(5), 1, 1}, Values::Specials,
-                     sweep.random.below(rounding_modes), 0);
-    ASSERT_FALSE(testing::Test::HasFailure());
-  }
-}
-TEST(MatmulSweep, SingleProductsOfC4) {
-  sweep_single_products<ksomd_c4>("_MATMUL_c4_n_n");
-}
-TEST(MatmulSweep, SingleProductsOfC8) {
-  sweep_single_products<ksomd_c8>("_MATMUL_c8_n_n");
-}
-
-// ---- operands that overlap ----------------------------------------------------------------------
-
-// The kernels add to P in their order even if P lies on A, on B, or on itself.
-template <class Element>
-void sweep_overlaps(const char* code) {
-  Sweep sweep((std::string("matmul.overlap.") + code).c_str());
-  for (const auto round : sweep.rounds(8, 240)) {
-    Random& random = sweep.random;
-    const Shape shape = any_shape(random, round % 8 == 0 ? 20'000 : 2'000);
-    const char* const layout = random.one_of({"n_n", "t_n", "n_t", "t_t"});
-    const auto leading = [&](Size rows) {
-      return rows - random.below(rows / 2 + 1) + random.below(4);
-    };
-    Problem<Element> x{layout[0] == 't', layout[2] == 't', shape.m, shape.n, shape.k, nullptr,
-                       nullptr,          nullptr,          0,       0,       0};
-    x.lda = leading(x.at ? x.k : x.m);
-    x.ldb = leading(x.bt ? x.n : x.k);
-    x.ldp = leading(x.m);
-    const Size reach =
-        (x.lda + 1) * (x.m + x.k) + (x.ldb + 1) * (x.n + x.k) + (x.ldp + 1) * (x.n + x.m);
-    std::vector<Element> memory(reach + 100);
-    for (Element& element : memory) {
-      element = value<Element>(random, Values::Wide);
-    }
-    const Size at[] = {random.below(100), random.below(100), random.below(100)};
-    std::vector<Element> expected = memory;
-    x.a = expected.data() + at[0];
-    x.b = expected.data() + at[1];
-    x.p = expected.data() + at[2];
-    add_product(x);
-    sweep.results(expected.data(), expected.size() * sizeof(Element));
-    const std::string name = std::string("_MATMUL_") + code + "_" + layout + "_pst_General";
-    with_each_row([&](const char* row) {
-      std::vector<Element> got = memory;
-      entry<Nine<Element>>(name)(got.data() + at[0], got.data() + at[1], got.data() + at[2], x.m,
-                                 x.n, x.k, x.lda, x.ldb, x.ldp);
-      EXPECT_TRUE(same_bits(got.data(), expected.data(), got.size()))
-          << name << ' ' << row << " m=" << x.m << " n=" << x.n << " k=" << x.k << " lda=" << x.lda
-          << " ldb=" << x.ldb << " ldp=" << x.ldp << " at " << at[0] << ' ' << at[1] << ' '
-          << at[2];
-    });
-    ASSERT_FALSE(testing::Test::HasFailure());
-  }
-}
-TEST(MatmulSweep, OverlapsOfR4) {
-  sweep_overlaps<float>("r4");
-}
-TEST(MatmulSweep, OverlapsOfR8) {
-  sweep_overlaps<double>("r8");
-}
-TEST(MatmulSweep, OverlapsOfC4) {
-  sweep_overlaps<ksomd_c4>("c4");
-}
-TEST(MatmulSweep, OverlapsOfC8) {
-  sweep_overlaps<ksomd_c8>("c8");
-}
-
-// ---- the parts of a product ---------------------------------------------------------------------
-
-template <class Element>
-void clear_exactly(const char* code, Random& random) {
-  Matrix<Element> matrix;
-  const Size m = random.below(40), n = random.below(6);
-  Element* const p = matrix.place(random, m, n);
-  std::vector<Element> expected(p, p + matrix.count);
-  clear(Problem<Element>{false, false, m, n, 0, nullptr, nullptr, expected.data(), 0, 0,
-                         matrix.leading});
-  const std::string name = std::string("_MATMUL_") + code + "_n_n_pst_init";
-  entry<void(Element*, Size, Size, Size)>(name)(p, m, n, matrix.leading);
-  EXPECT_TRUE(same_bits(p, expected.data(), matrix.count) && matrix.intact())
-      << name << " m=" << m << " n=" << n << " ldp=" << matrix.leading;
-}
-
-TEST(MatmulSweep, ZeroFillsClearTheirRectangle) {
-  Sweep sweep("matmul.clear");
-  for ([[maybe_unused]] const auto round : sweep.rounds(20, 200)) {
-    clear_exactly<float>("r4", sweep.random);
-    clear_exactly<double>("r8", sweep.random);
-    clear_exactly<ksomd_c4>("c4", sweep.random);
-    clear_exactly<ksomd_c8>("c8", sweep.random);
-  }
-}
-
-// y = op(A) * x with signed strides; now and then y lies on A or on x.
-TEST(MatmulSweep, MatrixVectorProducts) {
-  using Contiguous = void(const double*, const double*, double*, Size, Size, std::int64_t);
-  using Strided =
-      void(const double*, const double*, double*, Size, Size, std::int64_t, std::int64_t);
-  Sweep sweep("matmul.vector");
-  for ([[maybe_unused]] const auto round : sweep.rounds(120, 3000)) {
-    Random& random = sweep.random;
-    const bool at = random.one_in(2), strided = random.one_in(2), overlap = random.one_in(3);
-    const auto m = static_cast<std::int64_t>(random.below(40)),
-               k = static_cast<std::int64_t>(random.below(40));
-    const std::int64_t sign = random.one_of({1, -1});
-    const std::int64_t lda = sign * ((at ? k : m) + static_cast<std::int64_t>(random.below(3)));
-    const std::int64_t incx = strided ? static_cast<std::int64_t>(random.below(7)) - 3 : 1;
-    std::vector<double> memory(12'000);
-    for (double& element : memory) {
-      element = value<double>(random, Values::Rare);
-    }
-    // A lies around 3000, x around 7000 and y from 10000 on, unless it overlaps one of them.
-    const std::size_t y =
-        !overlap ? 10'000 : random.one_of<std::size_t>({2980, 6980}) + random.below(60);
-    std::vector<double> expected = memory;
-    const std::uint64_t mode = random.below(rounding_modes);
-    const unsigned flags = raised_by(mode, [&] {
-      matrix_vector(at, expected.data() + 3000, expected.data() + 7000, expected.data() + y, m, k,
-                    lda, incx);
-    });
-    const std::string name =
-        std::string("MATMUL_v_") + (at ? 't' : 'n') + (strided ? 't' : 'n') + "_pst";
-    const auto first = static_cast<Size>(at ? k : m), second = static_cast<Size>(at ? m : k);
-    with_each_row([&](const char* row) {
-      std::vector<double> got = memory;
-      double* const p = got.data();
-      const unsigned raised = raised_by(mode, [&] {
-        strided ? entry<Strided>(name)(p + 3000, p + 7000, p + y, first, second, lda, incx)
-                : entry<Contiguous>(name)(p + 3000, p + 7000, p + y, first, second, lda);
-      });
-      EXPECT_TRUE(same_bits(p, expected.data(), got.size()) && raised == flags)
-          << name << ' ' << row << " m=" << m << " k=" << k << " lda=" << lda << " incx=" << incx
-          << " y at " << y << " flags " << raised << " expected " << flags;
-    });
-    sweep.result(flags);
-    ASSERT_FALSE(testing::Test::HasFailure());
-  }
-}
-
-// Panels hold complete groups of four, each entry padded with zeros to a depth of a multiple of
-// four.
-TEST(MatmulSweep, PanelsAndTiles) {
-  using Pack = void(Size, Size, const double*, Size, double*);
-  using Tiles = void(const Size*, const Size*, const Size*, const double*, const double*,
-                     const Size*, double*, const Size*, double*);
-  Sweep sweep("matmul.panels");
-  Matrix<double> source, tile;
-  Operand panels(std::size_t{4} << 20), doubled(8192);
-  for ([[maybe_unused]] const auto round : sweep.rounds(40, 600)) {
-    Random& random = sweep.random;
-    const auto pack = [&](const char* name, bool depth_first, bool adjacent, Size members,
-                          Size depth) {
-      const double* const from =
-          source.fill(random, Values::Rare, adjacent ? members : depth, adjacent ? depth : members);
-      const Size padded = (depth + 3) / 4 * 4;
-      std::vector<double> expected(members / 4 * padded * 4);
-      for (Size i = 0; i < expected.size(); ++i) {
-        const Size member = i / (4 * padded) * 4 + i % 4, l = i / 4 % padded;
-        expected[i] =
-            l < depth ? from[adjacent ? member + l * source.leading : l + member * source.leading]
-                      : 0;
-      }
-      auto* const to = panels.place_values<double>(expected.size(),
-                                                   random.one_of({Place::AtEnd, Place::AtStart}));
-      entry<Pack>(name)(depth_first ? depth : members, depth_first ? members : depth, from,
-                        source.leading, to);
-      EXPECT_TRUE(same_bits(to, expected.data(), expected.size()) && panels.intact() &&
-                  source.intact())
-          << name << " members " << members << " depth " << depth << " leading " << source.leading;
-      return expected;
-    };
-    const Size m = 4 + random.below(20), n = 4 + random.below(20);
-    const bool whole_chunk = random.one_in(4);
-    const Size depth = whole_chunk ? 112 : 1 + random.below(40);
-    alignas(16) static double a[24 * 112], b[24 * 112];
-    const auto packed_a = random.one_in(2) ? pack("__orvex_dgcopyan_qwide", false, true, m, depth)
-                                           : pack("__orvex_dgcopyat_qwide", false, false, m, depth);
-    const auto packed_b = random.one_in(2) ? pack("__orvex_dgcopybn_psc", true, false, n, depth)
-                                           : pack("__orvex_dgcopybt_psc", true, true, n, depth);
-    std::copy(packed_a.begin(), packed_a.end(), a);
-    std::copy(packed_b.begin(), packed_b.end(), b);
-    const Size rows = m / 4 * 4, columns = n / 4 * 4, padded = (depth + 3) / 4 * 4;
-    double* const p = tile.place(random, rows, columns);
-    std::vector<double> expected(p, p + tile.count);
-    const std::uint64_t mode = random.below(rounding_modes);
-    const unsigned flags = raised_by(mode, [&] {
-      for (Size i = 0; i < rows * columns; ++i) {
-        const Size r = i % rows, c = i / rows;
-        double s = 0;
-        for (Size l = 0; l < padded; ++l) {
-          s += a[(r / 4 * padded + l) * 4 + r % 4] * b[(c / 4 * padded + l) * 4 + c % 4];
-        }
-        double& old = expected[r + c * tile.leading];
-        old = whole_chunk ? s + old : s;
-      }
-    });
-    const char* const name = whole_chunk ? "__orvex_dinner_qwide" : "__orvex_dinnerz_roll_qwide";
-    const Size given_depth = whole_chunk ? 4 : padded, unused = 112;  // one kernel ignores it
-    auto* const scratch = doubled.place_values<double>(8 * padded, Place::AtEnd);
-    const unsigned raised = raised_by(mode, [&] {
-      entry<Tiles>(name)(&rows, &columns, &given_depth, a, b, &unused, p, &tile.leading, scratch);
-    });
-    EXPECT_TRUE(same_bits(p, expected.data(), expected.size()) && raised == flags &&
-                tile.intact() && doubled.intact())
-        << name << " m=" << rows << " n=" << columns << " depth " << padded << " flags " << raised
-        << " expected " << flags;
-    sweep.result(flags);
-    ASSERT_FALSE(testing::Test::HasFailure());
-  }
 }
 
 }  // namespace

@@ -4,18 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <complex>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "cpu/feature_set.h"
 #include "matmul/kernels.h"
-#include "reference.h"
-#include "support/effort.h"
 #include "support/entry.h"
 #include "support/guarded_memory.h"
 #include "support/sweep.h"
@@ -40,8 +40,8 @@ void __wrap_free(void* block);
 // NOLINTEND(bugprone-reserved-identifier)
 
 void* __wrap_malloc(std::size_t size) {
+  void* const volatile none = nullptr;
   if (!watching) {
-    void* const volatile none = nullptr;
     return std::realloc(none, size);
   }
   requested += size;
@@ -49,110 +49,100 @@ void* __wrap_malloc(std::size_t size) {
   return next_scratch == nullptr ? nullptr : next_scratch - size;
 }
 void __wrap_free(void* block) {
-  if (!watching && block != nullptr) {
-    const volatile std::size_t nothing = 0;
-    [[maybe_unused]] void* const none = std::realloc(block, nothing);
-  } else {
-    open_requests -= block != nullptr;
-  }
+  const volatile std::size_t nothing = 0;
+  open_requests -= watching && block != nullptr;
+  [[maybe_unused]] void* const none =
+      watching || block == nullptr ? nullptr : std::realloc(block, nothing);
 }
 }  // extern "C"
 
 namespace ksomd::test {
 namespace {
 
-using Nine = void(const double*, const double*, double*, Size, Size, Size, Size, Size, Size);
-constexpr const char* layouts[] = {"n_n", "t_n", "n_t", "t_t"};
+using matmul::Size;
+constexpr std::string_view layouts[] = {"n_n", "t_n", "n_t", "t_t"};
 
 std::vector<double> numbers(std::size_t count) {
   Random random(count);
   std::vector<double> values(count);
-  for (double& value : values) {
-    value = random.number();
-  }
+  std::ranges::generate(values, [&] { return random.number(); });
   return values;
 }
 
 // The bytes that a product of this shape asks for; its scratch ends at `end`, or is refused.
-std::size_t scratch_of(const std::string& name, Size m, Size n, Size k, unsigned char* end,
-                       double* p) {
+std::size_t scratch_of(const std::string& name, const Size (&shape)[3], unsigned char* end,
+                       std::vector<double>& p) {
   static const std::vector<double> a = numbers(300 * 300), b = numbers(2300 * 120);
-  const bool at = name[11] == 't', bt = name[13] == 't';
-  const auto routine = entry<Nine>(name);
+  const auto routine = entry<decltype(_MATMUL_r8_n_n)>(name);
+  const auto [m, n, k] = shape;
+  p.assign(m * n, 0);
   requested = 0;
   next_scratch = end;
   watching = true;
-  routine(a.data(), b.data(), p, m, k, n, at ? k : m, bt ? n : k, m);
+  routine(a.data(), b.data(), p.data(), m, k, n, name[11] == 't' ? k : m, name[13] == 't' ? n : k,
+          m);
   watching = false;
   EXPECT_EQ(open_requests, 0);
   return requested;
 }
 
-// One block of the stated size, whose bytes behind the end fault; without it the portable path.
-TEST(MatmulScratch, IsTakenByPackedProductsAlone) {
-  const GuardedMemory memory(2000 * 896 + 258816);
-  std::vector<double> got(264 * 2003), expected(264 * 2003);
-  for (const std::string layout : layouts) {
-    const std::string name = "_MATMUL_r8_" + layout;
-    for (const auto& [m, n, k] :
-         {std::array<Size, 3>{34, 38, 38}, {264, 41, 113}, {35, 2003, 113}}) {
-      const std::size_t size = std::min<Size>(n, 2000) * 896 + 258816;
-      const auto bytes = m * n * sizeof(double);
-      for (const auto& row : matmul::kernel_variants) {
-        if (!has_features(row.needs)) {
-          continue;
-        }
-        matmul::kernels_slot = row.choice;
-        EXPECT_EQ(scratch_of(name, m, n, k, memory.end(), got.data()), size) << name << ' ' << n;
-        scratch_of(name + ".J", m, n, k, memory.end(), expected.data());
-        EXPECT_EQ(std::memcmp(got.data(), expected.data(), bytes), 0) << name << ' ' << row.name;
-        EXPECT_EQ(scratch_of(name, m, n, k, nullptr, got.data()), size) << name;
-        EXPECT_EQ(scratch_of(name + ".A", m, n, k, nullptr, expected.data()), 0u) << name;
-        EXPECT_EQ(std::memcmp(got.data(), expected.data(), bytes), 0) << name << ' ' << row.name;
-      }
-    }
-    for (const auto& [m, n, k] : {std::array<Size, 3>{33, 38, 38}, {34, 37, 38}, {34, 38, 37}}) {
-      EXPECT_EQ(scratch_of(name, m, n, k, memory.end(), got.data()), 0u) << name << m << n << k;
-    }
-  }
+const auto& best(std::uint64_t features) {
+  return choose(matmul::kernel_variants, {features, 0});
 }
 
-TEST(MatmulDispatch, ThePackedPathNeedsItsFiveFeatures) {
+// Packed products take one block of the stated size, behind whose end bytes fault; without it, and
+// for a small extent, they are the portable ones. They need five features.
+TEST(MatmulScratch, IsTakenByPackedProductsAlone) {
   const GuardedMemory memory(2000 * 896 + 258816);
-  std::vector<double> p(34 * 38);
   const std::uint64_t saved = feature_word();
-  for (const std::string layout : layouts) {
-    const auto is_packed = [&](std::uint64_t features) {
-      __orvex_cpu_feature_indicator[0] = features;
-      return scratch_of("_MATMUL_r8_" + layout, 34, 38, 38, memory.end(), p.data()) != 0;
-    };
-    EXPECT_TRUE(is_packed(0x6F)) << layout;
-    for (const unsigned bit : {1U, 2U, 3U, 5U, 6U}) {
-      EXPECT_FALSE(is_packed(0xFF & ~(std::uint64_t{1} << bit))) << layout << " without " << bit;
+  std::vector<double> got, expected;
+  constexpr Size shapes[][3] = {{34, 38, 38}, {264, 41, 113}, {35, 2003, 113},
+                                {33, 38, 38}, {34, 37, 38},   {34, 38, 37}};
+  for (const std::string_view layout : layouts) {
+    const std::string name = "_MATMUL_r8_" + std::string(layout);
+    for (const auto& shape : shapes) {
+      const auto [m, n, k] = shape;
+      const std::size_t size =
+          m < 34 || n < 38 || k < 38 ? 0 : std::min<Size>(n, 2000) * 896 + 258816;
+      for (const auto* row : {std::end(matmul::kernel_variants) - 1, &best(saved)}) {
+        SCOPED_TRACE(testing::Message() << name << ' ' << m << ' ' << n << ' ' << k << row->name);
+        matmul::kernels_slot = row->choice;
+        EXPECT_EQ(scratch_of(name, shape, memory.end(), got), size);
+        EXPECT_EQ(scratch_of(name + ".J", shape, memory.end(), expected), size);
+        EXPECT_EQ(got, expected);
+        EXPECT_EQ(scratch_of(name, shape, nullptr, got), size);
+        EXPECT_EQ(scratch_of(name + ".A", shape, nullptr, expected), 0u);
+        EXPECT_EQ(got, expected);
+      }
     }
-    EXPECT_TRUE(is_packed(0)) << "detection runs first";
+    for (unsigned bit = 0; bit < 8; ++bit) {
+      __orvex_cpu_feature_indicator[0] = 0xFF & ~(std::uint64_t{1} << bit);
+      const bool packed = scratch_of(name, shapes[0], memory.end(), got) != 0;
+      EXPECT_EQ(packed, bit == 0 || bit == 4 || bit == 7) << name << " without " << bit;
+    }
+    __orvex_cpu_feature_indicator[0] = 0;
+    EXPECT_NE(scratch_of(name, shapes[0], memory.end(), got), 0u) << "detection runs first";
     EXPECT_EQ(__orvex_cpu_feature_indicator[0], saved);
   }
 }
 
 // The first row whose features are all there, and the first product settles it.
 TEST(MatmulDispatch, TheFirstProductTakesTheBestRow) {
-  const auto best = [](std::uint64_t features) {
-    return choose(matmul::kernel_variants, {features, 0}).choice;
-  };
   constexpr std::uint64_t avx = 1u << 16, avx512f = 1u << 27;
-  EXPECT_EQ(best(1), &matmul::baseline_kernels);
-  EXPECT_EQ(best(avx512f), &matmul::baseline_kernels);
-  EXPECT_EQ(best(avx), &matmul::avx_kernels);
-  EXPECT_EQ(best(avx | avx512f), &matmul::avx512_kernels);
   const std::uint64_t saved = feature_word();
-  std::vector<double> p(64);
-  for (const std::uint64_t features : {std::uint64_t{0x6F}, saved}) {
-    for (const std::uint64_t later : {features, saved}) {  // it stays
-      matmul::kernels_slot = later == features ? nullptr : matmul::kernels_slot;
-      __orvex_cpu_feature_indicator[0] = later;
-      _MATMUL_r8_n_n(p.data(), p.data(), p.data() + 32, 4, 4, 4, 4, 4, 4);
-      EXPECT_EQ(matmul::kernels_slot, best(features));
+  double p[64] = {};
+  for (const auto& [features, row] : {std::pair{avx512f + 1, &matmul::baseline_kernels},
+                                      {avx + 1, &matmul::avx_kernels},
+                                      {avx + avx512f, &matmul::avx512_kernels},
+                                      {saved, best(saved).choice}}) {
+    EXPECT_EQ(best(features).choice, row);
+    matmul::kernels_slot = nullptr;
+    for (const std::uint64_t now : {features, saved}) {  // it stays
+      __orvex_cpu_feature_indicator[0] = now;
+      if ((features & ~saved) == 0) {  // it runs here
+        _MATMUL_r8_n_n(p, p, p + 32, 4, 4, 4, 4, 4, 4);
+        EXPECT_EQ(matmul::kernels_slot, row);
+      }
     }
   }
 }
@@ -160,101 +150,81 @@ TEST(MatmulDispatch, TheFirstProductTakesTheBestRow) {
 // Threads that share operands, each with its own rows of one result: what lies between the rows of
 // one is another's.
 TEST(MatmulThreads, ShareOperandsAndResult) {
-  constexpr Size threads = 8, rows = 37, n = 45, k = 119, m = threads * rows;
+  constexpr Size rows = 36, n = 45, k = 119, m = 8 * rows;
   const std::vector<double> a = numbers(m * k), b = numbers(n * k);
   std::vector<double> got(m * n), expected(m * n);
-  const auto multiply_rows = [&](std::vector<double>& p, Size thread) {
-    _MATMUL_r8_n_n(a.data() + thread * rows, b.data(), p.data() + thread * rows, rows, k, n, m, k,
-                   m);
-  };
-  std::vector<std::thread> running;
   matmul::kernels_slot = nullptr;
-  for (Size thread = 0; thread < threads; ++thread) {
-    running.emplace_back([&, thread] { multiply_rows(got, thread); });
+  std::vector<std::jthread> running;
+  for (Size i = 0; i < m; i += rows) {
+    running.emplace_back(_MATMUL_r8_n_n, &a[i], b.data(), &got[i], rows, k, n, m, k, m);
   }
-  for (Size thread = 0; thread < threads; ++thread) {
-    running[thread].join();
-    multiply_rows(expected, thread);
-  }
+  running.clear();
+  _MATMUL_r8_n_n(a.data(), b.data(), expected.data(), m, k, n, m, k, m);
   EXPECT_EQ(got, expected);
 }
 
 // ---- the views of C++ ---------------------------------------------------------------------------
 
-template <class T, class Element>
-void expect_entries(const char* code) {
-  using Entry = void(const Element*, const Element*, Element*, Size, Size, Size, Size, Size, Size);
+// Blocks of larger matrices of small whole numbers, whose products are exact.
+template <class T>
+void multiply_blocks() {
+  constexpr Size side = 50;
+  Random random(sizeof(T));
+  const auto draw = [&] {
+    std::vector<T> values(side * side);
+    std::ranges::generate(values, [&] { return T(static_cast<float>(random.below(9)) - 4); });
+    return values;
+  };
   for (const auto& [m, k, n] : {std::array<Size, 3>{3, 5, 2}, {0, 3, 2}, {3, 0, 2}, {40, 45, 42}}) {
-    const Size a_rows[] = {m, k}, b_rows[] = {k, n};
-    for (int layout = 0; layout < 4; ++layout) {
-      const int at = layout % 2, bt = layout / 2;
-      std::vector<T> a((a_rows[at] + 3) * a_rows[1 - at] + 1),
-          b((b_rows[bt] + 3) * b_rows[1 - bt] + 1);
-      std::vector<T> p((m + 3) * n + 1);
-      for (std::vector<T>* values : {&a, &b, &p}) {
-        const std::vector<double> some = numbers(values->size() * sizeof(T));
-        for (std::size_t i = 0; i < values->size() * parts<Element>; ++i) {
-          reinterpret_cast<RealOf<Element>*>(values->data())[i] =
-              static_cast<RealOf<Element>>(some[i]);
+    for (const std::string_view layout : layouts) {
+      const bool at = layout[0] == 't', bt = layout[2] == 't';
+      const std::vector<T> a = draw();
+      std::vector<T> b = draw(), p = draw(), expected = p;
+      const MatrixView A = MatrixView(a.data(), side, side).block(1, 2, at ? k : m, at ? m : k);
+      const MatrixView B = MatrixView(b.data(), side, side).block(3, 4, bt ? n : k, bt ? k : n);
+      const MatrixView P = MatrixView(p.data(), side, side).block(5, 6, m, n);
+      for (Size ij = 0; ij < m * n; ++ij) {
+        T sum = 0;
+        for (Size l = 0; l < k; ++l) {
+          const Size i = ij % m, j = ij / m;
+          sum += (at ? A(l, i) : A(i, l)) * b[bt ? 3 + j + (4 + l) * side : 3 + l + (4 + j) * side];
         }
+        expected[5 + ij % m + (6 + ij / m) * side] = sum;
       }
-      std::vector<T> expected = p;
-      entry<Entry>(std::string("_MATMUL_") + code + "_" + layouts[layout])(
-          reinterpret_cast<const Element*>(a.data()), reinterpret_cast<const Element*>(b.data()),
-          reinterpret_cast<Element*>(expected.data()), m, k, n, a_rows[at] + 3, b_rows[bt] + 3,
-          m + 3);
-      const MatrixView<const T> A(a.data(), a_rows[at], a_rows[1 - at], a_rows[at] + 3);
-      const MatrixView<T> B(b.data(), b_rows[bt], b_rows[1 - bt], b_rows[bt] + 3);
-      const MatrixView<T> P(p.data(), m, n, m + 3);
       EXPECT_TRUE(at && bt ? multiply(transposed(A), transposed(B), P)
-                  : at     ? multiply(transposed(A), B, P)
+                  : at     ? multiply(transposed(A), transposed(transposed(B)), P)
                   : bt     ? multiply(A, transposed(B), P)
                            : multiply(A, B, P));
-      EXPECT_EQ(std::memcmp(p.data(), expected.data(), p.size() * sizeof(T)), 0)
-          << code << ' ' << layouts[layout] << " m=" << m << " k=" << k << " n=" << n;
+      EXPECT_EQ(p, expected) << layout << " m=" << m << " k=" << k << " n=" << n;
     }
   }
 }
 
 TEST(MatrixView, MultipliesByTheEntryOfItsElements) {
-  expect_entries<float, float>("r4");
-  expect_entries<double, double>("r8");
-  expect_entries<std::complex<float>, ksomd_c4>("c4");
-  expect_entries<std::complex<double>, ksomd_c8>("c8");
-  expect_entries<ksomd_c8, ksomd_c8>("c8");
+  multiply_blocks<float>();
+  multiply_blocks<double>();
+  multiply_blocks<std::complex<float>>();
+  multiply_blocks<std::complex<double>>();
 }
 
+// Each number of a valid product, changed by itself, makes it one that is refused.
 TEST(MatrixView, RefusesExtentsThatDisagree) {
-  using View = MatrixView<double>;
-  double a[64] = {}, p[64] = {};
-  const View A(a, 2, 3), B(a, 3, 4), P(p, 2, 4);
-  EXPECT_FALSE(multiply(View(a, 3, 3), B, P));
-  EXPECT_FALSE(multiply(View(a, 2, 2), B, P));
-  EXPECT_FALSE(multiply(A, View(a, 3, 5), P));
-  EXPECT_FALSE(multiply(A, View(a, 4, 4), P));
-  EXPECT_FALSE(multiply(transposed(A), B, P));
-  EXPECT_FALSE(multiply(A, transposed(B), P));
-  EXPECT_FALSE(multiply(View(a, 2, 3, 1), B, P));
-  EXPECT_FALSE(multiply(A, View(a, 3, 4, 2), P));
-  EXPECT_FALSE(multiply(A, B, View(p, 2, 4, 1)));
-}
-
-TEST(MatrixView, FindsElementsAndBlocks) {
-  std::vector<double> data = numbers(20);
-  const MatrixView view(data.data(), 3, 4, 5);
-  EXPECT_EQ(&view(2, 3), &data[17]);
-  const MatrixView block = view.block(1, 2, 2, 2);
-  EXPECT_EQ(&block(0, 0), &data[11]);
-  EXPECT_EQ(&block(1, 1), &data[17]);
-  EXPECT_EQ(transposed(transposed(block)).data(), block.data());
-  EXPECT_EQ(transposed(view).rows(), 4U);
-  EXPECT_EQ(transposed(view).columns(), 3U);
+  double x[64] = {};
+  for (int changed = 0; changed <= 9; ++changed) {
+    Size e[] = {2, 3, 3, 3, 4, 4, 2, 4, 3, 0};  // rows, columns, leading dimension
+    e[changed] -= changed % 3 == 2 ? 2 : 1;
+    const MatrixView a(x, e[0], e[1], e[2]), b(x, e[3], e[4], e[5]), p(x + 32, e[6], e[7], e[8]);
+    const MatrixView at(x, e[1], e[0], e[2] + 1), bt(x, e[4], e[3], e[5] + 1);
+    EXPECT_EQ(multiply(a, b, p), changed == 9) << changed;
+    EXPECT_EQ(multiply(transposed(at), transposed(bt), p), changed == 9) << changed;
+  }
 }
 
 template <class A, class B, class P>
 concept Multiplies = requires(A a, B b, P p) { multiply(a, b, p); };
 using Real = MatrixView<double>;
 static_assert(Multiplies<Real, MatrixView<const double>, Real>);
+static_assert(Multiplies<MatrixView<ksomd_c8>, MatrixView<ksomd_c8>, MatrixView<ksomd_c8>>);
 static_assert(!Multiplies<Real, Real, MatrixView<const double>>);
 static_assert(!Multiplies<Real, MatrixView<float>, Real>);
 

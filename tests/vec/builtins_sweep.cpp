@@ -20,16 +20,6 @@ namespace {
 
 using Words = std::vector<std::uint32_t>;  // the least significant first
 
-Words negated_if(bool negate, Words a) {
-  std::uint64_t carry = 1;
-  for (std::uint32_t& word : a) {
-    carry += ~word;
-    word = negate ? static_cast<std::uint32_t>(carry) : word;
-    carry >>= 32;
-  }
-  return a;
-}
-
 // a * b + c, in as many words as c.
 Words combined(const Words& a, const Words& b, Words c) {
   for (std::size_t i = 0; i < a.size(); ++i) {
@@ -41,6 +31,10 @@ Words combined(const Words& a, const Words& b, Words c) {
     }
   }
   return c;
+}
+
+Words negated_if(bool negate, const Words& a) {
+  return negate ? combined(Words(a.size(), ~0u), a, Words(a.size())) : a;
 }
 
 // What quotient and remainder are by definition: a = q * b + r and r < b.
@@ -68,24 +62,6 @@ Words operand(Random& random, std::size_t count) {
   return words;
 }
 
-// The operands lie at pages that fault; afterwards all hold what their memory does.
-void divide(decltype(__udivmodei5)* routine, std::initializer_list<Words*> operands, bool in_place,
-            Place place) {
-  static Operand memory[4] = {Operand(512), Operand(512), Operand(512), Operand(512)};
-  std::uint32_t* p[4];
-  const std::size_t count = (*operands.begin())->size();
-  for (int i = 0; i < 4; ++i) {
-    p[i] = memory[i].place_values<std::uint32_t>(count, place);
-    std::ranges::copy(*operands.begin()[i], p[i]);
-  }
-  p[1] = in_place ? p[2] : p[1];
-  routine(p[0], p[1], p[2], p[3], static_cast<std::uint32_t>(count));
-  for (int i = 0; i < 4; ++i) {
-    std::copy_n(p[i], count, operands.begin()[i]->begin());
-    EXPECT_TRUE(memory[i].intact()) << "beyond operand " << i << " of " << count << " words";
-  }
-}
-
 bool divides_wide(const Words& a, const Words& b, const Words& q, const Words& r, bool is_signed) {
   static const auto signed_division = entry<decltype(__udivti3)>("__divti3");
   ksomd_uint128 numbers[4], rest = 0;
@@ -99,7 +75,9 @@ bool divides_wide(const Words& a, const Words& b, const Words& q, const Words& r
                          KSOMD_ENTRY(__udivmodti4)(x, y, &rest) == quotient && rest == remainder;
 }
 
+// The operands lie at pages that fault; the remainder may take the dividend's place.
 TEST(BuiltinsSweep, Division) {
+  static Operand memory[4] = {Operand(512), Operand(512), Operand(512), Operand(512)};
   decltype(__udivmodei5)* const routines[] = {KSOMD_ENTRY(__udivmodei5), KSOMD_ENTRY(__divmodei5)};
   Sweep sweep("vec.division");
   Random& random = sweep.random;
@@ -108,19 +86,31 @@ TEST(BuiltinsSweep, Division) {
   for ([[maybe_unused]] const auto round : sweep.rounds(4000, 400'000)) {
     const std::size_t n = random.one_in(4) ? 4 : 1 + random.below(random.one_in(9) ? 64 : 9);
     const Words zero(n), b = operand(random, n);
-    Words a = operand(random, n), q(n, 77), r(n, 77);
+    Words a = operand(random, n);
     if (random.one_in(4)) {  // close to a multiple of the divisor
       a = combined(a, b, zero);
       a[0] += static_cast<std::uint32_t>(random.below(3)) - 1;
     }
     const bool is_signed = random.one_in(2), in_place = random.one_in(4);
     const bool a_sign = is_signed && a.back() >> 31 != 0, b_sign = is_signed && b.back() >> 31 != 0;
-    Words dividend = a, divisor = b;
-    divide(routines[is_signed], {&q, &r, &dividend, &divisor}, in_place,
-           random.one_in(2) ? Place::AtStart : Place::AtEnd);
+    const Place where = random.one_of({Place::AtStart, Place::AtEnd});
+    Words words[] = {Words(n, 77), Words(n, 77), a, b};
+    std::uint32_t* p[4];
+    for (int i = 0; i < 4; ++i) {
+      p[i] = memory[i].place_values<std::uint32_t>(n, where);
+      std::ranges::copy(words[i], p[i]);
+    }
+    routines[is_signed](p[0], p[in_place ? 2 : 1], p[2], p[3], static_cast<std::uint32_t>(n));
+    bool right = true;
+    for (int i = 0; i < 4; ++i) {
+      const int from = i == 1 && in_place ? 2 : i;
+      words[i].assign(p[from], p[from] + n);
+      right &= memory[i].intact();
+    }
+    const auto& [q, r, dividend, divisor] = words;
     sweep.results(q.data(), 4 * n);
     sweep.results(r.data(), 4 * n);
-    bool right = divisor == b && dividend == (in_place ? r : a);
+    right &= divisor == b && dividend == (in_place ? r : a);
     if (b == zero) {
       right &= r == a && q == Words(n, ~0u);
     } else {
@@ -129,7 +119,7 @@ TEST(BuiltinsSweep, Division) {
                                            negated_if(a_sign != b_sign, q), negated_if(a_sign, r));
       right &= n != 4 || divides_wide(a, b, q, r, is_signed);
     }
-    ASSERT_TRUE(right) << testing::PrintToString(std::vector{a, b, q, r, dividend, divisor})
+    ASSERT_TRUE(right) << testing::PrintToString(words) << " of " << testing::PrintToString(a)
                        << ", signed " << is_signed << ", in place " << in_place;
   }
 }
@@ -203,12 +193,13 @@ template <class T>
   const bool first = std::isinf(a) || std::isinf(b), second = std::isinf(c) || std::isinf(d);
   const bool overflow =
       std::isinf(a * c) || std::isinf(b * d) || std::isinf(a * d) || std::isinf(b * c);
+  const auto boxed = [](T part, bool infinite) {
+    part = infinite ? direction(part) : part;
+    return std::isnan(part) ? std::copysign(T{0}, part) : part;
+  };
   if (std::isnan(result.first) && std::isnan(result.second) && (first || second || overflow)) {
-    for (T* part : {&a, &b, &c, &d}) {
-      *part = (part == &a || part == &b ? first : second) ? direction(*part) : *part;
-      *part = std::isnan(*part) ? std::copysign(T{0}, *part) : *part;
-    }
-    result = product(infinity<T>, a, b, c, d);
+    result =
+        product(infinity<T>, boxed(a, first), boxed(b, first), boxed(c, second), boxed(d, second));
   }
 }
 
@@ -268,14 +259,15 @@ void check_complex(const char* name, Routine* routine,
     });
     ASSERT_EQ(errno, 77);
     raised_by_both(mode, [&] { define(a, b, c, d, expected); });
-    for (const auto part : {&std::pair<T, T>::first, &std::pair<T, T>::second}) {
-      const T shown = std::isnan(result.*part) ? 77 : result.*part;
-      const T wanted = std::isnan(expected.*part) ? 77 : expected.*part;
+    for (auto [part, wanted] :
+         {std::pair{result.first, expected.first}, {result.second, expected.second}}) {
+      part = std::isnan(part) ? 77 : part;
+      wanted = std::isnan(wanted) ? 77 : wanted;
       constexpr std::size_t size = std::min<std::size_t>(sizeof(T), 10);
-      sweep.results(&shown, size);
-      ASSERT_EQ(std::memcmp(&shown, &wanted, size), 0)
+      sweep.results(&part, size);
+      ASSERT_EQ(std::memcmp(&part, &wanted, size), 0)
           << std::hexfloat << a << ", " << b << ", " << c << ", " << d << ", mode " << mode << ": "
-          << shown << " and not " << wanted;
+          << part << " and not " << wanted;
     }
   }
 }
