@@ -10,7 +10,7 @@
  * comes from the heap in one request and is kept until the process ends. At most 50 pools exist;
  * when a request would need one more, the heap serves it.
  *
- * All routines may be called by any number of threads at a time, unless it says otherwise; a block
+ * All routines may be called by any number of threads at a time, unless stated otherwise; a block
  * may be freed by another thread than the one that got it. None of them touches the floating-point
  * state. None may be called from a signal handler.
  */

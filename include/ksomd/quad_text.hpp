@@ -146,8 +146,8 @@ constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int
   return out.result();
 }
 
-// Reads what from_chars takes. Literals have separators between digits, where the compiler has
-// checked them.
+// The parser behind from_chars and the literals. Literals may have separators between digits; the
+// compiler has checked their places.
 class Reader {
  public:
   constexpr Reader(const char* first, const char* last, bool separators = false) noexcept
@@ -155,7 +155,7 @@ class Reader {
 
   constexpr const char* position() const noexcept { return next_; }
 
-  // The next character, if it is this one, in either case.
+  // Takes the next character if it is this one, in either case.
   constexpr bool take(char lower) noexcept {
     if (next_ != last_ &&
         (*next_ == lower || (lower >= 'a' && lower <= 'z' && *next_ == lower - 'a' + 'A'))) {
@@ -174,7 +174,7 @@ class Reader {
     }
     return true;
   }
-  // The value of the next digit, or -1.
+  // Takes the next digit and returns its value, or -1.
   constexpr int take_digit(int base) noexcept {
     if (separators_) {
       take('\'');
@@ -187,7 +187,7 @@ class Reader {
     return -1;
   }
 
-  // The significand; false if it has no digit.
+  // Reads the significand; false if it has no digit.
   constexpr bool take_significand(FromDecimal& number) noexcept {
     bool any = false;
     bool behind_point = false;
@@ -206,7 +206,8 @@ class Reader {
     }
   }
 
-  // An exponent part, if there is a whole one; magnitudes beyond a billion count as that.
+  // Reads an exponent part, if there is a complete one. A magnitude above a billion counts as a
+  // billion.
   constexpr std::int64_t take_exponent() noexcept {
     const char* start = next_;
     if (take('e')) {
@@ -226,7 +227,7 @@ class Reader {
     return 0;
   }
 
-  // What may follow "nan": the fraction bits in parentheses.
+  // Reads what may follow "nan": the fraction bits in parentheses.
   constexpr Quad take_payload() noexcept {
     const Quad usual = Quad::from_bits(0x7FFF800000000000, 0);
     const char* start = next_;
@@ -287,7 +288,8 @@ constexpr std::errc read(Reader& in, Quad& a) noexcept {
   return error;
 }
 
-// Not defined: its name is the compiler's message about such a literal.
+// Never defined. A literal that reaches the call does not compile, and the compiler's message shows
+// this name.
 void q_literal_is_hexadecimal_binary_or_octal_not_decimal();
 
 // A leading zero makes an octal literal, unless a point or an exponent follows.
@@ -310,7 +312,8 @@ constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a) 
 }
 
 /// Writes `a` as "d.ddde+12" with exactly `digits` significant digits, 1 to 36, rounded to nearest
-/// with ties to even; the rest as above. Other values of `digits`: std::errc::invalid_argument.
+/// with ties to even. All else is as above. Other values of `digits` give
+/// std::errc::invalid_argument.
 constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a,
                                         int digits) noexcept {
   if (digits < 1 || digits > quad_round_trip_digits) {
@@ -349,8 +352,8 @@ constexpr std::optional<Quad> from_string(std::string_view text) noexcept {
   return a;
 }
 
-/// Writes the shortest text, filled to the stream's width as std::left, right and internal say;
-/// its precision and notation do not count. For programs that include the ostream header.
+/// Writes the shortest text, filled to the stream's width as std::left, right and internal say; the
+/// stream's precision and notation are ignored. For programs that include the ostream header.
 template <class Traits>
 std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& stream,
                                              const Quad& a) {

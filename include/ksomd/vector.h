@@ -1,6 +1,7 @@
 /* Support for vectorised loops: reductions into arrays, and a run-time test for independence.
  *
- * No routine keeps state or allocates; calls on disjoint memory may run in any number of threads.*/
+ * No routine keeps state or allocates. Calls on disjoint memory may run in any number of
+ * threads. */
 #ifndef KSOMD_VECTOR_H
 #define KSOMD_VECTOR_H
 
@@ -79,11 +80,11 @@ typedef struct ksomd_range {
 } ksomd_range;
 
 /* Sorts the n ranges by start and tells whether one overlaps or touches the next: 1 if so, else 0,
- * also for n <= 1. Equal starts are left in a fixed order: that of a quicksort with the last record
- * as the pivot, for up to 1000 ranges, and for more of them unless that quicksort looks at
- * more than about 3 n log2(n) records, twice as many as in a random order: then it is that of a
- * heap sort, and time is O(n log n) at worst. Stack use is logarithmic. The array must not change
- * during the call. */
+ * also for n <= 1. Ranges with equal starts end up in a fixed order, that of a quicksort with the
+ * last record as the pivot. For more than 1000 ranges there is one exception: if that quicksort
+ * would look at more than about 3 n log2(n) records, twice as many as for a random order, the order
+ * is that of a heap sort. So time is O(n log n) at worst. Stack use is logarithmic. The array must
+ * not change during the call. */
 KSOMD_API uint64_t __orvex_rtdd_indep(ksomd_range* ranges, int32_t n);
 
 KSOMD_END

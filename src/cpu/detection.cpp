@@ -28,7 +28,8 @@ constexpr std::uint32_t apx_state = bit(19);
 // The CPUID leaves that report features, each read once, and the conditions that hold.
 class Snapshot {
  public:
-  // Of a processor that reports nothing.
+  // A processor that reports nothing. Every leaf counts as read, so that every feature is
+  // NotReported.
   Snapshot() : read_(~0u) {}
   explicit Snapshot(const Processor& processor);
 
@@ -43,7 +44,7 @@ class Snapshot {
 
  private:
   std::uint32_t reg(Leaf leaf, Register reg) const;
-  // Whether CPUID reports it, whatever its condition is.
+  // Whether CPUID reports the feature. Its condition is not looked at.
   bool reports(const CpuidReport& report) const {
     return (reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum;
   }
@@ -64,7 +65,7 @@ class Snapshot {
   std::uint32_t read_ = 0;
 };
 
-// What conditions rest on, and no feature of the table is.
+// CPUID bits that conditions depend on. The feature table has no rows for them.
 constexpr CpuidReport xgetbv_enabled{Leaf::Basic1, Register::Ecx, feature_table::bits(27)};
 constexpr CpuidReport key_locker{Leaf::Basic7, Register::Ecx, feature_table::bits(23)};
 constexpr CpuidReport avx10{Leaf::Basic7Sub1, Register::Edx, feature_table::bits(19)};

@@ -71,7 +71,7 @@ void verify(const Level& level, std::uint32_t flags) {
   __builtin_unreachable();
 }
 
-// Text that grows in a buffer of fixed size; the caller keeps within it.
+// A text that grows in a buffer of fixed size. The caller makes sure that it fits.
 class List {
  public:
   explicit List(char* text) : end_(text), start_(text) { *end_ = '\0'; }
@@ -87,7 +87,7 @@ class List {
   char* start_;
 };
 
-// One message between two empty lines, then the end of the process.
+// Prints a message between two empty lines and ends the process.
 [[noreturn]] void fail_check(std::uint32_t number, const char* argument = nullptr) {
   __libkso_print(1, message::empty_line, 0);
   __libkso_print(1, number, argument == nullptr ? 0 : 1, argument);
@@ -118,7 +118,7 @@ bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[f
       continue;
     }
     if (pending != nullptr) {
-      // There must still be room for the joiner and this name, should it turn out to be the last.
+      // `name` may turn out to be the last name, so there must still be room for it and the joiner.
       const std::size_t closed = text.length() + std::strlen(separator) + std::strlen(pending) +
                                  std::strlen(joiner) + std::strlen(name);
       if (closed > feature_list_size - 1) {

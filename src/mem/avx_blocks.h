@@ -38,19 +38,20 @@ struct Piece32 {
   }
 };
 
-// What a routine does last. The intrinsic would do the same, but counts as a change of the vector
-// registers that Windows wants preserved: each call would save and restore all ten. Their low
-// halves stay as they are. A number of its own gives a path an end of its own; the others share
-// theirs, at the price of a jump.
+// Clears the upper halves of the vector registers, as the last step of a routine. It is not the
+// intrinsic, which counts as a change of the vector registers that Windows wants preserved: each
+// call would save and restore all ten, although their low halves stay as they are. A distinct
+// `path` stops the compiler from merging this ending with another path's, which would cost a jump.
 template <int path = 0>
 [[gnu::always_inline]] inline void clear_upper_halves() {
   __asm__ volatile("vzeroupper" : : "i"(path) : "memory");
 }
 
-// As few branches that depend on n as it takes: programs call with sizes that no predictor can
-// tell. And few registers: on Windows a function saves the vector registers from the seventh on.
+// The short paths have few branches that depend on n, because programs call with sizes that no
+// predictor can guess. They use few vector registers, because on Windows a function must save those
+// from the seventh on.
 
-// Any n up to 128, any overlap: everything is read before anything is stored.
+// Any n up to 128. The ranges may overlap: everything is read before anything is stored.
 [[gnu::always_inline]] inline void copy_up_to_128(Byte* d, const Byte* s, size_t n) {
   if (n < Piece32::size) {
     copy_below<Piece32>(d, s, n);

@@ -4,7 +4,7 @@
 namespace ksomd::mem {
 namespace {
 
-// The sign of the first difference of two different words, in address order.
+// 1 or -1: how two different words compare at their first different byte, in address order.
 [[gnu::always_inline]] inline int order(std::uint64_t a, std::uint64_t b) {
   return __builtin_bswap64(a) > __builtin_bswap64(b) ? 1 : -1;
 }
@@ -14,7 +14,7 @@ template <class Piece>
   return Piece::template load<Access::Unaligned>(p);
 }
 
-// Compares one piece; `result` is set where they differ.
+// Whether two pieces differ. If so, `result` becomes 1 or -1.
 template <class Piece>
 [[gnu::always_inline]] inline bool differ(const Byte* a, const Byte* b, int& result) {
   const std::uint64_t x = word<Piece>(a), y = word<Piece>(b);
@@ -40,9 +40,9 @@ template <>
 
 // ---- whole ranges at once -----------------------------------------------------------------------
 
-// What the processor protects at once: if one byte of a page can be read, all can. A comparison
-// ends at the first difference and the bytes behind it may be out of reach, so that more than 16
-// bytes are read at once only where no page ends among them.
+// The unit of memory protection: if one byte of a page can be read, all can. The bytes behind the
+// first difference may be out of reach, so more than 16 bytes are read at once only if no page ends
+// among them.
 constexpr size_t page = 4096;
 
 [[gnu::always_inline]] inline size_t room_in_pages(const Byte* a, const Byte* b) {
@@ -59,7 +59,7 @@ template <Access from = Access::Unaligned>
   return _mm_movemask_epi8(mask) == 0xFFFF;
 }
 
-// 16 to 64 bytes: four blocks, which overlap.
+// 16 to 64 bytes, as four blocks that overlap.
 //
 //   | 0 |inner|  ...  |n - 16 - inner|n - 16|      inner = 0 up to 32 bytes, else 16
 [[gnu::always_inline]] inline bool equal_up_to_64(const Byte* a, const Byte* b, size_t n) {
@@ -93,12 +93,12 @@ template <Access from = Access::Unaligned>
   return (x > y) - (x < y);
 }
 
-// Two halves of a word as one number, the first byte the most significant one.
+// Two pieces of 4 bytes as one number. The first byte is the most significant one.
 [[gnu::always_inline]] inline std::uint64_t joined_halves(const Byte* first, const Byte* second) {
   return __builtin_bswap64(word<Piece4>(second) << 32 | word<Piece4>(first));
 }
 
-// One to three bytes the same way.
+// One to three bytes as a number of the same order.
 [[gnu::always_inline]] inline std::uint64_t joined_bytes(const Byte* p, size_t n) {
   return std::uint64_t{p[0]} << 16 | std::uint64_t{p[n / 2]} << 8 | p[n - 1];
 }
@@ -117,8 +117,8 @@ template <Access from = Access::Unaligned>
 
 // ---- the first difference -----------------------------------------------------------------------
 
-// 16 bytes at a time, counted from the beginning: what is behind the block of the first difference
-// is not read.
+// Compares 16 bytes at a time, counted from the beginning. Nothing behind the block of the first
+// difference is read.
 [[gnu::noinline]] int compare_stepwise(const Byte* a, const Byte* b, size_t n) {
   int result = 0;
   for (; n >= 16; a += 16, b += 16, n -= 16) {
@@ -129,7 +129,7 @@ template <Access from = Access::Unaligned>
   return compare_below_16(a, b, n);
 }
 
-// More than 128 bytes that are in the two pages of a and b.
+// Compares more than 128 bytes, none of them beyond the page of a or the page of b.
 [[gnu::always_inline]] inline int compare_blocks(const Byte* a, const Byte* b, size_t n) {
   const Byte* const a_last = a + n - 128;
   const Byte* const b_last = b + n - 128;
@@ -141,9 +141,9 @@ template <Access from = Access::Unaligned>
   return equal_128(a_last, b_last) ? 0 : compare_stepwise(a_last, b_last, 128);
 }
 
-// More than 128 bytes, across any number of pages. The first range is read in blocks between
-// multiples of 128, in which no page of it ends; where one of the second ends, steps of 16 bytes
-// counted from the beginning cover the block:
+// Compares more than 128 bytes, across any number of pages. Blocks start at multiples of 128 in the
+// first range, so none of its pages ends inside a block. Where a page of the second range ends
+// inside a block, steps of 16 bytes counted from the beginning cover the block:
 //
 //     16   16   16   16   16   16   16   16   16    from the beginning
 //   |    |    |    |    |    |    |    |    |    |
@@ -177,7 +177,7 @@ template <Access from = Access::Unaligned>
   }
 }
 
-// Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
+// Compares words and then 4, 2 and 1 bytes, ascending. Up to 64 bytes.
 struct CompareTail {
   using Routine = int(const Byte* a, const Byte* b);
 
@@ -216,7 +216,7 @@ struct CompareTail {
 
 using namespace ksomd::mem;
 
-// Never reads on beyond the 16 bytes in which the first difference lies.
+// Reads no page that lies wholly behind the 16 bytes with the first difference.
 int _orvex_fast_memcmp(const void* first, const void* second, size_t count) {
   const auto* a = static_cast<const Byte*>(first);
   const auto* b = static_cast<const Byte*>(second);

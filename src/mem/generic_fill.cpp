@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::int32_t sse2_class = 2;
 
-// n bytes as the pieces from Piece down that n is made of, ascending.
+// Fills n bytes with pieces from Piece down, one for each bit that is set in n.
 template <size_t n, class Piece>
 [[gnu::always_inline]] inline void fill_pieces(Byte* d, std::uint64_t bytes) {
   if constexpr (n == 0) {
@@ -89,7 +89,7 @@ void* fill_sse2(Byte* d, std::uint64_t bytes, size_t n, void* result) {
   return vector_fill_tail[n](d, bytes, result);
 }
 
-// Up to the next multiple of 8: 4, 2 and 1 bytes, as many of them as it takes.
+// Fills up to the next multiple of 8 with pieces of 4, 2 and 1 bytes.
 struct Alignment {
   using Routine = void(Byte* d, std::uint64_t bytes);
 

@@ -3,7 +3,7 @@
 #include "mem/blocks.h"
 #include "mem/dispatch.h"
 
-// Compiled code lays the context out itself.
+// Compiled code builds the context itself, so its layout cannot change.
 static_assert(offsetof(__libkso_nt_context, staging) == 0);
 static_assert(offsetof(__libkso_nt_context, destination) == 64);
 static_assert(offsetof(__libkso_nt_context, head_offset) == 72);

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-// Message texts are formats that arrive at run time, from the table or from a catalogue.
+// Message texts are formats that are chosen at run time, from the table or a catalogue.
 #pragma clang diagnostic ignored "-Wformat-nonliteral"
 
 namespace ksomd {

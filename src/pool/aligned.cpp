@@ -5,7 +5,7 @@
 
 #include "ksomd/pool.h"
 
-// The heap block's own address stands in the 8 bytes below the aligned one:
+// The address of the heap block is in the 8 bytes below the aligned block:
 //
 //   raw               result - 8   result = the first multiple of the alignment from raw + 8 on
 //   | unused          | raw        | size bytes ...              | unused

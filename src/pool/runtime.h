@@ -1,4 +1,4 @@
-// The pool allocator as the library has it: over the C library's heap.
+// The library's pool allocator, on top of the C library's heap.
 #pragma once
 
 #include <cstddef>
@@ -32,7 +32,7 @@ struct PlatformRuntime {
   static void wait() {}
 };
 
-// The one behind the exported routines.
+// The allocator behind the exported routines.
 [[gnu::visibility("hidden")]] extern Allocator<PlatformRuntime> process_allocator;
 
 }  // namespace ksomd::pool

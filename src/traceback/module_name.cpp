@@ -22,7 +22,7 @@ bool module_path(std::uint64_t address, char* path, DWORD size) {
   if (VirtualQuery(reinterpret_cast<const void*>(address), &region, sizeof region) == 0) {
     return false;
   }
-  // Free memory belongs to nothing, and a null module would stand for the program itself.
+  // Free memory belongs to no module. A null module would be taken for the program itself.
   if (region.State == MEM_FREE || region.AllocationBase == nullptr) {
     return false;
   }
@@ -33,7 +33,7 @@ bool module_path(std::uint64_t address, char* path, DWORD size) {
   auto* module = static_cast<HMODULE>(region.AllocationBase);
   const DWORD length = K32GetModuleFileNameExA(process, module, path, size);
   CloseHandle(process);
-  path[size - 1] = '\0';  // a path that does not fit comes unterminated from some systems
+  path[size - 1] = '\0';  // some systems do not terminate a path that does not fit
   return length != 0;
 }
 

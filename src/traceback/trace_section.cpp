@@ -10,17 +10,17 @@ enum class Kind : std::uint8_t {
   Invalid,
   Filler,
   Routine,     // name length at byte 2, address from byte 4 to the end of the fixed part, name
-  SelectFile,  // operand: index of a source-file entry
-  Line,        // operand: signed distance
-  Address,     // operand: distance less 1
+  SelectFile,  // operand: the index of a source-file entry
+  Line,        // operand: the signed distance of the line
+  Address,     // operand: the distance of the address minus 1
   Match,
-  NextLine,        // distance of the address less 1 in the low six bits
-  LineAndAddress,  // the same, and a signed distance of the line as operand
+  NextLine,        // low six bits: the distance of the address minus 1
+  LineAndAddress,  // the same; operand: the signed distance of the line
 };
 
 struct Item {
   Kind kind;
-  std::uint8_t size;  // of the fixed part; the operand is all of it but the first byte
+  std::uint8_t size;  // of the fixed part: the tag byte and the operand
 };
 
 constexpr Item items_by_tag[] = {
@@ -51,7 +51,7 @@ Item item_for(std::uint8_t tag) {
 
 // The block that describes an address.
 struct Block {
-  Bytes files;  // everything after the header: entries first, then items
+  Bytes files;  // everything after the header: source-file entries, then items
   std::uint64_t file_count;
   std::uint64_t adjustment;
 };
@@ -130,7 +130,8 @@ struct State {
   bool routine_known = false;
 };
 
-// Decodes a routine item, whose fixed part is there; `size` becomes that of the whole item.
+// Decodes a routine item. All bytes of its fixed part are there. `size` becomes that of the whole
+// item.
 bool decode_routine(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, std::size_t& size,
                     State& state) {
   const std::size_t length = read_unsigned(rest.data + 2, 2);
@@ -148,7 +149,7 @@ bool decode_routine(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, std:
 
 enum class Step { GoOn, Test, Fail };
 
-// Decodes the item at the front of `rest`, whose `size` bytes are there.
+// Decodes the item at the front of `rest`. All of its `size` bytes are there.
 Step decode_item(Item item, Bytes rest, std::uint64_t pc, std::uint64_t adjustment,
                  std::size_t& size, State& state) {
   const std::uint8_t* operand = rest.data + 1;

@@ -18,16 +18,16 @@ constexpr const char* own_file = "/proc/self/exe";
 
 // An ELF module as it lies in memory: from its first loaded page to its last.
 struct Module {
-  std::uintptr_t address;  // to find it by: any address in it
+  std::uintptr_t address;  // the address that is looked up
   std::uintptr_t first, end;
-  std::uintptr_t bias;
-  const char* path;  // empty for the program itself
-  // The pages of the segment that holds the address, if one does.
+  std::uintptr_t bias;  // what the loader added to the file's addresses
+  const char* path;     // empty for the program itself
+  // The pages of the segment that holds the address; 0 if none does.
   std::uintptr_t segment_first, segment_end;
   DWORD protection;
 };
 
-// Whether memory may be written does not matter to the library.
+// The library never asks whether memory may be written.
 DWORD protection_of(bool readable, bool executable) {
   if (!readable) {
     return executable ? PAGE_EXECUTE : PAGE_NOACCESS;
@@ -83,7 +83,7 @@ class Lines {
   Lines(const Lines&) = delete;
   Lines& operator=(const Lines&) = delete;
 
-  // The next line, cut to what the buffer holds.
+  // Reads the next line and truncates it to the buffer. False at the end of the file.
   bool next(char (&line)[256]) {
     std::size_t length = 0;
     for (;;) {
@@ -118,7 +118,7 @@ struct Mapping {
   DWORD protection;
 };
 
-// The mapping that holds an address, out of the kernel's list; false if none does.
+// Finds the mapping that holds an address in the kernel's list; false if there is none.
 bool find_mapping(std::uintptr_t address, Mapping& mapping) {
   Lines maps("/proc/self/maps");
   char line[256];
@@ -150,7 +150,7 @@ class File {
     return pread(file_, &record, sizeof record, static_cast<off_t>(offset)) == sizeof record;
   }
 
-  // Whether the text at that place is `text`, terminator included.
+  // Whether the file has `text` (at most 14 characters) and its terminator at `offset`.
   [[nodiscard]] bool has_text(std::uint64_t offset, const char* text) const {
     char found[16] = {};
     return pread(file_, found, sizeof found - 1, static_cast<off_t>(offset)) > 0 &&
@@ -169,7 +169,7 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
     return 0;
   }
   *region = {};
-  // Where modules are is asked of the loader: the kernel's list takes longer to read.
+  // The loader's list of modules is asked first, because the kernel's list takes longer to read.
   Module module;
   Mapping mapping;
   const bool in_module = find_module(address, module);
@@ -216,7 +216,8 @@ bool ksomd::find_native_section(const void* image, const char* name, std::uint64
   const File file(module.path[0] != '\0' ? module.path : own_file);
   Elf64_Ehdr header;
   Elf64_Shdr names;
-  // The file may have been replaced since it was loaded: the header tells.
+  // The file may have been replaced since it was loaded. If so, its header is not the one in
+  // memory.
   if (!file.read_at(0, header) || std::memcmp(image, &header, sizeof header) != 0 ||
       header.e_shentsize != sizeof names ||
       !file.read_at(header.e_shoff + header.e_shstrndx * sizeof names, names)) {

@@ -55,14 +55,15 @@ void read_registers(unw_cursor_t& cursor, CONTEXT& context) {
   }
 }
 
-// Where a walk stands, as the frame record remembers it from one call to the next.
+// The state of a walk, which the frame record keeps from one call to the next.
 enum Progress : DWORD64 {
   not_started,
-  at_instruction,  // about to execute it: the first frame, and one that a signal interrupted
-  behind_call
+  at_instruction,  // at the next instruction: the first frame, or one that a signal interrupted
+  behind_call      // at a return address
 };
 
-// Moves the registers to the frame of the caller, and `progress` with them; false if there is none.
+// Replaces the registers by those of the caller and updates `progress`. If there is no caller it
+// returns false and changes neither.
 bool step_to_caller(CONTEXT& context, DWORD64& progress) {
   unw_context_t machine;
   std::memset(&machine, 0, sizeof machine);
@@ -75,12 +76,12 @@ bool step_to_caller(CONTEXT& context, DWORD64& progress) {
   if (unw_init_local2(&cursor, &machine, flags) != 0 || unw_step(&cursor) <= 0) {
     return false;
   }
-  // After the step the unwinder says so of the frame that the signal came upon.
+  // After the step this is true if a signal interrupted the frame that the step has reached.
   const bool interrupted = unw_is_signal_frame(&cursor) > 0;
   CONTEXT caller = context;
   read_registers(cursor, caller);
-  // The stack grows down: a frame that is not above its callee's is no frame, unless the callee is
-  // a signal handler on a stack of its own.
+  // The stack grows down, so a caller's frame lies above its callee's. Only a signal handler may
+  // run on a separate stack.
   if (caller.Rip == 0 || (!interrupted && caller.Rsp <= context.Rsp)) {
     return false;
   }
@@ -155,8 +156,8 @@ BOOL SymInitialize(HANDLE, const char*, BOOL) {
   if (fails(stack_faults.sym_initialize)) {
     return false;
   }
-  // The unwinder's cache goes by address alone, but one address may be the first of a routine and
-  // the return address of a call that ends the routine before it.
+  // The unwinder's cache is keyed by address alone. But one address may be the start of a routine
+  // and also the return address of a call at the end of the routine before it.
   unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_NONE);
   ++stack_balance.symbol_handlers;
   return true;
