@@ -43,7 +43,11 @@ class Snapshot {
   }
 
  private:
-  std::uint32_t reg(Leaf leaf, Register reg) const;
+  std::uint32_t reg(Leaf leaf, Register reg) const {
+    const CpuidResult& result = leaves_[static_cast<int>(leaf)];
+    const std::uint32_t registers[] = {result.eax, result.ebx, result.ecx, result.edx};
+    return registers[static_cast<int>(reg)];
+  }
   // Whether CPUID reports the feature. Its condition is not looked at.
   bool reports(const CpuidReport& report) const {
     return (reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum;
@@ -103,21 +107,6 @@ Snapshot::Snapshot(const Processor& processor) {
   if (holds(Condition::Avx10)) {
     read(processor, Leaf::Avx10_24, 0x24, 0);
   }
-}
-
-std::uint32_t Snapshot::reg(Leaf leaf, Register reg) const {
-  const CpuidResult& result = leaves_[static_cast<int>(leaf)];
-  switch (reg) {
-    case Register::Eax:
-      return result.eax;
-    case Register::Ebx:
-      return result.ebx;
-    case Register::Ecx:
-      return result.ecx;
-    case Register::Edx:
-      return result.edx;
-  }
-  __builtin_unreachable();
 }
 
 void store(FeatureSet& set, const FeatureSet& features) {

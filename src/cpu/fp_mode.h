@@ -25,19 +25,12 @@ inline constexpr std::uint32_t bit_17 = 1u << 17;
 template <class Control>
 void set_fp_mode(Control&& control, Guarantees known, std::uint32_t flags) {
   bool denormals_are_zero = (flags & KSOMD_DENORMALS_ARE_ZERO) != 0;
-  const bool want_bit_17 = (flags & KSOMD_MXCSR_BIT_17) != 0;
-  bool bit_17 = false;
-
-  const bool doubt_denormals = denormals_are_zero && (known & KSOMD_DENORMALS_ARE_ZERO) == 0;
-  const bool doubt_bit_17 = want_bit_17 && (known & KSOMD_MXCSR_BIT_17) == 0;
-  if (doubt_denormals || doubt_bit_17) {
+  bool bit_17 = (flags & KSOMD_MXCSR_BIT_17) != 0;
+  if ((flags & ~known & (KSOMD_DENORMALS_ARE_ZERO | KSOMD_MXCSR_BIT_17)) != 0) {
     const std::uint32_t supported = control.supported();
     denormals_are_zero = denormals_are_zero && (supported & mxcsr::denormals_are_zero) != 0;
-    bit_17 = want_bit_17 && (supported & mxcsr::bit_17) != 0;
-  } else {
-    bit_17 = want_bit_17;
+    bit_17 = bit_17 && (supported & mxcsr::bit_17) != 0;
   }
-
   if ((flags & KSOMD_FLUSH_TO_ZERO) != 0) {
     control.write(control.read() | mxcsr::flush_to_zero);
   }

@@ -71,26 +71,52 @@ bool find_module(const void* address, Module& module) {
   return dl_iterate_phdr(visit_module, &module) != 0;
 }
 
-// Reads a text file piece by piece, without the heap.
-class Lines {
+class File {
  public:
-  explicit Lines(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
-  ~Lines() {
+  explicit File(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
+  ~File() {
     if (file_ >= 0) {
       close(file_);
     }
   }
-  Lines(const Lines&) = delete;
-  Lines& operator=(const Lines&) = delete;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  // Reads on from where the last call ended; 0 at the end of the file.
+  template <std::size_t size>
+  std::size_t read_next(char (&piece)[size]) const {
+    const ssize_t count = read(file_, piece, size);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+  }
+
+  template <typename Record>
+  bool read_at(std::uint64_t offset, Record& record) const {
+    return pread(file_, &record, sizeof record, static_cast<off_t>(offset)) == sizeof record;
+  }
+
+  // Whether the file has `text` (at most 14 characters) and its terminator at `offset`.
+  [[nodiscard]] bool has_text(std::uint64_t offset, const char* text) const {
+    char found[16] = {};
+    return pread(file_, found, sizeof found - 1, static_cast<off_t>(offset)) > 0 &&
+           std::strcmp(found, text) == 0;
+  }
+
+ private:
+  int file_;
+};
+
+// Reads a text file line by line, without the heap.
+class Lines {
+ public:
+  explicit Lines(const char* path) : file_(path) {}
 
   // Reads the next line and truncates it to the buffer. False at the end of the file.
   bool next(char (&line)[256]) {
     std::size_t length = 0;
     for (;;) {
       if (at_ == filled_) {
-        const ssize_t count = file_ >= 0 ? read(file_, piece_, sizeof piece_) : 0;
         at_ = 0;
-        filled_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+        filled_ = file_.read_next(piece_);
         if (filled_ == 0) {
           return false;
         }
@@ -107,7 +133,7 @@ class Lines {
   }
 
  private:
-  int file_;
+  File file_;
   char piece_[1024];
   std::size_t at_ = 0;
   std::size_t filled_ = 0;
@@ -133,33 +159,6 @@ bool find_mapping(std::uintptr_t address, Mapping& mapping) {
   }
   return false;
 }
-
-class File {
- public:
-  explicit File(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
-  ~File() {
-    if (file_ >= 0) {
-      close(file_);
-    }
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  template <typename Record>
-  bool read_at(std::uint64_t offset, Record& record) const {
-    return pread(file_, &record, sizeof record, static_cast<off_t>(offset)) == sizeof record;
-  }
-
-  // Whether the file has `text` (at most 14 characters) and its terminator at `offset`.
-  [[nodiscard]] bool has_text(std::uint64_t offset, const char* text) const {
-    char found[16] = {};
-    return pread(file_, found, sizeof found - 1, static_cast<off_t>(offset)) > 0 &&
-           std::strcmp(found, text) == 0;
-  }
-
- private:
-  int file_;
-};
 
 }  // namespace
 

@@ -23,28 +23,25 @@ bool fails(DWORD code) {
   return code != 0;
 }
 
-// Where a general register stands in the two records.
+// A general register: in a CONTEXT, in libunwind, and in the system's own context, where libunwind
+// starts.
 struct Register {
   DWORD64 CONTEXT::* in_context;
   unw_regnum_t number;
+  int greg;
 };
 
 constexpr Register registers[] = {
-    {&CONTEXT::Rax, UNW_X86_64_RAX}, {&CONTEXT::Rcx, UNW_X86_64_RCX},
-    {&CONTEXT::Rdx, UNW_X86_64_RDX}, {&CONTEXT::Rbx, UNW_X86_64_RBX},
-    {&CONTEXT::Rsp, UNW_X86_64_RSP}, {&CONTEXT::Rbp, UNW_X86_64_RBP},
-    {&CONTEXT::Rsi, UNW_X86_64_RSI}, {&CONTEXT::Rdi, UNW_X86_64_RDI},
-    {&CONTEXT::R8, UNW_X86_64_R8},   {&CONTEXT::R9, UNW_X86_64_R9},
-    {&CONTEXT::R10, UNW_X86_64_R10}, {&CONTEXT::R11, UNW_X86_64_R11},
-    {&CONTEXT::R12, UNW_X86_64_R12}, {&CONTEXT::R13, UNW_X86_64_R13},
-    {&CONTEXT::R14, UNW_X86_64_R14}, {&CONTEXT::R15, UNW_X86_64_R15},
-    {&CONTEXT::Rip, UNW_X86_64_RIP},
+    {&CONTEXT::Rax, UNW_X86_64_RAX, REG_RAX}, {&CONTEXT::Rcx, UNW_X86_64_RCX, REG_RCX},
+    {&CONTEXT::Rdx, UNW_X86_64_RDX, REG_RDX}, {&CONTEXT::Rbx, UNW_X86_64_RBX, REG_RBX},
+    {&CONTEXT::Rsp, UNW_X86_64_RSP, REG_RSP}, {&CONTEXT::Rbp, UNW_X86_64_RBP, REG_RBP},
+    {&CONTEXT::Rsi, UNW_X86_64_RSI, REG_RSI}, {&CONTEXT::Rdi, UNW_X86_64_RDI, REG_RDI},
+    {&CONTEXT::R8, UNW_X86_64_R8, REG_R8},    {&CONTEXT::R9, UNW_X86_64_R9, REG_R9},
+    {&CONTEXT::R10, UNW_X86_64_R10, REG_R10}, {&CONTEXT::R11, UNW_X86_64_R11, REG_R11},
+    {&CONTEXT::R12, UNW_X86_64_R12, REG_R12}, {&CONTEXT::R13, UNW_X86_64_R13, REG_R13},
+    {&CONTEXT::R14, UNW_X86_64_R14, REG_R14}, {&CONTEXT::R15, UNW_X86_64_R15, REG_R15},
+    {&CONTEXT::Rip, UNW_X86_64_RIP, REG_RIP},
 };
-
-// The same registers in the system's own context, where libunwind starts.
-constexpr int greg_of_register[] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP,
-                                    REG_RSI, REG_RDI, REG_R8,  REG_R9,  REG_R10, REG_R11,
-                                    REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
 
 void read_registers(unw_cursor_t& cursor, CONTEXT& context) {
   for (const Register& each : registers) {
@@ -67,9 +64,8 @@ enum Progress : DWORD64 {
 bool step_to_caller(CONTEXT& context, DWORD64& progress) {
   unw_context_t machine;
   std::memset(&machine, 0, sizeof machine);
-  for (std::size_t i = 0; i < sizeof registers / sizeof registers[0]; ++i) {
-    machine.uc_mcontext.gregs[greg_of_register[i]] =
-        static_cast<greg_t>(context.*registers[i].in_context);
+  for (const Register& each : registers) {
+    machine.uc_mcontext.gregs[each.greg] = static_cast<greg_t>(context.*each.in_context);
   }
   unw_cursor_t cursor;
   const int flags = progress == behind_call ? 0 : UNW_INIT_SIGNAL_FRAME;
