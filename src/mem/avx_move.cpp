@@ -135,8 +135,8 @@ class VariableShift {
   return result;
 }
 
-// Moves the last n bytes of a long move, at most a block. None of them has been moved yet: their
-// neighbours' source may already be overwritten, so no byte is moved twice.
+// Moves the last n bytes of a long move, at most a block. None of them has been moved yet, and none
+// may be moved twice: the source of bytes already moved may be overwritten by now.
 template <class Direction>
 [[gnu::noinline]] void* finish(Byte* d, const Byte* s, size_t n, void* result) {
   d = Direction::lowest(d, n);

@@ -176,7 +176,7 @@ template <class Piece, size_t count>
 }
 
 // For n from one to four times the size of Piece: two pieces at the start and two at the end cover
-// the range. Up to twice the size each pair is one and the same piece. So one piece of code serves
+// the range. Up to twice the size the pieces of each pair coincide. So one piece of code serves
 // many sizes without a branch.
 //
 //   |<- piece ->|<- piece ->|   ...   |<- piece ->|<- piece ->|

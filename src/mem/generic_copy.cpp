@@ -66,8 +66,8 @@ struct BackwardTail {
 constexpr size_t longest_tail = 176;  // up to here, once d is aligned to 8, there is no loop
 constexpr size_t longest_backward_tail = 144;
 
-constexpr auto& byte_tail = code_table<ByteTail, 184>;
-constexpr auto& backward_tail = code_table<BackwardTail, 152>;
+constexpr auto& byte_tail = code_table<ByteTail, longest_tail + 1>;
+constexpr auto& backward_tail = code_table<BackwardTail, longest_backward_tail + 1>;
 
 // Copies up to the next multiple of 8 in pieces of 1, 2 and 4 bytes. All are loaded before any is
 // stored.
@@ -195,6 +195,19 @@ template <class Piece>
   copy_piece<Piece>(d, s);
 }
 
+// Blocks of eight pieces while one is left, a pair of pieces at a time.
+template <class Piece, Access to>
+[[gnu::always_inline]] inline void move_blocks_down(Byte*& d, const Byte*& s, size_t& n) {
+  do {
+#pragma clang loop unroll(full)
+    for (int pair = 0; pair < 4; ++pair) {
+      d -= 2 * Piece::size, s -= 2 * Piece::size;
+      copy_group<Piece, 2, Access::Unaligned, to>(d, s);
+    }
+    n -= 8 * Piece::size;
+  } while (n >= 8 * Piece::size);
+}
+
 void* move_descending(Byte* d, const Byte* s, size_t n, void* result) {
   if (offset_in(2, d) != 0) {
     move_down<Piece1>(d, s, n);
@@ -212,23 +225,9 @@ void* move_descending(Byte* d, const Byte* s, size_t n, void* result) {
     if (offset_in(16, d) != 0) {
       move_down<Piece8>(d, s, n);
     }
-    do {
-#pragma clang loop unroll(full)
-      for (int pair = 0; pair < 4; ++pair) {
-        d -= 32, s -= 32;
-        copy_group<Piece16, 2, Access::Unaligned, Access::Aligned>(d, s);
-      }
-      n -= 128;
-    } while (n >= 128);
+    move_blocks_down<Piece16, Access::Aligned>(d, s, n);
   } else {
-    do {
-#pragma clang loop unroll(full)
-      for (int pair = 0; pair < 4; ++pair) {
-        d -= 16, s -= 16;
-        copy_group<Piece8, 2, Access::Unaligned, Access::Unaligned>(d, s);
-      }
-      n -= 64;
-    } while (n >= 64);
+    move_blocks_down<Piece8, Access::Unaligned>(d, s, n);
   }
   return backward_tail[n](d, s, result);
 }

@@ -7,25 +7,28 @@
 namespace ksomd::mem {
 namespace {
 
-// Writes n bytes to the destination with ordinary stores of at most 16 bytes, and advances it.
-[[gnu::always_inline]] inline void write_bytes(__libkso_nt_context& context, const Byte* s,
-                                               size_t n) {
-  auto* d = static_cast<Byte*>(context.destination);
-  context.destination = d + n;
+// Ordinary stores of at most 16 bytes.
+[[gnu::always_inline]] inline void copy_pieces(Byte* d, const Byte* s, size_t n) {
   for (; n >= 16; d += 16, s += 16, n -= 16) {
     copy_piece<Piece16>(d, s);
   }
   copy_below<Piece16>(d, s, n);
 }
 
+// Writes n bytes to the destination with ordinary stores of at most 16 bytes, and advances it.
+[[gnu::always_inline]] inline void write_bytes(__libkso_nt_context& context, const Byte* s,
+                                               size_t n) {
+  auto* d = static_cast<Byte*>(context.destination);
+  context.destination = d + n;
+  copy_pieces(d, s, n);
+}
+
+// Appends n bytes to those that wait.
 [[gnu::always_inline]] inline void stage_bytes(__libkso_nt_context& context, const Byte* s,
                                                size_t n) {
-  Byte* d = context.staging + context.pending;
+  Byte* const d = context.staging + context.pending;
   context.pending += n;
-  for (; n >= 16; d += 16, s += 16, n -= 16) {
-    copy_piece<Piece16>(d, s);
-  }
-  copy_below<Piece16>(d, s, n);
+  copy_pieces(d, s, n);
 }
 
 template <class Line, size_t lines>

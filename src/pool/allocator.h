@@ -105,8 +105,8 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
     // acquire: pairs with the publication in create
     for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = older(pool)) {
       // relaxed: a thread that holds a block of this pool got it after base was set. For a block of
-      // no pool, or of another one, the answer is no in either case, whether base is null or the
-      // region
+      // no pool, or of another one, the answer is no in either case, whether base reads as null
+      // or as the region
       const std::byte* const base = Words::load_relaxed(pool->base);
       if (base != nullptr && base <= address && address <= pool->last) {
         return pool;
@@ -320,31 +320,30 @@ const char* Allocator<Runtime>::broken_invariant() const {
   for (std::int32_t i = 0; i < pool_count_; ++i) {
     const Pool& pool = pools_[i];
     const std::byte* const region = pool.base != nullptr ? pool.base : pool.saved;
-    if (pool.next != older) {
-      return "next = the pool created before";
-    }
-    older = &pool;
     if (region == nullptr) {
       return "base or saved not null";
     }
-    if (pool.base != nullptr && pool.saved != nullptr && pool.saved != pool.base) {
-      return "base = region, saved = region";
+    const struct {
+      bool holds;
+      const char* invariant;
+    } checks[] = {
+        {pool.next == older, "next = the pool created before"},
+        {pool.base == nullptr || pool.saved == nullptr || pool.saved == pool.base,
+         "base = region, saved = region"},
+        {pool.capacity == Runtime::capacity(pool.size), "capacity follows from size"},
+        {pool.last == region + static_cast<std::uint64_t>(pool.capacity - 1) * pool.size,
+         "last = region + (capacity - 1) * size"},
+        {pool.next_index >= 1 && pool.next_index <= pool.capacity, "1 <= next_index <= capacity"},
+        {pool.freed <= static_cast<std::uint32_t>(pool.next_index), "freed <= next_index"},
+        {(pool.base == nullptr) == (pool.freed == static_cast<std::uint32_t>(pool.capacity)),
+         "released <=> freed = capacity"},
+    };
+    for (const auto& check : checks) {
+      if (!check.holds) {
+        return check.invariant;
+      }
     }
-    if (pool.capacity != Runtime::capacity(pool.size)) {
-      return "capacity follows from size";
-    }
-    if (pool.last != region + static_cast<std::uint64_t>(pool.capacity - 1) * pool.size) {
-      return "last = region + (capacity - 1) * size";
-    }
-    if (pool.next_index < 1 || pool.next_index > pool.capacity) {
-      return "1 <= next_index <= capacity";
-    }
-    if (pool.freed > static_cast<std::uint32_t>(pool.next_index)) {
-      return "freed <= next_index";
-    }
-    if ((pool.base == nullptr) != (pool.freed == static_cast<std::uint32_t>(pool.capacity))) {
-      return "released <=> freed = capacity";
-    }
+    older = &pool;
     lowest = lowest == nullptr || region < lowest ? region : lowest;
     highest = pool.last > highest ? pool.last : highest;
   }

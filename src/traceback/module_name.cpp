@@ -1,5 +1,6 @@
 #include "traceback/module_name.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ksomd/traceback.h"
@@ -11,10 +12,6 @@ namespace {
 constexpr std::size_t longest_part = 255;
 constexpr DWORD query_and_read = PROCESS_QUERY_INFORMATION | PROCESS_VM_READ;
 static_assert(query_and_read == 0x410);
-
-std::size_t smaller(std::size_t a, std::size_t b) {
-  return a < b ? a : b;
-}
 
 // The full path of the module that holds an address.
 bool module_path(std::uint64_t address, char* path, DWORD size) {
@@ -58,14 +55,11 @@ void write_module_name(const char* path, char* name, std::size_t size) {
   }
   const char* file = file_name_of(path);
   const char* end = file + std::strlen(file);
-  const char* dot = std::strrchr(file, '.');
-  if (dot == nullptr) {
-    dot = end;
-  }
-  const std::size_t stem =
-      smaller(smaller(static_cast<std::size_t>(dot - file), longest_part), size - 1);
+  const char* last_dot = std::strrchr(file, '.');
+  const char* dot = last_dot != nullptr ? last_dot : end;
+  const std::size_t stem = std::min({static_cast<std::size_t>(dot - file), longest_part, size - 1});
   const std::size_t extension =
-      smaller(smaller(static_cast<std::size_t>(end - dot), longest_part), size - 1 - stem);
+      std::min({static_cast<std::size_t>(end - dot), longest_part, size - 1 - stem});
   std::memcpy(name, file, stem);
   std::memcpy(name + stem, dot, extension);
   name[stem + extension] = '\0';

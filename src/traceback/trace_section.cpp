@@ -96,30 +96,15 @@ bool take_file(Bytes& rest, Bytes& name) {
   return true;
 }
 
-// The items of a block: what follows its source-file entries. Each entry takes two bytes or more,
-// so a false count ends with the bytes.
-bool skip_files(const Block& block, Bytes& items) {
-  items = block.files;
-  Bytes name;
-  for (std::uint64_t i = 0; i < block.file_count; ++i) {
-    if (!take_file(items, name)) {
+// Takes `count` source-file entries off the front of `rest`; `name` becomes the last one's. An
+// entry has at least two bytes, so a wrong count stops where the bytes end.
+bool take_files(Bytes& rest, std::uint64_t count, Bytes& name) {
+  for (; count > 0; --count) {
+    if (!take_file(rest, name)) {
       return false;
     }
   }
   return true;
-}
-
-bool nth_file(const Block& block, std::uint64_t index, Bytes& name) {
-  Bytes rest = block.files;
-  for (std::uint64_t i = 0; i < block.file_count; ++i) {
-    if (!take_file(rest, name)) {
-      return false;
-    }
-    if (i == index) {
-      return true;
-    }
-  }
-  return false;
 }
 
 struct State {
@@ -147,7 +132,11 @@ bool decode_routine(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, std:
   return true;
 }
 
-enum class Step { GoOn, Test, Fail };
+enum class Step {
+  GoOn,
+  Test,  // compare the address with the one that is looked up
+  Fail
+};
 
 // Decodes the item at the front of `rest`. All of its `size` bytes are there.
 Step decode_item(Item item, Bytes rest, std::uint64_t pc, std::uint64_t adjustment,
@@ -207,8 +196,12 @@ bool decode_items(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, State&
 
 bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location& location) {
   Block block;
-  Bytes items;
-  if (!find_block(section, pc, bias, block) || !skip_files(block, items)) {
+  if (!find_block(section, pc, bias, block)) {
+    return false;
+  }
+  Bytes items = block.files;
+  Bytes last_file;
+  if (!take_files(items, block.file_count, last_file)) {
     return false;
   }
   State state = {.address = block.adjustment};
@@ -218,7 +211,8 @@ bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location
   location.routine = state.routine;
   location.routine_known = state.routine_known;
   location.line = state.line;
-  location.file_known = nth_file(block, state.file, location.file);
+  location.file_known =
+      state.file < block.file_count && take_files(block.files, state.file + 1, location.file);
   return true;
 }
 
