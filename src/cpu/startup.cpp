@@ -69,22 +69,6 @@ void verify(const Level& level, std::uint32_t flags) {
   __builtin_unreachable();
 }
 
-// A text that grows in a buffer of fixed size. The caller makes sure that it fits.
-class List {
- public:
-  explicit List(char* text) : end_(text), start_(text) { *end_ = '\0'; }
-  std::size_t length() const { return static_cast<std::size_t>(end_ - start_); }
-  void append(const char* text) {
-    const std::size_t length = std::strlen(text);
-    std::memcpy(end_, text, length + 1);
-    end_ += length;
-  }
-
- private:
-  char* end_;
-  char* start_;
-};
-
 // Prints a message between two empty lines and ends the process.
 [[noreturn]] void fail_check(std::uint32_t number, const char* argument = nullptr) {
   __libkso_print(1, message::empty_line, 0);
@@ -101,8 +85,14 @@ const std::size_t level_count = sizeof levels / sizeof *levels;
 
 bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[feature_list_size]) {
   constexpr const char* separator = ", ";
-  List text(list);
-  const char* pending = nullptr;
+  char* end = list;
+  *end = '\0';
+  const auto append = [&end](const char* text) {
+    const std::size_t length = std::strlen(text);
+    std::memcpy(end, text, length + 1);
+    end += length;
+  };
+  const char* pending = nullptr;  // the latest name: what goes before it depends on the next
   for (std::int32_t id = 1; id < isa_id_count; ++id) {
     if (__orvex_test_feature(missing, id) != 1) {
       continue;
@@ -111,25 +101,25 @@ bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[f
     if (name == nullptr || *name == '\0') {
       return false;
     }
-    if (text.length() == 0) {
-      text.append(name);
+    if (end == list) {
+      append(name);
       continue;
     }
     if (pending != nullptr) {
       // `name` may turn out to be the last name, so there must still be room for it and the joiner.
-      const std::size_t closed = text.length() + std::strlen(separator) + std::strlen(pending) +
-                                 std::strlen(joiner) + std::strlen(name);
+      const std::size_t closed = static_cast<std::size_t>(end - list) + std::strlen(separator) +
+                                 std::strlen(pending) + std::strlen(joiner) + std::strlen(name);
       if (closed > feature_list_size - 1) {
         break;
       }
-      text.append(separator);
-      text.append(pending);
+      append(separator);
+      append(pending);
     }
     pending = name;
   }
   if (pending != nullptr) {
-    text.append(joiner);
-    text.append(pending);
+    append(joiner);
+    append(pending);
   }
   return true;
 }

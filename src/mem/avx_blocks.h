@@ -8,35 +8,13 @@
 namespace ksomd::mem {
 namespace {
 
-struct Piece32 {
+struct Ymm {
   using Value = __m256i;
-  using Half = Piece16;
-  static constexpr size_t size = 32;
-
-  [[gnu::always_inline]] static Value pattern(std::uint64_t bytes) {
-    return _mm256_set1_epi64x(static_cast<long long>(bytes));
-  }
-  template <Access access>
-  [[gnu::always_inline]] static Value load(const Byte* p) {
-    const auto* block = reinterpret_cast<const __m256i_u*>(p);
-    if constexpr (access == Access::Aligned) {
-      return _mm256_load_si256(reinterpret_cast<const Value*>(block));
-    } else {
-      return _mm256_loadu_si256(block);
-    }
-  }
-  template <Access access>
-  [[gnu::always_inline]] static void store(Byte* p, Value value) {
-    auto* block = reinterpret_cast<__m256i_u*>(p);
-    if constexpr (access == Access::NonTemporal) {
-      _mm256_stream_si256(reinterpret_cast<Value*>(block), value);
-    } else if constexpr (access == Access::Aligned) {
-      _mm256_store_si256(reinterpret_cast<Value*>(block), value);
-    } else {
-      _mm256_storeu_si256(block, value);
-    }
-  }
+  using Unaligned = __m256i_u;
+  [[gnu::always_inline]] static Value pattern(long long word) { return _mm256_set1_epi64x(word); }
+  [[gnu::always_inline]] static void stream(Value* p, Value v) { _mm256_stream_si256(p, v); }
 };
+using Piece32 = VectorPiece<Ymm, Piece16>;
 
 // Clears the upper halves of the vector registers, as the last step of a routine. It is not the
 // intrinsic, which counts as a change of the vector registers that Windows wants preserved: each

@@ -55,35 +55,45 @@ using Piece2 = Scalar<std::uint16_t, Piece1>;
 using Piece4 = Scalar<std::uint32_t, Piece2>;
 using Piece8 = Scalar<std::uint64_t, Piece4>;
 
-struct Piece16 {
-  using Value = __m128i;
-  using Half = Piece8;
-  static constexpr size_t size = 16;
+// A vector register as a piece. `Register` has the vector's type, the same type at any alignment,
+// and the intrinsics whose names depend on the width.
+template <class Register, class HalfPiece>
+struct VectorPiece {
+  using Value = Register::Value;
+  using Unaligned = Register::Unaligned;
+  using Half = HalfPiece;
+  static constexpr size_t size = sizeof(Value);
 
   [[gnu::always_inline]] static Value pattern(std::uint64_t bytes) {
-    return _mm_set1_epi64x(static_cast<long long>(bytes));
+    return Register::pattern(static_cast<long long>(bytes));
   }
   template <Access access>
   [[gnu::always_inline]] static Value load(const Byte* p) {
-    const auto* block = reinterpret_cast<const __m128i_u*>(p);
     if constexpr (access == Access::Aligned) {
-      return _mm_load_si128(reinterpret_cast<const Value*>(block));
+      return *reinterpret_cast<const Value*>(p);
     } else {
-      return _mm_loadu_si128(block);
+      return *reinterpret_cast<const Unaligned*>(p);
     }
   }
   template <Access access>
   [[gnu::always_inline]] static void store(Byte* p, Value value) {
-    auto* block = reinterpret_cast<__m128i_u*>(p);
     if constexpr (access == Access::NonTemporal) {
-      _mm_stream_si128(reinterpret_cast<Value*>(block), value);
+      Register::stream(reinterpret_cast<Value*>(p), value);
     } else if constexpr (access == Access::Aligned) {
-      _mm_store_si128(reinterpret_cast<Value*>(block), value);
+      *reinterpret_cast<Value*>(p) = value;
     } else {
-      _mm_storeu_si128(block, value);
+      *reinterpret_cast<Unaligned*>(p) = value;
     }
   }
 };
+
+struct Xmm {
+  using Value = __m128i;
+  using Unaligned = __m128i_u;
+  [[gnu::always_inline]] static Value pattern(long long word) { return _mm_set1_epi64x(word); }
+  [[gnu::always_inline]] static void stream(Value* p, Value v) { _mm_stream_si128(p, v); }
+};
+using Piece16 = VectorPiece<Xmm, Piece8>;
 
 // ---- addresses ----------------------------------------------------------------------------------
 
@@ -220,6 +230,14 @@ template <class Piece>
   } else if constexpr (Half::size > 1) {
     copy_below<Half>(d, s, n);
   }
+}
+
+// Copies n bytes, lowest first, with ordinary stores of at most 16 bytes.
+[[gnu::always_inline]] inline void copy_by_16(Byte* d, const Byte* s, size_t n) {
+  for (; n >= 16; d += 16, s += 16, n -= 16) {
+    copy_piece<Piece16>(d, s);
+  }
+  copy_below<Piece16>(d, s, n);
 }
 
 template <class Piece>

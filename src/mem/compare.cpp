@@ -196,17 +196,13 @@ struct CompareTail {
 
   template <size_t n, class Piece>
   [[gnu::always_inline]] static void compare_pieces(const Byte* a, const Byte* b, int& result) {
-    if constexpr (n >= Piece::size) {
-      if constexpr (n > Piece::size) {
-        if (!differ<Piece>(a, b, result)) {
-          compare_pieces<n - Piece::size, typename Piece::Half>(a + Piece::size, b + Piece::size,
-                                                                result);
-        }
-      } else {
-        differ<Piece>(a, b, result);
-      }
-    } else if constexpr (n > 0) {
+    if constexpr (n == 0) {
+      return;
+    } else if constexpr (n < Piece::size) {
       compare_pieces<n, typename Piece::Half>(a, b, result);
+    } else if (!differ<Piece>(a, b, result)) {
+      compare_pieces<n - Piece::size, typename Piece::Half>(a + Piece::size, b + Piece::size,
+                                                            result);
     }
   }
 };

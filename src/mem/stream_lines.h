@@ -7,20 +7,12 @@
 namespace ksomd::mem {
 namespace {
 
-// Ordinary stores of at most 16 bytes.
-[[gnu::always_inline]] inline void copy_pieces(Byte* d, const Byte* s, size_t n) {
-  for (; n >= 16; d += 16, s += 16, n -= 16) {
-    copy_piece<Piece16>(d, s);
-  }
-  copy_below<Piece16>(d, s, n);
-}
-
 // Writes n bytes to the destination with ordinary stores of at most 16 bytes, and advances it.
 [[gnu::always_inline]] inline void write_bytes(__libkso_nt_context& context, const Byte* s,
                                                size_t n) {
   auto* d = static_cast<Byte*>(context.destination);
   context.destination = d + n;
-  copy_pieces(d, s, n);
+  copy_by_16(d, s, n);
 }
 
 // Appends n bytes to those that wait.
@@ -28,7 +20,7 @@ namespace {
                                                size_t n) {
   Byte* const d = context.staging + context.pending;
   context.pending += n;
-  copy_pieces(d, s, n);
+  copy_by_16(d, s, n);
 }
 
 template <class Line, size_t lines>
