@@ -84,7 +84,7 @@ typedef struct ksomd_c8 {
  * The r8 entries take the packed path on a processor with X87, CMOV, MMX, SSE and SSE2, everything
  * else the portable one. The features are read once per process (ksomd/processor.h).
  *
- * C and C++ compilers that know complex types may pass them through a pointer conversion. */
+ * A program may pass pointers to its compiler's own complex types, converted to these. */
 #define KSOMD_MATMUL_DECLARE(code, element, a, b)                                             \
   KSOMD_API void _MATMUL_##code##_##a##_##b(const element* A, const element* B, element* P,   \
                                             uint64_t m, uint64_t k, uint64_t n, uint64_t lda, \

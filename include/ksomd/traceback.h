@@ -45,14 +45,14 @@ typedef int32_t (*ksomd_frame_callback)(const void* frame, void* user, int32_t s
  * tbk_geterrorstring() then says the same in words.
  *
  * `context` is a CONTEXT to start from, such as that of a fault; it is copied, and no frame is
- * marked to be skipped. Null: the walk starts at the walk routine itself, and the leading `skip`
- * frames are marked if `direct` is not 0, else the leading five.
+ * marked to be skipped. If it is null, the walk starts at the walk routine itself. Then the leading
+ * `skip` frames are marked if `direct` is not 0, else the leading five.
  *
  * The walk ends with the frame that has no return address, after that frame was handed over. An
  * exception inside the callback or the system's walker (on Linux: SIGSEGV, SIGBUS, SIGFPE, SIGILL
- * or SIGTRAP on this thread) ends the walk; it does not reach the caller, and the handlers that
- * were there before are in place again when the walk returns. A C++ exception is such an exception
- * on Windows; on Linux a callback must not let one out. */
+ * or SIGTRAP on this thread) ends the walk and does not reach the caller. The handlers that were
+ * there before are in place again when the walk returns. On Windows all of this holds for C++
+ * exceptions too; on Linux a callback must not let one out. */
 KSOMD_API uint32_t tbk_trace_stack_impl(const void* context, void* user,
                                         ksomd_frame_callback callback, uint32_t direct,
                                         uint32_t skip);

@@ -1,6 +1,6 @@
-// Numbered messages: their texts, their translation by a catalogue, and the library's output, all
-// of which goes to standard output. Nothing here is thread-safe: each routine that returns or
-// writes a formatted text has a static buffer.
+// Numbered messages: their texts, their translation by a catalogue, and their output. The library
+// writes to standard output only. Nothing here is thread-safe: each routine that returns or writes
+// a formatted text has a static buffer.
 #pragma once
 
 #include <cstddef>

@@ -13,6 +13,8 @@ namespace {
 constexpr char overflow_notice[] = "\nStack trace buffer overflow; further frames not shown.\n";
 constexpr std::size_t notice_size = sizeof overflow_notice;
 
+constexpr char table_heading[] =
+    "Image              PC                Routine            Line        Source             \n";
 constexpr char detailed_heading[] = "\n\nTraceback symbolic or hex stack dump follows:\n\n";
 
 // What the dump routine and its frame callback share. The text of frames goes to the first
@@ -57,13 +59,8 @@ bool write(DumpState& dump, const char* text, std::size_t length) {
 }
 
 bool write_heading(DumpState& dump) {
-  if (dump.detailed) {
-    return write(dump, detailed_heading, sizeof detailed_heading - 1);
-  }
-  Entry line;
-  const int length = std::snprintf(line, sizeof line, "%-19.19s%-18.18s%-19.19s%-12.12s%-19.19s\n",
-                                   "Image", "PC", "Routine", "Line", "Source");
-  return write(dump, line, static_cast<std::size_t>(length));
+  return dump.detailed ? write(dump, detailed_heading, sizeof detailed_heading - 1)
+                       : write(dump, table_heading, sizeof table_heading - 1);
 }
 
 bool write_table_entry(DumpState& dump, const FrameDescription& frame) {

@@ -16,15 +16,19 @@ namespace {
 constexpr std::uintptr_t page_size = 4096;
 constexpr const char* own_file = "/proc/self/exe";
 
+// Neighbouring pages with one protection.
+struct Mapping {
+  std::uintptr_t first, end;
+  DWORD protection;
+};
+
 // An ELF module as it lies in memory: from its first loaded page to its last.
 struct Module {
   std::uintptr_t address;  // the address that is looked up
   std::uintptr_t first, end;
   std::uintptr_t bias;  // what the loader added to the file's addresses
   const char* path;     // empty for the program itself
-  // The pages of the segment that holds the address; 0 if none does.
-  std::uintptr_t segment_first, segment_end;
-  DWORD protection;
+  Mapping segment;      // the one that holds the address; all 0 if none does
 };
 
 // The library never asks whether memory may be written.
@@ -48,10 +52,9 @@ int visit_module(dl_phdr_info* info, std::size_t, void* data) {
       first = start < first ? start : first;
       end = stop > end ? stop : end;
       if (wanted.address >= start && wanted.address < stop) {
-        wanted.segment_first = start;
-        wanted.segment_end = stop;
-        wanted.protection =
-            protection_of((segment.p_flags & PF_R) != 0, (segment.p_flags & PF_X) != 0);
+        wanted.segment = {
+            start, stop,
+            protection_of((segment.p_flags & PF_R) != 0, (segment.p_flags & PF_X) != 0)};
       }
     }
   }
@@ -139,11 +142,6 @@ class Lines {
   std::size_t filled_ = 0;
 };
 
-struct Mapping {
-  std::uintptr_t first, end;
-  DWORD protection;
-};
-
 // Finds the mapping that holds an address in the kernel's list; false if there is none.
 bool find_mapping(std::uintptr_t address, Mapping& mapping) {
   Lines maps("/proc/self/maps");
@@ -172,8 +170,8 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
   Module module;
   Mapping mapping;
   const bool in_module = find_module(address, module);
-  if (in_module && module.segment_end != 0) {
-    mapping = {module.segment_first, module.segment_end, module.protection};
+  if (in_module && module.segment.end != 0) {
+    mapping = module.segment;
   } else if (!find_mapping(reinterpret_cast<std::uintptr_t>(address), mapping)) {
     region->State = MEM_FREE;
     return size;
@@ -209,14 +207,14 @@ bool ksomd::find_native_section(const void* image, const char* name, std::uint64
                                 std::uint64_t& size) {
   Module module;
   if (!find_module(image, module) || image != reinterpret_cast<void*>(module.first) ||
-      (module.protection & (PAGE_READONLY | PAGE_EXECUTE_READ)) == 0) {
+      (module.segment.protection & (PAGE_READONLY | PAGE_EXECUTE_READ)) == 0) {
     return false;
   }
   const File file(module.path[0] != '\0' ? module.path : own_file);
   Elf64_Ehdr header;
   Elf64_Shdr names;
-  // The file may have been replaced since it was loaded. If so, its header is not the one in
-  // memory.
+  // The file may have been replaced since it was loaded. Its header is compared with the one in
+  // memory to notice that.
   if (!file.read_at(0, header) || std::memcmp(image, &header, sizeof header) != 0 ||
       header.e_shentsize != sizeof names ||
       !file.read_at(header.e_shoff + header.e_shstrndx * sizeof names, names)) {
