@@ -149,9 +149,9 @@ void record_descriptor(const Processor& processor, std::uint8_t byte, CacheInfo&
   if (found.level == 0) {
     return;
   }
-  const bool moved = byte == level_2_or_3 && is_family_15_model_6(processor);
-  info.level[moved ? 2 : found.level - 1] = {found.size_kib, found.line, found.partitions,
-                                             found.ways};
+  const bool is_level_3 = byte == level_2_or_3 && is_family_15_model_6(processor);
+  info.level[is_level_3 ? 2 : found.level - 1] = {found.size_kib, found.line, found.partitions,
+                                                  found.ways};
 }
 
 void read_leaf_2(const Processor& processor, CacheInfo& info) {

@@ -88,12 +88,12 @@ void run_walk(void* argument) {
     }
     const std::int32_t skip = walk.skip > 0 ? 1 : 0;
     walk.skip -= static_cast<std::uint32_t>(skip);
-    const std::int32_t wish = walk.callback(&walk.frame, walk.user, skip);
-    if (wish == KSOMD_FRAME_OVERFLOW) {
+    const std::int32_t answer = walk.callback(&walk.frame, walk.user, skip);
+    if (answer == KSOMD_FRAME_OVERFLOW) {
       walk.status = KSOMD_WALK_OVERFLOW;
       return;
     }
-    if (wish == KSOMD_FRAME_STOP || walk.frame.AddrReturn.Offset == 0) {
+    if (answer == KSOMD_FRAME_STOP || walk.frame.AddrReturn.Offset == 0) {
       walk.status = KSOMD_WALK_DONE;
       return;
     }
