@@ -70,7 +70,7 @@ class MatrixView {
   /// Columns without gaps.
   constexpr MatrixView(T* data, std::uint64_t rows, std::uint64_t columns) noexcept
       : MatrixView(data, rows, columns, rows) {}
-  /// A view to read from, of one to write to.
+  /// A view for reading, from one for writing.
   constexpr operator MatrixView<const T>() const noexcept
     requires(!std::is_const_v<T>)
   {

@@ -137,13 +137,14 @@ KSOMD_API void __cdivq(cquad128* r, const quad128* a_re, const quad128* a_im, co
                        const quad128* b_im);
 KSOMD_API void __cnegq(cquad128* r, const quad128* a_re, const quad128* a_im);
 
-/* 1 if both parts are `__eqq`; 1 if either is `__neq`. */
+/* `__ceqq` is 1 if `__eqq` holds for both parts; `__cneq` is 1 if `__neq` holds for either. */
 KSOMD_API int32_t __ceqq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                          const quad128* b_im);
 KSOMD_API int32_t __cneq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                          const quad128* b_im);
 
-/* 1 (0) if both parts are the same bits: -0 differs from +0, and a NaN equals itself. */
+/* `a_ceqq` is 1 and `a_cneq` is 0 if both parts have the same bits: -0 differs from +0, and a NaN
+ * equals itself. */
 KSOMD_API int32_t a_ceqq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                          const quad128* b_im);
 KSOMD_API int32_t a_cneq(const quad128* a_re, const quad128* a_im, const quad128* b_re,

@@ -113,7 +113,7 @@ constexpr void write_special(Writer& out, const quad128& bits) noexcept {
   out.put(')');
 }
 
-// count 0: the shortest digits
+// Writes `a` with `count` significant digits, or with the fewest that suffice if `count` is 0.
 constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int count) noexcept {
   Writer out(first, last);
   if (signbit(a)) {
@@ -130,7 +130,7 @@ constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int
   if (field != 0) {
     significand |= static_cast<uint128>(1) << 112;
   }
-  Digits digits = {{}, count == 0 ? 1 : count, 1};  // of zero
+  Digits digits = {{}, count == 0 ? 1 : count, 1};  // the digits of zero
   for (char& digit : digits.digit) {
     digit = '0';
   }
@@ -302,11 +302,11 @@ constexpr bool is_octal(std::string_view literal) noexcept {
 /// @endcond
 
 /// Writes `a` to [first, last) with the fewest significant digits, at most 36, from which
-/// from_chars gives `a` again, the nearest such text to it, ties to even. No terminator. Numbers
-/// from 1e-5 up to below 1e36 are written plainly ("0.001", "1500"), others as "1.5e+300".
-/// Infinities are "inf", the usual quiet NaN "nan", other NaNs "nan(0x...)" with their 28
-/// hexadecimal fraction digits; all with "-" if the sign bit is set. Result as of std::to_chars;
-/// quad_text_size characters always suffice.
+/// from_chars gives `a` again. Of several such texts it is the one nearest to `a`, ties to even.
+/// There is no terminator. Numbers from 1e-5 up to below 1e36 are written plainly ("0.001",
+/// "1500"), others as "1.5e+300". Infinities are "inf", the usual quiet NaN "nan", other NaNs
+/// "nan(0x...)" with their 28 hexadecimal fraction digits; all with "-" if the sign bit is set. The
+/// result is as of std::to_chars; quad_text_size characters always suffice.
 constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a) noexcept {
   return decimal::write(first, last, a, 0);
 }
@@ -324,10 +324,11 @@ constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a,
 
 /// Reads a number from the start of [first, last): "-" or nothing, then decimal digits with or
 /// without a point and an exponent ("12", ".5", "1.25e-300"), "inf", "infinity", "nan" or
-/// "nan(0x...)", in either case. Any number of digits; rounded once, to nearest with ties to even.
-/// Result as of std::from_chars: the end of what was read, and std::errc::invalid_argument with
-/// `a` untouched if that is nothing. A number that rounds to infinity, or to zero without being
-/// zero, is stored so, with std::errc::result_out_of_range.
+/// "nan(0x...)", in either case. There may be any number of digits; they are rounded once, to
+/// nearest with ties to even. The result is as of std::from_chars: the end of what was read. If
+/// nothing was read, `a` is untouched and the error is std::errc::invalid_argument. A number that
+/// rounds to infinity, or a number other than zero that rounds to zero, is stored as such, with
+/// std::errc::result_out_of_range.
 constexpr std::from_chars_result from_chars(const char* first, const char* last, Quad& a) noexcept {
   decimal::Reader in(first, last);
   const std::errc error = decimal::read(in, a);
@@ -340,8 +341,8 @@ inline std::string to_string(const Quad& a) {
   return {text, to_chars(text, text + sizeof text, a).ptr};
 }
 
-/// The number that the whole of `text` is, as from_chars reads it, out of range included; nothing
-/// if it is not a number.
+/// The number that `text` as a whole stands for, read as by from_chars; one that is out of range
+/// counts. Nothing if `text` is not a number.
 constexpr std::optional<Quad> from_string(std::string_view text) noexcept {
   Quad a;
   const char* last = text.data() + text.size();

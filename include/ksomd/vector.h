@@ -27,10 +27,11 @@ enum {
   KSOMD_COMPLEX_QUAD = 23
 };
 
-/* Reduction operations: identity, and what becomes of the destination element d with the source
- * element s. Integers wrap around. Minimum, maximum and the operations from KSOMD_LOGICAL_AND on
- * treat the two parts of a complex number separately, with the identities of KSOMD_MAXIMUM and
- * KSOMD_MINIMUM in both parts and the others' in the real part alone.
+/* Reduction operations. Each is listed with its identity, and with what the destination element d
+ * becomes when it is combined with the source element s. Integers wrap around. Minimum, maximum and
+ * the operations from KSOMD_LOGICAL_AND on treat the two parts of a complex number separately, with
+ * the identities of KSOMD_MAXIMUM and KSOMD_MINIMUM in both parts and the others' in the real part
+ * alone.
  *
  * Maximum keeps d if s <= d and minimum if d <= s, so a NaN gives s; for quads maximum takes s if
  * d <= s and minimum if d >= s, so a NaN keeps d. */
