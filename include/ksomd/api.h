@@ -5,15 +5,16 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* Marks an exported routine where the object format knows visibility. What a DLL exports is the
- * module-definition file's business alone. */
+/* Marks an exported routine, in object formats that know visibility. A DLL exports what the
+ * module-definition file lists. */
 #if defined(__ELF__)
 #define KSOMD_API __attribute__((visibility("default")))
 #else
 #define KSOMD_API
 #endif
 
-/* What stands around the declarations of a header, and before a routine that never returns. */
+/* KSOMD_BEGIN and KSOMD_END enclose the declarations of a header. KSOMD_NORETURN marks a routine
+ * that never returns. */
 #ifdef __cplusplus
 #define KSOMD_BEGIN extern "C" {
 #define KSOMD_END }

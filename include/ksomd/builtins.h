@@ -1,6 +1,6 @@
 /* Integer division and complex arithmetic that the compiler calls under fixed names.
  *
- * All are re-entrant and thread-safe, and take no state but the MXCSR rounding mode and flags (the
+ * All are re-entrant and thread-safe. They use no state but the MXCSR rounding mode and flags (the
  * x87 control and status words for the extended forms). */
 #ifndef KSOMD_BUILTINS_H
 #define KSOMD_BUILTINS_H
@@ -21,29 +21,28 @@ KSOMD_API ksomd_uint128 __udivmodti4(ksomd_uint128 a, ksomd_uint128 b, ksomd_uin
 
 /* Quotient and remainder of integers of `words` 32-bit words each, the least significant first.
  *
- * No operand is touched beyond its words. Dividend and divisor hold the same values afterwards as
- * before; the signed form negates a negative divisor in place meanwhile. `quotient` overlaps no
- * other operand; `remainder` may be `dividend`, which it then replaces. Word alignment suffices.
+ * No operand is touched beyond its words. Dividend and divisor are unchanged afterwards, but the
+ * signed form negates a negative divisor in place during the call. `quotient` overlaps no other
+ * operand; `remainder` may be `dividend`, which it then replaces. Word alignment suffices.
  * Algorithm D of Knuth, The Art of Computer Programming 4.3.1, in 64-bit digits.
  *
  * The signed form reads two's complement and truncates toward zero; the remainder has the
- * dividend's sign. The one quotient that is out of range, of the lowest number by -1, wraps around
- * to the lowest number. Division by zero gives a quotient of all ones, in the signed form too and
- * whatever the dividend's sign, and the dividend as the remainder. With no words nothing is
- * touched. */
+ * dividend's sign. One quotient is out of range: the lowest number divided by -1 gives the lowest
+ * number. Division by zero gives a quotient of all ones, whatever the signs, and the dividend as
+ * the remainder. With `words` 0 nothing is touched. */
 KSOMD_API void __udivmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
                             uint32_t* divisor, uint32_t words);
 KSOMD_API void __divmodei5(uint32_t* quotient, uint32_t* remainder, uint32_t* dividend,
                            uint32_t* divisor, uint32_t words);
 
-/* Complex numbers of the compiler: real part first; no part of C++ itself. */
+/* The compiler's complex numbers, real part first. C++ itself has no such types. */
 __extension__ typedef float _Complex ksomd_complex_float;
 __extension__ typedef double _Complex ksomd_complex_double;
 __extension__ typedef long double _Complex ksomd_complex_extended;
 
-/* (a + bi)(c + di) and (a + bi) / (c + di), with infinities recovered from NaN results as in
- * Annex G of the C standard. In a quotient by an infinity, a dividend whose finite parts add up to
- * an infinity counts as infinite. Errno is left alone. */
+/* (a + bi)(c + di) and (a + bi) / (c + di), with infinities recovered from NaN results as in Annex
+ * G of the C standard. In a quotient by an infinity, a dividend counts as infinite if its finite
+ * parts add up to an infinity. errno is not changed. */
 KSOMD_API ksomd_complex_float __mulsc3(float a, float b, float c, float d);
 KSOMD_API ksomd_complex_double __muldc3(double a, double b, double c, double d);
 KSOMD_API ksomd_complex_extended __mulxc3(long double a, long double b, long double c,

@@ -3,7 +3,7 @@
  * `value` is the address of the integer; it needs no alignment. The double forms are correctly
  * rounded in the calling thread's SSE rounding mode and raise inexact when bits are lost. The float
  * forms round that double once more, in the same mode, so they round twice: 2^60 + 2^36 + 1 becomes
- * 2^60. No other flag, no state; thread-safe. */
+ * 2^60. They raise no other flag and keep no state. All are thread-safe. */
 #ifndef KSOMD_CONVERSION_H
 #define KSOMD_CONVERSION_H
 

@@ -1,8 +1,7 @@
 /* The core type that a thread runs on, and the sizes of the data caches.
  *
- * All of this is told of processors with the vendor string "GenuineOrvex" only; any other
- * processor has core type 0 and cache sizes 0. Every routine may be called by any thread at any
- * time; none fails. */
+ * Only processors with the vendor string "GenuineOrvex" are described; any other processor has core
+ * type 0 and cache sizes 0. Every routine may be called by any thread at any time; none fails. */
 #ifndef KSOMD_CORE_H
 #define KSOMD_CORE_H
 
@@ -10,13 +9,13 @@
 
 KSOMD_BEGIN
 
-/* Entry i: the core type last seen on the logical processor whose number is i modulo 1024, as the
- * most significant byte of EAX of CPUID leaf 0x1A gives it; 0: none seen yet. Written by
- * __detect_cpu_core_type alone, byte by byte and without synchronisation. */
+/* Entry i: the core type that was last seen on a logical processor whose number modulo 1024 is i;
+ * 0: none seen yet. A core type is the most significant byte of EAX of CPUID leaf 0x1A. Only
+ * __detect_cpu_core_type writes entries, byte by byte and without synchronisation. */
 KSOMD_API extern uint8_t __cpu_core_type[1024];
 
-/* Finds out, once per process, whether core types can be told: the processor mixes core types and
- * can tell a thread which of its logical processors it runs on (RDPID). */
+/* Finds out, once per process, whether core types can be told. They can if the processor mixes core
+ * types and tells a thread which logical processor it runs on (RDPID). */
 KSOMD_API void __init_cpu_core_type(void);
 
 /* The core type of the logical processor that the calling thread runs on, also recorded in

@@ -1,4 +1,4 @@
-/* Checks that a program built for checking makes on its own compilation. */
+/* A check of the compiler's constant propagation, for programs that are built to contain it. */
 #ifndef KSOMD_DIAGNOSTICS_H
 #define KSOMD_DIAGNOSTICS_H
 

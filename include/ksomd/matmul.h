@@ -15,18 +15,18 @@
  *   n        m x k, op(A)(i,l) = A[i + l*lda]     k x n, op(B)(l,j) = B[l + j*ldb]
  *   t        k x m, op(A)(i,l) = A[l + i*lda]     n x k, op(B)(l,j) = B[j + l*ldb]
  *
- * `t` is a plain transpose: no element is conjugated. Pointers need the alignment of the element's
- * parts, no more; the alignment never changes a bit of the result.
+ * `t` is a plain transpose: no element is conjugated. Pointers need no more than the alignment of
+ * the element's parts, and alignment never changes a bit of the result.
  *
- * Order of operations. It is fixed, for every element and on every processor: each product and each
- * sum is rounded by itself in the caller's rounding mode (no fused multiply-add, no reassociation,
- * no wider accumulator), complex products are those of the compiler's multiplication builtin
- * (ISO/IEC 9899, Annex G), complex sums add real and imaginary parts separately. Which of two NaNs
- * an operation passes on is open.
+ * The order of operations is fixed, for every element and on every processor. Each product and each
+ * sum is rounded by itself in the caller's rounding mode: there is no fused multiply-add, no
+ * reassociation and no wider accumulator. Complex products are those of the compiler's
+ * multiplication builtin (ISO/IEC 9899, Annex G); complex sums add real and imaginary parts
+ * separately. Which of two NaNs an operation passes on is unspecified.
  *
- * Flags. Those of the products and sums are raised, a complex product as four products, a
- * difference and a sum, and no others but that of denormal operands; the recovery of infinities
- * raises none.
+ * The flags raised are those of the products and sums, where a complex product counts as four
+ * products, a difference and a sum. No others are raised, except that for denormal operands; the
+ * recovery of infinities raises none.
  *
  * Elements of P outside its m x n rectangle are never read or written. Nothing is checked and no
  * error is reported; extents of zero are valid. All routines may run on any number of threads at
@@ -84,7 +84,7 @@ typedef struct ksomd_c8 {
  * The r8 entries take the packed path on a processor with X87, CMOV, MMX, SSE and SSE2, everything
  * else the portable one. The features are read once per process (ksomd/processor.h).
  *
- * C and C++ compilers that know complex types may pass them through a pointer conversion. */
+ * A program may pass pointers to its compiler's own complex types, converted to these. */
 #define KSOMD_MATMUL_DECLARE(code, element, a, b)                                             \
   KSOMD_API void _MATMUL_##code##_##a##_##b(const element* A, const element* B, element* P,   \
                                             uint64_t m, uint64_t k, uint64_t n, uint64_t lda, \
@@ -139,9 +139,9 @@ KSOMD_API void MATMUL_v_tt_pst(const double* A, const double* x, double* y, uint
 /* _MATMUL_r8_<a>_<b>_QWide(A, B, P, m, n, k, lda, ldb, ldp), n before k: P = op(A) * op(B) through
  * packed panels. P is overwritten.
  *
- * With m < 34, n < 38 or k < 38: P is cleared, then _pst_General. Otherwise scratch of
- * min(n, 2000) * 896 + 258816 bytes is taken with malloc for the length of the call; when there is
- * none, the product is computed as for small operands.
+ * With m < 34, n < 38 or k < 38: P is cleared, then _pst_General. Otherwise malloc provides min(n,
+ * 2000) * 896 + 258816 bytes of scratch for the duration of the call; if it fails, the product is
+ * computed as for small operands.
  *
  * Order of the packed product: the last k mod 112 indices l (the last 112, if that is 0), padded
  * with zeros to a multiple of four, are summed from zero and stored; then for each chunk of 112

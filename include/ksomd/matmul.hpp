@@ -6,8 +6,8 @@
 //   bool done = ksomd::multiply(A, B, P);                       // P = A B
 //   done = ksomd::multiply(ksomd::transposed(P), A, Q);         // Q = P^T A
 //
-// Header only: it checks extents and calls the exported entries, whose order of operations,
-// rounding and flags these products have.
+// Header only. It checks extents and calls the exported entries, so these products have their order
+// of operations, rounding and flags.
 #ifndef KSOMD_MATMUL_HPP
 #define KSOMD_MATMUL_HPP
 
@@ -70,7 +70,7 @@ class MatrixView {
   /// Columns without gaps.
   constexpr MatrixView(T* data, std::uint64_t rows, std::uint64_t columns) noexcept
       : MatrixView(data, rows, columns, rows) {}
-  /// A view to read from, of one to write to.
+  /// A view for reading, from one for writing.
   constexpr operator MatrixView<const T>() const noexcept
     requires(!std::is_const_v<T>)
   {
@@ -176,9 +176,9 @@ KSOMD_MATMUL_EACH(KSOMD_MATRIX_ENTRY)
 
 /// P = A B, where A and B are MatrixViews or Transposed ones of the result's element type.
 ///
-/// True if it was done. False, and nothing touched, if the extents disagree (A is not
-/// P.rows() x k or B not k x P.columns() for one k) or a leading dimension is smaller than the rows
-/// it spans. Extents of zero are valid; k = 0 fills P with zeros.
+/// True if the product was computed. False, with nothing touched, if the extents disagree (A is not
+/// P.rows() x k or B not k x P.columns() for one k) or if a leading dimension is smaller than the
+/// rows it spans. Extents of zero are valid; k = 0 fills P with zeros.
 ///
 /// P overlaps neither operand; this is not checked. Only the elements of P are written, nothing in
 /// the gaps between its columns. May run on any number of threads at once, on distinct results.
@@ -191,7 +191,7 @@ template <class A, class B, MatrixElement T>
     return false;
   }
   using Element = matrix::element_t<T>;
-  // std::complex is an array of its two parts, as the entries' elements are.
+  // std::complex has the layout of an array of its two parts, and so have the entries' elements.
   const auto* from_a = reinterpret_cast<const Element*>(matrix::stored(a).data());
   const auto* from_b = reinterpret_cast<const Element*>(matrix::stored(b).data());
   matrix::entry<Element, matrix::letter<A>, matrix::letter<B>>(

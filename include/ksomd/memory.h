@@ -7,9 +7,9 @@
  * the same time. Where a routine uses non-temporal stores it ends them with a store fence before
  * it returns, unless said otherwise.
  *
- * Several routines change their method at sizes that are derived, while the library is loaded,
- * from the cache sizes of a "GenuineOrvex" processor (or the level-2 size of an "AuthenticAMD"
- * one), called here
+ * Several routines change their method at sizes that are derived while the library is loaded: from
+ * the cache sizes of a "GenuineOrvex" processor, or the level-2 size of an "AuthenticAMD" one.
+ * Their names in this file are:
  *
  *   name                  genuine processor                  any other
  *   largest_cache_size    the largest of the three levels    131072
@@ -42,8 +42,8 @@ KSOMD_API int _orvex_fast_memcmp(const void* first, const void* second, size_t c
 
 /* ---- generic variants: any x86-64 processor -------------------------------------------------- */
 
-/* Copies above copy_nt_threshold, and fills above largest_cache_size, use non-temporal stores; a
- * move from a lower to a higher address that overlaps never does. */
+/* Copies above copy_nt_threshold and fills above largest_cache_size use non-temporal stores. A move
+ * to a higher address never does if the ranges overlap. */
 KSOMD_API void* __orvex_new_memcpy(void* destination, const void* source, size_t count);
 KSOMD_API void* __orvex_memcpy(void* destination, const void* source, size_t count);
 KSOMD_API void* __orvex_new_memmove(void* destination, const void* source, size_t count);
@@ -67,9 +67,9 @@ KSOMD_API int __orvex_new_memcmp(const void* first, const void* second, size_t c
  *   __orvex_pxn_avx512f_memset  AVX512F            never                  >= l1_size / 4
  *   the two rfo forms           AVX512F            never                  never
  *
- * The AVX and pxn routines judge the count that is left once the destination is aligned, the tvr
- * routines the whole count. All but the pxn routines clear the upper halves of the vector
- * registers before they return. */
+ * The AVX and pxn routines compare the count that is left once the destination is aligned, the tvr
+ * routines the whole count. All but the pxn routines clear the upper halves of the vector registers
+ * before they return. */
 KSOMD_API void* __orvex_avx_rep_memcpy(void* destination, const void* source, size_t count);
 KSOMD_API void* __orvex_avx_memmove(void* destination, const void* source, size_t count);
 KSOMD_API void* __orvex_avx_rep_memset(void* destination, int value, size_t count);
@@ -82,9 +82,9 @@ KSOMD_API void* __orvex_pxn_avx512f_rfo_memset(void* destination, int value, siz
 
 /* ---- vectorised loops: copy and fill --------------------------------------------------------- */
 
-/* Ranges up to 16384 bytes go through string instructions. Above that the time of a load or two
- * from the destination decides: into a destination that is in the cache they store ordinarily,
- * past the cache otherwise. The copy does not support overlapping ranges. SSE2 is enough. */
+/* Ranges up to 16384 bytes go through string instructions. For larger ones the routines time one or
+ * two loads from the destination: if it is in the cache they use ordinary stores, else non-temporal
+ * ones. The copy does not support overlapping ranges. SSE2 is enough. */
 KSOMD_API void* _VEC_memcpy(void* destination, const void* source, size_t count);
 KSOMD_API void* _VEC_memset(void* destination, int value, size_t count);
 /* Fills with 0, whatever the second argument is. */
@@ -119,11 +119,11 @@ KSOMD_API void* __orvex_VEC_memzero(void* destination, int ignored, size_t count
  * Before the first call the caller sets the destination, the head offset (the destination's offset
  * past a line; 0: it is aligned) and a pending count of 0. A call with `final` other than 0 leaves
  * nothing waiting. A chunk of at most 255 bytes (127 in the 256-bit forms) is written at once by
- * ordinary stores, whatever waits before it; what follows must then find the destination on a line
- * boundary again or ask for its alignment by a new head offset, else the next full line faults.
+ * ordinary stores, after the bytes that wait. After such a chunk the destination must be on a line
+ * boundary again, or the caller must set a new head offset; else the next full line faults.
  *
- * A context belongs to one thread at a time. These routines issue no store fence: order their
- * stores before a flag that another thread reads with one of your own. */
+ * A context belongs to one thread at a time. These routines issue no store fence. The caller issues
+ * one before it sets a flag that tells another thread to read what they stored. */
 typedef struct __libkso_nt_context {
   unsigned char staging[64]; /* the first `pending` bytes wait */
   void* destination;         /* advanced by every byte written */
@@ -143,8 +143,8 @@ KSOMD_API void __libkso_nontemporal_store_512(__libkso_nt_context* context, size
                                               int final);
 
 /* With `plain` other than 0 the chunk goes straight to the destination by ordinary stores. The
- * plain path reads neither the staging line nor the pending count: switching a context to it while
- * bytes wait loses them, which is the caller's error. */
+ * plain path reads neither the staging line nor the pending count: a caller that switches to it
+ * while bytes wait loses them. */
 KSOMD_API void __libkso_nontemporal_store_dynamic(__libkso_nt_context* context, size_t length,
                                                   int final, int plain);
 KSOMD_API void __libkso_nontemporal_store_dynamic_256(__libkso_nt_context* context, size_t length,

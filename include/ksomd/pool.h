@@ -10,7 +10,7 @@
  * comes from the heap in one request and is kept until the process ends. At most 50 pools exist;
  * when a request would need one more, the heap serves it.
  *
- * All routines may be called by any number of threads at a time, unless it says otherwise; a block
+ * All routines may be called by any number of threads at a time, unless stated otherwise; a block
  * may be freed by another thread than the one that got it. None of them touches the floating-point
  * state. None may be called from a signal handler.
  */
@@ -27,12 +27,12 @@ enum {
   KSOMD_POOL_CALLOC = 1  /* the sizes of __i_pool_calloc: the product of its two arguments */
 };
 
-/* Declares the sizes in bytes that pools serve, for one kind: `sizes` ends with 0, and no more than
- * its first 50 are used (then the 0 may be missing). The array is copied. A later call for a kind
- * replaces its list and leaves the other's alone. To be called before the first request of that
- * kind; changing the list while the program holds blocks of the kind's pools is not supported.
- * While a call replaces a list, the heap may serve other threads' requests for any size of that
- * kind. */
+/* Declares the sizes in bytes that pools serve, for one kind. `sizes` ends with 0; no more than its
+ * first 50 are used, and if there are so many the 0 may be missing. The array is copied. A later
+ * call for a kind replaces its list and leaves the other's alone. Call it before the first request
+ * of that kind; changing the list while the program holds blocks of the kind's pools is not
+ * supported. While a call replaces a list, the heap may serve other threads' requests for any size
+ * of that kind. */
 KSOMD_API void __i_pool_init(const size_t* sizes, int kind);
 
 /* A block of `size` bytes; null if the heap is exhausted (errno is ENOMEM then). A pooled block is
@@ -69,7 +69,7 @@ KSOMD_API void __fast_unlock(int* lock);
  *
  * `size` bytes at a multiple of `alignment`, which must be a power of two; alignments below 8 give
  * 8. A size of 0 gives a block of no bytes. Null if the heap is exhausted, or if size + 8 +
- * alignment exceeds 64 bits. To be freed by ksomd_mm_free. */
+ * alignment exceeds 64 bits. Free the block with ksomd_mm_free. */
 KSOMD_API void* ksomd_mm_malloc(size_t size, size_t alignment) __asm__("_mm_malloc");
 
 /* Frees a block from ksomd_mm_malloc; null does nothing. */

@@ -1,4 +1,5 @@
-/* Start-up processor checks, and the end of a program that no version of a routine suits.
+/* Start-up processor checks, and the end of a program whose processor suits no variant of a
+ * routine.
  *
  * A program built for a minimum processor level calls one of these checks once, first thing in
  * its main routine and in its main thread, before any code that needs the level. If the processor
@@ -39,13 +40,14 @@ enum {
  *   I        the G set and F16C
  *   E        the I set, MOVBE, FMA, BMI, LZCNT and AVX2
  *
- * Whether denormals-are-zero and bit 17 are supported is asked of the processor (MXCSR_MASK) where
- * the level does not guarantee it: denormals-are-zero is guaranteed from B upward, bit 17 from H.
+ * If the level does not guarantee denormals-are-zero or bit 17, the check asks the processor
+ * whether it is supported (MXCSR_MASK). Denormals-are-zero is guaranteed from B upward, bit 17 from
+ * H.
  *
  * The library also exports dotted names, for generated code that has done a part of the work
- * itself: `NAME.A` is the outcome of NAME for a processor that lacks something (its report, or a
- * return), and `NAME` followed by .H, .J, .K, .L, .M, .N, .O, .P, .R, .S or .V is NAME's setting of
- * MXCSR alone. */
+ * itself. `NAME.A` is what NAME does on a processor that lacks something: its report, or a return.
+ * `NAME` followed by .H, .J, .K, .L, .M, .N, .O, .P, .R, .S or .V is NAME's setting of MXCSR
+ * alone. */
 KSOMD_API void __orvex_proc_init(void);
 KSOMD_API void __orvex_proc_init_B(void);
 KSOMD_API void __orvex_proc_init_N(void);
@@ -72,8 +74,8 @@ KSOMD_API void __orvex_new_feature_proc_init_n(int32_t index, uint64_t mask);
 /* The feature check on word 0; then, if the processor has SSE, MXCSR is set up as `flags` asks. */
 KSOMD_API void __orvex_new_feature_proc_init(int32_t flags, uint64_t mask);
 
-/* Ends the process at once with a breakpoint trap: no version of a dispatched routine suits the
- * processor. Writes nothing and runs no exit handlers. */
+/* Ends the process at once with a breakpoint trap, because no variant of a dispatched routine suits
+ * the processor. Writes nothing and runs no exit handlers. */
 KSOMD_API KSOMD_NORETURN void __orvex_cpu_dispatch_fail(void);
 
 KSOMD_END

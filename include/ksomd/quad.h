@@ -1,21 +1,21 @@
 /* Quad precision: IEEE 754 binary128 arithmetic, conversions and comparisons, real and complex.
  *
- * Quad values never travel in registers. A routine with a quad result takes the address of the
- * 16 bytes that receive it first; each quad operand is passed by address. Addresses need no
- * alignment, and a result may overlay operands entirely (`__addq(&a, &a, &a)`). No pointer is
- * checked.
+ * Quad values never travel in registers. A routine with a quad result takes as its first argument
+ * the address of the 16 bytes that receive it. Each quad operand is passed by address. Addresses
+ * need no alignment, and a result may have the same address as an operand (`__addq(&a, &a, &a)`).
+ * No pointer is checked.
  *
  * Every result is correctly rounded. Where an operation rounds, it does so in the calling thread's
- * SSE rounding mode (MXCSR bits 13-14); the x87 control word plays no part, nor do flush-to-zero
- * and denormals-are-zero. IEEE exceptions set the MXCSR flags invalid, divide-by-zero, overflow,
- * underflow and inexact, as one double operation that raises just them would: one that is unmasked
- * traps. Flags are never cleared; the denormal-operand flag is never raised. Tininess is judged
- * after rounding. An invalid operation without a NaN operand gives the default NaN, high word
- * 0xFFFF800000000000.
+ * SSE rounding mode (MXCSR bits 13-14). The x87 control word, flush-to-zero and denormals-are-zero
+ * have no effect. IEEE exceptions set the MXCSR flags invalid, divide-by-zero, overflow, underflow
+ * and inexact. An exception that is unmasked traps, as it would in an operation on doubles. Flags
+ * are never cleared; the denormal-operand flag is never raised. Tininess is judged after rounding.
+ * An invalid operation without a NaN operand gives the default NaN, high word 0xFFFF800000000000.
  *
- * NaN operands of arithmetic: a signaling one raises invalid. The result is a quiet NaN before a
+ * NaN operands of arithmetic: a signaling one raises invalid. The result is one of the NaN operands
+ * with its quiet bit set, and its sign and payload kept. Of two NaNs a quiet one is preferred to a
  * signaling one, then the one with the larger magnitude (the 127 bits below the sign), then the
- * negative one; with its quiet bit set, sign and payload kept.
+ * negative one.
  *
  * All routines are re-entrant and thread-safe. */
 #ifndef KSOMD_QUAD_H
@@ -77,9 +77,9 @@ KSOMD_API int32_t compareq(const quad128* a, const quad128* b);
 
 /* ---- conversions to quad ----------------------------------------------------------------------
  *
- * All exact; no flag. NaNs keep sign and payload, and signaling ones stay signaling. Of an 80-bit
- * operand the integer bit is dropped: sign, exponent and the 63 bits below it are copied. Those
- * from integers return r. */
+ * All are exact and raise no flag. NaNs keep sign and payload, and signaling ones stay signaling.
+ * The integer bit of an 80-bit operand is dropped; its sign, its exponent and the 63 bits below the
+ * integer bit are copied. The conversions from integers return r. */
 KSOMD_API void __dtoq(quad128* r, double x);
 KSOMD_API void __ftoq(quad128* r, float x);
 KSOMD_API void __ltoq(quad128* r, const extended80* x);
@@ -120,8 +120,8 @@ KSOMD_API uint64_t __qtok(const quad128* a);
 
 /* ---- complex ----------------------------------------------------------------------------------
  *
- * The parts of each operand are passed by two addresses, and the result may overlay them. Each
- * step is a quad operation, rounded and with its flags:
+ * The two parts of each operand are passed by address, and the result may overlay them. Each step
+ * is a quad operation, rounded and with its flags:
  *
  *   product    (a.re b.re - a.im b.im) + (a.re b.im + a.im b.re) i, without recovery of infinities
  *   quotient   w = 1 / (b.re b.re + b.im b.im),
@@ -137,13 +137,14 @@ KSOMD_API void __cdivq(cquad128* r, const quad128* a_re, const quad128* a_im, co
                        const quad128* b_im);
 KSOMD_API void __cnegq(cquad128* r, const quad128* a_re, const quad128* a_im);
 
-/* 1 if both parts are `__eqq`; 1 if either is `__neq`. */
+/* `__ceqq` is 1 if `__eqq` holds for both parts; `__cneq` is 1 if `__neq` holds for either. */
 KSOMD_API int32_t __ceqq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                          const quad128* b_im);
 KSOMD_API int32_t __cneq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                          const quad128* b_im);
 
-/* 1 (0) if both parts are the same bits: -0 differs from +0, and a NaN equals itself. */
+/* `a_ceqq` is 1 and `a_cneq` is 0 if both parts have the same bits: -0 differs from +0, and a NaN
+ * equals itself. */
 KSOMD_API int32_t a_ceqq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
                          const quad128* b_im);
 KSOMD_API int32_t a_cneq(const quad128* a_re, const quad128* a_im, const quad128* b_re,
@@ -181,19 +182,19 @@ KSOMD_API void a_cdivq(cquad128* r, const quad128* a_re, const quad128* a_im, co
                        const quad128* b_im);
 KSOMD_API void a_cnegq(cquad128* r, const quad128* a_re, const quad128* a_im);
 
-/* To 8 and 16 bits: `__qtoi` under other names; the caller takes the low bits. */
+/* To 8 and 16 bits: second names of `__qtoi`; the caller takes the low bits. */
 KSOMD_API int32_t a_qtoc(const quad128* a, int32_t mode);
 KSOMD_API int32_t a_qtos(const quad128* a, int32_t mode);
 
-/* From 8 and 16 bits; to and from 80 bits, the value passing through an x87 register. */
+/* From 8 and 16 bits; to and from 80 bits, where the value passes through an x87 register. */
 KSOMD_API void a_ctoq(quad128* r, int8_t x);
 KSOMD_API void a_stoq(quad128* r, int16_t x);
 KSOMD_API void a_ltoq(quad128* r, const extended80* x);
 KSOMD_API extended80* a_qtol(extended80* r, const quad128* a);
 
-/* From complex. Those with a real result convert the real part; to integers they do so toward zero,
- * and `a_cqtoch` and `a_cqtos` leave taking the low bits to the caller. `r` of the last two: real
- * part, imaginary part. */
+/* From complex. Those with a real result convert the real part. Those to integers convert toward
+ * zero; of `a_cqtoch` and `a_cqtos` the caller takes the low bits. `r` of the last two: real part,
+ * imaginary part. */
 KSOMD_API void a_cqtoq(quad128* r, const cquad128* x);
 KSOMD_API double a_cqtod(const cquad128* x);
 KSOMD_API float a_cqtof(const cquad128* x);

@@ -7,10 +7,10 @@
 //   std::string text = ksomd::to_string(third);  // the shortest text that reads back the same
 //   std::optional<ksomd::Quad> same = ksomd::from_string(text);
 //
-// Header only; arithmetic, comparisons and conversions call the routines of <ksomd/quad.h> and
-// round and raise flags as described there, in the thread's MXCSR mode. Text conversions, literals
-// and whatever is constexpr use no floating-point state. Nothing throws but the allocation of
-// to_string. Distinct objects may be used on any number of threads.
+// Header only. Arithmetic, comparisons and conversions call the routines of <ksomd/quad.h>: they
+// round in the thread's MXCSR mode and raise flags as described there. Text conversions, literals
+// and whatever is constexpr use no floating-point state. Only to_string may throw, if it cannot
+// allocate. Distinct objects may be used on any number of threads.
 #ifndef KSOMD_QUAD_HPP
 #define KSOMD_QUAD_HPP
 

@@ -117,8 +117,8 @@ class Natural {
   // How far to shift a divisor for take_digit: its top word then is at least 2^59, below 2^60.
   constexpr int normalizing_shift() const noexcept { return (60 - bit_length() % 64 + 64) % 64; }
 
-  // The quotient by a normalized divisor, which is below 16; *this becomes the remainder. The
-  // estimate from the top words is the quotient or one less.
+  // Divides by a normalized divisor and returns the quotient, which is below 16; *this becomes the
+  // remainder. The estimate from the top words is the quotient or one less.
   constexpr unsigned take_digit(const Natural& divisor) noexcept {
     if (size_ < divisor.size_) {
       return 0;
@@ -175,15 +175,16 @@ struct Digits {
   int point;
 };
 
-// The remainder r and divisor s of a conversion, and the distances to the middles between the
-// number and its neighbours: m / s below, and above that or, `uneven`, twice that.
+// The number as r / s, and the distances to the middles between it and its neighbours: m / s below,
+// and the same above, or twice that if `uneven`.
 class ToDecimal {
  public:
-  // The number significand * 2^exponent; uneven: it is a power of two with a closer neighbour
-  // below.
+  // The number significand * 2^exponent. `uneven` says that it is a power of two, whose neighbour
+  // below is closer than the one above.
   constexpr ToDecimal(uint128 significand, int exponent, bool uneven) noexcept
       : r_(significand), s_(1), m_(1), uneven_(uneven), even_(significand % 2 == 0) {
-    // log10(2) * 2^32, and the greatest power of ten that 2^floor(log2) reaches
+    // log10(2) * 2^32. The estimate of the point is one more than the floor of
+    // log10(2^floor(log2)).
     constexpr std::int64_t log10_2 = 1292913986;
     point_ = static_cast<int>((exponent + bit_length(significand) - 1) * log10_2 >> 32) + 1;
     int r_shift = exponent + (uneven ? 2 : 1);
@@ -206,8 +207,8 @@ class ToDecimal {
     m_.shift_left(m_shift - common + normalizing);
   }
 
-  // The shortest sequence that no other number is nearer to; of those the nearest to the number,
-  // ties to even.
+  // The shortest sequence that reads back as this number; of several such, the one nearest to the
+  // number, ties to even.
   constexpr Digits shortest() noexcept {
     start(reaches_above());
     Digits result = {{}, 0, point_};
@@ -258,7 +259,7 @@ class ToDecimal {
     }
   }
 
-  // The estimate of the point may be one too low.
+  // Corrects the estimate of the point, which may be one too low.
   constexpr void start(bool too_low) noexcept {
     if (too_low) {
       ++point_;
@@ -285,7 +286,7 @@ class ToDecimal {
     const int above = sum.compare(s_);
     return above > 0 || (above == 0 && even_);
   }
-  // Whether what remains behind this digit rounds it up: to nearest, ties to even.
+  // Whether the remainder after this digit rounds it up: to nearest, ties to even.
   constexpr bool rounds_up(unsigned digit) const noexcept {
     Integer twice = r_;
     twice.multiply(2);
@@ -303,8 +304,8 @@ class ToDecimal {
 
 // ---- from decimal -------------------------------------------------------------------------------
 
-// significand * 2^exponent with a significand below 2^113. too_large: above the largest number, and
-// the significand means nothing; vanished: zero now, and was not.
+// significand * 2^exponent with a significand below 2^113. too_large: the number is above the
+// largest one, and the significand means nothing. vanished: a number other than zero became zero.
 struct Binary {
   uint128 significand;
   int exponent;
@@ -312,8 +313,8 @@ struct Binary {
   bool vanished;
 };
 
-// Rounds (q + a fraction that is not zero if `sticky`) * 2^exponent to nearest, ties to even; q has
-// more than 113 bits.
+// Rounds q * 2^exponent to nearest, ties to even. q has more than 113 bits; `sticky` adds a
+// fraction to it that is above 0 and below 1.
 constexpr Binary round(uint128 q, int exponent, bool sticky) noexcept {
   int target = exponent + bit_length(q) - significand_bits;
   target = target < lowest_exponent ? lowest_exponent : target;
@@ -334,7 +335,7 @@ constexpr Binary round(uint128 q, int exponent, bool sticky) noexcept {
   return {kept, target, target + significand_bits > 16384, kept == 0};
 }
 
-// A decimal number, digit by digit.
+// A decimal number that is read digit by digit.
 class FromDecimal {
  public:
   constexpr void digit(unsigned value, bool behind_point) noexcept {

@@ -113,7 +113,7 @@ constexpr void write_special(Writer& out, const quad128& bits) noexcept {
   out.put(')');
 }
 
-// count 0: the shortest digits
+// Writes `a` with `count` significant digits, or with the fewest that suffice if `count` is 0.
 constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int count) noexcept {
   Writer out(first, last);
   if (signbit(a)) {
@@ -130,7 +130,7 @@ constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int
   if (field != 0) {
     significand |= static_cast<uint128>(1) << 112;
   }
-  Digits digits = {{}, count == 0 ? 1 : count, 1};  // of zero
+  Digits digits = {{}, count == 0 ? 1 : count, 1};  // the digits of zero
   for (char& digit : digits.digit) {
     digit = '0';
   }
@@ -146,8 +146,8 @@ constexpr std::to_chars_result write(char* first, char* last, const Quad& a, int
   return out.result();
 }
 
-// Reads what from_chars takes. Literals have separators between digits, where the compiler has
-// checked them.
+// The parser behind from_chars and the literals. Literals may have separators between digits; the
+// compiler has checked their places.
 class Reader {
  public:
   constexpr Reader(const char* first, const char* last, bool separators = false) noexcept
@@ -155,7 +155,7 @@ class Reader {
 
   constexpr const char* position() const noexcept { return next_; }
 
-  // The next character, if it is this one, in either case.
+  // Takes the next character if it is this one, in either case.
   constexpr bool take(char lower) noexcept {
     if (next_ != last_ &&
         (*next_ == lower || (lower >= 'a' && lower <= 'z' && *next_ == lower - 'a' + 'A'))) {
@@ -174,7 +174,7 @@ class Reader {
     }
     return true;
   }
-  // The value of the next digit, or -1.
+  // Takes the next digit and returns its value, or -1.
   constexpr int take_digit(int base) noexcept {
     if (separators_) {
       take('\'');
@@ -187,7 +187,7 @@ class Reader {
     return -1;
   }
 
-  // The significand; false if it has no digit.
+  // Reads the significand; false if it has no digit.
   constexpr bool take_significand(FromDecimal& number) noexcept {
     bool any = false;
     bool behind_point = false;
@@ -206,7 +206,8 @@ class Reader {
     }
   }
 
-  // An exponent part, if there is a whole one; magnitudes beyond a billion count as that.
+  // Reads an exponent part, if there is a complete one. A magnitude above a billion counts as a
+  // billion.
   constexpr std::int64_t take_exponent() noexcept {
     const char* start = next_;
     if (take('e')) {
@@ -226,7 +227,7 @@ class Reader {
     return 0;
   }
 
-  // What may follow "nan": the fraction bits in parentheses.
+  // Reads what may follow "nan": the fraction bits in parentheses.
   constexpr Quad take_payload() noexcept {
     const Quad usual = Quad::from_bits(0x7FFF800000000000, 0);
     const char* start = next_;
@@ -287,7 +288,8 @@ constexpr std::errc read(Reader& in, Quad& a) noexcept {
   return error;
 }
 
-// Not defined: its name is the compiler's message about such a literal.
+// Never defined. A literal that reaches the call does not compile, and the compiler's message shows
+// this name.
 void q_literal_is_hexadecimal_binary_or_octal_not_decimal();
 
 // A leading zero makes an octal literal, unless a point or an exponent follows.
@@ -300,17 +302,18 @@ constexpr bool is_octal(std::string_view literal) noexcept {
 /// @endcond
 
 /// Writes `a` to [first, last) with the fewest significant digits, at most 36, from which
-/// from_chars gives `a` again, the nearest such text to it, ties to even. No terminator. Numbers
-/// from 1e-5 up to below 1e36 are written plainly ("0.001", "1500"), others as "1.5e+300".
-/// Infinities are "inf", the usual quiet NaN "nan", other NaNs "nan(0x...)" with their 28
-/// hexadecimal fraction digits; all with "-" if the sign bit is set. Result as of std::to_chars;
-/// quad_text_size characters always suffice.
+/// from_chars gives `a` again. Of several such texts it is the one nearest to `a`, ties to even.
+/// There is no terminator. Numbers from 1e-5 up to below 1e36 are written plainly ("0.001",
+/// "1500"), others as "1.5e+300". Infinities are "inf", the usual quiet NaN "nan", other NaNs
+/// "nan(0x...)" with their 28 hexadecimal fraction digits; all with "-" if the sign bit is set. The
+/// result is as of std::to_chars; quad_text_size characters always suffice.
 constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a) noexcept {
   return decimal::write(first, last, a, 0);
 }
 
 /// Writes `a` as "d.ddde+12" with exactly `digits` significant digits, 1 to 36, rounded to nearest
-/// with ties to even; the rest as above. Other values of `digits`: std::errc::invalid_argument.
+/// with ties to even. All else is as above. Other values of `digits` give
+/// std::errc::invalid_argument.
 constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a,
                                         int digits) noexcept {
   if (digits < 1 || digits > quad_round_trip_digits) {
@@ -321,10 +324,11 @@ constexpr std::to_chars_result to_chars(char* first, char* last, const Quad& a,
 
 /// Reads a number from the start of [first, last): "-" or nothing, then decimal digits with or
 /// without a point and an exponent ("12", ".5", "1.25e-300"), "inf", "infinity", "nan" or
-/// "nan(0x...)", in either case. Any number of digits; rounded once, to nearest with ties to even.
-/// Result as of std::from_chars: the end of what was read, and std::errc::invalid_argument with
-/// `a` untouched if that is nothing. A number that rounds to infinity, or to zero without being
-/// zero, is stored so, with std::errc::result_out_of_range.
+/// "nan(0x...)", in either case. There may be any number of digits; they are rounded once, to
+/// nearest with ties to even. The result is as of std::from_chars: the end of what was read. If
+/// nothing was read, `a` is untouched and the error is std::errc::invalid_argument. A number that
+/// rounds to infinity, or a number other than zero that rounds to zero, is stored as such, with
+/// std::errc::result_out_of_range.
 constexpr std::from_chars_result from_chars(const char* first, const char* last, Quad& a) noexcept {
   decimal::Reader in(first, last);
   const std::errc error = decimal::read(in, a);
@@ -337,8 +341,8 @@ inline std::string to_string(const Quad& a) {
   return {text, to_chars(text, text + sizeof text, a).ptr};
 }
 
-/// The number that the whole of `text` is, as from_chars reads it, out of range included; nothing
-/// if it is not a number.
+/// The number that `text` as a whole stands for, read as by from_chars; one that is out of range
+/// counts. Nothing if `text` is not a number.
 constexpr std::optional<Quad> from_string(std::string_view text) noexcept {
   Quad a;
   const char* last = text.data() + text.size();
@@ -349,8 +353,8 @@ constexpr std::optional<Quad> from_string(std::string_view text) noexcept {
   return a;
 }
 
-/// Writes the shortest text, filled to the stream's width as std::left, right and internal say;
-/// its precision and notation do not count. For programs that include the ostream header.
+/// Writes the shortest text, filled to the stream's width as std::left, right and internal say; the
+/// stream's precision and notation are ignored. For programs that include the ostream header.
 template <class Traits>
 std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& stream,
                                              const Quad& a) {

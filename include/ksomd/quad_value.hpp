@@ -22,7 +22,7 @@ namespace ksomd {
 template <class T>
 concept QuadInteger = std::integral<T> && !std::same_as<T, bool> && sizeof(T) <= 8;
 
-/// long double, where it is x87's 80-bit format.
+/// long double, if it is x87's 80-bit format.
 template <class T>
 concept QuadExtended = std::same_as<T, long double> && std::numeric_limits<T>::digits == 64;
 
@@ -53,7 +53,7 @@ class Quad {
   Quad(float x) noexcept { __ftoq(&bits_, x); }
   /// Exact; a NaN keeps sign and payload.
   Quad(double x) noexcept { __dtoq(&bits_, x); }
-  /// Exact; a NaN keeps sign and payload. There is none where long double is not x87's format.
+  /// Exact; a NaN keeps sign and payload. Exists only if long double is x87's format.
   template <QuadExtended T>
   Quad(T x) noexcept {
     extended80 bytes;
@@ -127,7 +127,8 @@ class Quad {
   friend bool operator==(const Quad& a, const Quad& b) noexcept {
     return __eqq(&a.bits_, &b.bits_) != 0;
   }
-  /// The order; unordered with a NaN, which raises invalid, as all ordered comparisons do.
+  /// The order of two numbers. With a NaN it is unordered and invalid is raised, as in all ordered
+  /// comparisons.
   friend std::partial_ordering operator<=>(const Quad& a, const Quad& b) noexcept {
     const std::int32_t order = __compareq(&a.bits_, &b.bits_);
     if (order != 0) {
@@ -152,7 +153,7 @@ class Quad {
     return __geq(&a.bits_, &b.bits_) != 0;
   }
 
-  /// Whether the sign bit is set, of zeros and NaNs too.
+  /// Whether the sign bit is set, also in zeros and NaNs.
   friend constexpr bool signbit(const Quad& a) noexcept { return (a.bits_.high & sign_bit) != 0; }
   /// Whether a is a NaN, quiet or signaling; no flag.
   friend constexpr bool isnan(const Quad& a) noexcept {

@@ -6,11 +6,12 @@
  * one line or one paragraph a frame.
  *
  * Frames and contexts are the platform's own records. On Windows they are STACKFRAME64 (264 bytes)
- * and the x64 CONTEXT (1232 bytes) of the system's headers; on Linux they have the same layout,
- * whatever of it does not exist there being zero.
+ * and the x64 CONTEXT (1232 bytes) of the system's headers. On Linux they have the same layout,
+ * with zeros in the fields that do not exist there.
  *
  * None of these routines uses the heap or ends the process, so a fault handler may call them. They
- * share one error text and the system's symbol handler: callers on several threads take turns. */
+ * share one error text and the system's symbol handler, so only one thread at a time may call
+ * them. */
 #ifndef KSOMD_TRACEBACK_H
 #define KSOMD_TRACEBACK_H
 
@@ -44,23 +45,23 @@ typedef int32_t (*ksomd_frame_callback)(const void* frame, void* user, int32_t s
  * tbk_geterrorstring() then says the same in words.
  *
  * `context` is a CONTEXT to start from, such as that of a fault; it is copied, and no frame is
- * marked to be skipped. Null: the walk starts at the walk routine itself, and the leading `skip`
- * frames are marked if `direct` is not 0, else the leading five.
+ * marked to be skipped. If it is null, the walk starts at the walk routine itself. Then the leading
+ * `skip` frames are marked if `direct` is not 0, else the leading five.
  *
  * The walk ends with the frame that has no return address, after that frame was handed over. An
  * exception inside the callback or the system's walker (on Linux: SIGSEGV, SIGBUS, SIGFPE, SIGILL
- * or SIGTRAP on this thread) ends the walk; it does not reach the caller, and the handlers that
- * were there before are in place again when the walk returns. A C++ exception is such an exception
- * on Windows; on Linux a callback must not let one out. */
+ * or SIGTRAP on this thread) ends the walk and does not reach the caller. The handlers that were
+ * there before are in place again when the walk returns. On Windows all of this holds for C++
+ * exceptions too; on Linux a callback must not let one out. */
 KSOMD_API uint32_t tbk_trace_stack_impl(const void* context, void* user,
                                         ksomd_frame_callback callback, uint32_t direct,
                                         uint32_t skip);
 
-/* tbk_trace_stack_impl with `skip` 2: what is left out are the walk routine and this one. */
+/* tbk_trace_stack_impl with `skip` 2: the walk routine and this one are skipped. */
 KSOMD_API uint32_t tbk_trace_stack(const void* context, void* user, ksomd_frame_callback callback,
                                    uint32_t direct);
 
-/* Program counter and return address of a frame; for its frame pointer there is always 0. */
+/* The program counter and the return address of a frame. tbk_getFramePtr always returns 0. */
 KSOMD_API uint64_t tbk_getPC(const void* frame);
 KSOMD_API uint64_t tbk_getRetAddr(const void* frame);
 KSOMD_API uint64_t tbk_getFramePtr(const void* frame);
@@ -69,12 +70,13 @@ KSOMD_API uint64_t tbk_getFramePtr(const void* frame);
  * characters. It changes when the next walk begins. */
 KSOMD_API const char* tbk_geterrorstring(void);
 
-/* Writes the name of the module whose image holds `address`, extension included and directory left
- * out, cut to size - 1 characters and terminated; an empty text if no module does. Name and
- * extension are cut to 255 characters each. If `base` is not null, *base becomes 0. */
+/* Writes the name of the module whose image holds `address`, with its extension and without its
+ * directory, truncated to size - 1 characters and terminated. Name and extension are truncated to
+ * 255 characters each. The text is empty if no module holds the address. If `base` is not null,
+ * *base becomes 0. */
 KSOMD_API void tbk_getModuleName(uint64_t address, char* name, uint32_t size, uint64_t* base);
 
-/* What a lookup finds: three terminated texts. A name longer than 259 bytes is cut to that. */
+/* What a lookup finds: three terminated texts. Names longer than 259 bytes are truncated. */
 struct ksomd_pc_info {
   char routine[260]; /* as recorded by the compiler */
   char file[260];    /* as recorded, with or without directory */
@@ -85,9 +87,9 @@ struct ksomd_pc_info {
  * section, none of its blocks describes `pc`, or the bytes of the section make no sense, all three
  * texts are "Unknown".
  *
- * `bias` (null counts as 0) moves the blocks whose recorded start address lies below it, for
- * sections that hold addresses relative to a load address; the section itself is where the module
- * says. `module` is not used. Safe on several threads at once. */
+ * `bias` (null counts as 0) is for sections that hold addresses relative to a load address: blocks
+ * whose recorded start address lies below it are moved up by it. It does not change where the
+ * section is read. `module` is not used. Safe on several threads at once. */
 KSOMD_API uint32_t tbk_get_pc_info_pie(struct ksomd_pc_info* info, uint64_t pc,
                                        const uint64_t* bias, const char* module);
 KSOMD_API uint32_t tbk_get_pc_info(struct ksomd_pc_info* info, uint64_t pc, uint64_t bias,
@@ -102,10 +104,10 @@ KSOMD_API uint32_t tbk_get_pc_info(struct ksomd_pc_info* info, uint64_t pc, uint
  *
  * `context`, `direct` and `skip` are those of tbk_trace_stack_impl; skipped frames are not shown.
  *
- * Result: the number of characters of the dump, at most `size`. A dump that does not fit is cut,
- * and ends with "Stack trace buffer overflow; further frames not shown." and a line feed; a buffer
- * of 57 bytes or less holds nothing but that notice. With a null buffer nothing is written; the
- * result is the size of a buffer that holds the whole dump. */
+ * Result: the number of characters of the dump, at most `size`. A dump that does not fit is
+ * truncated, and ends with "Stack trace buffer overflow; further frames not shown." and a line
+ * feed; a buffer of 57 bytes or less holds nothing but that notice. With a null buffer nothing is
+ * written; the result is the size of a buffer that holds the whole dump. */
 KSOMD_API uint64_t tbk_string_stack_signal_impl(const void* context, char* buffer, uint64_t size,
                                                 uint32_t brief, uint32_t direct, uint32_t skip);
 

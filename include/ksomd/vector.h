@@ -1,6 +1,7 @@
 /* Support for vectorised loops: reductions into arrays, and a run-time test for independence.
  *
- * No routine keeps state or allocates; calls on disjoint memory may run in any number of threads.*/
+ * No routine keeps state or allocates. Calls on disjoint memory may run in any number of
+ * threads. */
 #ifndef KSOMD_VECTOR_H
 #define KSOMD_VECTOR_H
 
@@ -26,10 +27,11 @@ enum {
   KSOMD_COMPLEX_QUAD = 23
 };
 
-/* Reduction operations: identity, and what becomes of the destination element d with the source
- * element s. Integers wrap around. Minimum, maximum and the operations from KSOMD_LOGICAL_AND on
- * treat the two parts of a complex number separately, with the identities of KSOMD_MAXIMUM and
- * KSOMD_MINIMUM in both parts and the others' in the real part alone.
+/* Reduction operations. Each is listed with its identity, and with what the destination element d
+ * becomes when it is combined with the source element s. Integers wrap around. Minimum, maximum and
+ * the operations from KSOMD_LOGICAL_AND on treat the two parts of a complex number separately, with
+ * the identities of KSOMD_MAXIMUM and KSOMD_MINIMUM in both parts and the others' in the real part
+ * alone.
  *
  * Maximum keeps d if s <= d and minimum if d <= s, so a NaN gives s; for quads maximum takes s if
  * d <= s and minimum if d >= s, so a NaN keeps d. */
@@ -79,11 +81,11 @@ typedef struct ksomd_range {
 } ksomd_range;
 
 /* Sorts the n ranges by start and tells whether one overlaps or touches the next: 1 if so, else 0,
- * also for n <= 1. Equal starts are left in a fixed order: that of a quicksort with the last record
- * as the pivot, for up to 1000 ranges, and for more of them unless that quicksort looks at
- * more than about 3 n log2(n) records, twice as many as in a random order: then it is that of a
- * heap sort, and time is O(n log n) at worst. Stack use is logarithmic. The array must not change
- * during the call. */
+ * also for n <= 1. Ranges with equal starts end up in a fixed order, that of a quicksort with the
+ * last record as the pivot. For more than 1000 ranges there is one exception: if that quicksort
+ * would look at more than about 3 n log2(n) records, twice as many as for a random order, the order
+ * is that of a heap sort. So time is O(n log n) at worst. Stack use is logarithmic. The array must
+ * not change during the call. */
 KSOMD_API uint64_t __orvex_rtdd_indep(ksomd_range* ranges, int32_t n);
 
 KSOMD_END

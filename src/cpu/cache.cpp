@@ -150,9 +150,9 @@ void record_descriptor(const Processor& processor, std::uint8_t byte, CacheInfo&
   if (found.level == 0) {
     return;
   }
-  const bool moved = byte == level_2_or_3 && is_family_15_model_6(processor);
-  info.level[moved ? 2 : found.level - 1] = {found.size_kib, found.line, found.partitions,
-                                             found.ways};
+  const bool is_level_3 = byte == level_2_or_3 && is_family_15_model_6(processor);
+  info.level[is_level_3 ? 2 : found.level - 1] = {found.size_kib, found.line, found.partitions,
+                                                  found.ways};
 }
 
 void read_leaf_2(const Processor& processor, CacheInfo& info) {
@@ -170,7 +170,8 @@ void read_leaf_2(const Processor& processor, CacheInfo& info) {
     const CpuidResult& result = results[i];
     const std::uint32_t registers[] = {result.eax, result.ebx, result.ecx, result.edx};
     for (const std::uint32_t value : registers) {
-      // The count in the lowest byte is looked up like a descriptor; 1 to 4 describe no cache.
+      // The lowest byte of EAX is the number of executions. It is looked up like a descriptor,
+      // which does no harm: 1 to 4 describe no cache.
       for (int byte = 0; byte < 4 && (value & no_descriptors) == 0; ++byte) {
         const auto descriptor = static_cast<std::uint8_t>(value >> (8 * byte));
         if (descriptor == use_leaf_4) {
@@ -185,7 +186,8 @@ void read_leaf_2(const Processor& processor, CacheInfo& info) {
   }
 }
 
-// Copies all but the ready mark, word by word: racing first users store the same values.
+// Copies all fields but `ready`, each word atomically. Threads that race for the first use store
+// the same values.
 void copy_caches(const CacheInfo& from, CacheInfo& to) {
   constexpr std::size_t words = offsetof(CacheInfo, ready) / sizeof(std::uint32_t);
   const auto* source = reinterpret_cast<const std::uint32_t*>(&from);

@@ -13,7 +13,7 @@ constexpr std::uint32_t core_type_leaf = 0x1A;
 
 std::uint8_t process_state;  // a HybridState
 
-// Racing first users find the same state.
+// Threads that race for the first use store the same state.
 HybridState determined_state() {
   auto state = static_cast<HybridState>(__atomic_load_n(&process_state, __ATOMIC_RELAXED));
   if (state == HybridState::Undetermined) {
@@ -28,7 +28,7 @@ HybridState determined_state() {
 HybridState hybrid_state(const Processor& processor) {
   constexpr CpuidReport rdpid = feature_row("RDPID").report;
   static_assert(rdpid.leaf == Leaf::Basic7 && rdpid.reg == Register::Ecx);
-  constexpr std::uint32_t hybrid = 1u << 15;  // EDX; no feature of the table
+  constexpr std::uint32_t hybrid = 1u << 15;  // in EDX; the feature table has no row for it
   if (processor.leaf(0).eax < core_type_leaf || !processor.vendor_is(genuine_vendor)) {
     return HybridState::Unavailable;
   }

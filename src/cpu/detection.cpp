@@ -28,7 +28,8 @@ constexpr std::uint32_t apx_state = bit(19);
 // The CPUID leaves that report features, each read once, and the conditions that hold.
 class Snapshot {
  public:
-  // Of a processor that reports nothing.
+  // A processor that reports nothing. Every leaf counts as read, so that every feature is
+  // NotReported.
   Snapshot() : read_(~0u) {}
   explicit Snapshot(const Processor& processor);
 
@@ -42,8 +43,12 @@ class Snapshot {
   }
 
  private:
-  std::uint32_t reg(Leaf leaf, Register reg) const;
-  // Whether CPUID reports it, whatever its condition is.
+  std::uint32_t reg(Leaf leaf, Register reg) const {
+    const CpuidResult& result = leaves_[static_cast<int>(leaf)];
+    const std::uint32_t registers[] = {result.eax, result.ebx, result.ecx, result.edx};
+    return registers[static_cast<int>(reg)];
+  }
+  // Whether CPUID reports the feature. Its condition is not looked at.
   bool reports(const CpuidReport& report) const {
     return (reg(report.leaf, report.reg) & report.field.mask) >= report.field.minimum;
   }
@@ -64,7 +69,7 @@ class Snapshot {
   std::uint32_t read_ = 0;
 };
 
-// What conditions rest on, and no feature of the table is.
+// CPUID bits that conditions depend on. The feature table has no rows for them.
 constexpr CpuidReport xgetbv_enabled{Leaf::Basic1, Register::Ecx, feature_table::bits(27)};
 constexpr CpuidReport key_locker{Leaf::Basic7, Register::Ecx, feature_table::bits(23)};
 constexpr CpuidReport avx10{Leaf::Basic7Sub1, Register::Edx, feature_table::bits(19)};
@@ -102,21 +107,6 @@ Snapshot::Snapshot(const Processor& processor) {
   if (holds(Condition::Avx10)) {
     read(processor, Leaf::Avx10_24, 0x24, 0);
   }
-}
-
-std::uint32_t Snapshot::reg(Leaf leaf, Register reg) const {
-  const CpuidResult& result = leaves_[static_cast<int>(leaf)];
-  switch (reg) {
-    case Register::Eax:
-      return result.eax;
-    case Register::Ebx:
-      return result.ebx;
-    case Register::Ecx:
-      return result.ecx;
-    case Register::Edx:
-      return result.edx;
-  }
-  __builtin_unreachable();
 }
 
 void store(FeatureSet& set, const FeatureSet& features) {

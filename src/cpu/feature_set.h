@@ -1,10 +1,10 @@
-// A set of processor features, and the two process-wide ones.
+// Sets of processor features, and the two sets of the process.
 #pragma once
 
 #include <cstdint>
 
-// Tells the compiler of a routine that keeps its caller's registers, so that nothing is spilled
-// around a call of it.
+// Marks a routine that preserves its caller's registers, so that the compiler spills nothing around
+// a call.
 #ifdef __clang__
 #define KSOMD_PRESERVES_REGISTERS [[clang::preserve_all]]
 #else
@@ -13,10 +13,11 @@
 
 namespace ksomd {
 
-// 128 bits: bit b lies in word b / 64 at position b mod 64.
+// 128 bits. Bit b is bit b % 64 of word b / 64.
 using FeatureSet = std::uint64_t[2];
 
-// Features that something needs. feature_mask() in cpu/feature_table.h makes one from their names.
+// The features that a variant or a level needs. feature_mask() in cpu/feature_table.h makes one
+// from their names.
 struct FeatureMask {
   std::uint64_t words[2];
 
@@ -33,22 +34,23 @@ struct FeatureMask {
 
 extern "C" {
 
-// The features of this processor, whatever its vendor. Both words are 0 until the first detection;
-// word 0 is never 0 after it, since bit 0 is always set. Word 1 is published before word 0.
+// The features of this processor, of whatever vendor. Both words are 0 until the first detection.
+// After it word 0 is never 0, because bit 0 is always set. Word 1 is stored before word 0.
 [[gnu::visibility("hidden")]] extern ksomd::FeatureSet __orvex_cpu_feature_indicator;
 
-// The same on a "GenuineOrvex" processor, bit 0 alone on any other. Only the feature start-up
-// check reads it.
+// The same features on a "GenuineOrvex" processor, and bit 0 alone on any other. Only the feature
+// start-up check reads this set.
 [[gnu::visibility("hidden")]] extern ksomd::FeatureSet __orvex_vendor_feature_indicator;
 
-// Fill the general set; fill both sets, the general one only if the vendor is "GenuineOrvex".
-// Result 0; anything else: the name table and the detection disagree, and nothing was stored.
-// Both leave every argument and scratch register as they found it, vector and mask registers at
-// their full width included; only the result register and the flags change.
+// __orvex_cpu_features_init fills the general set. __orvex_cpu_features_init_vendor fills the
+// vendor-gated set, and also the general one if the vendor is "GenuineOrvex". The result is 0. Any
+// other result means that the name table and the detection disagree; then nothing was stored. Both
+// routines preserve every argument and scratch register, vector and mask registers at full width.
+// Only the result register and the flags change.
 KSOMD_PRESERVES_REGISTERS int __orvex_cpu_features_init(void);
 KSOMD_PRESERVES_REGISTERS int __orvex_cpu_features_init_vendor(void);
 
-// Detection itself, in the ordinary calling convention.
+// The detection that both call, in the ordinary calling convention.
 int __orvex_cpu_features_detect(int check_vendor);
 
 }  // extern "C"
@@ -59,8 +61,8 @@ inline std::uint64_t load_feature_word(const std::uint64_t& word) {
   return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
 }
 
-// Word 0 of the general set, filled first if nobody has. Every dispatching routine reads the set
-// this way: one load and one compare once it is filled.
+// Word 0 of the general set, which is filled first if it is empty. Every dispatching routine reads
+// the set this way. Once the set is filled, that costs one load and one compare.
 inline std::uint64_t feature_word() {
   std::uint64_t word = load_feature_word(__orvex_cpu_feature_indicator[0]);
   while (word == 0) [[unlikely]] {
@@ -70,7 +72,7 @@ inline std::uint64_t feature_word() {
   return word;
 }
 
-// Both words of the general set, filled first if nobody has.
+// Both words of the general set, which is filled first if it is empty.
 inline void read_features(FeatureSet& features) {
   features[0] = feature_word();
   features[1] = load_feature_word(__orvex_cpu_feature_indicator[1]);

@@ -1,6 +1,6 @@
 // The features that the library knows: their names, their bits in a feature set, and where the
-// processor reports each. The one table of them; its order is the order in which reports list
-// features, and a row's number is the feature's ISA id.
+// processor reports each. This is the only such table. The number of a row is the feature's ISA id,
+// and reports list features in this order.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ inline constexpr int leaf_count = 9;
 
 enum class Register : std::uint8_t { Eax, Ebx, Ecx, Edx };
 
-// What must hold, beside the report itself, before a feature counts as present.
+// A feature counts as present only if CPUID reports it and its condition holds.
 //   Fxsave                  FXSAVE is reported
 //   Ymm, Zmm, Tmm, Apx      the system preserves that register state (XCR0)
 //   BoundRegisters          Ymm, and the system preserves the bound registers
@@ -47,8 +47,8 @@ enum class Condition : std::uint8_t {
   Apx,
 };
 
-// A field is present when its masked value reaches the minimum: all bits of a bit mask, or a
-// version number that is high enough.
+// A field reports its feature if the masked value is at least the minimum: all bits of a mask are
+// set, or a version number is high enough.
 struct Field {
   std::uint32_t mask, minimum;
 };

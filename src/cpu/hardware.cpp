@@ -1,6 +1,8 @@
 // The processor that the code runs on.
 #include <cpuid.h>
 
+#include <cstring>
+
 #include "cpu/processor.h"
 
 namespace ksomd {
@@ -33,14 +35,6 @@ bool hardware_has_cpuid(const void*) {
   return ((before ^ after) & id_flag) != 0;
 }
 
-constexpr std::uint32_t four_characters(const char* text) {
-  std::uint32_t word = 0;
-  for (int i = 3; i >= 0; --i) {
-    word = word << 8 | static_cast<unsigned char>(text[i]);
-  }
-  return word;
-}
-
 }  // namespace
 
 constexpr Processor hardware_processor{hardware_cpuid, hardware_xcr0, hardware_rdpid,
@@ -48,8 +42,8 @@ constexpr Processor hardware_processor{hardware_cpuid, hardware_xcr0, hardware_r
 
 bool Processor::vendor_is(const char (&name)[13]) const {
   const CpuidResult vendor = leaf(0);
-  return vendor.ebx == four_characters(name) && vendor.edx == four_characters(name + 4) &&
-         vendor.ecx == four_characters(name + 8);
+  const std::uint32_t characters[] = {vendor.ebx, vendor.edx, vendor.ecx};
+  return std::memcmp(characters, name, sizeof characters) == 0;
 }
 
 }  // namespace ksomd

@@ -21,7 +21,7 @@ T load_relaxed(const T& source) {
   return __atomic_load_n(&source, __ATOMIC_RELAXED);
 }
 
-// ISA id of the feature with this lower-case name; 0 if none has it.
+// The ISA id of the feature with this lower-case name; 0 if there is none.
 std::int32_t isa_id_of_lower_name(const char* name, std::size_t length) {
   for (std::int32_t id = 1; id < isa_id_count; ++id) {
     const char* candidate = load_relaxed(__orvex_isa_table[id].lower_name);
@@ -35,8 +35,8 @@ std::int32_t isa_id_of_lower_name(const char* name, std::size_t length) {
 
 }  // namespace
 
-// Threads may fill the table at the same time. Each writes a row's final values only, never an
-// interim value, so a thread that already reads the table sees no change.
+// Threads may fill the table at the same time. Each stores only a row's final values, so a thread
+// that already reads the table sees no change.
 void __orvex_isa_table_init() {
   if (__atomic_load_n(&isa_table_ready, __ATOMIC_ACQUIRE)) {
     return;

@@ -1,5 +1,5 @@
-// A processor, as everything that decides from its answers sees it. The exported routines pass
-// `hardware_processor`; a test passes a table of answers.
+// The questions that the library asks a processor. The exported routines pass `hardware_processor`;
+// a test passes a table of answers.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,12 @@ struct CpuidResult {
 struct Processor {
   // CPUID with EAX = leaf and ECX = subleaf.
   CpuidResult (*cpuid)(const void* self, std::uint32_t leaf, std::uint32_t subleaf);
-  // Low half of XCR0. Asked only where CPUID says that the system has enabled XGETBV.
+  // The low half of XCR0. Called only if CPUID says that the system has enabled XGETBV.
   std::uint32_t (*xcr0)(const void* self);
-  // Number of the logical processor that the thread runs on. Asked only where CPUID has RDPID.
+  // The number of the logical processor that the thread runs on. Called only if CPUID reports
+  // RDPID.
   std::uint32_t (*rdpid)(const void* self);
-  // Whether the CPUID instruction exists: bit 21 of the flags register can be changed.
+  // Whether the CPUID instruction exists. It does if bit 21 of the flags register can be changed.
   bool (*has_cpuid)(const void* self);
   const void* self;
 

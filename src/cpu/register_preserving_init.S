@@ -1,7 +1,7 @@
-// The two entries that fill the feature sets. Dispatching code calls them in the middle of
-// forwarding its caller's arguments, so they keep every argument and scratch register: the
-// general ones on the stack, the vector and mask registers at full width in an XSAVE image, or
-// in an FXSAVE image where the system does not enable XSAVE.
+// The two entries that fill the feature sets. Dispatching code calls them while its caller's
+// arguments are still in registers, so they preserve every argument and scratch register: the
+// general ones on the stack, the vector and mask registers at full width in an XSAVE image, or in
+// an FXSAVE image if the system does not enable XSAVE.
 //
 //   rbp ->  saved registers, the return address above them
 //   rbp-8   components saved by XSAVE; 0: FXSAVE
@@ -9,9 +9,9 @@
 //           register image, aligned to 64
 //   rsp ->  64 bytes: outgoing stack arguments of the call
 
-// x87, SSE, AVX, mask registers, both parts of the 512-bit state, and the APX registers: what a
-// called C routine may change. The tile state is left out: nothing below touches it, and its
-// image alone is 8 KiB.
+// The components that a called C routine may change: x87, SSE, AVX, mask registers, both parts of
+// the 512-bit state, and the APX registers. The tile state is left out: the detection does not
+// touch it, and its image alone is 8 KiB.
 #define PRESERVED_COMPONENTS 0x800E7
 #define LAST_COMPONENT 19
 #define LEGACY_IMAGE_SIZE 576   // legacy region and XSAVE header
@@ -46,7 +46,7 @@
 #endif
 .endm
 
-// Saves the general registers, the frame pointer being the last to be set up.
+// Saves the general registers and then sets up the frame pointer.
 .macro save_general_registers
         .irp register, rbp, rbx, rsi, rdi
         save_callee_saved \register
@@ -70,7 +70,8 @@
         .endr
 .endm
 
-// esi: the components to save, 0 where the system does not enable XSAVE; edi: the size of the image.
+// Sets esi to the components to save, or to 0 if the system does not enable XSAVE, and edi to the
+// size of the image.
 .macro choose_components
         mov eax, 1
         cpuid
@@ -97,8 +98,8 @@
 3:
 .endm
 
-// Takes edi bytes of stack, aligned, and room for a call. The stack is touched page by page on the
-// way down, as its growth wants it.
+// Takes edi bytes of stack, aligned to 64, and 64 bytes more for the call. Touches every page on
+// the way down, because the system extends a stack by one page at a time.
 .macro take_stack
 1:      cmp edi, PAGE_SIZE
         jb 2f

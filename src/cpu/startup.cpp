@@ -26,12 +26,10 @@ struct HardwareMxcsr {
   }
 };
 
-using FatalReport = void (*)(std::uint32_t message);
-
 constexpr Guarantees daz = KSOMD_DENORMALS_ARE_ZERO;
 constexpr Guarantees daz_17 = KSOMD_DENORMALS_ARE_ZERO | KSOMD_MXCSR_BIT_17;
-constexpr FatalReport processor_report = __libkso_fatal_processor;
-constexpr FatalReport system_report = __libkso_fatal_system;
+constexpr auto* processor_report = __libkso_fatal_processor;
+constexpr auto* system_report = __libkso_fatal_system;
 
 constexpr FeatureMask set_none = feature_mask("X87", "CMOV", "MMX", "SSE");
 constexpr FeatureMask set_B = set_none | feature_mask("SSE2");
@@ -71,23 +69,7 @@ void verify(const Level& level, std::uint32_t flags) {
   __builtin_unreachable();
 }
 
-// Text that grows in a buffer of fixed size; the caller keeps within it.
-class List {
- public:
-  explicit List(char* text) : end_(text), start_(text) { *end_ = '\0'; }
-  std::size_t length() const { return static_cast<std::size_t>(end_ - start_); }
-  void append(const char* text) {
-    const std::size_t length = std::strlen(text);
-    std::memcpy(end_, text, length + 1);
-    end_ += length;
-  }
-
- private:
-  char* end_;
-  char* start_;
-};
-
-// One message between two empty lines, then the end of the process.
+// Prints a message between two empty lines and ends the process.
 [[noreturn]] void fail_check(std::uint32_t number, const char* argument = nullptr) {
   __libkso_print(1, message::empty_line, 0);
   __libkso_print(1, number, argument == nullptr ? 0 : 1, argument);
@@ -103,8 +85,14 @@ const std::size_t level_count = sizeof levels / sizeof *levels;
 
 bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[feature_list_size]) {
   constexpr const char* separator = ", ";
-  List text(list);
-  const char* pending = nullptr;
+  char* end = list;
+  *end = '\0';
+  const auto append = [&end](const char* text) {
+    const std::size_t length = std::strlen(text);
+    std::memcpy(end, text, length + 1);
+    end += length;
+  };
+  const char* pending = nullptr;  // the latest name: what goes before it depends on the next
   for (std::int32_t id = 1; id < isa_id_count; ++id) {
     if (__orvex_test_feature(missing, id) != 1) {
       continue;
@@ -113,25 +101,25 @@ bool list_features(const FeatureSet& missing, const char* joiner, char (&list)[f
     if (name == nullptr || *name == '\0') {
       return false;
     }
-    if (text.length() == 0) {
-      text.append(name);
+    if (end == list) {
+      append(name);
       continue;
     }
     if (pending != nullptr) {
-      // There must still be room for the joiner and this name, should it turn out to be the last.
-      const std::size_t closed = text.length() + std::strlen(separator) + std::strlen(pending) +
-                                 std::strlen(joiner) + std::strlen(name);
+      // `name` may turn out to be the last name, so there must still be room for it and the joiner.
+      const std::size_t closed = static_cast<std::size_t>(end - list) + std::strlen(separator) +
+                                 std::strlen(pending) + std::strlen(joiner) + std::strlen(name);
       if (closed > feature_list_size - 1) {
         break;
       }
-      text.append(separator);
-      text.append(pending);
+      append(separator);
+      append(pending);
     }
     pending = name;
   }
   if (pending != nullptr) {
-    text.append(joiner);
-    text.append(pending);
+    append(joiner);
+    append(pending);
   }
   return true;
 }
@@ -200,96 +188,50 @@ void __orvex_new_feature_proc_init(std::int32_t flags, std::uint64_t mask) {
   }
 }
 
-void __orvex_proc_init() {
-  verify(level_none, default_flags);
-}
-void __orvex_proc_init_B() {
-  verify(level_B, default_flags);
-}
-void __orvex_proc_init_N() {
-  verify(level_N, default_flags);
-}
-void __orvex_proc_init_P() {
-  verify(level_P, default_flags);
-}
-void __orvex_proc_init_T() {
-  verify(level_T, default_flags);
-}
+// The exported checks of a level, without and with flags, and the report of a level with its second
+// names.
+#define KSOMD_CHECK(entry, level) \
+  void entry() {                  \
+    verify(level, default_flags); \
+  }
+#define KSOMD_FLAGS_CHECK(entry, level) \
+  void entry(std::uint32_t flags) {     \
+    verify(level, flags);               \
+  }
+#define KSOMD_REPORT(entry, level) \
+  void entry() {                   \
+    report(level);                 \
+  }                                \
+  KSOMD_SECOND_NAMES(entry)
 
-void __orvex_new_proc_init(std::uint32_t flags) {
-  verify(level_none, flags);
-}
-void __orvex_new_proc_init_B(std::uint32_t flags) {
-  verify(level_B, flags);
-}
-void __orvex_new_proc_init_N(std::uint32_t flags) {
-  verify(level_N, flags);
-}
-void __orvex_new_proc_init_P(std::uint32_t flags) {
-  verify(level_P, flags);
-}
-void __orvex_new_proc_init_T(std::uint32_t flags) {
-  verify(level_T, flags);
-}
-void __orvex_new_proc_init_L(std::uint32_t flags) {
-  verify(level_L, flags);
-}
-void __orvex_new_proc_init_S(std::uint32_t flags) {
-  verify(level_S, flags);
-}
-void __orvex_new_proc_init_H(std::uint32_t flags) {
-  verify(level_H, flags);
-}
-void __orvex_new_proc_init_G(std::uint32_t flags) {
-  verify(level_G, flags);
-}
-void __orvex_new_proc_init_I(std::uint32_t flags) {
-  verify(level_I, flags);
-}
-void __orvex_new_proc_init_E(std::uint32_t flags) {
-  verify(level_E, flags);
-}
+KSOMD_CHECK(__orvex_proc_init, level_none)
+KSOMD_CHECK(__orvex_proc_init_B, level_B)
+KSOMD_CHECK(__orvex_proc_init_N, level_N)
+KSOMD_CHECK(__orvex_proc_init_P, level_P)
+KSOMD_CHECK(__orvex_proc_init_T, level_T)
 
-void __orvex_report_B() {
-  report(level_B);
-}
-KSOMD_SECOND_NAMES(__orvex_report_B);
-void __orvex_report_N() {
-  report(level_N);
-}
-KSOMD_SECOND_NAMES(__orvex_report_N);
-void __orvex_report_P() {
-  report(level_P);
-}
-KSOMD_SECOND_NAMES(__orvex_report_P);
-void __orvex_report_T() {
-  report(level_T);
-}
-KSOMD_SECOND_NAMES(__orvex_report_T);
-void __orvex_report_L() {
-  report(level_L);
-}
-KSOMD_SECOND_NAMES(__orvex_report_L);
-void __orvex_report_S() {
-  report(level_S);
-}
-KSOMD_SECOND_NAMES(__orvex_report_S);
-void __orvex_report_H() {
-  report(level_H);
-}
-KSOMD_SECOND_NAMES(__orvex_report_H);
-void __orvex_report_G() {
-  report(level_G);
-}
-KSOMD_SECOND_NAMES(__orvex_report_G);
-void __orvex_report_I() {
-  report(level_I);
-}
-KSOMD_SECOND_NAMES(__orvex_report_I);
-void __orvex_report_E() {
-  report(level_E);
-}
-KSOMD_SECOND_NAMES(__orvex_report_E);
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init, level_none)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_B, level_B)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_N, level_N)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_P, level_P)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_T, level_T)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_L, level_L)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_S, level_S)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_H, level_H)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_G, level_G)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_I, level_I)
+KSOMD_FLAGS_CHECK(__orvex_new_proc_init_E, level_E)
+
+KSOMD_REPORT(__orvex_report_B, level_B);
+KSOMD_REPORT(__orvex_report_N, level_N);
+KSOMD_REPORT(__orvex_report_P, level_P);
+KSOMD_REPORT(__orvex_report_T, level_T);
+KSOMD_REPORT(__orvex_report_L, level_L);
+KSOMD_REPORT(__orvex_report_S, level_S);
+KSOMD_REPORT(__orvex_report_H, level_H);
+KSOMD_REPORT(__orvex_report_G, level_G);
+KSOMD_REPORT(__orvex_report_I, level_I);
+KSOMD_REPORT(__orvex_report_E, level_E);
 void __orvex_report_none() {}
 KSOMD_SECOND_NAMES(__orvex_report_none);
 

@@ -12,15 +12,15 @@
 
 namespace ksomd {
 
-// A variant: its name, the features that it needs, and what is used where they are present: a
-// routine, or a set of kernels. The last row of a table needs nothing.
+// A variant: its name, the features that it needs, and what to use if they are present: a routine
+// or a set of kernels. The last row of a table needs nothing.
 template <class Choice>
 struct Variant {
   const char* name;
   FeatureMask needs;
   Choice choice;
 };
-// A row whose name is that of its routine.
+// A row that is named after its routine.
 #define KSOMD_VARIANT(needs, routine) {#routine, needs, routine}
 
 // The first row whose features are all present.
@@ -50,15 +50,15 @@ Target* fill_slot(Target*& slot, const Variants& variants) {
   return chosen;
 }
 
-// Fills the slot and forwards the call. Its type is that of the variants.
+// Fills the slot and forwards the call. It has the variants' type, as a tail call requires.
 template <auto& slot, const auto& variants, class... Arguments>
 [[gnu::cold, gnu::noinline]] auto resolve(Arguments... arguments) {
   auto* const chosen = fill_slot(slot, variants);
   [[clang::musttail]] return chosen(arguments...);
 }
 
-// The body of an entry point, which has the variants' type: forwards the call to what the slot
-// remembers.
+// The body of an entry point: forwards the call to the variant in the slot. The entry point has the
+// variants' type, as a tail call requires.
 template <auto& slot, const auto& variants, class... Arguments>
 [[gnu::always_inline]] inline auto dispatch(Arguments... arguments) {
   if (auto* const routine = load_slot(slot)) [[likely]] {
@@ -67,8 +67,8 @@ template <auto& slot, const auto& variants, class... Arguments>
   [[clang::musttail]] return resolve<slot, variants>(arguments...);
 }
 
-// The row of a report: an entry point, and the name of the variant that it takes on a processor
-// with these features, which may be another processor than this one.
+// A row of a report: an entry point, and a function that names the variant it takes on a processor
+// with the given features, which need not be this processor.
 struct DispatchingEntry {
   const char* name;
   const char* (*variant)(const FeatureSet& features);

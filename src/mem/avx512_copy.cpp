@@ -19,7 +19,7 @@ constexpr size_t block = 256;
   }
 }
 
-// Blocks while more than one is left; d is aligned.
+// Copies blocks while more than one is left. d is aligned.
 template <Access to>
 [[gnu::always_inline]] inline void copy_blocks(Byte*& d, const Byte*& s, size_t n) {
   for (; n > block; d += block, s += block, n -= block) {

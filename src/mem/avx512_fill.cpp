@@ -20,7 +20,7 @@ constexpr size_t block = 256;
   }
 }
 
-// A block at either end, and aligned ones in between.
+// Stores a block at each end and aligned blocks in between.
 [[gnu::always_inline]] inline void fill_vectors(Byte* d, int byte, size_t n) {
   const __m512i value = _mm512_set1_epi8(static_cast<char>(byte));
   fill_head_tail<Piece64, 4>(d, value, n);

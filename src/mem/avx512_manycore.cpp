@@ -1,4 +1,4 @@
-// Variants for the many-core line, which has AVX512F only and is slow at clearing upper halves.
+// Variants for many-core processors, which have AVX512F only and are slow at clearing upper halves.
 #include "ksomd/memory.h"
 #include "mem/avx512_blocks.h"
 
@@ -8,10 +8,10 @@ namespace {
 constexpr size_t block = 512;
 constexpr size_t prefetch_distance = 1536;
 
-// What the routines do with large ranges.
+// How large ranges are stored: past the cache, or through it like all others.
 enum class Large { Stream, ReadForOwnership };
 
-// Each load with its store and with a prefetch into the second-level cache.
+// Copies 64 bytes at a time, and prefetches the source into the second-level cache.
 template <Access to>
 [[gnu::always_inline]] inline void copy_blocks(Byte*& d, const Byte*& s, size_t& n) {
   do {

@@ -5,7 +5,8 @@ namespace ksomd::mem {
 namespace {
 
 constexpr size_t block = 256;
-// The last bytes of a large copy stay in the cache.
+// Streaming stops when less than this is left, so that the last bytes of a large copy stay in the
+// cache.
 constexpr size_t stream_floor = 768;
 
 // n is more than a block.
@@ -35,7 +36,7 @@ constexpr size_t stream_floor = 768;
   for (; n >= block; d += block, s += block, n -= block) {
     copy_block<Piece32, 2, 4, Access::Unaligned, Access::Aligned>(d, s);
   }
-  // What is left is less than a block: the last block of the range, without a branch.
+  // Less than a block is left. The last block of the whole range covers it without a branch.
   copy_block<Piece32, 2, 4, Access::Unaligned, Access::Unaligned>(d_end - block, s_end - block);
   clear_upper_halves();
   return destination;

@@ -27,7 +27,7 @@ constexpr size_t block = 256;
       d += block, n -= block;
     } while (n >= block);
   }
-  // What is left is less than a block: the last block of the range, without a branch.
+  // Less than a block is left. The last block of the whole range covers it without a branch.
   fill_group<Piece32, 8, Access::Unaligned>(d_end - block, value);
   clear_upper_halves();
   return destination;

@@ -5,13 +5,14 @@ namespace ksomd::mem {
 namespace {
 
 constexpr size_t block = 256;
-// A step of the realigning loops, and of the others half a block.
+// The step of the realigning loops, and half a block of the other loops.
 constexpr size_t step = 128;
-// The last bytes of a large move stay in the cache.
+// Streaming stops when less than this is left, so that the last bytes of a large move stay in the
+// cache.
 constexpr size_t stream_floor = 768;
 
-// The two directions. An edge is where the part still to be moved begins, seen in the direction of
-// the move: its lowest address ascending, the address behind its highest byte descending.
+// The two directions of a move. The edge is where the part begins that is still to be moved:
+// ascending, its lowest address; descending, the address behind its highest byte.
 //
 //   ascending     edge -> | 0 | 1 | 2 | ...        descending    ... | 2 | 1 | 0 | <- edge
 struct Ascending {
@@ -27,7 +28,7 @@ struct Ascending {
   [[gnu::always_inline]] static Pointer retreat(Pointer edge, size_t bytes) {
     return edge - bytes;
   }
-  // The lowest address of the n bytes before the edge.
+  // The lowest address of the next n bytes.
   template <class Pointer>
   [[gnu::always_inline]] static Pointer lowest(Pointer edge, size_t) {
     return edge;
@@ -37,7 +38,8 @@ struct Ascending {
   [[gnu::always_inline]] static void prefetch_ahead(const Byte* edge) {
     prefetch<4, _MM_HINT_T0>(edge + 512);
   }
-  // Two neighbouring aligned vectors in address order.
+  // Of two neighbouring vectors, `passed` and then `next`, the one at the lower and the one at the
+  // higher address.
   static __m256i low(__m256i passed, __m256i) { return passed; }
   static __m256i high(__m256i, __m256i next) { return next; }
 };
@@ -67,7 +69,7 @@ struct Descending {
   static __m256i high(__m256i passed, __m256i) { return passed; }
 };
 
-// Half a block; all loads precede the stores.
+// Moves half a block. All loads precede the stores.
 template <class Direction, Access from, Access to>
 [[gnu::always_inline]] inline void move_step(Byte* d, const Byte* s) {
   __m256i value[4];
@@ -87,7 +89,7 @@ template <class Direction, Access from, Access to>
   move_step<Direction, from, to>(Direction::advance(d, step), Direction::advance(s, step));
 }
 
-// The 32 bytes from byte `shift` of two neighbouring aligned vectors on; 0 < shift < 32.
+// The 32 bytes that start at byte `shift` of two neighbouring aligned vectors; 0 < shift < 32.
 template <size_t shift>
 struct FixedShift {
   [[gnu::always_inline]] __m256i operator()(__m256i low, __m256i high) const {
@@ -100,8 +102,8 @@ struct FixedShift {
   }
 };
 
-// The same by a shift that is not known before: slower, but without a jump that no predictor can
-// tell, and in one piece of code.
+// The same for a shift that is known only at run time. It is slower, but one loop serves every
+// shift, so that no unpredictable jump is needed.
 class VariableShift {
  public:
   [[gnu::always_inline]] explicit VariableShift(size_t shift)
@@ -110,7 +112,7 @@ class VariableShift {
         _mm256_add_epi8(_mm256_broadcastsi128_si256(
                             _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)),
                         _mm256_set1_epi8(static_cast<char>(shift % 16)));
-    // A byte of which the highest bit is set selects nothing.
+    // A shuffle index whose highest bit is set selects 0.
     in_first_ = _mm256_adds_epu8(place, _mm256_set1_epi8(0x70));
     in_second_ = _mm256_sub_epi8(place, _mm256_set1_epi8(16));
   }
@@ -126,14 +128,15 @@ class VariableShift {
   __m256i from_middle_, in_first_, in_second_;
 };
 
-// Half a block to a block, any overlap.
+// Moves half a block to a block. The ranges may overlap in any way.
 [[gnu::always_inline]] inline void* move_up_to_256(Byte* d, const Byte* s, size_t n, void* result) {
   copy_head_tail<Piece32, 4>(d, s, n);
   clear_upper_halves();
   return result;
 }
 
-// What is left of a long move, up to a block: nothing of it has been stored yet.
+// Moves the last n bytes of a long move, at most a block. None of them has been moved yet, and none
+// may be moved twice: the source of bytes already moved may be overwritten by now.
 template <class Direction>
 [[gnu::noinline]] void* finish(Byte* d, const Byte* s, size_t n, void* result) {
   d = Direction::lowest(d, n);
@@ -146,10 +149,10 @@ template <class Direction>
   return result;
 }
 
-// Moves steps while a block is left; the source edge lies between two boundaries. Reads aligned
-// vectors only, each once: the one that holds the next byte is in a register. That one begins (or
-// ends) among bytes already moved, and the loop stops more than a vector before the range does, so
-// that nothing outside the source range is read.
+// Moves steps while a block is left. The source edge is not on a boundary. Only aligned vectors are
+// read, and each once: `passed` is the one that holds the next byte. The rest of that vector is
+// already moved, and the loop stops more than a vector before the end of the range, so nothing
+// outside of the source range is read.
 template <class Direction, class Shift>
 [[gnu::always_inline]] inline void* move_realigning(Byte* d, const Byte* s, size_t n, void* result,
                                                     const Shift& realign) {
@@ -175,7 +178,7 @@ template <class Direction, class Shift>
   return finish<Direction>(d, Direction::retreat(edge, ahead), n, result);
 }
 
-// A loop for each shift.
+// One loop for each shift.
 template <class Direction>
 struct RealigningLoop {
   using Routine = void*(Byte* d, const Byte* s, size_t n, void* result);
@@ -186,7 +189,7 @@ struct RealigningLoop {
   }
 };
 
-// From here on the jump to a loop of its own pays for itself.
+// From this count on, a jump to the loop for the shift costs less than it saves.
 constexpr size_t fixed_shift_floor = 1024;
 
 template <class Direction>
@@ -201,7 +204,7 @@ template <class Direction>
 // d and s are the edges of more than 256 bytes.
 template <class Direction>
 [[gnu::noinline]] void* move_long(Byte* d, const Byte* s, size_t n, void* result) {
-  // Both are read before the first is stored.
+  // Both vectors are read before the first is stored, because the ranges may overlap.
   const size_t head = Direction::misalignment(d);
   const __m256i first = Piece32::load<Access::Unaligned>(Direction::vector(s, 0));
   const __m256i second =

@@ -1,9 +1,9 @@
-// The vocabulary of the memory routines: pieces, and what is done with a few of them at a time.
+// The vocabulary of the memory routines: pieces, and operations on a few pieces at a time.
 //
-// A piece is a type with a size, a Value, loads and stores. The scalar pieces and the 16-byte one
-// stand here, wider ones in a header of their own for the variants that may use them. All of it
-// has internal linkage: each variant's file is compiled for another instruction set, and the
-// linker must not give one the code of another.
+// A piece is a type with a size, a Value, loads and stores. The scalar pieces and the 16-byte piece
+// are here. The wider ones have headers of their own, for the variants that may use them.
+// Everything has internal linkage, because the variants' files are compiled for different
+// instruction sets: the linker must not replace the code of one by that of another.
 #pragma once
 
 #include <emmintrin.h>
@@ -20,7 +20,7 @@ namespace {
 using Byte = unsigned char;
 using std::size_t;
 
-// How a group of pieces is read or written. A non-temporal access is aligned, and a store.
+// How a group of pieces is read or written. NonTemporal is for stores only, to aligned addresses.
 enum class Access { Unaligned, Aligned, NonTemporal };
 
 // ---- pieces -------------------------------------------------------------------------------------
@@ -55,35 +55,45 @@ using Piece2 = Scalar<std::uint16_t, Piece1>;
 using Piece4 = Scalar<std::uint32_t, Piece2>;
 using Piece8 = Scalar<std::uint64_t, Piece4>;
 
-struct Piece16 {
-  using Value = __m128i;
-  using Half = Piece8;
-  static constexpr size_t size = 16;
+// A vector register as a piece. `Register` has the vector's type, the same type at any alignment,
+// and the intrinsics whose names depend on the width.
+template <class Register, class HalfPiece>
+struct VectorPiece {
+  using Value = Register::Value;
+  using Unaligned = Register::Unaligned;
+  using Half = HalfPiece;
+  static constexpr size_t size = sizeof(Value);
 
   [[gnu::always_inline]] static Value pattern(std::uint64_t bytes) {
-    return _mm_set1_epi64x(static_cast<long long>(bytes));
+    return Register::pattern(static_cast<long long>(bytes));
   }
   template <Access access>
   [[gnu::always_inline]] static Value load(const Byte* p) {
-    const auto* block = reinterpret_cast<const __m128i_u*>(p);
     if constexpr (access == Access::Aligned) {
-      return _mm_load_si128(reinterpret_cast<const Value*>(block));
+      return *reinterpret_cast<const Value*>(p);
     } else {
-      return _mm_loadu_si128(block);
+      return *reinterpret_cast<const Unaligned*>(p);
     }
   }
   template <Access access>
   [[gnu::always_inline]] static void store(Byte* p, Value value) {
-    auto* block = reinterpret_cast<__m128i_u*>(p);
     if constexpr (access == Access::NonTemporal) {
-      _mm_stream_si128(reinterpret_cast<Value*>(block), value);
+      Register::stream(reinterpret_cast<Value*>(p), value);
     } else if constexpr (access == Access::Aligned) {
-      _mm_store_si128(reinterpret_cast<Value*>(block), value);
+      *reinterpret_cast<Value*>(p) = value;
     } else {
-      _mm_storeu_si128(block, value);
+      *reinterpret_cast<Unaligned*>(p) = value;
     }
   }
 };
+
+struct Xmm {
+  using Value = __m128i;
+  using Unaligned = __m128i_u;
+  [[gnu::always_inline]] static Value pattern(long long word) { return _mm_set1_epi64x(word); }
+  [[gnu::always_inline]] static void stream(Value* p, Value v) { _mm_stream_si128(p, v); }
+};
+using Piece16 = VectorPiece<Xmm, Piece8>;
 
 // ---- addresses ----------------------------------------------------------------------------------
 
@@ -98,8 +108,8 @@ struct Piece16 {
 
 // ---- tables of straight-line code ---------------------------------------------------------------
 
-// Routines Code::run<0>, Code::run<1>, ... by number: code that is instantiated for each of a
-// range of sizes or shifts, reached through one jump.
+// The routines Code::run<0>, Code::run<1>, ... as an array. Each is straight-line code for one of a
+// range of sizes or shifts, and one jump leads to it.
 template <class Code, class Numbers>
 struct CodeTable;
 template <class Code, size_t... i>
@@ -147,7 +157,7 @@ template <class Piece, size_t count, Access to>
   }
 }
 
-// `count` pieces at the start and `count` ending at the end; they may overlap. All are loaded
+// Copies `count` pieces at the start and `count` at the end, which may overlap. All are loaded
 // before any is stored.
 //
 //   |<- piece ->|<- piece ->|          count = 2
@@ -175,8 +185,9 @@ template <class Piece, size_t count>
   fill_group<Piece, count, Access::Unaligned>(d + n - count * Piece::size, value);
 }
 
-// One to four times the size of Piece: two pieces at the start and two ending at the end, which
-// coincide up to twice the size. One piece of code for many sizes, without a branch.
+// For n from one to four times the size of Piece: two pieces at the start and two at the end cover
+// the range. Up to twice the size the pieces of each pair coincide. So one piece of code serves
+// many sizes without a branch.
 //
 //   |<- piece ->|<- piece ->|   ...   |<- piece ->|<- piece ->|
 //   0           inner                 n - size    n - size
@@ -209,8 +220,8 @@ template <class Piece>
   Piece::template store<Access::Unaligned>(d + last, value);
 }
 
-// Any n below the size of Piece, as a head and a tail of the largest piece not above n. Safe for
-// overlapping ranges.
+// Copies n bytes, fewer than a Piece, as a head and a tail of the largest piece that n holds. The
+// ranges may overlap.
 template <class Piece>
 [[gnu::always_inline]] inline void copy_below(Byte* d, const Byte* s, size_t n) {
   using Half = Piece::Half;
@@ -219,6 +230,14 @@ template <class Piece>
   } else if constexpr (Half::size > 1) {
     copy_below<Half>(d, s, n);
   }
+}
+
+// Copies n bytes, lowest first, with ordinary stores of at most 16 bytes.
+[[gnu::always_inline]] inline void copy_by_16(Byte* d, const Byte* s, size_t n) {
+  for (; n >= 16; d += 16, s += 16, n -= 16) {
+    copy_piece<Piece16>(d, s);
+  }
+  copy_below<Piece16>(d, s, n);
 }
 
 template <class Piece>
@@ -231,7 +250,7 @@ template <class Piece>
   }
 }
 
-// The low byte of a fill value in every byte of a word.
+// A word with the low byte of `value` in every byte.
 [[gnu::always_inline]] inline std::uint64_t repeat_byte(int value) {
   return static_cast<Byte>(value) * std::uint64_t{0x0101010101010101};
 }

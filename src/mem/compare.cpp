@@ -4,7 +4,7 @@
 namespace ksomd::mem {
 namespace {
 
-// The sign of the first difference of two different words, in address order.
+// 1 or -1: how two different words compare at their first different byte, in address order.
 [[gnu::always_inline]] inline int order(std::uint64_t a, std::uint64_t b) {
   return __builtin_bswap64(a) > __builtin_bswap64(b) ? 1 : -1;
 }
@@ -14,7 +14,7 @@ template <class Piece>
   return Piece::template load<Access::Unaligned>(p);
 }
 
-// Compares one piece; `result` is set where they differ.
+// Whether two pieces differ. If so, `result` becomes 1 or -1.
 template <class Piece>
 [[gnu::always_inline]] inline bool differ(const Byte* a, const Byte* b, int& result) {
   const std::uint64_t x = word<Piece>(a), y = word<Piece>(b);
@@ -49,7 +49,7 @@ template <Access from = Access::Unaligned>
   return _mm_movemask_epi8(mask) == 0xFFFF;
 }
 
-// 16 to 64 bytes: four blocks, which overlap.
+// 16 to 64 bytes, as four blocks that overlap.
 //
 //   | 0 |inner|  ...  |n - 16 - inner|n - 16|      inner = 0 up to 32 bytes, else 16
 [[gnu::always_inline]] inline bool equal_up_to_64(const Byte* a, const Byte* b, size_t n) {
@@ -83,12 +83,12 @@ template <Access from = Access::Unaligned>
   return (x > y) - (x < y);
 }
 
-// Two halves of a word as one number, the first byte the most significant one.
+// Two pieces of 4 bytes as one number. The first byte is the most significant one.
 [[gnu::always_inline]] inline std::uint64_t joined_halves(const Byte* first, const Byte* second) {
   return __builtin_bswap64(word<Piece4>(second) << 32 | word<Piece4>(first));
 }
 
-// One to three bytes the same way.
+// One to three bytes as a number of the same order.
 [[gnu::always_inline]] inline std::uint64_t joined_bytes(const Byte* p, size_t n) {
   return std::uint64_t{p[0]} << 16 | std::uint64_t{p[n / 2]} << 8 | p[n - 1];
 }
@@ -136,7 +136,7 @@ template <Access from = Access::Unaligned>
   return equal_128(last, last + distance) ? 0 : order_of_difference(last, last + distance, block);
 }
 
-// Words ascending, then 4, 2 and 1 bytes. Up to 64 bytes.
+// Compares words and then 4, 2 and 1 bytes, ascending. Up to 64 bytes.
 struct CompareTail {
   using Routine = int(const Byte* a, const Byte* b);
 
@@ -155,17 +155,13 @@ struct CompareTail {
 
   template <size_t n, class Piece>
   [[gnu::always_inline]] static void compare_pieces(const Byte* a, const Byte* b, int& result) {
-    if constexpr (n >= Piece::size) {
-      if constexpr (n > Piece::size) {
-        if (!differ<Piece>(a, b, result)) {
-          compare_pieces<n - Piece::size, typename Piece::Half>(a + Piece::size, b + Piece::size,
-                                                                result);
-        }
-      } else {
-        differ<Piece>(a, b, result);
-      }
-    } else if constexpr (n > 0) {
+    if constexpr (n == 0) {
+      return;
+    } else if constexpr (n < Piece::size) {
       compare_pieces<n, typename Piece::Half>(a, b, result);
+    } else if (!differ<Piece>(a, b, result)) {
+      compare_pieces<n - Piece::size, typename Piece::Half>(a + Piece::size, b + Piece::size,
+                                                            result);
     }
   }
 };

@@ -1,4 +1,4 @@
-// The dispatching entry points: a slot each, and the levels that their variants need.
+// The dispatching entry points, their slots, and the levels that their variants need.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ inline constexpr FeatureMask avx2_level =
 inline constexpr FeatureMask avx512_level =
     avx2_level | feature_mask("AVX512DQ", "AVX512F", "ADX", "AVX512CD", "AVX512BW", "AVX512VL");
 
-// The entry points that copy and fill, and those that stream.
+// The rows of a report: the entry points that copy and fill, and those that stream.
 std::span<const DispatchingEntry> memory_entries();
 std::span<const DispatchingEntry> streaming_entries();
 
@@ -39,7 +39,7 @@ extern "C" {
 [[gnu::visibility(
     "hidden")]] extern ksomd::mem::DynamicStreamRoutine* __libkso_nontemporal_store_dynamic_slot;
 
-// What an entry point with an empty slot does: fill the slot, and forward the call.
+// What an entry point does if its slot is empty: it fills the slot and forwards the call.
 void* __orvex_fast_memcpy_resolve(void* destination, const void* source, size_t count);
 void* __orvex_fast_memmove_resolve(void* destination, const void* source, size_t count);
 void* __orvex_fast_memset_resolve(void* destination, int value, size_t count);

@@ -7,8 +7,8 @@ namespace {
 
 constexpr std::int32_t sse2_class = 2;
 
-// Words ascending, then what is left in pieces of 4, 2 and 1 bytes, all loaded before any is
-// stored: lengths up to 8 are safe for any overlap. Then the routine's result.
+// Copies words, ascending, and then the rest in pieces of 4, 2 and 1 bytes. All of the rest is
+// loaded before any of it is stored, so the ranges may overlap if n is at most 8. Returns `result`.
 struct ByteTail {
   using Routine = void*(Byte* d, const Byte* s, void* result);
 
@@ -19,7 +19,7 @@ struct ByteTail {
     return result;
   }
 
-  // n bytes as the pieces from Piece down that n is made of.
+  // Copies n bytes as pieces from Piece down, one for each bit that is set in n.
   template <size_t n, class Piece>
   [[gnu::always_inline]] static void copy_pieces(Byte* d, const Byte* s) {
     if constexpr (n == 0) {
@@ -34,8 +34,8 @@ struct ByteTail {
   }
 };
 
-// The mirror image, from the ends of the ranges: words descending, then pieces of 4, 2 and 1 bytes
-// descending, each loaded and then stored.
+// The mirror image, from the ends of the ranges downwards: words, then pieces of 4, 2 and 1 bytes.
+// Each is stored before the next is loaded.
 struct BackwardTail {
   using Routine = void*(Byte* d_end, const Byte* s_end, void* result);
 
@@ -63,13 +63,14 @@ struct BackwardTail {
   }
 };
 
-constexpr size_t longest_tail = 176;  // after alignment to 8: no loop
+constexpr size_t longest_tail = 176;  // up to here, once d is aligned to 8, there is no loop
 constexpr size_t longest_backward_tail = 144;
 
-constexpr auto& byte_tail = code_table<ByteTail, 184>;
-constexpr auto& backward_tail = code_table<BackwardTail, 152>;
+constexpr auto& byte_tail = code_table<ByteTail, longest_tail + 1>;
+constexpr auto& backward_tail = code_table<BackwardTail, longest_backward_tail + 1>;
 
-// Pieces of 1, 2 and 4 bytes up to the next multiple of 8, all loaded before any is stored.
+// Copies up to the next multiple of 8 in pieces of 1, 2 and 4 bytes. All are loaded before any is
+// stored.
 struct Alignment {
   using Routine = void(Byte* d, const Byte* s);
 
@@ -130,7 +131,7 @@ void* copy_aligned(Byte* d, const Byte* s, size_t n, void* result) {
   return byte_tail[n](d, s, result);
 }
 
-// The source is `shift` bytes past a 16-byte boundary: it is read in aligned blocks, each once, and
+// The source is `shift` bytes past a 16-byte boundary. It is read in aligned blocks, each once, and
 // shifted into place. The loop stops early enough that no block reaches past the source's end.
 struct RealigningLoop {
   using Routine = void*(Byte* d, const Byte* s, size_t n, void* result);
@@ -171,7 +172,8 @@ void* copy_sse2(Byte* d, const Byte* s, size_t n, void* result) {
   return code_table<RealigningLoop, 16>[shift](d, s, n, result);
 }
 
-// Everything above 8 bytes. Each source byte is read before a store can reach it if d < s.
+// Copies more than 8 bytes. If d < s the ranges may overlap: each source byte is read before it is
+// overwritten.
 [[gnu::always_inline]] inline void* copy_ascending(Byte* d, const Byte* s, size_t n) {
   void* const result = d;
   if (const size_t head = distance_to_boundary(8, d); head != 0) {
@@ -193,6 +195,19 @@ template <class Piece>
   copy_piece<Piece>(d, s);
 }
 
+// Blocks of eight pieces while one is left, a pair of pieces at a time.
+template <class Piece, Access to>
+[[gnu::always_inline]] inline void move_blocks_down(Byte*& d, const Byte*& s, size_t& n) {
+  do {
+#pragma clang loop unroll(full)
+    for (int pair = 0; pair < 4; ++pair) {
+      d -= 2 * Piece::size, s -= 2 * Piece::size;
+      copy_group<Piece, 2, Access::Unaligned, to>(d, s);
+    }
+    n -= 8 * Piece::size;
+  } while (n >= 8 * Piece::size);
+}
+
 void* move_descending(Byte* d, const Byte* s, size_t n, void* result) {
   if (offset_in(2, d) != 0) {
     move_down<Piece1>(d, s, n);
@@ -210,23 +225,9 @@ void* move_descending(Byte* d, const Byte* s, size_t n, void* result) {
     if (offset_in(16, d) != 0) {
       move_down<Piece8>(d, s, n);
     }
-    do {
-#pragma clang loop unroll(full)
-      for (int pair = 0; pair < 4; ++pair) {
-        d -= 32, s -= 32;
-        copy_group<Piece16, 2, Access::Unaligned, Access::Aligned>(d, s);
-      }
-      n -= 128;
-    } while (n >= 128);
+    move_blocks_down<Piece16, Access::Aligned>(d, s, n);
   } else {
-    do {
-#pragma clang loop unroll(full)
-      for (int pair = 0; pair < 4; ++pair) {
-        d -= 16, s -= 16;
-        copy_group<Piece8, 2, Access::Unaligned, Access::Unaligned>(d, s);
-      }
-      n -= 64;
-    } while (n >= 64);
+    move_blocks_down<Piece8, Access::Unaligned>(d, s, n);
   }
   return backward_tail[n](d, s, result);
 }
@@ -249,7 +250,8 @@ void* __orvex_new_memmove(void* destination, const void* source, size_t count) {
   if (count <= 8) {
     return byte_tail[count](d, s, destination);
   }
-  // d lies behind s, within its range.
+  // d lies inside the source range behind s: ascending stores would overwrite bytes that are still
+  // to be read.
   const auto distance = reinterpret_cast<std::uintptr_t>(d) - reinterpret_cast<std::uintptr_t>(s);
   if (distance != 0 && distance < count) {
     return move_descending(d + count, s + count, count, destination);

@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::int32_t sse2_class = 2;
 
-// n bytes as the pieces from Piece down that n is made of, ascending.
+// Fills n bytes with pieces from Piece down, one for each bit that is set in n.
 template <size_t n, class Piece>
 [[gnu::always_inline]] inline void fill_pieces(Byte* d, std::uint64_t bytes) {
   if constexpr (n == 0) {
@@ -20,32 +20,26 @@ template <size_t n, class Piece>
   }
 }
 
-// Words, then the rest. Then the routine's result.
+// Fills whole pieces and then the rest in smaller ones. Returns `result`.
+template <class Piece, Access to>
 struct FillTail {
   using Routine = void*(Byte* d, std::uint64_t bytes, void* result);
 
   template <size_t n>
   static void* run(Byte* d, std::uint64_t bytes, void* result) {
-    fill_group<Piece8, n / 8, Access::Unaligned>(d, bytes);
-    fill_pieces<n % 8, Piece4>(d + n / 8 * 8, bytes);
+    constexpr size_t pieces = n / Piece::size;
+    fill_group<Piece, pieces, to>(d, Piece::pattern(bytes));
+    fill_pieces<n % Piece::size, typename Piece::Half>(d + pieces * Piece::size, bytes);
     return result;
   }
 };
 
-// Aligned vectors, then the rest.
-struct VectorFillTail {
-  using Routine = void*(Byte* d, std::uint64_t bytes, void* result);
+constexpr size_t shortest_bulk = 128;
+constexpr size_t shortest_vector_bulk = 176;
 
-  template <size_t n>
-  static void* run(Byte* d, std::uint64_t bytes, void* result) {
-    fill_group<Piece16, n / 16, Access::Aligned>(d, Piece16::pattern(bytes));
-    fill_pieces<n % 16, Piece8>(d + n / 16 * 16, bytes);
-    return result;
-  }
-};
-
-constexpr auto& fill_tail = code_table<FillTail, 136>;
-constexpr auto& vector_fill_tail = code_table<VectorFillTail, 192>;
+constexpr auto& fill_tail = code_table<FillTail<Piece8, Access::Unaligned>, shortest_bulk>;
+constexpr auto& vector_fill_tail =
+    code_table<FillTail<Piece16, Access::Aligned>, shortest_vector_bulk>;
 
 void* fill_integer(Byte* d, std::uint64_t bytes, size_t n, void* result) {
   if (n > __libkso_mem_tuning.largest_cache_size) {
@@ -73,12 +67,11 @@ template <Access to>
 }
 
 void* fill_sse2(Byte* d, std::uint64_t bytes, size_t n, void* result) {
-  constexpr size_t shortest_bulk = 176;
   if (offset_in(16, d) != 0) {
     Piece8::store<Access::Unaligned>(d, bytes);
     d += 8, n -= 8;
   }
-  if (n >= shortest_bulk) {
+  if (n >= shortest_vector_bulk) {
     if (n > __libkso_mem_tuning.largest_cache_size) {
       fill_blocks<Access::NonTemporal>(d, bytes, n);
       _mm_sfence();
@@ -89,7 +82,7 @@ void* fill_sse2(Byte* d, std::uint64_t bytes, size_t n, void* result) {
   return vector_fill_tail[n](d, bytes, result);
 }
 
-// Up to the next multiple of 8: 4, 2 and 1 bytes, as many of them as it takes.
+// Fills up to the next multiple of 8 with pieces of 4, 2 and 1 bytes.
 struct Alignment {
   using Routine = void(Byte* d, std::uint64_t bytes);
 
@@ -104,7 +97,6 @@ struct Alignment {
 
 void* __orvex_new_memset(void* destination, int value, size_t count) {
   using namespace ksomd::mem;
-  constexpr size_t shortest_bulk = 128;
   auto* d = static_cast<Byte*>(destination);
   const std::uint64_t bytes = repeat_byte(value);
   if (const size_t head = distance_to_boundary(8, d); head != 0 && count > 8) {

@@ -7,25 +7,20 @@
 namespace ksomd::mem {
 namespace {
 
-// Ordinary stores of at most 16 bytes; advances the destination.
+// Writes n bytes to the destination with ordinary stores of at most 16 bytes, and advances it.
 [[gnu::always_inline]] inline void write_bytes(__libkso_nt_context& context, const Byte* s,
                                                size_t n) {
   auto* d = static_cast<Byte*>(context.destination);
   context.destination = d + n;
-  for (; n >= 16; d += 16, s += 16, n -= 16) {
-    copy_piece<Piece16>(d, s);
-  }
-  copy_below<Piece16>(d, s, n);
+  copy_by_16(d, s, n);
 }
 
+// Appends n bytes to those that wait.
 [[gnu::always_inline]] inline void stage_bytes(__libkso_nt_context& context, const Byte* s,
                                                size_t n) {
-  Byte* d = context.staging + context.pending;
+  Byte* const d = context.staging + context.pending;
   context.pending += n;
-  for (; n >= 16; d += 16, s += 16, n -= 16) {
-    copy_piece<Piece16>(d, s);
-  }
-  copy_below<Piece16>(d, s, n);
+  copy_by_16(d, s, n);
 }
 
 template <class Line, size_t lines>
@@ -35,7 +30,8 @@ template <class Line, size_t lines>
   context.destination = d + lines * Line::size;
 }
 
-// A chunk of at most `small` bytes goes straight to the destination, behind what waits.
+// Takes a chunk of n bytes. One of at most `small` bytes goes straight to the destination, behind
+// the bytes that wait.
 template <class Line>
 [[gnu::always_inline]] inline void stream_chunk(__libkso_nt_context& context, size_t n,
                                                 bool final) {

@@ -3,7 +3,7 @@
 #include "mem/blocks.h"
 #include "mem/dispatch.h"
 
-// Compiled code lays the context out itself.
+// Compiled code builds the context itself, so its layout cannot change.
 static_assert(offsetof(__libkso_nt_context, staging) == 0);
 static_assert(offsetof(__libkso_nt_context, destination) == 64);
 static_assert(offsetof(__libkso_nt_context, head_offset) == 72);
@@ -52,10 +52,7 @@ void copy_chunk(__libkso_nt_context* context, size_t length) {
   for (; length >= 64; d += 64, s += 64, length -= 64) {
     copy_group<Piece16, 4, Access::Unaligned, Access::Unaligned>(d, s);
   }
-  for (; length >= 16; d += 16, s += 16, length -= 16) {
-    copy_piece<Piece16>(d, s);
-  }
-  copy_below<Piece16>(d, s, length);
+  copy_by_16(d, s, length);
 }
 
 }  // namespace ksomd::mem

@@ -6,7 +6,7 @@
 
 namespace ksomd::mem {
 
-// The plain copy: the chunk goes to the destination by ordinary stores, which advances.
+// Copies the chunk to the destination with ordinary stores and advances the destination.
 void copy_chunk(__libkso_nt_context* context, std::size_t length);
 
 }  // namespace ksomd::mem

@@ -13,10 +13,10 @@ namespace ksomd::mem {
 namespace {
 
 constexpr std::uint64_t kib = 1024;
-// A processor of this vendor is asked for the size of its level 2, and for no other.
+// For a processor of this vendor the values follow from its level-2 cache alone.
 constexpr char level_2_vendor[13] = "AuthenticAMD";
 
-// Leaf 1 reports both in EDX.
+// CPUID leaf 1 reports both features in EDX.
 constexpr std::uint32_t mmx = feature_row("MMX").report.field.mask;
 constexpr std::uint32_t sse2 = feature_row("SSE2").report.field.mask;
 
@@ -71,7 +71,8 @@ void report_refused_item(const char* item, std::size_t length) {
                static_cast<int>(length), item);
 }
 
-// As early as a program can ask for: a static program's own constructors may call any export.
+// 101 is the earliest priority that a program may use. A static program's own constructors may call
+// any export, so this runs before them.
 [[gnu::constructor(101), gnu::used]] void initialise_at_load() {
   __libkso_mem_tuning_init();
 }

@@ -9,13 +9,13 @@
 
 namespace ksomd::mem {
 
-// Byte counts. The defaults hold until the library is loaded, and for processors that do not tell
-// the sizes of their caches.
+// Sizes in bytes. The defaults are for the time before the library is loaded, and for processors
+// that do not report the sizes of their caches.
 struct Tuning {
   std::uint64_t largest_cache_size = 131072;  // generic fill: non-temporal above it
   std::uint64_t copy_nt_threshold = 65536;    // copy and move: non-temporal from about here
-  std::uint64_t l1_size = 16384;              // 15/16 of it: AVX fill by string instruction
-  std::uint64_t l1_half = 8192;               // 3/4 of it: AVX copy by string instruction
+  std::uint64_t l1_size = 16384;              // from 15/16 of it: AVX fill by string instruction
+  std::uint64_t l1_half = 8192;               // from 3/4 of it: AVX copy by string instruction
   std::uint64_t l1_quarter = 4096;            // many-core fill: non-temporal
   std::uint64_t rep_movsb_threshold = 8192;   // server copy by string instruction
   std::uint64_t avx512_nt_threshold = 65536;  // server copy: non-temporal
@@ -60,18 +60,19 @@ Tuning requested_tuning(const TuningRequest& request, TuningOrigin (*origins)[tu
 // What is asked for where the variable is not set: chosen when the library is built.
 extern const char* const default_tuning_request;
 
-// Ends the process with message 61 if the processor is a genuine one whose level-1 size is 0 and
-// `debug`, the value of the debug variable or null, is not empty.
+// Ends the process with message::no_cache_size if the processor is a genuine one whose level-1 size
+// is 0 and `debug`, the value of the debug variable or null, is not empty.
 void check_cache_size(const CacheInfo& caches, const char* debug);
 
 }  // namespace ksomd::mem
 
 extern "C" {
 
-// The process's tuning values: written while the library is loaded, fixed from then on.
+// The process's tuning values. They are written while the library is loaded and never change
+// afterwards.
 [[gnu::visibility("hidden")]] extern ksomd::mem::Tuning __libkso_mem_tuning;
 
-// Computes them. The library's one load-time initialiser.
+// Computes the tuning values. This is the library's only load-time initialiser.
 void __libkso_mem_tuning_init(void);
 
 }  // extern "C"

@@ -10,7 +10,7 @@ namespace {
 constexpr size_t string_limit = 16384;  // up to here: string instructions alone
 constexpr size_t step = 128;
 
-// The time-stamp counter, once the loads before it are done.
+// Reads the time-stamp counter after all earlier loads are done.
 [[gnu::always_inline]] inline std::uint64_t read_clock() {
   _mm_lfence();
   return __builtin_ia32_rdtsc();
@@ -40,8 +40,8 @@ void copy_probed(Byte*& d, const Byte*& s, size_t bytes, Clock clock) {
   }
 }
 
-// A range above the string limit may fall below it once its destination is aligned: the routine
-// starts over with the rest then.
+// Aligning the destination may bring a range down to the string limit. String instructions then
+// copy the rest.
 template <class Clock>
 [[gnu::always_inline]] inline void copy(Byte* d, const Byte* s, size_t n, Clock clock) {
   while (n > string_limit && offset_in(16, d) != 0) {

@@ -1,4 +1,4 @@
-// Whether a destination lies in the cache, told by the time of a load.
+// Guesses whether a destination is in the cache, from the time that a load takes.
 #pragma once
 
 #include <cstddef>
@@ -6,9 +6,9 @@
 
 namespace ksomd::mem {
 
-// Whether a range of `bytes`, a multiple of 128, at d counts as cached: a load from its first
-// quarter, or else one from its last, takes at most three times as long as a load known to be
-// cached. `clock()` reads a counter of which the low 32 bits are looked at.
+// Whether the `bytes` at d, a multiple of 128, count as cached: a load from a quarter of the way
+// in, or else from three quarters, takes at most three times as long as a load that is known to be
+// cached. Only the low 32 bits of clock() count.
 template <class Clock>
 [[gnu::always_inline]] inline bool is_cached(const unsigned char* d, std::size_t bytes,
                                              Clock&& clock) {
@@ -25,7 +25,7 @@ template <class Clock>
   return probe(d + bytes / 4) || probe(d + bytes / 4 + bytes / 2);
 }
 
-// The vector routines with another clock.
+// The vector routines with a given clock instead of the processor's.
 void copy_by_clock(void* destination, const void* source, std::size_t count,
                    std::uint64_t (*clock)());
 void fill_by_clock(void* destination, int value, std::size_t count, std::uint64_t (*clock)());

@@ -7,12 +7,12 @@ namespace ksomd {
 namespace {
 
 constexpr DWORD first_identifier = 0x80000000;
-constexpr DWORD us_english = 0x409;  // the one language asked for, whatever the locale
+constexpr DWORD us_english = 0x409;  // the only language asked for, in every locale
 
 HMODULE catalogue_handle;
 
-// Looks for the catalogue. "Attempted" is set first: a thread that asks meanwhile, or a message
-// needed while loading, gets the default text.
+// Looks for the catalogue once. `attempted` is set before the search: another thread, or a message
+// printed during the search, gets the default text.
 bool catalogue_available() {
   static bool attempted;
   static bool available;

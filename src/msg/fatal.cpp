@@ -6,7 +6,7 @@
 namespace message = ksomd::message;
 
 void __libkso_fatal_processor(std::uint32_t desc) {
-  // A copy of its own: printing uses the message buffers again.
+  // A copy, because printing overwrites the buffer of the formatted message.
   char description[ksomd::message_size];
   __libkso_print(1, message::empty_line, 0);
   __libkso_print(1, message::wrong_processor, 0);

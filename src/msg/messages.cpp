@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-// Message texts are formats that arrive at run time, from the table or from a catalogue.
+// Message texts are formats that are chosen at run time, from the table or a catalogue.
 #pragma clang diagnostic ignored "-Wformat-nonliteral"
 
 namespace ksomd {
@@ -63,8 +63,7 @@ constexpr Row rows[] = {
     {message::needs_libunwind, "You must link with libunwind to use traceback functionality"},
     {message::for_ssse3,
      "Orvex(R) Pelta(TM) Duo processors and compatible Orvex processors with supplemental "
-     "Streaming "
-     "SIMD Extensions 3 (SSSE3) instruction support"},
+     "Streaming SIMD Extensions 3 (SSSE3) instruction support"},
     {message::for_sse3,
      "Orvex(R) Calvix(R) 4 and compatible Orvex processors with Orvex(R) Streaming SIMD Extensions "
      "3 (Orvex(R) SSE3) instruction support"},
@@ -80,8 +79,7 @@ constexpr Row rows[] = {
      "Please verify that both the operating system and the processor support Orvex(R) AVX."},
     {message::needs_f16c,
      "Please verify that both the operating system and the processor support Orvex(R) AVX, F16C "
-     "and "
-     "RDRAND instructions."},
+     "and RDRAND instructions."},
     {message::needs_avx2,
      "Please verify that both the operating system and the processor support Orvex(R) AVX2, BMI, "
      "LZCNT, HLE, RTM and FMA instructions."},

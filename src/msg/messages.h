@@ -1,6 +1,6 @@
-// Numbered messages: the texts, their translation by a catalogue, and the output of the library.
-// All of it goes to standard output. Nothing here is meant for concurrent use: each routine that
-// returns or writes a formatted text has one static buffer of its own.
+// Numbered messages: their texts, their translation by a catalogue, and their output. The library
+// writes to standard output only. Nothing here is thread-safe: each routine that returns or writes
+// a formatted text has a static buffer.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace ksomd {
 
 inline constexpr std::uint32_t message_count = 63;
 
-// The numbers of the messages, which catalogues use as well; the texts stand in messages.cpp.
+// The numbers of the messages. Catalogues use the same numbers. The texts are in messages.cpp.
 namespace message {
 enum Number : std::uint32_t {
   empty_line,
@@ -79,45 +79,45 @@ enum Number : std::uint32_t {
 };
 }  // namespace message
 
-// Size of a message buffer: texts are cut to one character less.
+// The size of a message buffer. Longer texts are truncated.
 inline constexpr std::size_t message_size = 512;
 
-// The catalogue's text of message n in its static buffer; null without a catalogue or such a text.
-// The first call looks for the catalogue, "kso_msg.dll" in a directory named by the decimal number
-// of the thread's locale; no other call does.
+// The catalogue's text of message n, in a static buffer; null if there is no catalogue or it has no
+// such text. Only the first call looks for the catalogue: the file "kso_msg.dll" in a directory
+// whose name is the thread's locale as a decimal number.
 const char* catalogue_text(std::uint32_t n);
 
-// Copies a text, cut to the buffer's size.
+// Copies a text and truncates it to the buffer's size.
 void copy_message(char (&buffer)[message_size], const char* text);
 
 }  // namespace ksomd
 
 extern "C" {
 
-// Text of message n, from the catalogue if it has one, else the default; "" for n = 0. Valid until
+// The text of message n: the catalogue's if it has one, else the default; "" for n = 0. Valid until
 // the next call.
 const char* __libkso_get_msg(std::uint32_t n);
 
-// The text itself if nargs < 1, its directives untouched; else the text as a printf format applied
-// to the arguments, cut to 511 characters. Valid until the next call.
+// With nargs < 1, the text of message n as it is, directives included. Otherwise that text as a
+// printf format applied to the arguments, truncated to 511 characters. Valid until the next call.
 const char* __libkso_format_msg(std::uint32_t n, std::int32_t nargs, ...);
 
-// Writes message n, formatted as above, and a line feed; a line feed alone for n = 0. The class of
-// the message is part of every call and changes nothing.
+// Writes message n, formatted as above, and a line feed. For n = 0 it writes a line feed alone.
+// `cls`, the class of the message, is ignored.
 void __libkso_print(std::int32_t cls, std::uint32_t n, std::int32_t nargs, ...);
 
 // printf to standard output.
 void __libkso_printf(const char* format, ...);
 
-// sprintf: the number of characters written, or -1 if formatting fails.
+// sprintf. Returns the number of characters written, or -1 if formatting fails.
 std::int32_t __libkso_sprintf(char* buffer, const char* format, ...);
 
-// The program was not built for this processor; `desc` is the message that names the processors it
-// was built for. Ends the process with status 1.
+// Reports that the program was not built for this processor and ends the process with status 1.
+// `desc` is the message that names the processors it was built for.
 [[noreturn]] void __libkso_fatal_processor(std::uint32_t desc);
 
-// The processor or the system lacks what the program needs; `advice` is the message that says what.
-// Ends the process with status 1.
+// Reports that the processor or the system lacks what the program needs and ends the process with
+// status 1. `advice` is the message that says what is missing.
 [[noreturn]] void __libkso_fatal_system(std::uint32_t advice);
 
 }  // extern "C"

@@ -1,5 +1,5 @@
-// The slice of the operating system that the library calls: the real thing on Windows, a small
-// layer of our own with the same names on the host.
+// The part of the operating system that the library calls. On Windows it is the system itself; on
+// the host it is a small layer with the same names.
 #pragma once
 
 #ifdef _WIN32
@@ -10,8 +10,8 @@
 
 namespace ksomd {
 
-// As std::exit, from the library's load-time initialiser: a moment at which a static program cannot
-// yet exit by itself.
+// Ends the process like std::exit, but from the library's load-time initialiser, where std::exit
+// would abort a static program.
 [[noreturn]] void exit_while_loading(int status);
 
 }  // namespace ksomd

@@ -5,7 +5,7 @@
 
 #include "ksomd/pool.h"
 
-// The heap block's own address stands in the 8 bytes below the aligned one:
+// The address of the heap block is in the 8 bytes below the aligned block:
 //
 //   raw               result - 8   result = the first multiple of the alignment from raw + 8 on
 //   | unused          | raw        | size bytes ...              | unused
@@ -27,10 +27,9 @@ void* ksomd_mm_malloc(std::size_t size, std::size_t alignment) {
     return nullptr;
   }
   const std::uintptr_t step = alignment > link_size ? alignment : link_size;
-  const auto first = reinterpret_cast<std::uintptr_t>(raw) + link_size;
-  const std::uintptr_t aligned = (first + step - 1) & ~(step - 1);
-  std::byte* const result = raw + (aligned - reinterpret_cast<std::uintptr_t>(raw));
   const auto link = reinterpret_cast<std::uintptr_t>(raw);
+  const std::uintptr_t aligned = (link + link_size + step - 1) & ~(step - 1);
+  std::byte* const result = raw + (aligned - link);
   std::memcpy(result - link_size, &link, link_size);
   return result;
 }

@@ -1,8 +1,8 @@
 // The pool allocator. Requests of the listed sizes are served from pools, all others by the heap.
 //
-// The one lock serialises creation, release and reactivation of pools. Handing out a block of a
-// pool in use and freeing one take no lock, unless it was the last one of the region: an atomic
-// operation each, on a cache line of the pool's own.
+// One lock serialises the creation, release and reactivation of pools. Taking a block from a pool
+// in use, or freeing one, is an atomic operation on a cache line of that pool and needs no lock,
+// except to free the last block of a region.
 #pragma once
 
 #include <cstddef>
@@ -15,17 +15,19 @@
 
 namespace ksomd::pool {
 
-// Runtime is what the allocator asks of the world, all static:
+// Runtime is what the allocator needs from its surroundings, as static functions:
 //
 //   void* allocate(size), void* allocate_zeroed(count, size), void* resize(block, size),
 //   void release(block)           the heap: malloc, calloc, realloc and free
 //   std::int32_t capacity(size)   blocks in the region of a pool, at least 1
-//   void step(), void wait()      run before each access to shared memory, and while a lock is held
-//                                 by another thread: nothing, unless a test steers the threads
+//   void step()                   runs before each access to shared memory
+//   void wait()                   runs again and again while another thread holds the lock
 //
-// An allocator is constant-initialised to zeros: no pools, no sizes.
+// In the library step and wait do nothing; in a test they choose the thread that goes on.
+//
+// An allocator is constant-initialised to zeros: it has no pools and no sizes.
 template <class Runtime>
-class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on purpose
+class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache lines on purpose
   using Pool = __i_pool_desc;
   using Words = Shared<Runtime>;
 
@@ -70,10 +72,10 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     return moved;
   }
 
-  // Null, or the invariant that does not hold; for a moment without calls in progress.
+  // For tests: the invariant that does not hold, or null. No call may be in progress.
   const char* broken_invariant() const;
 
-  // For tests: the pools, the newest first.
+  // For tests: the newest pool. Its `next` leads to the older ones.
   const Pool* newest_pool() const { return Words::load_acquire(head_); }
 
  private:
@@ -85,24 +87,26 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     return pool.size == size && pool.kind == kind;
   }
 
-  // The next pool of the list, without waiting for the link to be loaded: a walk then looks at
-  // several pools at a time.
+  // The next pool of the list. Its address is computed, so a walk need not wait for `next` to be
+  // loaded and looks at several pools at a time.
   template <class P>
   P* older(P* pool) const {
     return pool != pools_ ? pool - 1 : nullptr;
   }
 
-  // The pool that a block is from, or null.
+  // The pool that the block is from, or null.
   Pool* find(const void* block) const {
     const auto* const address = static_cast<const std::byte*>(block);
-    // relaxed: whoever holds a pooled block was given it after its region was within the bounds
+    // relaxed: a thread that holds a pooled block got it after the bounds had grown to include its
+    // region
     if (address < Words::load_relaxed(lowest_) || address > Words::load_relaxed(highest_)) {
       return nullptr;
     }
     // acquire: pairs with the publication in create
     for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = older(pool)) {
-      // relaxed: whoever holds a block of this pool was given it after base was set; for any other
-      // pool both answers, null and the region, say no
+      // relaxed: a thread that holds a block of this pool got it after base was set. For a block of
+      // no pool, or of another one, the answer is no in either case, whether base reads as null
+      // or as the region
       const std::byte* const base = Words::load_relaxed(pool->base);
       if (base != nullptr && base <= address && address <= pool->last) {
         return pool;
@@ -131,7 +135,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     }
   }
 
-  // What came of a walk that found no room.
+  // The outcome after a walk has found no room.
   enum class Outcome : std::uint8_t {
     Created,  // a new pool
     Room,     // another thread has created or reactivated a pool since
@@ -139,11 +143,11 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
   };
   struct Growth {
     Outcome outcome;
-    void* first;  // of a new pool, block 0, or null if the heap is exhausted
+    void* first;  // block 0 of a new pool; null if the heap is exhausted
   };
 
-  // Room is looked for again under the lock, also at the limit: the last descriptor may have gone
-  // to a pool of this size.
+  // Looks for room again under the lock, even if no descriptor is left: another thread may have
+  // used the last one for a pool of this size.
   [[gnu::noinline]] Growth grow(Kind kind, std::uint64_t size) {
     const Holding<Runtime> holding(global_lock_);
     if (may_have_block(kind, size)) {
@@ -155,15 +159,15 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     return {Outcome::Created, create(kind, size)};
   }
 
-  // A block of this pool, or null if all are handed out. The check and the increment are one step,
-  // so that no lock is needed and no thread ever waits for one that was interrupted in between.
+  // A block of this pool, or null if all are handed out. The check and the increment are one atomic
+  // step. So no lock is needed, and no thread waits for another that was interrupted in between.
   static void* hand_out(Pool& pool, std::byte* base) {
-    // relaxed: a guess, which the exchange confirms or replaces
+    // relaxed: only a guess, which the exchange confirms or replaces
     std::int32_t index = Words::load_relaxed(pool.next_index);
     while (index < pool.capacity) {
-      // acquire: pairs with the reactivation that opened the pool, for base and for zeroed
-      // contents. Should the region have started again since the guess, block `index` is as good a
-      // block.
+      // acquire: pairs with the release in reactivate, so that base and zeroed contents are
+      // visible. If the pool was reactivated after the guess, block `index` is still the next one
+      // to hand out.
       if (Words::compare_exchange_acquire(pool.next_index, index, index + 1)) {
         return base + static_cast<std::uint64_t>(index) * pool.size;
       }
@@ -171,7 +175,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     return nullptr;
   }
 
-  // As hand_out; a released pool is reactivated first.
+  // Like hand_out, but reactivates a released pool first.
   void* take_block(Pool& pool) {
     for (;;) {
       // relaxed: the region's address never changes, and nothing in it is read before hand_out has
@@ -185,7 +189,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     }
   }
 
-  // Block 0 of a released pool, which is in use again; null if another thread was faster.
+  // Puts a released pool back into use and returns its block 0; null if another thread was faster.
   [[gnu::noinline]] void* reactivate(Pool& pool) {
     const Holding<Runtime> holding(global_lock_);
     if (Words::load_relaxed(pool.base) != nullptr) {  // relaxed: only changes under this lock
@@ -195,21 +199,22 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     if (pool.kind == Kind::Calloc) {
       std::memset(region, 0, static_cast<std::uint64_t>(pool.capacity) * pool.size);
     }
-    // No block is out, so nobody else touches `freed`. The index goes last, with release: it opens
-    // the pool, also for a thread that read `base` before the pool was released, and the blocks of
-    // such a thread must be found when they are freed, and counted from 0. Exchanges, since both
-    // counters are only ever changed by one atomic read and write.
+    // No block is out, so no other thread touches `freed`. The index is last and has release order,
+    // because it opens the pool: a thread may have read `base` before the pool was released, and
+    // takes a block as soon as the index allows it. When that block is freed, find() needs `base`,
+    // and the count must have restarted from 0. Both are exchanges because the two counters change
+    // only by atomic read-modify-write operations.
     Words::store_relaxed(pool.base, region);
     Words::exchange_release(pool.freed, std::uint32_t{0});
     Words::exchange_release(pool.next_index, std::int32_t{1});
     return region;
   }
 
-  // Counts a freed block; the pool whose blocks are all freed is released.
+  // Counts a freed block, and releases the pool if all of its blocks are freed.
   void release_pooled(Pool& pool) {
-    // release: this thread is done with the block; acquire: and the last one sees that all are.
-    // The increment itself tells who was the last: exactly one thread, since no block is handed out
-    // between its increment and the release.
+    // release: this thread is done with its block. acquire: the thread that frees the last block
+    // sees that all others are done. Exactly one thread finds the count complete, because no block
+    // is handed out between that increment and the release of the pool.
     const std::uint32_t freed = Words::increment_acq_rel(pool.freed) + 1;
     if (freed == static_cast<std::uint32_t>(pool.capacity)) {
       retire(pool);
@@ -218,15 +223,15 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
 
   [[gnu::noinline]] void retire(Pool& pool) {
     const Holding<Runtime> holding(global_lock_);
-    pool.saved = Words::load_relaxed(pool.base);  // relaxed: only changes under the global lock
-    // relaxed: whoever acts on the null takes the global lock first
+    pool.saved = Words::load_relaxed(pool.base);  // relaxed: changes only under the global lock
+    // relaxed: a thread that acts on the null takes the global lock first
     Words::store_relaxed(pool.base, static_cast<std::byte*>(nullptr));
   }
 
-  // Whether some pool has a block left, or is released. Under the global lock.
+  // Whether some pool has a block left or is released. The caller holds the global lock.
   bool may_have_block(Kind kind, std::uint64_t size) const {
     for (const Pool* pool = head_; pool != nullptr; pool = older(pool)) {
-      // relaxed: both only turn towards "yes" under the global lock
+      // relaxed: either turns from no to yes only under the global lock
       if (serves(*pool, kind, size) && (Words::load_relaxed(pool->base) == nullptr ||
                                         Words::load_relaxed(pool->next_index) < pool->capacity)) {
         return true;
@@ -235,8 +240,8 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     return false;
   }
 
-  // Block 0 of a new pool; null, and no descriptor taken, if the heap is exhausted. Under the
-  // global lock.
+  // Creates a pool and returns its block 0. If the heap is exhausted it returns null and uses no
+  // descriptor. The caller holds the global lock.
   void* create(Kind kind, std::uint64_t size) {
     const std::int32_t capacity = Runtime::capacity(size);
     auto* const region = static_cast<std::byte*>(request_region(kind, capacity, size));
@@ -268,7 +273,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
     if (kind == Kind::Calloc) {
       return Runtime::allocate_zeroed(count, size);
     }
-    // A product that overflows becomes a request that no heap can meet.
+    // If the product overflows, the request is one that no heap can meet.
     std::uint64_t bytes = 0;
     const bool overflow = __builtin_mul_overflow(count, size, &bytes);
     return Runtime::allocate(overflow ? std::numeric_limits<std::size_t>::max() : bytes);
@@ -285,9 +290,9 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): apart on
   //   pools[i].next = &pools[i - 1] for 0 < i < n, pools[0].next = null
   //   lowest = min(region of pools[i]), highest = max(last of pools[i]) over i < n; null if n = 0
   //
-  // The bounds tell of most blocks of the heap that they are from no pool. Like `head` and the
-  // sizes they are read by every call; the global lock changes hands rarely: a cache line of its
-  // own keeps it apart.
+  // Most blocks of the heap lie outside the bounds, so they are known at once to come from no pool.
+  // Every call reads the bounds, `head` and the sizes. The global lock changes hands rarely, and
+  // has a separate cache line.
   Pool pools_[max_pools];
   Pool* head_;
   std::byte* lowest_;
@@ -315,31 +320,30 @@ const char* Allocator<Runtime>::broken_invariant() const {
   for (std::int32_t i = 0; i < pool_count_; ++i) {
     const Pool& pool = pools_[i];
     const std::byte* const region = pool.base != nullptr ? pool.base : pool.saved;
-    if (pool.next != older) {
-      return "next = the pool created before";
-    }
-    older = &pool;
     if (region == nullptr) {
       return "base or saved not null";
     }
-    if (pool.base != nullptr && pool.saved != nullptr && pool.saved != pool.base) {
-      return "base = region, saved = region";
+    const struct {
+      bool holds;
+      const char* invariant;
+    } checks[] = {
+        {pool.next == older, "next = the pool created before"},
+        {pool.base == nullptr || pool.saved == nullptr || pool.saved == pool.base,
+         "base = region, saved = region"},
+        {pool.capacity == Runtime::capacity(pool.size), "capacity follows from size"},
+        {pool.last == region + static_cast<std::uint64_t>(pool.capacity - 1) * pool.size,
+         "last = region + (capacity - 1) * size"},
+        {pool.next_index >= 1 && pool.next_index <= pool.capacity, "1 <= next_index <= capacity"},
+        {pool.freed <= static_cast<std::uint32_t>(pool.next_index), "freed <= next_index"},
+        {(pool.base == nullptr) == (pool.freed == static_cast<std::uint32_t>(pool.capacity)),
+         "released <=> freed = capacity"},
+    };
+    for (const auto& check : checks) {
+      if (!check.holds) {
+        return check.invariant;
+      }
     }
-    if (pool.capacity != Runtime::capacity(pool.size)) {
-      return "capacity follows from size";
-    }
-    if (pool.last != region + static_cast<std::uint64_t>(pool.capacity - 1) * pool.size) {
-      return "last = region + (capacity - 1) * size";
-    }
-    if (pool.next_index < 1 || pool.next_index > pool.capacity) {
-      return "1 <= next_index <= capacity";
-    }
-    if (pool.freed > static_cast<std::uint32_t>(pool.next_index)) {
-      return "freed <= next_index";
-    }
-    if ((pool.base == nullptr) != (pool.freed == static_cast<std::uint32_t>(pool.capacity))) {
-      return "released <=> freed = capacity";
-    }
+    older = &pool;
     lowest = lowest == nullptr || region < lowest ? region : lowest;
     highest = pool.last > highest ? pool.last : highest;
   }

@@ -1,4 +1,4 @@
-// What the allocator keeps of one pool, and of the sizes that it serves.
+// The descriptor of a pool, and the set of sizes that pools serve.
 #pragma once
 
 #include <cstddef>
@@ -18,13 +18,13 @@ enum class Kind : std::uint32_t {
 
 }  // namespace ksomd::pool
 
-// One pool: a region of equal blocks, handed out by bumping an index. With `region` for the region
-// that the pool got when it was created and keeps for good,
+// One pool: a region of equal blocks, which are handed out in order by incrementing an index. Let
+// `region` be the memory that the pool got when it was created; the pool keeps it for good.
 //
 //   region                                        last
 //   | block 0 | block 1 | ... | block capacity - 1 |
 //
-// the invariants, at any moment without a call in progress, are
+// These invariants hold whenever no call is in progress:
 //
 //   last = region + (capacity - 1) * size
 //   base = region                       while the region is in use
@@ -33,10 +33,11 @@ enum class Kind : std::uint32_t {
 //   blocks that the program holds = next_index - freed
 //   released <=> freed = capacity       (and so next_index = capacity)
 //
-// `next`, `last`, `size`, `capacity` and `kind` never change once the pool is in the list: any
-// thread reads them without ceremony. They have the first cache line, with `base`, which changes
-// only when a region runs out; what changes with every block has the second one, so that threads
-// that walk over another thread's pool do not take the line away from it.
+// `next`, `last`, `size`, `capacity` and `kind` never change once the pool is in the list, so any
+// thread reads them without synchronisation. They are in the first cache line, together with
+// `base`, which changes only when the pool is released or reactivated. What changes with every
+// block is in the second cache line: a thread that walks past another thread's pool does not take
+// that line away from it.
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): two cache lines on purpose
 struct alignas(64) __i_pool_desc {
   __i_pool_desc* next;  // the next older pool
@@ -53,24 +54,25 @@ struct alignas(64) __i_pool_desc {
 
 namespace ksomd::pool {
 
-// The sizes of one kind that pools serve: a set, open-addressed.
+// The sizes of one kind that pools serve, as an open-addressed hash set.
 //
 //   slots[i] = 0, or a size
-//   no slot from a size's home to where it stands, cyclically, is 0
+//   no slot between a size's home and the size, cyclically, is 0
 //   at most max_sizes slots are not 0: less than half, so that a search soon meets a 0
 template <class Runtime>
 class SizeSet {
   using Words = Shared<Runtime>;
 
  public:
-  // The first sizes of a list: up to a 0, and at most max_sizes. A thread that asks meanwhile may
-  // miss a size that stands in both lists; its request is the heap's then, which is as good.
+  // Replaces the set by the sizes of a list, which ends with a 0 or after max_sizes. Meanwhile
+  // another thread may miss a size that is in both the old and the new list; the heap then serves
+  // its request.
   void replace(const std::size_t* sizes) {
     for (std::uint64_t& slot : slots_) {
       Words::store_relaxed(slot, std::uint64_t{0});
     }
     for (std::int32_t i = 0; i < max_sizes && sizes[i] != 0; ++i) {
-      // relaxed: a size in its slot stands for nothing but itself
+      // relaxed: no other memory depends on what a slot holds
       Words::store_relaxed(slots_[search(sizes[i])], std::uint64_t{sizes[i]});
     }
   }

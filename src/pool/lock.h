@@ -5,9 +5,9 @@
 
 namespace ksomd::pool {
 
-// Every access to a word that another thread may change goes through here, so that each one shows
-// its memory order, and so that Runtime::step() runs before it: nothing in the library; in a test,
-// the place to let another thread go first.
+// Every access to a word that another thread may change goes through here. So each shows its memory
+// order, and Runtime::step() runs before it. That does nothing in the library; a test uses it to
+// let another thread go first.
 template <class Runtime>
 struct Shared {
   template <class T>
@@ -40,8 +40,8 @@ struct Shared {
     Runtime::step();
     return __atomic_exchange_n(&word, value, __ATOMIC_RELEASE);
   }
-  // Whether the word was `expected`, and is now `value`; if not, `expected` is what it was. May
-  // fail for no reason.
+  // If the word is `expected`, changes it to `value` and returns true. Else stores the word in
+  // `expected` and returns false. May fail spuriously.
   template <class T>
   static bool compare_exchange_acquire(T& word, T& expected, T value) {
     Runtime::step();
@@ -58,8 +58,9 @@ struct Shared {
 // 0 while free, 1 while held.
 using LockWord = std::int32_t;
 
-// Waits on plain loads, so that the waiting threads share the word's cache line and the holder's
-// release is the only write that moves it. No pause, no yield: what the lock guards is shorter.
+// Waits on plain loads: the waiting threads share the word's cache line, and only the holder's
+// release moves it. There is no pause and no yield, because the guarded code is shorter than
+// either.
 template <class Runtime>
 void take(LockWord& lock) {
   // acquire: pairs with the previous holder's release of the word
@@ -73,8 +74,8 @@ void take(LockWord& lock) {
 
 template <class Runtime>
 void give_back(LockWord& lock) {
-  // release: the next holder sees what this one did. A plain store, half the price of an exchange:
-  // nobody is promised more of the allocator's own locks.
+  // release: the next holder sees what this one did. That is enough here: only __fast_unlock
+  // promises a full barrier, and a plain store takes half the time of an exchange.
   Shared<Runtime>::store_release(lock, 0);
 }
 

@@ -12,7 +12,7 @@ void __fast_lock(int* lock) {
 }
 
 void __fast_unlock(int* lock) {
-  // An exchange, not a store: callers may rely on the full barrier.
+  // An exchange instead of a store, because callers may rely on a full barrier.
   __atomic_exchange_n(lock, 0, __ATOMIC_SEQ_CST);
 }
 

@@ -1,4 +1,4 @@
-// The pool allocator as the library has it: over the C library's heap.
+// The library's pool allocator, on top of the C library's heap.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,8 @@ namespace ksomd::pool {
 
 // Blocks in the region of a pool: ten times as many for the sizes that programs ask for most.
 constexpr std::int32_t region_capacity(std::uint64_t size) {
-  constexpr std::uint64_t frequent_sizes[] = {40, 48, 96};
-  for (const std::uint64_t frequent : frequent_sizes) {
-    if (size == frequent) {
-      return 300000;
-    }
-  }
-  return 30000;
+  const bool frequent = size == 40 || size == 48 || size == 96;
+  return frequent ? 300000 : 30000;
 }
 
 struct PlatformRuntime {
@@ -32,7 +27,7 @@ struct PlatformRuntime {
   static void wait() {}
 };
 
-// The one behind the exported routines.
+// The allocator behind the exported routines.
 [[gnu::visibility("hidden")]] extern Allocator<PlatformRuntime> process_allocator;
 
 }  // namespace ksomd::pool

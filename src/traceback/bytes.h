@@ -1,4 +1,5 @@
-// A range of bytes that is read front to back and never left, whatever the bytes say.
+// A range of bytes that can be narrowed but never widened: a parser that takes its bytes from here
+// stays inside, whatever the bytes say.
 #pragma once
 
 #include <cstddef>

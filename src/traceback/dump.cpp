@@ -13,12 +13,14 @@ namespace {
 constexpr char overflow_notice[] = "\nStack trace buffer overflow; further frames not shown.\n";
 constexpr std::size_t notice_size = sizeof overflow_notice;
 
+constexpr char table_heading[] =
+    "Image              PC                Routine            Line        Source             \n";
 constexpr char detailed_heading[] = "\n\nTraceback symbolic or hex stack dump follows:\n\n";
 
-// What the dump routine and its frame callback share. Frame text is written to the first `capacity`
-// bytes of the buffer; behind them there is room for the overflow notice.
+// What the dump routine and its frame callback share. The text of frames goes to the first
+// `capacity` bytes of the buffer; behind them there is room for the overflow notice.
 struct DumpState {
-  char* buffer;  // null: lengths are added up and nothing is written
+  char* buffer;  // null: only the length is counted
   std::uint64_t capacity;
   std::uint64_t used;
   bool detailed;
@@ -35,7 +37,7 @@ struct FrameDescription {
 // Room for the longest entry of either form.
 using Entry = char[2048];
 
-// Writes a text behind what is there already. One that does not fit is cut; false.
+// Appends a text. Truncates it and returns false when it does not fit.
 bool write(DumpState& dump, const char* text, std::size_t length) {
   if (dump.buffer == nullptr) {
     dump.used += length;
@@ -57,13 +59,8 @@ bool write(DumpState& dump, const char* text, std::size_t length) {
 }
 
 bool write_heading(DumpState& dump) {
-  if (dump.detailed) {
-    return write(dump, detailed_heading, sizeof detailed_heading - 1);
-  }
-  Entry line;
-  const int length = std::snprintf(line, sizeof line, "%-19.19s%-18.18s%-19.19s%-12.12s%-19.19s\n",
-                                   "Image", "PC", "Routine", "Line", "Source");
-  return write(dump, line, static_cast<std::size_t>(length));
+  return dump.detailed ? write(dump, detailed_heading, sizeof detailed_heading - 1)
+                       : write(dump, table_heading, sizeof table_heading - 1);
 }
 
 bool write_table_entry(DumpState& dump, const FrameDescription& frame) {
@@ -79,7 +76,7 @@ const char* mode_name(std::uint32_t mode) {
   return mode < sizeof names / sizeof names[0] ? names[mode] : "Unknown";
 }
 
-// A text that grows at its end, in an entry that is large enough for all of it.
+// A text that grows in an Entry, which is large enough for all of it.
 struct EntryText {
   Entry text;
   std::size_t length = 0;
@@ -93,7 +90,7 @@ struct EntryText {
   }
 };
 
-// The addresses of a frame, in the order in which they are shown, under their labels.
+// An address of a frame, and its labels. The rows below are in the order of the output.
 struct LabelledAddress {
   ADDRESS64 STACKFRAME64::* address;
   const char* offset;
@@ -158,7 +155,7 @@ std::int32_t format_frame(const void* record, void* user, std::int32_t skip) {
   return 0;
 }
 
-// Appends to the buffer's text as much as fits in `size` bytes with a terminator.
+// Appends to the text in the buffer as much of `text` as fits in `size` bytes, terminator included.
 void append(char* buffer, std::uint64_t size, const char* text) {
   const std::size_t length = strnlen(buffer, size);
   if (length < size) {
@@ -174,7 +171,7 @@ void append(char* buffer, std::uint64_t size, const char* text) {
 
 using namespace ksomd;
 
-// One frame for each of these two routines: callers count on it when they skip frames.
+// Each of these two routines has exactly one frame: callers count on that when they skip frames.
 [[gnu::noinline, clang::disable_tail_calls]] std::uint64_t tbk_string_stack_signal_impl(
     const void* context, char* buffer, std::uint64_t size, std::uint32_t brief,
     std::uint32_t direct, std::uint32_t skip) {

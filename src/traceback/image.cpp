@@ -20,8 +20,8 @@ bool find_region(std::uint64_t address, MEMORY_BASIC_INFORMATION& region) {
          region.State != MEM_FREE && region.AllocationBase != nullptr;
 }
 
-// How many of the `wanted` bytes at `start` can be read, as long as they belong to `image`: memory
-// that is merely reserved, or guarded, would fault.
+// The part of the `wanted` bytes at `start` that can be read and belongs to `image`. Memory that is
+// only reserved, or guarded, would fault.
 Bytes readable(const std::uint8_t* start, std::size_t wanted, const void* image) {
   std::size_t size = 0;
   while (size < wanted) {

@@ -1,4 +1,4 @@
-// What loaded modules hold, and other memory that may not be there.
+// Access to loaded modules, and to memory that may not be readable.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace ksomd {
 // read.
 Bytes trace_section_of(std::uint64_t pc);
 
-// How many of the `wanted` bytes at an address can be read, up to the end of its allocation.
+// The part of the `wanted` bytes at an address that can be read, up to the end of its allocation.
 Bytes readable_bytes(std::uint64_t address, std::size_t wanted);
 
 // Whether an address lies in executable memory.

@@ -1,5 +1,6 @@
 #include "traceback/module_name.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ksomd/traceback.h"
@@ -12,17 +13,13 @@ constexpr std::size_t longest_part = 255;
 constexpr DWORD query_and_read = PROCESS_QUERY_INFORMATION | PROCESS_VM_READ;
 static_assert(query_and_read == 0x410);
 
-std::size_t smaller(std::size_t a, std::size_t b) {
-  return a < b ? a : b;
-}
-
 // The full path of the module that holds an address.
 bool module_path(std::uint64_t address, char* path, DWORD size) {
   MEMORY_BASIC_INFORMATION region;
   if (VirtualQuery(reinterpret_cast<const void*>(address), &region, sizeof region) == 0) {
     return false;
   }
-  // Free memory belongs to nothing, and a null module would stand for the program itself.
+  // Free memory belongs to no module. A null module would be taken for the program itself.
   if (region.State == MEM_FREE || region.AllocationBase == nullptr) {
     return false;
   }
@@ -33,7 +30,7 @@ bool module_path(std::uint64_t address, char* path, DWORD size) {
   auto* module = static_cast<HMODULE>(region.AllocationBase);
   const DWORD length = K32GetModuleFileNameExA(process, module, path, size);
   CloseHandle(process);
-  path[size - 1] = '\0';  // a path that does not fit comes unterminated from some systems
+  path[size - 1] = '\0';  // some systems do not terminate a path that does not fit
   return length != 0;
 }
 
@@ -58,14 +55,11 @@ void write_module_name(const char* path, char* name, std::size_t size) {
   }
   const char* file = file_name_of(path);
   const char* end = file + std::strlen(file);
-  const char* dot = std::strrchr(file, '.');
-  if (dot == nullptr) {
-    dot = end;
-  }
-  const std::size_t stem =
-      smaller(smaller(static_cast<std::size_t>(dot - file), longest_part), size - 1);
+  const char* last_dot = std::strrchr(file, '.');
+  const char* dot = last_dot != nullptr ? last_dot : end;
+  const std::size_t stem = std::min({static_cast<std::size_t>(dot - file), longest_part, size - 1});
   const std::size_t extension =
-      smaller(smaller(static_cast<std::size_t>(end - dot), longest_part), size - 1 - stem);
+      std::min({static_cast<std::size_t>(end - dot), longest_part, size - 1 - stem});
   std::memcpy(name, file, stem);
   std::memcpy(name + stem, dot, extension);
   name[stem + extension] = '\0';

@@ -16,7 +16,7 @@ bool find_pe_section(Bytes headers, const char* name, SectionPlace& place) {
   if (headers.size < dos_header_size || headers.data[0] != 'M' || headers.data[1] != 'Z') {
     return false;
   }
-  // A negative offset becomes one that is far beyond the image.
+  // A negative offset becomes a huge one, and nothing of the image is left from there on.
   const Bytes pe = headers.from(read_signed(headers.data + 60, 4));
   if (pe.size < file_header_size) {
     return false;

@@ -12,8 +12,8 @@ struct SectionPlace {
   std::uint64_t size;
 };
 
-// Finds the first section of that name (at most 8 characters) in the headers, the readable bytes at
-// an image's start; false if the bytes are no such image or it has no such section.
+// Finds the first section called `name` (at most 8 characters). `headers` is what can be read at an
+// image's start. False if that is no PE image, or if it has no such section.
 bool find_pe_section(Bytes headers, const char* name, SectionPlace& place);
 
 }  // namespace ksomd

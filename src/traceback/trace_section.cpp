@@ -10,17 +10,17 @@ enum class Kind : std::uint8_t {
   Invalid,
   Filler,
   Routine,     // name length at byte 2, address from byte 4 to the end of the fixed part, name
-  SelectFile,  // operand: index of a source-file entry
-  Line,        // operand: signed distance
-  Address,     // operand: distance less 1
+  SelectFile,  // operand: the index of a source-file entry
+  Line,        // operand: the signed distance of the line
+  Address,     // operand: the distance of the address minus 1
   Match,
-  NextLine,        // distance of the address less 1 in the low six bits
-  LineAndAddress,  // the same, and a signed distance of the line as operand
+  NextLine,        // low six bits: the distance of the address minus 1
+  LineAndAddress,  // the same; operand: the signed distance of the line
 };
 
 struct Item {
   Kind kind;
-  std::uint8_t size;  // of the fixed part; the operand is all of it but the first byte
+  std::uint8_t size;  // of the fixed part: the tag byte and the operand
 };
 
 constexpr Item items_by_tag[] = {
@@ -51,7 +51,7 @@ Item item_for(std::uint8_t tag) {
 
 // The block that describes an address.
 struct Block {
-  Bytes files;  // everything after the header: entries first, then items
+  Bytes files;  // everything after the header: source-file entries, then items
   std::uint64_t file_count;
   std::uint64_t adjustment;
 };
@@ -96,30 +96,15 @@ bool take_file(Bytes& rest, Bytes& name) {
   return true;
 }
 
-// The items of a block: what follows its source-file entries. Each entry takes two bytes or more,
-// so a false count ends with the bytes.
-bool skip_files(const Block& block, Bytes& items) {
-  items = block.files;
-  Bytes name;
-  for (std::uint64_t i = 0; i < block.file_count; ++i) {
-    if (!take_file(items, name)) {
+// Takes `count` source-file entries off the front of `rest`; `name` becomes the last one's. An
+// entry has at least two bytes, so a wrong count stops where the bytes end.
+bool take_files(Bytes& rest, std::uint64_t count, Bytes& name) {
+  for (; count > 0; --count) {
+    if (!take_file(rest, name)) {
       return false;
     }
   }
   return true;
-}
-
-bool nth_file(const Block& block, std::uint64_t index, Bytes& name) {
-  Bytes rest = block.files;
-  for (std::uint64_t i = 0; i < block.file_count; ++i) {
-    if (!take_file(rest, name)) {
-      return false;
-    }
-    if (i == index) {
-      return true;
-    }
-  }
-  return false;
 }
 
 struct State {
@@ -130,7 +115,8 @@ struct State {
   bool routine_known = false;
 };
 
-// Decodes a routine item, whose fixed part is there; `size` becomes that of the whole item.
+// Decodes a routine item. All bytes of its fixed part are there. `size` becomes that of the whole
+// item.
 bool decode_routine(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, std::size_t& size,
                     State& state) {
   const std::size_t length = read_unsigned(rest.data + 2, 2);
@@ -146,9 +132,13 @@ bool decode_routine(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, std:
   return true;
 }
 
-enum class Step { GoOn, Test, Fail };
+enum class Step {
+  GoOn,
+  Test,  // compare the address with the one that is looked up
+  Fail
+};
 
-// Decodes the item at the front of `rest`, whose `size` bytes are there.
+// Decodes the item at the front of `rest`. All of its `size` bytes are there.
 Step decode_item(Item item, Bytes rest, std::uint64_t pc, std::uint64_t adjustment,
                  std::size_t& size, State& state) {
   const std::uint8_t* operand = rest.data + 1;
@@ -206,8 +196,12 @@ bool decode_items(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, State&
 
 bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location& location) {
   Block block;
-  Bytes items;
-  if (!find_block(section, pc, bias, block) || !skip_files(block, items)) {
+  if (!find_block(section, pc, bias, block)) {
+    return false;
+  }
+  Bytes items = block.files;
+  Bytes last_file;
+  if (!take_files(items, block.file_count, last_file)) {
     return false;
   }
   State state = {.address = block.adjustment};
@@ -217,7 +211,8 @@ bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location
   location.routine = state.routine;
   location.routine_known = state.routine_known;
   location.line = state.line;
-  location.file_known = nth_file(block, state.file, location.file);
+  location.file_known =
+      state.file < block.file_count && take_files(block.files, state.file + 1, location.file);
   return true;
 }
 

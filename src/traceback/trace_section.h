@@ -21,9 +21,9 @@ struct Location {
   bool file_known;
 };
 
-// Finds what the section says about `pc`; false if it says nothing or makes no sense. Reads only
-// the section, in time linear in its size. Blocks whose start address is below `bias` are moved by
-// it.
+// Finds what the section says about `pc`; false if it says nothing or is malformed. Reads only the
+// section, in time linear in its size. A block whose start address is below `bias` is moved up by
+// `bias`.
 bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location& location);
 
 }  // namespace ksomd

@@ -26,7 +26,7 @@ void set_error(const char* text) {
   add_error(text);
 }
 
-// The system's last-error value goes into the text: it is read before anything can change it.
+// `code` is the system's last-error value. The caller reads it before anything can change it.
 void set_error_with_code(message::Number number, DWORD code) {
   set_error(__libkso_format_msg(number, 1, code));
 }
@@ -49,8 +49,8 @@ std::uint32_t find_capture_routine() {
   return KSOMD_WALK_DONE;
 }
 
-// A call through a null or wild pointer: no walker can start where there is no code. The call left
-// its return address on the stack, and that is where the walk starts instead.
+// Handles a call through a null or wild pointer. No walk can start where there is no code, so it
+// starts at the return address that the call left on the stack.
 void leave_wild_call(CONTEXT& context) {
   const DWORD error = GetLastError();
   if (!is_code(context.Rip)) {
@@ -88,12 +88,12 @@ void run_walk(void* argument) {
     }
     const std::int32_t skip = walk.skip > 0 ? 1 : 0;
     walk.skip -= static_cast<std::uint32_t>(skip);
-    const std::int32_t wish = walk.callback(&walk.frame, walk.user, skip);
-    if (wish == KSOMD_FRAME_OVERFLOW) {
+    const std::int32_t answer = walk.callback(&walk.frame, walk.user, skip);
+    if (answer == KSOMD_FRAME_OVERFLOW) {
       walk.status = KSOMD_WALK_OVERFLOW;
       return;
     }
-    if (wish == KSOMD_FRAME_STOP || walk.frame.AddrReturn.Offset == 0) {
+    if (answer == KSOMD_FRAME_STOP || walk.frame.AddrReturn.Offset == 0) {
       walk.status = KSOMD_WALK_DONE;
       return;
     }
@@ -109,8 +109,9 @@ const STACKFRAME64& as_frame(const void* frame) {
 
 using namespace ksomd;
 
-// The context is captured in this routine's own frame, not in a helper's: callers count on the
-// walk's first frame being this one, and on one frame for each routine between it and them.
+// The context is captured in this routine's own frame, not in a helper's. Callers rely on two
+// things: the walk's first frame is this one, and each routine between it and them has exactly one
+// frame.
 [[gnu::noinline, clang::disable_tail_calls]] std::uint32_t tbk_trace_stack_impl(
     const void* context, void* user, ksomd_frame_callback callback, std::uint32_t direct,
     std::uint32_t skip) {

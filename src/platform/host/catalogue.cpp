@@ -26,7 +26,8 @@ HMODULE LoadLibraryExA(const char* name, HANDLE, DWORD) {
   return held ? const_cast<ksomd::host::Catalogue*>(catalogue) : nullptr;
 }
 
-// Allocates the text; its address goes where `buffer` points. No other way of asking is served.
+// Allocates the text and stores its address where `buffer` points. Other flags than those for this
+// are not supported.
 DWORD FormatMessageA(DWORD flags, HMODULE source, DWORD identifier, DWORD language, char* buffer,
                      DWORD, void*) {
   if (flags != (FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ALLOCATE_BUFFER)) {

@@ -6,9 +6,9 @@
 
 #include "platform/platform.h"
 
-// At exit the C run-time of a static program takes back its registration of frames, which it makes
-// only after this moment, and aborts where there is none. Such a program is one without a loader,
-// and has no exit handlers yet.
+// The C run-time of a static program registers its unwind frames after this point. std::exit would
+// try to remove that registration, and abort because there is none. A static program is one that no
+// loader has loaded. It has no exit handlers yet, so it only has to flush its output.
 void ksomd::exit_while_loading(int status) {
   if (getauxval(AT_BASE) == 0) {
     std::fflush(nullptr);

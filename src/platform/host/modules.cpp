@@ -16,18 +16,22 @@ namespace {
 constexpr std::uintptr_t page_size = 4096;
 constexpr const char* own_file = "/proc/self/exe";
 
-// An ELF module as it lies in memory: from its first loaded page to its last.
-struct Module {
-  std::uintptr_t address;  // to find it by: any address in it
+// Neighbouring pages with one protection.
+struct Mapping {
   std::uintptr_t first, end;
-  std::uintptr_t bias;
-  const char* path;  // empty for the program itself
-  // The pages of the segment that holds the address, if one does.
-  std::uintptr_t segment_first, segment_end;
   DWORD protection;
 };
 
-// Whether memory may be written does not matter to the library.
+// An ELF module as it lies in memory: from its first loaded page to its last.
+struct Module {
+  std::uintptr_t address;  // the address that is looked up
+  std::uintptr_t first, end;
+  std::uintptr_t bias;  // what the loader added to the file's addresses
+  const char* path;     // empty for the program itself
+  Mapping segment;      // the one that holds the address; all 0 if none does
+};
+
+// The library never asks whether memory may be written.
 DWORD protection_of(bool readable, bool executable) {
   if (!readable) {
     return executable ? PAGE_EXECUTE : PAGE_NOACCESS;
@@ -48,10 +52,9 @@ int visit_module(dl_phdr_info* info, std::size_t, void* data) {
       first = start < first ? start : first;
       end = stop > end ? stop : end;
       if (wanted.address >= start && wanted.address < stop) {
-        wanted.segment_first = start;
-        wanted.segment_end = stop;
-        wanted.protection =
-            protection_of((segment.p_flags & PF_R) != 0, (segment.p_flags & PF_X) != 0);
+        wanted.segment = {
+            start, stop,
+            protection_of((segment.p_flags & PF_R) != 0, (segment.p_flags & PF_X) != 0)};
       }
     }
   }
@@ -71,26 +74,52 @@ bool find_module(const void* address, Module& module) {
   return dl_iterate_phdr(visit_module, &module) != 0;
 }
 
-// Reads a text file piece by piece, without the heap.
-class Lines {
+class File {
  public:
-  explicit Lines(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
-  ~Lines() {
+  explicit File(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
+  ~File() {
     if (file_ >= 0) {
       close(file_);
     }
   }
-  Lines(const Lines&) = delete;
-  Lines& operator=(const Lines&) = delete;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
 
-  // The next line, cut to what the buffer holds.
+  // Reads on from where the last call ended; 0 at the end of the file.
+  template <std::size_t size>
+  std::size_t read_next(char (&piece)[size]) const {
+    const ssize_t count = read(file_, piece, size);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+  }
+
+  template <typename Record>
+  bool read_at(std::uint64_t offset, Record& record) const {
+    return pread(file_, &record, sizeof record, static_cast<off_t>(offset)) == sizeof record;
+  }
+
+  // Whether the file has `text` (at most 14 characters) and its terminator at `offset`.
+  [[nodiscard]] bool has_text(std::uint64_t offset, const char* text) const {
+    char found[16] = {};
+    return pread(file_, found, sizeof found - 1, static_cast<off_t>(offset)) > 0 &&
+           std::strcmp(found, text) == 0;
+  }
+
+ private:
+  int file_;
+};
+
+// Reads a text file line by line, without the heap.
+class Lines {
+ public:
+  explicit Lines(const char* path) : file_(path) {}
+
+  // Reads the next line and truncates it to the buffer. False at the end of the file.
   bool next(char (&line)[256]) {
     std::size_t length = 0;
     for (;;) {
       if (at_ == filled_) {
-        const ssize_t count = file_ >= 0 ? read(file_, piece_, sizeof piece_) : 0;
         at_ = 0;
-        filled_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+        filled_ = file_.read_next(piece_);
         if (filled_ == 0) {
           return false;
         }
@@ -107,18 +136,13 @@ class Lines {
   }
 
  private:
-  int file_;
+  File file_;
   char piece_[1024];
   std::size_t at_ = 0;
   std::size_t filled_ = 0;
 };
 
-struct Mapping {
-  std::uintptr_t first, end;
-  DWORD protection;
-};
-
-// The mapping that holds an address, out of the kernel's list; false if none does.
+// Finds the mapping that holds an address in the kernel's list; false if there is none.
 bool find_mapping(std::uintptr_t address, Mapping& mapping) {
   Lines maps("/proc/self/maps");
   char line[256];
@@ -134,33 +158,6 @@ bool find_mapping(std::uintptr_t address, Mapping& mapping) {
   return false;
 }
 
-class File {
- public:
-  explicit File(const char* path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
-  ~File() {
-    if (file_ >= 0) {
-      close(file_);
-    }
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  template <typename Record>
-  bool read_at(std::uint64_t offset, Record& record) const {
-    return pread(file_, &record, sizeof record, static_cast<off_t>(offset)) == sizeof record;
-  }
-
-  // Whether the text at that place is `text`, terminator included.
-  [[nodiscard]] bool has_text(std::uint64_t offset, const char* text) const {
-    char found[16] = {};
-    return pread(file_, found, sizeof found - 1, static_cast<off_t>(offset)) > 0 &&
-           std::strcmp(found, text) == 0;
-  }
-
- private:
-  int file_;
-};
-
 }  // namespace
 
 std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, std::size_t size) {
@@ -169,12 +166,12 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
     return 0;
   }
   *region = {};
-  // Where modules are is asked of the loader: the kernel's list takes longer to read.
+  // The loader's list of modules is asked first, because the kernel's list takes longer to read.
   Module module;
   Mapping mapping;
   const bool in_module = find_module(address, module);
-  if (in_module && module.segment_end != 0) {
-    mapping = {module.segment_first, module.segment_end, module.protection};
+  if (in_module && module.segment.end != 0) {
+    mapping = module.segment;
   } else if (!find_mapping(reinterpret_cast<std::uintptr_t>(address), mapping)) {
     region->State = MEM_FREE;
     return size;
@@ -210,13 +207,14 @@ bool ksomd::find_native_section(const void* image, const char* name, std::uint64
                                 std::uint64_t& size) {
   Module module;
   if (!find_module(image, module) || image != reinterpret_cast<void*>(module.first) ||
-      (module.protection & (PAGE_READONLY | PAGE_EXECUTE_READ)) == 0) {
+      (module.segment.protection & (PAGE_READONLY | PAGE_EXECUTE_READ)) == 0) {
     return false;
   }
   const File file(module.path[0] != '\0' ? module.path : own_file);
   Elf64_Ehdr header;
   Elf64_Shdr names;
-  // The file may have been replaced since it was loaded: the header tells.
+  // The file may have been replaced since it was loaded. Its header is compared with the one in
+  // memory to notice that.
   if (!file.read_at(0, header) || std::memcmp(image, &header, sizeof header) != 0 ||
       header.e_shentsize != sizeof names ||
       !file.read_at(header.e_shoff + header.e_shstrndx * sizeof names, names)) {

@@ -18,10 +18,10 @@ struct Protection {
   Protection* outer;
 };
 
-Protection* current;
+Protection* current;  // the innermost protected call
 
-// A signal of a thread that is not protected: gives it back to the handler that was there before,
-// by running into it again.
+// Handles a signal on a thread that is not protected: reinstalls the previous handler. The faulting
+// instruction runs again and raises the signal for that handler.
 void hand_back(const Protection& protection, int signal) {
   for (int i = 0; i < signal_count; ++i) {
     if (signals[i] == signal) {

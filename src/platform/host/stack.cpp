@@ -23,28 +23,25 @@ bool fails(DWORD code) {
   return code != 0;
 }
 
-// Where a general register stands in the two records.
+// A general register: in a CONTEXT, in libunwind, and in the system's own context, where libunwind
+// starts.
 struct Register {
   DWORD64 CONTEXT::* in_context;
   unw_regnum_t number;
+  int greg;
 };
 
 constexpr Register registers[] = {
-    {&CONTEXT::Rax, UNW_X86_64_RAX}, {&CONTEXT::Rcx, UNW_X86_64_RCX},
-    {&CONTEXT::Rdx, UNW_X86_64_RDX}, {&CONTEXT::Rbx, UNW_X86_64_RBX},
-    {&CONTEXT::Rsp, UNW_X86_64_RSP}, {&CONTEXT::Rbp, UNW_X86_64_RBP},
-    {&CONTEXT::Rsi, UNW_X86_64_RSI}, {&CONTEXT::Rdi, UNW_X86_64_RDI},
-    {&CONTEXT::R8, UNW_X86_64_R8},   {&CONTEXT::R9, UNW_X86_64_R9},
-    {&CONTEXT::R10, UNW_X86_64_R10}, {&CONTEXT::R11, UNW_X86_64_R11},
-    {&CONTEXT::R12, UNW_X86_64_R12}, {&CONTEXT::R13, UNW_X86_64_R13},
-    {&CONTEXT::R14, UNW_X86_64_R14}, {&CONTEXT::R15, UNW_X86_64_R15},
-    {&CONTEXT::Rip, UNW_X86_64_RIP},
+    {&CONTEXT::Rax, UNW_X86_64_RAX, REG_RAX}, {&CONTEXT::Rcx, UNW_X86_64_RCX, REG_RCX},
+    {&CONTEXT::Rdx, UNW_X86_64_RDX, REG_RDX}, {&CONTEXT::Rbx, UNW_X86_64_RBX, REG_RBX},
+    {&CONTEXT::Rsp, UNW_X86_64_RSP, REG_RSP}, {&CONTEXT::Rbp, UNW_X86_64_RBP, REG_RBP},
+    {&CONTEXT::Rsi, UNW_X86_64_RSI, REG_RSI}, {&CONTEXT::Rdi, UNW_X86_64_RDI, REG_RDI},
+    {&CONTEXT::R8, UNW_X86_64_R8, REG_R8},    {&CONTEXT::R9, UNW_X86_64_R9, REG_R9},
+    {&CONTEXT::R10, UNW_X86_64_R10, REG_R10}, {&CONTEXT::R11, UNW_X86_64_R11, REG_R11},
+    {&CONTEXT::R12, UNW_X86_64_R12, REG_R12}, {&CONTEXT::R13, UNW_X86_64_R13, REG_R13},
+    {&CONTEXT::R14, UNW_X86_64_R14, REG_R14}, {&CONTEXT::R15, UNW_X86_64_R15, REG_R15},
+    {&CONTEXT::Rip, UNW_X86_64_RIP, REG_RIP},
 };
-
-// The same registers in the system's own context, where libunwind starts.
-constexpr int greg_of_register[] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP,
-                                    REG_RSI, REG_RDI, REG_R8,  REG_R9,  REG_R10, REG_R11,
-                                    REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
 
 void read_registers(unw_cursor_t& cursor, CONTEXT& context) {
   for (const Register& each : registers) {
@@ -55,32 +52,32 @@ void read_registers(unw_cursor_t& cursor, CONTEXT& context) {
   }
 }
 
-// Where a walk stands, as the frame record remembers it from one call to the next.
+// The state of a walk, which the frame record keeps from one call to the next.
 enum Progress : DWORD64 {
   not_started,
-  at_instruction,  // about to execute it: the first frame, and one that a signal interrupted
-  behind_call
+  at_instruction,  // at the next instruction: the first frame, or one that a signal interrupted
+  behind_call      // at a return address
 };
 
-// Moves the registers to the frame of the caller, and `progress` with them; false if there is none.
+// Replaces the registers by those of the caller and updates `progress`. If there is no caller it
+// returns false and changes neither.
 bool step_to_caller(CONTEXT& context, DWORD64& progress) {
   unw_context_t machine;
   std::memset(&machine, 0, sizeof machine);
-  for (std::size_t i = 0; i < sizeof registers / sizeof registers[0]; ++i) {
-    machine.uc_mcontext.gregs[greg_of_register[i]] =
-        static_cast<greg_t>(context.*registers[i].in_context);
+  for (const Register& each : registers) {
+    machine.uc_mcontext.gregs[each.greg] = static_cast<greg_t>(context.*each.in_context);
   }
   unw_cursor_t cursor;
   const int flags = progress == behind_call ? 0 : UNW_INIT_SIGNAL_FRAME;
   if (unw_init_local2(&cursor, &machine, flags) != 0 || unw_step(&cursor) <= 0) {
     return false;
   }
-  // After the step the unwinder says so of the frame that the signal came upon.
+  // After the step this is true if a signal interrupted the frame that the step has reached.
   const bool interrupted = unw_is_signal_frame(&cursor) > 0;
   CONTEXT caller = context;
   read_registers(cursor, caller);
-  // The stack grows down: a frame that is not above its callee's is no frame, unless the callee is
-  // a signal handler on a stack of its own.
+  // The stack grows down, so a caller's frame lies above its callee's. Only a signal handler may
+  // run on a separate stack.
   if (caller.Rip == 0 || (!interrupted && caller.Rsp <= context.Rsp)) {
     return false;
   }
@@ -155,8 +152,8 @@ BOOL SymInitialize(HANDLE, const char*, BOOL) {
   if (fails(stack_faults.sym_initialize)) {
     return false;
   }
-  // The unwinder's cache goes by address alone, but one address may be the first of a routine and
-  // the return address of a call that ends the routine before it.
+  // The unwinder's cache is keyed by address alone. But one address may be the start of a routine
+  // and also the return address of a call at the end of the routine before it.
   unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_NONE);
   ++stack_balance.symbol_handlers;
   return true;

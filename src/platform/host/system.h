@@ -1,6 +1,6 @@
-// The operating system as the library calls it: on the host, the same few types and calls over
-// what Linux offers (libunwind, the ELF loader's list of modules, signals), just large enough for
-// what the library asks. Names, values and layouts are those of the Windows headers.
+// The operating system as the library calls it: on the host, the few types and calls that the
+// library needs, implemented on Linux (libunwind, the ELF loader's list of modules, signals).
+// Names, values and layouts are those of the Windows headers.
 #pragma once
 
 #include <cstddef>
@@ -94,38 +94,40 @@ DWORD GetCurrentProcessId();
 HANDLE OpenProcess(DWORD access, BOOL inherit, DWORD identifier);
 BOOL CloseHandle(HANDLE handle);
 
-// "NTDLL.DLL" is the one module there is, and RtlCaptureContext the one routine in it.
+// The only module is "NTDLL.DLL", and its only routine is RtlCaptureContext. The names are not
+// looked at.
 BOOL GetModuleHandleExA(DWORD flags, const char* name, HMODULE* module);
 FARPROC GetProcAddress(HMODULE module, const char* name);
 
-// Registers as they are in the caller once this has returned.
+// Stores the registers as they are in the caller after this has returned.
 void RtlCaptureContext(CONTEXT* context);
 
-// A region is a mapping of the process, as /proc/self/maps lists it; it belongs to the ELF module
-// that holds it or is an allocation of its own.
+// A region is a segment of an ELF module, or else a mapping of the process as /proc/self/maps lists
+// it. Its allocation is the ELF module that holds it, or else the region itself.
 std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, std::size_t size);
 
-// The path of the ELF module whose first byte is there.
+// Writes the path of the ELF module whose first byte is at `module`.
 DWORD K32GetModuleFileNameExA(HANDLE process, HMODULE module, char* path, DWORD size);
 
 BOOL SymInitialize(HANDLE process, const char* search_path, BOOL invade);
 BOOL SymCleanup(HANDLE process);
 
-// The first call describes the frame that the context is in, each later one that of its caller;
-// the context follows. False if there is no such frame. The four routines are not used.
+// The first call describes the frame that `context` is in. Each later call moves `context` to the
+// caller and describes that frame. False if there is no such frame. The last four arguments are
+// ignored.
 BOOL StackWalk64(DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* frame,
                  CONTEXT* context, void* read_memory, void* function_table, void* module_base,
                  void* translate);
 
 namespace ksomd {
 
-// Runs body(argument). False if this thread got SIGSEGV, SIGBUS, SIGFPE, SIGILL or SIGTRAP in it;
-// the handlers for them are the old ones again when this returns. One thread at a time; nested
-// calls are fine.
+// Runs body(argument). Returns false if this thread got SIGSEGV, SIGBUS, SIGFPE, SIGILL or SIGTRAP
+// in it. The previous handlers are in place again when this returns. Calls may nest, but only one
+// thread at a time may be in one.
 bool run_protected(void (*body)(void*), void* argument);
 
-// Finds a loaded section by name in the ELF image that starts there; its place counts from the
-// image's start. The section table is not loaded with an image: it is read from the image's file.
+// Finds a loaded section by name in the ELF image that starts at `image`. `offset` counts from the
+// image's start. The section table is read from the image's file, because it is not loaded.
 bool find_native_section(const void* image, const char* name, std::uint64_t& offset,
                          std::uint64_t& size);
 
@@ -141,7 +143,7 @@ struct Catalogue {
 };
 extern const Catalogue* catalogue;
 
-// Calls that a test wants to fail: a call whose field is not 0 fails with this last-error value.
+// Calls that a test makes fail: a call whose field is not 0 fails and sets this last-error value.
 struct StackFaults {
   DWORD sym_initialize = 0;
   DWORD get_module_handle = 0;
@@ -149,12 +151,12 @@ struct StackFaults {
   DWORD virtual_query = 0;
   DWORD open_process = 0;
   DWORD module_file_name = 0;
-  // Does what StackWalk64 is to do instead.
+  // Called in place of StackWalk64 if it is not null.
   BOOL (*stack_walk)(STACKFRAME64* frame) = nullptr;
 };
 extern StackFaults stack_faults;
 
-// What is open: symbol handlers started and process handles opened, less those closed.
+// The symbol handlers and process handles that are open: those started minus those closed.
 struct StackBalance {
   int symbol_handlers, process_handles;
 };

@@ -1,13 +1,13 @@
 #include "platform/platform.h"
 
-// Structured exceptions are the compiler's, whatever a library header made of the words.
+// The code below needs the compiler's keywords; a library header may have defined them as macros.
 #undef __try
 #undef __except
 
 namespace ksomd {
 namespace {
 
-// What may fault has to be inside a call: the compiler's handler covers calls alone.
+// The compiler's handler covers only calls, so the code that may fault is inside one.
 [[gnu::noinline]] void call(void (*body)(void*), void* argument) {
   body(argument);
 }

@@ -3,7 +3,7 @@
 
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
-// windows.h comes first.
+// The headers below need windows.h before them.
 #define PSAPI_VERSION 2
 #include <imagehlp.h>
 #include <psapi.h>
@@ -12,11 +12,12 @@
 
 namespace ksomd {
 
-// Runs body(argument). False if an exception was raised in it that it did not handle itself; what
-// was set up to find that out is gone when this returns.
+// Runs body(argument). Returns false if the body raised an exception that it did not handle. The
+// handler is removed before this returns.
 bool run_protected(void (*body)(void*), void* argument);
 
-// Section of an image in the system's own format where that is not PE: there is none.
+// Finds a section of an image in the system's native format, if that is not PE. On Windows it is
+// PE, so there is nothing to find.
 inline bool find_native_section(const void*, const char*, std::uint64_t&, std::uint64_t&) {
   return false;
 }
