@@ -29,11 +29,11 @@ namespace ksomd::pool {
 template <class Runtime>
 class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache lines on purpose
   using Pool = __i_pool_desc;
-  using Words = Shared<Runtime>;
+  using Atomic = AtomicAccess<Runtime>;
 
  public:
   void set_sizes(const std::size_t* sizes, Kind kind) {
-    const Holding<Runtime> holding(global_lock_);
+    const LockGuard<Runtime> guard(global_lock_);
     sizes_of(kind).replace(sizes);
   }
 
@@ -76,7 +76,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
   const char* broken_invariant() const;
 
   // For tests: the newest pool. Its `next` leads to the older ones.
-  const Pool* newest_pool() const { return Words::load_acquire(head_); }
+  const Pool* newest_pool() const { return Atomic::load_acquire(head_); }
 
  private:
   SizeSet<Runtime>& sizes_of(Kind kind) {
@@ -99,15 +99,15 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
     const auto* const address = static_cast<const std::byte*>(block);
     // relaxed: a thread that holds a pooled block got it after the bounds had grown to include its
     // region
-    if (address < Words::load_relaxed(lowest_) || address > Words::load_relaxed(highest_)) {
+    if (address < Atomic::load_relaxed(lowest_) || address > Atomic::load_relaxed(highest_)) {
       return nullptr;
     }
     // acquire: pairs with the publication in create
-    for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = older(pool)) {
+    for (Pool* pool = Atomic::load_acquire(head_); pool != nullptr; pool = older(pool)) {
       // relaxed: a thread that holds a block of this pool got it after base was set. For a block of
       // no pool, or of another one, the answer is no in either case, whether base reads as null
       // or as the region
-      const std::byte* const base = Words::load_relaxed(pool->base);
+      const std::byte* const base = Atomic::load_relaxed(pool->base);
       if (base != nullptr && base <= address && address <= pool->last) {
         return pool;
       }
@@ -118,7 +118,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
   void* allocate_pooled(Kind kind, std::uint64_t size) {
     for (;;) {
       // acquire: pairs with the publication in create
-      for (Pool* pool = Words::load_acquire(head_); pool != nullptr; pool = older(pool)) {
+      for (Pool* pool = Atomic::load_acquire(head_); pool != nullptr; pool = older(pool)) {
         if (serves(*pool, kind, size)) {
           if (void* const block = take_block(*pool)) {
             return block;
@@ -149,7 +149,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
   // Looks for room again under the lock, even if no descriptor is left: another thread may have
   // used the last one for a pool of this size.
   [[gnu::noinline]] Growth grow(Kind kind, std::uint64_t size) {
-    const Holding<Runtime> holding(global_lock_);
+    const LockGuard<Runtime> guard(global_lock_);
     if (may_have_block(kind, size)) {
       return {Outcome::Room, nullptr};
     }
@@ -163,12 +163,12 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
   // step. So no lock is needed, and no thread waits for another that was interrupted in between.
   static void* hand_out(Pool& pool, std::byte* base) {
     // relaxed: only a guess, which the exchange confirms or replaces
-    std::int32_t index = Words::load_relaxed(pool.next_index);
+    std::int32_t index = Atomic::load_relaxed(pool.next_index);
     while (index < pool.capacity) {
       // acquire: pairs with the release in reactivate, so that base and zeroed contents are
       // visible. If the pool was reactivated after the guess, block `index` is still the next one
       // to hand out.
-      if (Words::compare_exchange_acquire(pool.next_index, index, index + 1)) {
+      if (Atomic::compare_exchange_acquire(pool.next_index, index, index + 1)) {
         return base + static_cast<std::uint64_t>(index) * pool.size;
       }
     }
@@ -180,7 +180,7 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
     for (;;) {
       // relaxed: the region's address never changes, and nothing in it is read before hand_out has
       // acquired a block
-      if (std::byte* const base = Words::load_relaxed(pool.base)) {
+      if (std::byte* const base = Atomic::load_relaxed(pool.base)) {
         return hand_out(pool, base);
       }
       if (void* const first = reactivate(pool)) {
@@ -191,8 +191,8 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
 
   // Puts a released pool back into use and returns its block 0; null if another thread was faster.
   [[gnu::noinline]] void* reactivate(Pool& pool) {
-    const Holding<Runtime> holding(global_lock_);
-    if (Words::load_relaxed(pool.base) != nullptr) {  // relaxed: only changes under this lock
+    const LockGuard<Runtime> guard(global_lock_);
+    if (Atomic::load_relaxed(pool.base) != nullptr) {  // relaxed: only changes under this lock
       return nullptr;
     }
     std::byte* const region = pool.saved;
@@ -204,9 +204,9 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
     // takes a block as soon as the index allows it. When that block is freed, find() needs `base`,
     // and the count must have restarted from 0. Both are exchanges because the two counters change
     // only by atomic read-modify-write operations.
-    Words::store_relaxed(pool.base, region);
-    Words::exchange_release(pool.freed, std::uint32_t{0});
-    Words::exchange_release(pool.next_index, std::int32_t{1});
+    Atomic::store_relaxed(pool.base, region);
+    Atomic::exchange_release(pool.freed, std::uint32_t{0});
+    Atomic::exchange_release(pool.next_index, std::int32_t{1});
     return region;
   }
 
@@ -215,25 +215,25 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
     // release: this thread is done with its block. acquire: the thread that frees the last block
     // sees that all others are done. Exactly one thread finds the count complete, because no block
     // is handed out between that increment and the release of the pool.
-    const std::uint32_t freed = Words::increment_acq_rel(pool.freed) + 1;
+    const std::uint32_t freed = Atomic::increment_acq_rel(pool.freed) + 1;
     if (freed == static_cast<std::uint32_t>(pool.capacity)) {
       retire(pool);
     }
   }
 
   [[gnu::noinline]] void retire(Pool& pool) {
-    const Holding<Runtime> holding(global_lock_);
-    pool.saved = Words::load_relaxed(pool.base);  // relaxed: changes only under the global lock
+    const LockGuard<Runtime> guard(global_lock_);
+    pool.saved = Atomic::load_relaxed(pool.base);  // relaxed: changes only under the global lock
     // relaxed: a thread that acts on the null takes the global lock first
-    Words::store_relaxed(pool.base, static_cast<std::byte*>(nullptr));
+    Atomic::store_relaxed(pool.base, static_cast<std::byte*>(nullptr));
   }
 
   // Whether some pool has a block left or is released. The caller holds the global lock.
   bool may_have_block(Kind kind, std::uint64_t size) const {
     for (const Pool* pool = head_; pool != nullptr; pool = older(pool)) {
       // relaxed: either turns from no to yes only under the global lock
-      if (serves(*pool, kind, size) && (Words::load_relaxed(pool->base) == nullptr ||
-                                        Words::load_relaxed(pool->next_index) < pool->capacity)) {
+      if (serves(*pool, kind, size) && (Atomic::load_relaxed(pool->base) == nullptr ||
+                                        Atomic::load_relaxed(pool->next_index) < pool->capacity)) {
         return true;
       }
     }
@@ -258,13 +258,13 @@ class Allocator {  // NOLINT(clang-analyzer-optin.performance.Padding): cache li
     pool.next_index = 1;
     pool.kind = kind;
     if (lowest_ == nullptr || region < lowest_) {
-      Words::store_relaxed(lowest_, region);
+      Atomic::store_relaxed(lowest_, region);
     }
     if (pool.last > highest_) {
-      Words::store_relaxed(highest_, pool.last);
+      Atomic::store_relaxed(highest_, pool.last);
     }
     // release: a thread that finds the pool finds it complete
-    Words::store_release(head_, &pool);
+    Atomic::store_release(head_, &pool);
     return region;
   }
 

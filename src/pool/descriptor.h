@@ -61,7 +61,7 @@ namespace ksomd::pool {
 //   at most max_sizes slots are not 0: less than half, so that a search soon meets a 0
 template <class Runtime>
 class SizeSet {
-  using Words = Shared<Runtime>;
+  using Atomic = AtomicAccess<Runtime>;
 
  public:
   // Replaces the set by the sizes of a list, which ends with a 0 or after max_sizes. Meanwhile
@@ -69,16 +69,16 @@ class SizeSet {
   // its request.
   void replace(const std::size_t* sizes) {
     for (std::uint64_t& slot : slots_) {
-      Words::store_relaxed(slot, std::uint64_t{0});
+      Atomic::store_relaxed(slot, std::uint64_t{0});
     }
     for (std::int32_t i = 0; i < max_sizes && sizes[i] != 0; ++i) {
       // relaxed: no other memory depends on what a slot holds
-      Words::store_relaxed(slots_[search(sizes[i])], std::uint64_t{sizes[i]});
+      Atomic::store_relaxed(slots_[search(sizes[i])], std::uint64_t{sizes[i]});
     }
   }
 
   bool contains(std::uint64_t size) const {
-    return size != 0 && Words::load_relaxed(slots_[search(size)]) == size;
+    return size != 0 && Atomic::load_relaxed(slots_[search(size)]) == size;
   }
 
   bool is_sound() const {
@@ -102,7 +102,7 @@ class SizeSet {
     // Multiplication by 2^64 over the golden ratio spreads the sizes over the upper bits.
     auto i = static_cast<std::uint32_t>((size * 0x9E3779B97F4A7C15) >> (64 - slot_bits));
     for (;;) {
-      const std::uint64_t slot = Words::load_relaxed(slots_[i]);
+      const std::uint64_t slot = Atomic::load_relaxed(slots_[i]);
       if (slot == size || slot == 0) {
         return i;
       }

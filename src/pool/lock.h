@@ -9,7 +9,7 @@ namespace ksomd::pool {
 // order, and Runtime::step() runs before it. That does nothing in the library; a test uses it to
 // let another thread go first.
 template <class Runtime>
-struct Shared {
+struct AtomicAccess {
   template <class T>
   static T load_relaxed(const T& word) {
     Runtime::step();
@@ -62,34 +62,34 @@ using LockWord = std::int32_t;
 // release moves it. There is no pause and no yield, because the guarded code is shorter than
 // either.
 template <class Runtime>
-void take(LockWord& lock) {
+void lock(LockWord& word) {
   // acquire: pairs with the previous holder's release of the word
-  while (Shared<Runtime>::exchange_acquire(lock, 1) != 0) {
+  while (AtomicAccess<Runtime>::exchange_acquire(word, 1) != 0) {
     // relaxed: only tells when to try again
-    while (Shared<Runtime>::load_relaxed(lock) != 0) {
+    while (AtomicAccess<Runtime>::load_relaxed(word) != 0) {
       Runtime::wait();
     }
   }
 }
 
 template <class Runtime>
-void give_back(LockWord& lock) {
+void unlock(LockWord& word) {
   // release: the next holder sees what this one did. That is enough here: only __fast_unlock
   // promises a full barrier, and a plain store takes half the time of an exchange.
-  Shared<Runtime>::store_release(lock, 0);
+  AtomicAccess<Runtime>::store_release(word, 0);
 }
 
 // Holds a lock for the length of a scope.
 template <class Runtime>
-class Holding {
+class LockGuard {
  public:
-  explicit Holding(LockWord& lock) : lock_(lock) { take<Runtime>(lock_); }
-  ~Holding() { give_back<Runtime>(lock_); }
-  Holding(const Holding&) = delete;
-  Holding& operator=(const Holding&) = delete;
+  explicit LockGuard(LockWord& word) : word_(word) { lock<Runtime>(word_); }
+  ~LockGuard() { unlock<Runtime>(word_); }
+  LockGuard(const LockGuard&) = delete;
+  LockGuard& operator=(const LockGuard&) = delete;
 
  private:
-  LockWord& lock_;
+  LockWord& word_;
 };
 
 }  // namespace ksomd::pool

@@ -8,7 +8,7 @@ constinit ksomd::pool::Allocator<ksomd::pool::PlatformRuntime> ksomd::pool::proc
 using ksomd::pool::process_allocator;
 
 void __fast_lock(int* lock) {
-  ksomd::pool::take<ksomd::pool::PlatformRuntime>(*lock);
+  ksomd::pool::lock<ksomd::pool::PlatformRuntime>(*lock);
 }
 
 void __fast_unlock(int* lock) {
