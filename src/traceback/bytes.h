@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace ksomd {
+namespace ksomd::traceback {
 
 struct Bytes {
   const std::uint8_t* data = nullptr;
@@ -33,4 +33,4 @@ inline std::uint64_t read_signed(const std::uint8_t* bytes, unsigned width) {
   return (read_unsigned(bytes, width) ^ sign) - sign;
 }
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

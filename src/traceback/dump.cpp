@@ -7,7 +7,7 @@
 #include "platform/platform.h"
 #include "traceback/module_name.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr char overflow_notice[] = "\nStack trace buffer overflow; further frames not shown.\n";
@@ -167,9 +167,9 @@ void append(char* buffer, std::uint64_t size, const char* text) {
 }
 
 }  // namespace
-}  // namespace ksomd
+}  // namespace ksomd::traceback
 
-using namespace ksomd;
+using namespace ksomd::traceback;
 
 // Each of these two routines has exactly one frame: callers count on that when they skip frames.
 [[gnu::noinline, clang::disable_tail_calls]] std::uint64_t tbk_string_stack_signal_impl(

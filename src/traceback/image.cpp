@@ -3,7 +3,7 @@
 #include "platform/platform.h"
 #include "traceback/pe_image.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr const char* trace_section_name = ".trace";
@@ -68,4 +68,4 @@ Bytes trace_section_of(std::uint64_t pc) {
   return section.size == place.size && place.size >= smallest_block ? section : Bytes{};
 }
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

@@ -5,7 +5,7 @@
 
 #include "traceback/bytes.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 
 // The trace section of the module that holds a code address; empty if there is none that can be
 // read.
@@ -17,4 +17,4 @@ Bytes readable_bytes(std::uint64_t address, std::size_t wanted);
 // Whether an address lies in executable memory.
 bool is_code(std::uint64_t address);
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

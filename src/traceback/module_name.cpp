@@ -6,7 +6,7 @@
 #include "ksomd/traceback.h"
 #include "platform/platform.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr std::size_t longest_part = 255;
@@ -65,12 +65,13 @@ void write_module_name(const char* path, char* name, std::size_t size) {
   name[stem + extension] = '\0';
 }
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback
 
 void tbk_getModuleName(std::uint64_t address, char* name, std::uint32_t size, std::uint64_t* base) {
   if (base != nullptr) {
     *base = 0;
   }
   char path[260];
-  ksomd::write_module_name(ksomd::module_path(address, path, sizeof path) ? path : "", name, size);
+  ksomd::traceback::write_module_name(
+      ksomd::traceback::module_path(address, path, sizeof path) ? path : "", name, size);
 }

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-namespace ksomd {
+namespace ksomd::traceback {
 
 // The part of a path behind its drive letter and its last slash or backslash.
 const char* file_name_of(const char* path);
@@ -12,4 +12,4 @@ const char* file_name_of(const char* path);
 // characters, and both together to size - 1. The extension starts at the last dot.
 void write_module_name(const char* path, char* name, std::size_t size);
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

@@ -6,7 +6,7 @@
 #include "traceback/image.h"
 #include "traceback/trace_section.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr std::size_t field_size = sizeof ksomd_pc_info::routine;
@@ -26,9 +26,9 @@ void fill_field(char (&field)[field_size], Bytes text, bool known) {
 }
 
 }  // namespace
-}  // namespace ksomd
+}  // namespace ksomd::traceback
 
-using namespace ksomd;
+using namespace ksomd::traceback;
 
 std::uint32_t tbk_get_pc_info_pie(ksomd_pc_info* info, std::uint64_t pc, const std::uint64_t* bias,
                                   const char*) {

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr std::size_t dos_header_size = 64;
@@ -36,4 +36,4 @@ bool find_pe_section(Bytes headers, const char* name, SectionPlace& place) {
   return false;
 }
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

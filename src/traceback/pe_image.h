@@ -5,7 +5,7 @@
 
 #include "traceback/bytes.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 
 struct SectionPlace {
   std::uint64_t offset;  // from the image's start
@@ -16,4 +16,4 @@ struct SectionPlace {
 // image's start. False if that is no PE image, or if it has no such section.
 bool find_pe_section(Bytes headers, const char* name, SectionPlace& place);
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

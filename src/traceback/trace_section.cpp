@@ -1,6 +1,6 @@
 #include "traceback/trace_section.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr std::size_t header_size = 26;
@@ -216,4 +216,4 @@ bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location
   return true;
 }
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

@@ -11,7 +11,7 @@
 
 #include "traceback/bytes.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 
 struct Location {
   Bytes routine;  // names as they stand in the section: not terminated
@@ -26,4 +26,4 @@ struct Location {
 // `bias`.
 bool find_location(Bytes section, std::uint64_t pc, std::uint64_t bias, Location& location);
 
-}  // namespace ksomd
+}  // namespace ksomd::traceback

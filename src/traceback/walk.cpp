@@ -5,7 +5,7 @@
 #include "platform/platform.h"
 #include "traceback/image.h"
 
-namespace ksomd {
+namespace ksomd::traceback {
 namespace {
 
 constexpr std::size_t error_text_size = 100;
@@ -105,9 +105,10 @@ const STACKFRAME64& as_frame(const void* frame) {
 }
 
 }  // namespace
-}  // namespace ksomd
+}  // namespace ksomd::traceback
 
 using namespace ksomd;
+using namespace ksomd::traceback;
 
 // The context is captured in this routine's own frame, not in a helper's. Callers rely on two
 // things: the walk's first frame is this one, and each routine between it and them has exactly one

@@ -5,6 +5,7 @@
 #include "../traceback/sample.h"
 
 using namespace ksomd;
+using namespace ksomd::traceback;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 16) {

@@ -11,6 +11,8 @@
 
 namespace ksomd::test {
 
+using namespace traceback;
+
 #define KSOMD_ENTRY(name) inline const auto name = entry<decltype(tbk_##name)>("tbk_" #name);
 KSOMD_ENTRY(trace_stack)
 KSOMD_ENTRY(trace_stack_impl)

@@ -13,6 +13,8 @@
 
 namespace ksomd::test {
 
+using namespace traceback;
+
 // ---- writing ------------------------------------------------------------------------------------
 
 using Data = std::vector<std::uint8_t>;
