@@ -32,7 +32,7 @@
 #include <vector>
 
 #include "ksomd/matmul.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "matmul_ceiling.h"
 
 extern "C" {

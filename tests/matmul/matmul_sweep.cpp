@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "cpu/feature_table.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "reference.h"
 #include "support/entry.h"
 #include "support/operand.h"

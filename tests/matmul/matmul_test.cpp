@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "cpu/feature_set.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "reference.h"
 #include "support/effort.h"
 #include "support/entry.h"

@@ -18,7 +18,7 @@
 //   exchange_parts        transposes `parts` x `parts` pieces
 #pragma once
 
-#include "matmul/element.h"
+#include "matmul/contract.h"
 
 namespace ksomd::matmul {
 

@@ -3,7 +3,7 @@
 // What the kernel templates ask of the vectors of every instruction set, here and in the wider
 // ones:
 //   Real, Vector, width   element, vector, elements per vector
-//   Shuffles              see matmul/block_transpose.h
+//   Shuffles              see matmul/pack/transpose.h
 //   real, complex         shapes of the register tiles: vectors of rows, columns
 //   zero, broadcast, broadcast_pair
 //   load, store           at any alignment
@@ -18,7 +18,7 @@
 
 #include <emmintrin.h>
 
-#include "matmul/element.h"
+#include "matmul/contract.h"
 
 namespace ksomd::matmul {
 

@@ -1,9 +1,9 @@
-// Vectors of 512 bits. The contract of the members stands in matmul/sse2.h.
+// Vectors of 512 bits. The contract of the members stands in matmul/kernel/sse2.h.
 #pragma once
 
 #include <immintrin.h>
 
-#include "matmul/element.h"
+#include "matmul/contract.h"
 
 namespace ksomd::matmul {
 
