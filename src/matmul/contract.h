@@ -167,6 +167,11 @@ struct TileRows {
   Size count;
   Size vectors;
 };
+// The columns of one tile.
+struct TileColumns {
+  Size count;
+  Size group;
+};
 
 // The kernels of one element type and instruction set, and the sizes that suit them.
 template <class Element>
@@ -183,7 +188,6 @@ struct ElementKernels {
   Size columns_worth_packing;          // op(A) stored as is is packed for so many columns
 
   KSOMD_INLINE constexpr Size rows() const { return shape.vectors * width; }
-  KSOMD_INLINE constexpr Size columns(Size group) const { return shape.columns >> group; }
 
   // The rows of the next tile, when `left` rows are left: complete tiles, then the other complete
   // vectors, then the rest.
@@ -195,6 +199,17 @@ struct ElementKernels {
       return {left - left % width, left / width};
     }
     return {left, 0};
+  }
+
+  // Its columns: as many as the largest column group that `left` columns fill.
+  KSOMD_INLINE constexpr TileColumns next_columns(Size left) const {
+    Size group = 0;
+    Size count = shape.columns;
+    while (count > left) {
+      count /= 2;
+      ++group;
+    }
+    return {count, group};
   }
 
   KSOMD_INLINE void pack(const Operand<Element>& x, Size members, Size depth, Element* panel,

@@ -26,7 +26,8 @@ void advance(const TileCall<Element>& call, const Element* (&pieces)[max_pieces]
 template <class Element>
 TileCall<Element> tile_call(const ElementKernels<Element>& kernels, const Result<Element>& p,
                             Size depth, Sums sums) {
-  TileCall<Element> call{};
+  TileCall<Element> call;
+  call.b.ahead = 0;
   call.p.start = p.start;
   call.p.leading = p.leading;
   call.depth = depth;
@@ -35,40 +36,31 @@ TileCall<Element> tile_call(const ElementKernels<Element>& kernels, const Result
   return call;
 }
 
-// Calls body(group, C) for one column group after the other, C columns each.
-template <class Element, class Body>
-KSOMD_INLINE void each_column_group(const ElementKernels<Element>& kernels, Size columns,
-                                    Body body) {
-  for (Size group = 0; columns != 0; ++group) {
-    const Size in_group = kernels.columns(group);
-    for (; columns >= in_group; columns -= in_group) {
-      body(group, in_group);
-    }
-  }
-}
-
 // Where op(A) lies while tiles walk down the rows.
 enum class Source {
   in_place,  // as stored
   panels,    // packed: one panel per tile's rows, one after the other
 };
 
-// Tiles down the rows, for one column group.
+// Tiles down the rows, for one column group. op(A) begins at `a`, P at `p`.
 template <Source source, class Element>
-void walk_down(const ElementKernels<Element>& kernels, TileCall<Element> call, Size group,
-               Size row_count) {
+void walk_down(const ElementKernels<Element>& kernels, TileCall<Element>& call, TileColumns columns,
+               const Element* a, Element* p, Size row_count) {
+  call.p.start = p;
+  if constexpr (source == Source::in_place) {
+    set_pieces(call, call.a.piece, a, call.a.depth_step);
+  }
   while (row_count != 0) {
     const TileRows rows = kernels.next_rows(row_count);
     if constexpr (source == Source::panels) {
       call.a.depth_step = rows.count;
-      set_pieces(call, call.a.piece, call.a.piece[0], rows.count);
+      set_pieces(call, call.a.piece, a, rows.count);
+      a += rows.count * call.depth;
     }
     call.p.ahead = rows.count;
     call.rows = rows.count;
-    kernels.tile[group][rows.vectors](call);
-    if constexpr (source == Source::panels) {
-      call.a.piece[0] += rows.count * call.depth;
-    } else {
+    kernels.tile[columns.group][rows.vectors](call);
+    if constexpr (source == Source::in_place) {
       advance(call, call.a.piece, rows.count);
     }
     call.p.start += rows.count;
@@ -81,13 +73,15 @@ template <class Element>
 void walk_across(const ElementKernels<Element>& kernels, TileCall<Element>& call, TileRows rows,
                  Size column_count) {
   call.rows = rows.count;
-  each_column_group(kernels, column_count, [&](Size group, Size columns) {
-    call.p.ahead = columns * call.p.leading;
-    call.b.ahead = call.b.depth_step == 1 ? columns * call.b.column_step : 0;
-    kernels.tile[group][rows.vectors](call);
-    advance(call, call.b.piece, columns * call.b.column_step);
-    call.p.start += columns * call.p.leading;
-  });
+  while (column_count != 0) {
+    const TileColumns columns = kernels.next_columns(column_count);
+    call.p.ahead = columns.count * call.p.leading;
+    call.b.ahead = call.b.depth_step == 1 ? columns.count * call.b.column_step : 0;
+    kernels.tile[columns.group][rows.vectors](call);
+    advance(call, call.b.piece, columns.count * call.b.column_step);
+    call.p.start += call.p.ahead;
+    column_count -= columns.count;
+  }
 }
 
 // A product under way.
@@ -136,34 +130,35 @@ class BlockedProduct {
       for (Size l = 0; l < x_.k; l += kernels_.depth_block) {
         Call call = call_at(i, 0, l, min(kernels_.depth_block, x_.k - l));
         call.a.depth_step = x_.a.leading;
-        set_pieces(call, call.a.piece, x_.a.at(i, l), call.a.depth_step);
-        each_column_group(kernels_, x_.n, [&](Size group, Size columns) {
+        for (Size j = 0; j < x_.n;) {
+          const TileColumns columns = kernels_.next_columns(x_.n - j);
           if (packs_b) {
-            with_packed_columns(call, 0, group, rows);
+            with_packed_columns(call, 0, columns, x_.a.at(i, l), x_.p.at(i, j), rows);
           } else {
-            walk_down<Source::in_place>(kernels_, call, group, rows);
+            walk_down<Source::in_place>(kernels_, call, columns, x_.a.at(i, l), x_.p.at(i, j),
+                                        rows);
           }
-          advance(call, call.b.piece, columns * call.b.column_step);
-          call.p.start += columns * call.p.leading;
-        });
+          advance(call, call.b.piece, columns.count * call.b.column_step);
+          j += columns.count;
+        }
       }
     }
   }
 
   // Columns of op(B) that are stored across the depth are packed before all rows pass by. Piece s
   // of the panel lies in this frame, the others in those of the calls from here on.
-  [[gnu::noinline]] void with_packed_columns(Call call, Size s, Size group, Size rows) const {
+  [[gnu::noinline]] void with_packed_columns(Call call, Size s, TileColumns columns,
+                                             const Element* a, Element* p, Size rows) const {
     alignas(64) Element panel[piece_bytes / sizeof(Element)];
-    const Size columns = kernels_.columns(group);
     const Size left = call.depth - s * call.piece_depth;
-    kernels_.pack_adjacent(call.b.piece[s], x_.b.leading, columns, min(left, call.piece_depth),
-                           panel, columns);
+    kernels_.pack_adjacent(call.b.piece[s], x_.b.leading, columns.count,
+                           min(left, call.piece_depth), panel, columns.count);
     call.b.piece[s] = panel;
     if (left > call.piece_depth) {
-      with_packed_columns(call, s + 1, group, rows);
+      with_packed_columns(call, s + 1, columns, a, p, rows);
     } else {
-      call.b.depth_step = columns;
-      walk_down<Source::in_place>(kernels_, call, group, rows);
+      call.b.depth_step = columns.count;
+      walk_down<Source::in_place>(kernels_, call, columns, a, p, rows);
     }
   }
 

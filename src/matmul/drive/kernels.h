@@ -20,10 +20,6 @@ enum class Old { cleared, added };
 // P += op(A) * op(B), or P = op(A) * op(B), portable. P may overlap the operands.
 void multiply_portable(const Product<double>& x, Old old);
 
-// P = op(A) * op(B) through packed blocks; false, and nothing done, if no scratch is to be had.
-// x is not too small to be packed.
-bool multiply_packed(const Product<double>& x);
-
 // The entry points, which choose their second stage, and what chooses its kernels below them.
 std::span<const DispatchingEntry> dispatching_entries();
 std::span<const DispatchingEntry> kernel_entries();

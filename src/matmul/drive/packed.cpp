@@ -57,11 +57,11 @@ void multiply_chunk_in_panels(const Product<double>& x, Finish finish, const Scr
   const bool packs_b = x.b.layout == Layout::t || x.m > rows_as_is;
   const Size row_block = round_down(row_chunk, kernels.rows());
   if (packs_b) {
-    Size j = 0;
-    each_column_group(kernels, x.n, [&](Size, Size columns) {
+    for (Size j = 0; j < x.n;) {
+      const Size columns = kernels.next_columns(x.n - j).count;
       kernels.pack(x.b.from(0, j).transposed(), columns, x.k, scratch.b() + j * x.k, columns);
       j += columns;
-    });
+    }
   }
   for (Size i = 0; i < x.m; i += row_block) {
     const Size rows = min(row_block, x.m - i);
@@ -71,17 +71,15 @@ void multiply_chunk_in_panels(const Product<double>& x, Finish finish, const Scr
       row += count;
     }
     auto call = tile_call<double>(kernels, x.p.from(i, 0), x.k, {Start::zero, finish});
-    call.a.piece[0] = scratch.a();
-    Size j = 0;
-    each_column_group(kernels, x.n, [&](Size group, Size columns) {
-      call.b.depth_step = packs_b ? columns : 1;
+    for (Size j = 0; j < x.n;) {
+      const TileColumns columns = kernels.next_columns(x.n - j);
+      call.b.depth_step = packs_b ? columns.count : 1;
       call.b.column_step = packs_b ? 1 : x.b.leading;
       set_pieces(call, call.b.piece, packs_b ? scratch.b() + j * x.k : x.b.at(0, j),
                  call.b.depth_step);
-      walk_down<Source::panels>(kernels, call, group, rows);
-      call.p.start += columns * call.p.leading;
-      j += columns;
-    });
+      walk_down<Source::panels>(kernels, call, columns, scratch.a(), x.p.at(i, j), rows);
+      j += columns.count;
+    }
   }
 }
 
@@ -117,9 +115,8 @@ void multiply_tiles(const Product<double>& x, const Scratch& scratch, Size colum
   }
 }
 
-}  // namespace
-
-bool multiply_packed(const Product<double>& x) {
+// False, and nothing done, if no scratch is to be had. x is not too small.
+[[gnu::noinline]] bool multiply_packed(const Product<double>& x) {
   const Size columns_per_pass = min(x.n, column_panel);
   const Scratch scratch(columns_per_pass);
   if (!scratch) {
@@ -141,6 +138,8 @@ bool multiply_packed(const Product<double>& x) {
   }
   return true;
 }
+
+}  // namespace
 
 }  // namespace ksomd::matmul
 

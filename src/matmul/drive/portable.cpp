@@ -25,7 +25,7 @@ const Kernels& chosen_kernels() {
 namespace {
 
 template <class Element>
-[[gnu::noinline]] void clear(const Result<Element>& p, Size rows, Size columns) {
+[[gnu::noinline]] void clear(Result<Element> p, Size rows, Size columns) {
   for (Size j = 0; j < columns && rows != 0; ++j) {
     std::memset(p.at(0, j), 0, rows * sizeof(Element));
   }

@@ -11,6 +11,7 @@ KSOMD_INLINE void multiply_small(const Product<Element>& x, Sums sums) {
     for (Size i = 0; i < x.m; ++i) {
       Element& p = *x.p.at(i, j);
       Element sum = sums.start == Start::old ? p : Element{};
+#pragma clang loop unroll(disable)
       for (Size l = 0; l < x.k; ++l) {
         sum = add(sum, multiply(*x.a.at(i, l), *x.b.at(l, j)));
       }
