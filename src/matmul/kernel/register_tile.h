@@ -122,12 +122,17 @@ struct Tile {
       }
     }
     add_products(call, sum);
-    if (call.sums.finish != Finish::store) {
+    if (call.sums.finish == Finish::plus_zero) [[unlikely]] {
       for (Size c = 0; c < C; ++c) {
         for (Size v = 0; v < vectors; ++v) {
-          sum[v][c] = Rows::add(sum[v][c], call.sums.finish == Finish::add_old
-                                               ? load(p_at(call, v, c), call.rows)
-                                               : Rows::zero());
+          sum[v][c] = Rows::add(sum[v][c], Rows::zero());
+        }
+      }
+    }
+    if (call.sums.finish == Finish::add_old) {
+      for (Size c = 0; c < C; ++c) {
+        for (Size v = 0; v < vectors; ++v) {
+          sum[v][c] = Rows::add(sum[v][c], load(p_at(call, v, c), call.rows));
         }
       }
     }
