@@ -133,7 +133,8 @@ class BlockedProduct {
         for (Size j = 0; j < x_.n;) {
           const TileColumns columns = kernels_.next_columns(x_.n - j);
           if (packs_b) {
-            with_packed_columns(call, 0, columns, x_.a.at(i, l), x_.p.at(i, j), rows);
+            Call packed = call;
+            with_packed_columns(packed, 0, columns, x_.a.at(i, l), x_.p.at(i, j), rows);
           } else {
             walk_down<Source::in_place>(kernels_, call, columns, x_.a.at(i, l), x_.p.at(i, j),
                                         rows);
@@ -147,7 +148,7 @@ class BlockedProduct {
 
   // Columns of op(B) that are stored across the depth are packed before all rows pass by. Piece s
   // of the panel lies in this frame, the others in those of the calls from here on.
-  [[gnu::noinline]] void with_packed_columns(Call call, Size s, TileColumns columns,
+  [[gnu::noinline]] void with_packed_columns(Call& call, Size s, TileColumns columns,
                                              const Element* a, Element* p, Size rows) const {
     alignas(64) Element panel[piece_bytes / sizeof(Element)];
     const Size left = call.depth - s * call.piece_depth;
