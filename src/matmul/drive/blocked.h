@@ -207,11 +207,7 @@ class BlockedProduct {
       for (Size i = 0; i < x_.m; i += tile_rows) {
         const Size rows = min(tile_rows, x_.m - i);
         const Result<Element> p = x_.p.from(i, j);
-        for (Size c = 0; c < columns; ++c) {
-          for (Size row = 0; row < rows; ++row) {
-            old[c * tile_rows + row] = *p.at(row, c);
-          }
-        }
+        kernels_.pack_adjacent(p.start, p.leading, rows, columns, old, tile_rows);
         const Product<Element> sums{x_.a.from(i, 0), x_.b.from(0, j), p, rows, columns, x_.k};
         BlockedProduct(kernels_, sums, {Start::zero, Finish::store}).in_panels();
         for (Size c = 0; c < columns; ++c) {

@@ -5,7 +5,6 @@
 #include "matmul/drive/blocked.h"
 #include "matmul/drive/kernels.h"
 #include "matmul/reference/in_order.h"
-#include "matmul/reference/small.h"
 #include "second_names.h"
 
 namespace ksomd::matmul {
@@ -122,18 +121,15 @@ using namespace ksomd::matmul;
 KSOMD_MATMUL_EACH(KSOMD_DEFINE)
 #undef KSOMD_DEFINE
 
-void _MATMUL_r4_n_n_pst_init(float* p, Size rows, Size columns, Size ldp) {
-  clear<float>({p, ldp}, rows, columns);
-}
-void _MATMUL_r8_n_n_pst_init(double* p, Size rows, Size columns, Size ldp) {
-  clear<double>({p, ldp}, rows, columns);
-}
-void _MATMUL_c4_n_n_pst_init(ksomd_c4* p, Size rows, Size columns, Size ldp) {
-  clear<ksomd_c4>({p, ldp}, rows, columns);
-}
-void _MATMUL_c8_n_n_pst_init(ksomd_c8* p, Size rows, Size columns, Size ldp) {
-  clear<ksomd_c8>({p, ldp}, rows, columns);
-}
+#define KSOMD_DEFINE(code, element)                                                   \
+  void _MATMUL_##code##_n_n_pst_init(element* p, Size rows, Size columns, Size ldp) { \
+    clear<element>({p, ldp}, rows, columns);                                          \
+  }
+KSOMD_DEFINE(r4, float)
+KSOMD_DEFINE(r8, double)
+KSOMD_DEFINE(c4, ksomd_c4)
+KSOMD_DEFINE(c8, ksomd_c8)
+#undef KSOMD_DEFINE
 
 void MATMUL_v_nn_pst(const double* a, const double* x, double* y, Size m, Size k, Stride lda) {
   multiply_vector(Layout::n, {a, x, y, m, k, lda, 1});

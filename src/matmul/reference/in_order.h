@@ -4,7 +4,7 @@
 #pragma once
 
 #include "matmul/blocking.h"
-#include "matmul/reference/arithmetic.h"
+#include "matmul/reference/small.h"
 
 namespace ksomd::matmul {
 
@@ -36,16 +36,7 @@ void add_column_in_order(const Product<Element>& x, Size j, Size row, Size row_e
 template <class Element>
 void accumulate_in_order(Product<Element> x) {
   if (x.a.layout == Layout::t && x.b.layout == Layout::t) {
-    for (Size j = 0; j < x.n; ++j) {
-      for (Size i = 0; i < x.m; ++i) {
-        Element sum{};
-        for (Size l = 0; l < x.k; ++l) {
-          sum = add(sum, multiply(*x.a.at(i, l), *x.b.at(l, j)));
-        }
-        Element& p = *x.p.at(i, j);
-        p = add(p, sum);
-      }
-    }
+    multiply_small(x, {Start::zero, Finish::add_old});
     return;
   }
   for (Size i = 0; i < x.m; i += order_block) {

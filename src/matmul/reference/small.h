@@ -1,4 +1,5 @@
-// Products with so few elements that every vector would be an incomplete one.
+// Plain loops: for products with so few elements that every vector would be an incomplete one, and
+// wherever an element's products are all summed before P is read.
 #pragma once
 
 #include "matmul/reference/arithmetic.h"
