@@ -3,7 +3,7 @@
 
 #include <immintrin.h>
 
-#include "matmul/contract.h"
+#include "matmul/kernel/vector.h"
 
 namespace ksomd::matmul {
 
@@ -48,27 +48,17 @@ template <class T>
 struct Avx512;
 
 template <>
-struct Avx512<double> : Avx512Tiles {
-  using Real = double;
-  using Vector = __m512d;
-  static constexpr Size width = 8;
-
-  KSOMD_INLINE static Vector zero() { return _mm512_setzero_pd(); }
+struct Avx512<double> : Avx512Tiles, VectorOf<double, 64> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm512_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) {
     return _mm512_castps_pd(_mm512_broadcast_f32x4(_mm_castpd_ps(_mm_loadu_pd(p))));
   }
-  KSOMD_INLINE static Vector load(const double* p) { return _mm512_loadu_pd(p); }
-  KSOMD_INLINE static void store(double* p, Vector v) { _mm512_storeu_pd(p, v); }
   KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
     return _mm512_mask_loadu_pd(rest, mask(filled), p);
   }
   KSOMD_INLINE static void store_part(double* p, Size filled, Vector v) {
     _mm512_mask_storeu_pd(p, mask(filled), v);
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm512_add_pd(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm512_sub_pd(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm512_mul_pd(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm512_unpacklo_pd(first, second);
     im = _mm512_unpackhi_pd(first, second);
@@ -88,27 +78,17 @@ struct Avx512<double> : Avx512Tiles {
 };
 
 template <>
-struct Avx512<float> : Avx512Tiles {
-  using Real = float;
-  using Vector = __m512;
-  static constexpr Size width = 16;
-
-  KSOMD_INLINE static Vector zero() { return _mm512_setzero_ps(); }
+struct Avx512<float> : Avx512Tiles, VectorOf<float, 64> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm512_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm512_castpd_ps(_mm512_broadcastsd_pd(_mm_load_sd(reinterpret_cast<const double*>(p))));
   }
-  KSOMD_INLINE static Vector load(const float* p) { return _mm512_loadu_ps(p); }
-  KSOMD_INLINE static void store(float* p, Vector v) { _mm512_storeu_ps(p, v); }
   KSOMD_INLINE static Vector load_part(const float* p, Size filled, Vector rest) {
     return _mm512_mask_loadu_ps(rest, mask(filled), p);
   }
   KSOMD_INLINE static void store_part(float* p, Size filled, Vector v) {
     _mm512_mask_storeu_ps(p, mask(filled), v);
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm512_add_ps(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm512_sub_ps(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm512_mul_ps(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm512_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm512_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));

@@ -18,7 +18,7 @@
 
 #include <emmintrin.h>
 
-#include "matmul/contract.h"
+#include "matmul/kernel/vector.h"
 
 namespace ksomd::matmul {
 
@@ -56,16 +56,9 @@ template <class T>
 struct Sse2;
 
 template <>
-struct Sse2<double> : Sse2Tiles {
-  using Real = double;
-  using Vector = __m128d;
-  static constexpr Size width = 2;
-
-  KSOMD_INLINE static Vector zero() { return _mm_setzero_pd(); }
+struct Sse2<double> : Sse2Tiles, VectorOf<double, 16> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) { return load(p); }
-  KSOMD_INLINE static Vector load(const double* p) { return _mm_loadu_pd(p); }
-  KSOMD_INLINE static void store(double* p, Vector v) { _mm_storeu_pd(p, v); }
   KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
     return filled < width ? rest : load(p);
   }
@@ -76,9 +69,6 @@ struct Sse2<double> : Sse2Tiles {
       _mm_store_sd(p, v);
     }
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm_add_pd(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm_sub_pd(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm_mul_pd(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm_unpacklo_pd(first, second);
     im = _mm_unpackhi_pd(first, second);
@@ -93,18 +83,11 @@ struct Sse2<double> : Sse2Tiles {
 };
 
 template <>
-struct Sse2<float> : Sse2Tiles {
-  using Real = float;
-  using Vector = __m128;
-  static constexpr Size width = 4;
-
-  KSOMD_INLINE static Vector zero() { return _mm_setzero_ps(); }
+struct Sse2<float> : Sse2Tiles, VectorOf<float, 16> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm_castpd_ps(_mm_load1_pd(reinterpret_cast<const double*>(p)));
   }
-  KSOMD_INLINE static Vector load(const float* p) { return _mm_loadu_ps(p); }
-  KSOMD_INLINE static void store(float* p, Vector v) { _mm_storeu_ps(p, v); }
   KSOMD_INLINE static Vector load_part(const float* p, Size filled, Vector rest) {
     if (filled == width) {
       return load(p);
@@ -125,9 +108,6 @@ struct Sse2<float> : Sse2Tiles {
       _mm_store_ss(p + filled - 1, v);
     }
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm_add_ps(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm_sub_ps(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm_mul_ps(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
