@@ -11,10 +11,6 @@ struct AvxShuffles {
   using Bits = __m256d;
   static constexpr Size parts = 2;
 
-  KSOMD_INLINE static Bits load(const void* p) {
-    return _mm256_loadu_pd(static_cast<const double*>(p));
-  }
-  KSOMD_INLINE static void store(void* p, Bits v) { _mm256_storeu_pd(static_cast<double*>(p), v); }
   KSOMD_INLINE static Bits low32(Bits x, Bits y) {
     return _mm256_castps_pd(_mm256_unpacklo_ps(_mm256_castpd_ps(x), _mm256_castpd_ps(y)));
   }
@@ -38,7 +34,6 @@ struct AvxTiles {
   static constexpr int unroll = 2;
   static constexpr Size depth_ahead = 4;
   static constexpr Size columns_worth_packing = ~Size{0};
-  using Shuffles = AvxShuffles;
 
   // Ones in the first `filled` of `width` lanes.
   template <Size width>
@@ -52,7 +47,7 @@ template <class T>
 struct Avx;
 
 template <>
-struct Avx<double> : AvxTiles, VectorOf<double, 32> {
+struct Avx<double> : AvxTiles, VectorOf<double, AvxShuffles> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm256_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) {
     const __m128d pair = _mm_loadu_pd(p);
@@ -65,14 +60,6 @@ struct Avx<double> : AvxTiles, VectorOf<double, 32> {
   KSOMD_INLINE static void store_part(double* p, Size filled, Vector v) {
     _mm256_maskstore_pd(p, mask<width>(filled), v);
   }
-  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
-    re = _mm256_unpacklo_pd(first, second);
-    im = _mm256_unpackhi_pd(first, second);
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm256_unpacklo_pd(re, im);
-    second = _mm256_unpackhi_pd(re, im);
-  }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm256_movemask_pd(_mm256_and_pd(_mm256_cmp_pd(x, x, _CMP_UNORD_Q),
                                             _mm256_cmp_pd(y, y, _CMP_UNORD_Q))) != 0;
@@ -80,7 +67,7 @@ struct Avx<double> : AvxTiles, VectorOf<double, 32> {
 };
 
 template <>
-struct Avx<float> : AvxTiles, VectorOf<float, 32> {
+struct Avx<float> : AvxTiles, VectorOf<float, AvxShuffles> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm256_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm256_castpd_ps(_mm256_broadcast_sd(reinterpret_cast<const double*>(p)));
@@ -95,10 +82,6 @@ struct Avx<float> : AvxTiles, VectorOf<float, 32> {
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm256_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm256_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm256_unpacklo_ps(re, im);
-    second = _mm256_unpackhi_ps(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm256_movemask_ps(_mm256_and_ps(_mm256_cmp_ps(x, x, _CMP_UNORD_Q),

@@ -11,8 +11,6 @@ struct Avx512Shuffles {
   using Bits = __m512d;
   static constexpr Size parts = 4;
 
-  KSOMD_INLINE static Bits load(const void* p) { return _mm512_loadu_pd(p); }
-  KSOMD_INLINE static void store(void* p, Bits v) { _mm512_storeu_pd(p, v); }
   KSOMD_INLINE static Bits low32(Bits x, Bits y) {
     return _mm512_castps_pd(_mm512_unpacklo_ps(_mm512_castpd_ps(x), _mm512_castpd_ps(y)));
   }
@@ -41,14 +39,13 @@ struct Avx512Tiles {
   static constexpr int unroll = 1;
   static constexpr Size depth_ahead = 4;
   static constexpr Size columns_worth_packing = ~Size{0};
-  using Shuffles = Avx512Shuffles;
 };
 
 template <class T>
 struct Avx512;
 
 template <>
-struct Avx512<double> : Avx512Tiles, VectorOf<double, 64> {
+struct Avx512<double> : Avx512Tiles, VectorOf<double, Avx512Shuffles> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm512_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) {
     return _mm512_castps_pd(_mm512_broadcast_f32x4(_mm_castpd_ps(_mm_loadu_pd(p))));
@@ -58,14 +55,6 @@ struct Avx512<double> : Avx512Tiles, VectorOf<double, 64> {
   }
   KSOMD_INLINE static void store_part(double* p, Size filled, Vector v) {
     _mm512_mask_storeu_pd(p, mask(filled), v);
-  }
-  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
-    re = _mm512_unpacklo_pd(first, second);
-    im = _mm512_unpackhi_pd(first, second);
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm512_unpacklo_pd(re, im);
-    second = _mm512_unpackhi_pd(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return (_mm512_cmp_pd_mask(x, x, _CMP_UNORD_Q) & _mm512_cmp_pd_mask(y, y, _CMP_UNORD_Q)) != 0;
@@ -78,7 +67,7 @@ struct Avx512<double> : Avx512Tiles, VectorOf<double, 64> {
 };
 
 template <>
-struct Avx512<float> : Avx512Tiles, VectorOf<float, 64> {
+struct Avx512<float> : Avx512Tiles, VectorOf<float, Avx512Shuffles> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm512_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm512_castpd_ps(_mm512_broadcastsd_pd(_mm_load_sd(reinterpret_cast<const double*>(p))));
@@ -92,10 +81,6 @@ struct Avx512<float> : Avx512Tiles, VectorOf<float, 64> {
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm512_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm512_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm512_unpacklo_ps(re, im);
-    second = _mm512_unpackhi_ps(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return (_mm512_cmp_ps_mask(x, x, _CMP_UNORD_Q) & _mm512_cmp_ps_mask(y, y, _CMP_UNORD_Q)) != 0;

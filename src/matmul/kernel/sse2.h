@@ -26,10 +26,6 @@ struct Sse2Shuffles {
   using Bits = __m128d;
   static constexpr Size parts = 1;
 
-  KSOMD_INLINE static Bits load(const void* p) {
-    return _mm_loadu_pd(static_cast<const double*>(p));
-  }
-  KSOMD_INLINE static void store(void* p, Bits v) { _mm_storeu_pd(static_cast<double*>(p), v); }
   KSOMD_INLINE static Bits low32(Bits x, Bits y) {
     return _mm_castps_pd(_mm_unpacklo_ps(_mm_castpd_ps(x), _mm_castpd_ps(y)));
   }
@@ -49,14 +45,13 @@ struct Sse2Tiles {
   static constexpr int unroll = 2;
   static constexpr Size depth_ahead = 0;
   static constexpr Size columns_worth_packing = 24;
-  using Shuffles = Sse2Shuffles;
 };
 
 template <class T>
 struct Sse2;
 
 template <>
-struct Sse2<double> : Sse2Tiles, VectorOf<double, 16> {
+struct Sse2<double> : Sse2Tiles, VectorOf<double, Sse2Shuffles> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) { return load(p); }
   KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
@@ -69,21 +64,13 @@ struct Sse2<double> : Sse2Tiles, VectorOf<double, 16> {
       _mm_store_sd(p, v);
     }
   }
-  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
-    re = _mm_unpacklo_pd(first, second);
-    im = _mm_unpackhi_pd(first, second);
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm_unpacklo_pd(re, im);
-    second = _mm_unpackhi_pd(re, im);
-  }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm_movemask_pd(_mm_and_pd(_mm_cmpunord_pd(x, x), _mm_cmpunord_pd(y, y))) != 0;
   }
 };
 
 template <>
-struct Sse2<float> : Sse2Tiles, VectorOf<float, 16> {
+struct Sse2<float> : Sse2Tiles, VectorOf<float, Sse2Shuffles> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm_castpd_ps(_mm_load1_pd(reinterpret_cast<const double*>(p)));
@@ -111,10 +98,6 @@ struct Sse2<float> : Sse2Tiles, VectorOf<float, 16> {
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm_unpacklo_ps(re, im);
-    second = _mm_unpackhi_ps(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm_movemask_ps(_mm_and_ps(_mm_cmpunord_ps(x, x), _mm_cmpunord_ps(y, y))) != 0;

@@ -7,9 +7,14 @@ namespace ksomd::matmul {
 
 // Real, Vector, width   element, vector, elements per vector
 // load, store           at any alignment
-template <class T, Size bytes>
+// split, join           2 * width values re, im, re, im, ... to and from two vectors, in an order
+//                       of lanes of the instruction set's own
+template <class T, class Shuffles_>
 struct VectorOf {
   using Real = T;
+  using Shuffles = Shuffles_;
+  using Bits = Shuffles::Bits;
+  static constexpr Size bytes = sizeof(Bits);
   typedef T Vector __attribute__((vector_size(bytes)));
   static constexpr Size width = bytes / sizeof(T);
 
@@ -23,6 +28,23 @@ struct VectorOf {
   KSOMD_INLINE static Vector add(Vector x, Vector y) { return x + y; }
   KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return x - y; }
   KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return x * y; }
+
+  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
+    static_assert(sizeof(T) == 8);
+    re = Shuffles::low64(first, second);
+    im = Shuffles::high64(first, second);
+  }
+  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
+    if constexpr (sizeof(T) == 8) {
+      first = Shuffles::low64(re, im);
+      second = Shuffles::high64(re, im);
+    } else {
+      first = reinterpret_cast<Vector>(
+          Shuffles::low32(reinterpret_cast<Bits>(re), reinterpret_cast<Bits>(im)));
+      second = reinterpret_cast<Vector>(
+          Shuffles::high32(reinterpret_cast<Bits>(re), reinterpret_cast<Bits>(im)));
+    }
+  }
 };
 
 }  // namespace ksomd::matmul
