@@ -15,20 +15,20 @@ inline constexpr Size order_group = 4;
 // Products with no extent above this are left to plain loops.
 inline constexpr Size small_extent = 3;
 
-// A panel of op(A), for one tile's rows, lies on the stack in several pieces, each in a frame of
-// its own below a page; together they leave room in a first-level cache of 32 KiB.
+// A panel of op(A), for one tile's rows, lies on the stack in several pieces, each in its own
+// frame, which is smaller than a page. Together they leave room in a first-level cache of 32 KiB.
 inline constexpr Size piece_bytes = 3584;
 inline constexpr Size panel_bytes = 24576;
 
-// Depth of a block at most. While all rows pass by, a block of op(B) stays in the second-level
-// cache; where op(A) is read in place, a block of op(A) while all columns do.
+// The largest depth of a block. A block of op(B) stays in the second-level cache while all rows
+// pass by. Where op(A) is read in place, a block of op(A) does while all columns pass by.
 inline constexpr Size max_depth_block = 128;
 inline constexpr Size b_block_bytes = 393216;
 inline constexpr Size a_block_bytes = 262144;
 
-// Columns of op(B) that are stored across the depth are packed where at least so many tiles read
-// them and the values of a column lie at least so many bytes apart: their lines then share a few
-// sets of a cache. Measured: nearer ones are read as fast in place.
+// Columns of op(B) that are stored across the depth are packed if at least so many tiles read them
+// and the values of a column lie at least so many bytes apart. Their cache lines then share a few
+// sets of the cache. Values that lie nearer are read as fast in place (measured).
 inline constexpr Size tiles_worth_packing = 3;
 inline constexpr Size stride_worth_packing = 2048;
 
@@ -44,8 +44,8 @@ inline constexpr Size depth_chunk = 112;    // depth of a packed block
 inline constexpr Size row_chunk = 260;      // rows of a packed block of op(A)
 inline constexpr Size packed_tile = 4;      // rows and columns of an exported tile kernel
 
-// The wide kernels pack columns of op(B) that are stored along the depth for more rows than these
-// only: two blocks of op(A) read them as fast in place.
+// The wide kernels pack columns of op(B) that are stored along the depth only if there are more
+// rows than these. Two blocks of op(A) read them as fast in place (measured).
 inline constexpr Size rows_as_is = 2 * row_chunk;
 
 // The packed blocks of the exported routines have one panel per complete group of four rows of
@@ -81,8 +81,8 @@ constexpr Size tail_depth(Size depth) {
 //     |   ^  260 x 112 values|   ^  112 x columns   |   ^  112 x 8 values  |
 //         aligned to 4096        4096                   128
 //
-// From the last aligned address before the margin a region begins L bytes on. L is at least the
-// alignment, so that lies in the margin.
+// A region starts L bytes after the last aligned address at or before its margin. L is a multiple
+// of the alignment, so the start is aligned and lies in the margin.
 struct RegionSize {
   Size bytes;
   Size alignment;
@@ -97,8 +97,7 @@ struct RegionSize {
 inline constexpr Size page = 4096;
 inline constexpr Size column_bytes = depth_chunk * sizeof(double);
 
-// Where the packed blocks of a product lie, relative to the start of its scratch or, with that
-// start, in memory.
+// Where the packed blocks of a product lie in its scratch, for so many columns per pass.
 class ScratchLayout {
  public:
   constexpr explicit ScratchLayout(Size columns) : b_{columns * column_bytes, page, page} {}

@@ -26,6 +26,15 @@ std::span<const DispatchingEntry> kernel_entries();
 
 }  // namespace ksomd::matmul
 
+// The arguments of an exported routine, whatever their order, as a product.
+#define KSOMD_PRODUCT(letter_a, letter_b) \
+  {.a = {a, lda, Layout::letter_a},       \
+   .b = {b, ldb, Layout::letter_b},       \
+   .p = {p, ldp},                         \
+   .m = m,                                \
+   .n = n,                                \
+   .k = k}
+
 extern "C" {
 
 // Exported as NAME.A: P = op(A) * op(B), portable.

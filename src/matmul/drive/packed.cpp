@@ -50,8 +50,8 @@ void multiply_chunk_exported(const Product<double>& x, Finish finish, const Scra
   }
 }
 
-// With the chosen kernels. One panel holds a tile's rows of op(A), or columns of op(B). In place of
-// the products of the padding, zero is added to the sums once.
+// With the chosen kernels. A panel holds a tile's rows of op(A), or columns of op(B), and no
+// padding: Finish::plus_zero has the effect that the products of the padding have.
 void multiply_chunk_in_panels(const Product<double>& x, Finish finish, const Scratch& scratch) {
   const ElementKernels<double>& kernels = chosen_kernels().r8;
   const bool packs_b = x.b.layout == Layout::t || x.m > rows_as_is;
@@ -83,7 +83,7 @@ void multiply_chunk_in_panels(const Product<double>& x, Finish finish, const Scr
   }
 }
 
-// All of the depth for some rows and columns, in the order of the chunks.
+// Calls body(chunk, is_first) for the chunks of the depth of x in their order.
 template <class Body>
 void each_chunk(const Product<double>& x, Body body) {
   const Size tail = tail_depth(x.k);
@@ -115,7 +115,8 @@ void multiply_tiles(const Product<double>& x, const Scratch& scratch, Size colum
   }
 }
 
-// False, and nothing done, if no scratch is to be had. x is not too small.
+// x is large enough to be packed. Returns false, with nothing done, if there is no scratch.
+// Separate, so that small products do not pay for its frame.
 [[gnu::noinline]] bool multiply_packed(const Product<double>& x) {
   const Size columns_per_pass = min(x.n, column_panel);
   const Scratch scratch(columns_per_pass);
@@ -140,7 +141,6 @@ void multiply_tiles(const Product<double>& x, const Scratch& scratch, Size colum
 }
 
 }  // namespace
-
 }  // namespace ksomd::matmul
 
 using namespace ksomd::matmul;
@@ -150,12 +150,7 @@ using namespace ksomd::matmul;
                                                         element* p, Size m, Size n, Size k, \
                                                         Size lda, Size ldb, Size ldp) {     \
     if (m < packed_min_rows || n < packed_min_columns || k < packed_min_depth ||            \
-        !multiply_packed({.a = {a, lda, Layout::letter_a},                                  \
-                          .b = {b, ldb, Layout::letter_b},                                  \
-                          .p = {p, ldp},                                                    \
-                          .m = m,                                                           \
-                          .n = n,                                                           \
-                          .k = k})) {                                                       \
+        !multiply_packed(KSOMD_PRODUCT(letter_a, letter_b))) {                              \
       _MATMUL_##code##_##letter_a##_##letter_b##_portable(a, b, p, m, k, n, lda, ldb, ldp); \
     }                                                                                       \
   }

@@ -46,8 +46,8 @@ KSOMD_INLINE bool p_overlaps(const Product<Element>& x) {
          overlap(x.p.start, p_bytes, x.b.start, span_bytes(x.b, x.k, x.n));
 }
 
-// The sums that the order of operations asks for: for t_t the sum is formed by itself and then
-// added to P, zeros or not; otherwise P receives one product after the other.
+// The sums that the order of operations asks for. For t_t the sum is formed by itself and then
+// added to P, even where P was cleared; otherwise P receives one product after the other.
 template <class Element>
 KSOMD_INLINE Sums sums_of(const Product<Element>& x, Old old) {
   const bool apart = x.a.layout == Layout::t && x.b.layout == Layout::t;
@@ -94,29 +94,17 @@ void multiply_portable(const Product<double>& x, Old old) {
 using namespace ksomd;
 using namespace ksomd::matmul;
 
-#define KSOMD_DEFINE(code, element, letter_a, letter_b)                                    \
-  void _MATMUL_##code##_##letter_a##_##letter_b##_portable(                                \
-      const element* a, const element* b, element* p, Size rows, Size depth, Size columns, \
-      Size lda, Size ldb, Size ldp) {                                                      \
-    multiply<element>({.a = {a, lda, Layout::letter_a},                                    \
-                       .b = {b, ldb, Layout::letter_b},                                    \
-                       .p = {p, ldp},                                                      \
-                       .m = rows,                                                          \
-                       .n = columns,                                                       \
-                       .k = depth},                                                        \
-                      Old::cleared, &Kernels::code);                                       \
-  }                                                                                        \
-  KSOMD_SECOND_NAMES(_MATMUL_##code##_##letter_a##_##letter_b##_portable);                 \
-  void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(                             \
-      const element* a, const element* b, element* p, Size rows, Size columns, Size depth, \
-      Size lda, Size ldb, Size ldp) {                                                      \
-    multiply<element>({.a = {a, lda, Layout::letter_a},                                    \
-                       .b = {b, ldb, Layout::letter_b},                                    \
-                       .p = {p, ldp},                                                      \
-                       .m = rows,                                                          \
-                       .n = columns,                                                       \
-                       .k = depth},                                                        \
-                      Old::added, &Kernels::code);                                         \
+#define KSOMD_DEFINE(code, element, letter_a, letter_b)                                           \
+  void _MATMUL_##code##_##letter_a##_##letter_b##_portable(const element* a, const element* b,    \
+                                                           element* p, Size m, Size k, Size n,    \
+                                                           Size lda, Size ldb, Size ldp) {        \
+    multiply<element>(KSOMD_PRODUCT(letter_a, letter_b), Old::cleared, &Kernels::code);           \
+  }                                                                                               \
+  KSOMD_SECOND_NAMES(_MATMUL_##code##_##letter_a##_##letter_b##_portable);                        \
+  void _MATMUL_##code##_##letter_a##_##letter_b##_pst_General(const element* a, const element* b, \
+                                                              element* p, Size m, Size n, Size k, \
+                                                              Size lda, Size ldb, Size ldp) {     \
+    multiply<element>(KSOMD_PRODUCT(letter_a, letter_b), Old::added, &Kernels::code);             \
   }
 KSOMD_MATMUL_EACH(KSOMD_DEFINE)
 #undef KSOMD_DEFINE

@@ -38,11 +38,10 @@ struct RealRows {
   }
 };
 
-// Complex products follow the compiler's builtin for every operand. It differs from the plain
-// formula only where both parts of the plain product are NaN, and then both parts of the sum are
-// NaN from there on, which raises nothing more: so the tile uses the plain formula, and only where
-// a sum ends with both parts NaN the tile is done again with the builtin, before anything is
-// stored.
+// Complex products are those of the compiler's builtin, but a tile computes them by the plain
+// formula. The two differ only where both parts of the plain product are NaN. Both parts of the sum
+// are then NaN, stay so, and raise nothing more. So a tile in which a sum ends with both parts NaN
+// is computed again with the builtin, before anything is stored.
 template <class Lanes>
 struct ComplexRows {
   using Real = Lanes::Real;
@@ -114,6 +113,7 @@ struct Tile {
   static constexpr Size width = Rows::width;
 
   static void run(const Call& call) {
+    // The compiler must unroll every loop over `sum`, or it keeps the sums in memory.
     Rows sum[vectors][C];
     for (Size c = 0; c < C; ++c) {
       for (Size v = 0; v < vectors; ++v) {

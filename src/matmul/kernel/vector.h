@@ -1,14 +1,11 @@
-// What the vectors of every instruction set have in common.
+// What the vectors of all instruction sets have in common.
 #pragma once
 
 #include "matmul/contract.h"
 
 namespace ksomd::matmul {
 
-// Real, Vector, width   element, vector, elements per vector
-// load, store           at any alignment
-// split, join           2 * width values re, im, re, im, ... to and from two vectors, in an order
-//                       of lanes of the instruction set's own
+// The members that are the same at every width. matmul/kernel/sse2.h lists them all.
 template <class T, class Shuffles_>
 struct VectorOf {
   using Real = T;

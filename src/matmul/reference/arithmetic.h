@@ -2,9 +2,9 @@
 //
 // A complex product is the plain formula (ac - bd) + i(ad + bc). Where both of its parts are NaN,
 // the multiplication builtins of the compiler's run-time library recover infinities as ISO/IEC
-// 9899, Annex G, asks. This is the one place that names them. The builtins raise exceptions in
-// vector lanes that hold nothing of the product. So the formula stands here, and the recovery
-// raises none.
+// 9899, Annex G, asks. This is the one place that names them. They raise exceptions in vector lanes
+// that hold nothing of the product; so they are called for the recovery only, which restores the
+// flags.
 #pragma once
 
 #include "ksomd/builtins.h"
