@@ -33,6 +33,7 @@
 
 #include "ksomd/matmul.h"
 #include "matmul/drive/kernels.h"
+#include "matmul/reference/arithmetic.h"
 #include "matmul_ceiling.h"
 
 extern "C" {
