@@ -18,17 +18,11 @@
 #include "ksomd/pool.h"
 #include "ksomd/quad.h"
 #include "ksomd/vector.h"
+#include "matmul/drive/kernels.h"
 #include "mem/dispatch.h"
 #include "mem/tuning.h"
 #include "support/instruction_count.h"
 #include "support/sweep.h"
-
-// matmul/kernels.h cannot be included beside the public builtins: both declare the complex
-// products.
-namespace ksomd::matmul {
-struct Kernels;
-[[gnu::visibility("hidden")]] extern const Kernels* kernels_slot;
-}  // namespace ksomd::matmul
 
 namespace ksomd::test {
 namespace {

@@ -32,7 +32,8 @@
 #include <vector>
 
 #include "ksomd/matmul.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
+#include "matmul/reference/arithmetic.h"
 #include "matmul_ceiling.h"
 
 extern "C" {
@@ -52,7 +53,6 @@ KSOMD_PEERS(c8, ksomd_c8)
 namespace {
 
 using ksomd::matmul::Size;
-using ksomd::matmul::Variant;
 
 // Time that this thread had the processor: other programs' turns do not count.
 double thread_time() {
@@ -205,11 +205,17 @@ void multiply_in_loops(int layout, const Operands<Element>& x) {
   }
 }
 
+const auto& best_kernels() {
+  ksomd::FeatureSet features;
+  ksomd::read_features(features);
+  return ksomd::choose(ksomd::matmul::kernel_variants, features);
+}
+
 template <class Element>
 Contestant<Element> entry_on(std::string name, typename Type<Element>::Entry entry,
-                             const Variant* row) {
-  return {std::move(name), [entry, row](const Operands<Element>& x) {
-            ksomd::matmul::variant_slot = row;
+                             const ksomd::matmul::Kernels* kernels) {
+  return {std::move(name), [entry, kernels](const Operands<Element>& x) {
+            ksomd::matmul::kernels_slot = kernels;
             const auto n = static_cast<Size>(x.n);
             entry(x.a, x.b, x.p, n, n, n, n, n, n);
           }};
@@ -219,18 +225,16 @@ template <class Element>
 std::vector<Contestant<Element>> contestants(int layout, int n) {
   using T = Type<Element>;
   std::vector<Contestant<Element>> all;
-  const std::uint64_t features = ksomd::feature_word();
-  const Variant* best = &ksomd::matmul::choose_variant(features);
+  const auto* const best = best_kernels().choice;
   const auto& routines = T::layouts[layout];
   all.push_back(entry_on<Element>("ksomd", routines.entry, best));
   if (std::is_same_v<Element, double>) {
     all.push_back(entry_on<Element>("ksomd_portable", routines.portable, best));
   }
-  for (Size row = 0; row < ksomd::matmul::variant_count; ++row) {
-    const Variant* variant = ksomd::matmul::variants[row];
-    if (variant != best && (variant->required & features) == variant->required) {
+  for (const auto& row : ksomd::matmul::kernel_variants) {
+    if (row.choice != best && ksomd::has_features(row.needs)) {
       all.push_back(
-          entry_on<Element>(std::string("ksomd_") + variant->name, routines.entry, variant));
+          entry_on<Element>(std::string("ksomd_") + row.name, routines.entry, row.choice));
     }
   }
   for (const auto& peer : T::peers) {
@@ -447,8 +451,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
     return 1;
   }
-  benchmark::AddCustomContext("ksomd kernels",
-                              ksomd::matmul::choose_variant(ksomd::feature_word()).name);
+  benchmark::AddCustomContext("ksomd kernels", best_kernels().name);
   blas_libraries[0].library = load_openblas();
   blas_libraries[1].library = load_blis();
   register_ceilings();

@@ -15,7 +15,7 @@ import subprocess
 import sys
 
 # Sources that may hold VEX or EVEX instructions: the variants for processors that have them.
-VARIANTS = re.compile(r"/mem/(avx|avx512)[^/]*\.cpp\.o|/matmul/[^/]*_(avx|avx512)\.cpp\.o")
+VARIANTS = re.compile(r"/mem/(avx|avx512)[^/]*\.cpp\.o|/matmul/kernel/avx(512)?\.cpp\.o")
 CONSTRUCTORS = 1
 # Routines that read the feature set on every call: object, and a part of the name.
 READERS = [("startup.cpp", "::verify(")]

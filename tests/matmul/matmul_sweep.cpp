@@ -11,7 +11,7 @@
 
 #include "cpu/feature_table.h"
 #include "ksomd/builtins.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "support/entry.h"
 #include "support/operand.h"
 #include "support/sweep.h"

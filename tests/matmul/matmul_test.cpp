@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "cpu/feature_set.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "support/entry.h"
 #include "support/guarded_memory.h"
 #include "support/sweep.h"

@@ -5,7 +5,7 @@
 #include "cpu/feature_table.h"
 #include "cpu/isa_names.h"
 #include "math/math.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "mem/dispatch.h"
 #include "msg/messages.h"
 #include "quad/dispatch.h"

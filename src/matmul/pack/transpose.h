@@ -12,13 +12,12 @@
 //
 // Shuffles, of each instruction set:
 //   Bits, parts           vector of any element type, number of its 16-byte pieces
-//   load, store           at any alignment
 //   low32, high32         within each piece, the lower or upper 4-byte elements of two vectors
 //   low64, high64         the same for 8-byte elements
 //   exchange_parts        transposes `parts` x `parts` pieces
 #pragma once
 
-#include "matmul/element.h"
+#include "matmul/contract.h"
 
 namespace ksomd::matmul {
 
@@ -35,7 +34,7 @@ struct BlockTranspose {
     static_assert(sizeof(Element) == bytes);
     Bits row[side];
     for (Size r = 0; r < side; ++r) {
-      row[r] = Shuffles::load(source + static_cast<Stride>(r) * leading);
+      __builtin_memcpy(&row[r], source + static_cast<Stride>(r) * leading, sizeof(Bits));
     }
     within_parts(row);
     for (Size c = 0; c < in_part; ++c) {
@@ -45,7 +44,8 @@ struct BlockTranspose {
       }
       Shuffles::exchange_parts(piece);
       for (Size i = 0; i < Shuffles::parts; ++i) {
-        Shuffles::store(destination + (i * in_part + c) * destination_leading, piece[i]);
+        __builtin_memcpy(destination + (i * in_part + c) * destination_leading, &piece[i],
+                         sizeof(Bits));
       }
     }
   }

@@ -1,6 +1,6 @@
 // The entry points of MATMUL and their second stages.
 #include "cpu/feature_table.h"
-#include "matmul/kernels.h"
+#include "matmul/drive/kernels.h"
 #include "second_names.h"
 
 using ksomd::choose;

@@ -1,46 +1,12 @@
-// Register tiles: the inner loops of every variant.
-//
-// The contract of a tile: it computes the sums of the products of `depth` consecutive indices l, in
-// increasing order, for some rows and columns of P, each product and each sum rounded by itself;
-// sums stay in registers until all of `depth` is done. P overlaps neither operand. A lane past the
-// last row repeats that row, so no lane computes anything (or raises any floating-point flag) that
-// the product itself does not.
+// Register tiles: the inner loops of every instruction set. TileKernel in matmul/contract.h says
+// what they compute.
 #pragma once
 
-#include "matmul/blocking.h"
+#include "matmul/contract.h"
 
 namespace ksomd::matmul {
 
-// What becomes of P.
-enum class Sums {
-  overwrite,   // sums start from zero and replace P
-  on_cleared,  // as resume, on a P of zeros, which is not read
-  resume,      // sums start from P's elements and replace them; sums apart are added to them
-  add_old,     // sums start from zero; P = sum + P
-};
-
-// op(A)(i, l) is a[s][i + (l % segment) * a_depth] with s = l / segment: op(A) may lie in several
-// pieces. op(B)(l, j) is b[s][(l % segment) * b_depth + j * b_column].
-template <class Element>
-struct TileCall {
-  const Element* a[max_segments];
-  Size segment;
-  Size a_depth;
-  const Element* b[max_segments];
-  Size b_depth;
-  Size b_column;
-  Element* p;
-  Size ldp;
-  Size depth;
-  Sums sums;      // not on_cleared
-  bool add_zero;  // the sums are added to zero last, which takes a subnormal one for zero in a mode
-                  // of the caller's
-  Size part;      // rows of a part of a vector
-  Size p_ahead;   // from this tile's place in P to the next one's
-  Size b_ahead;   // from this tile's op(B) to the next one's, if that should be asked for
-};
-
-// The same tile, one complex element after the other, each product the builtin's.
+// The same tile, one complex element after the other: matmul/reference/in_order.h.
 template <class Element>
 void multiply_tile_in_order(const TileCall<Element>& call, Size rows, Size columns);
 
@@ -58,7 +24,6 @@ struct RealRows {
   static constexpr Size depth_ahead = Lanes::depth_ahead;
   static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
-  KSOMD_INLINE static void copy(Element* to, const Element* from) { load(from).store(to); }
   KSOMD_INLINE static RealRows zero() { return {Lanes::zero()}; }
   KSOMD_INLINE static RealRows broadcast(const Element* p) { return {Lanes::broadcast(*p)}; }
   KSOMD_INLINE static RealRows load(const Element* p) { return {Lanes::load(p)}; }
@@ -73,11 +38,10 @@ struct RealRows {
   }
 };
 
-// Complex products follow the compiler's builtin for every operand. It differs from the plain
-// formula only where both parts of the plain product are NaN, and then both parts of the sum are
-// NaN from there on, which raises nothing more: so the tile uses the plain formula, and only where
-// a sum ends with both parts NaN the tile is done again with the builtin, before anything is
-// stored.
+// Complex products are those of the compiler's builtin, but a tile computes them by the plain
+// formula. The two differ only where both parts of the plain product are NaN. Both parts of the sum
+// are then NaN, stay so, and raise nothing more. So a tile in which a sum ends with both parts NaN
+// is computed again with the builtin, before anything is stored.
 template <class Lanes>
 struct ComplexRows {
   using Real = Lanes::Real;
@@ -93,10 +57,6 @@ struct ComplexRows {
   static constexpr Size depth_ahead = Lanes::depth_ahead;
   static constexpr Size columns_worth_packing = Lanes::columns_worth_packing;
 
-  KSOMD_INLINE static void copy(Element* to, const Element* from) {
-    Lanes::store(&to->re, Lanes::load(&from->re));
-    Lanes::store(&to->re + width, Lanes::load(&from->re + width));
-  }
   KSOMD_INLINE static ComplexRows zero() { return {Lanes::zero(), Lanes::zero()}; }
   KSOMD_INLINE static ComplexRows broadcast(const Element* p) {
     return {Lanes::broadcast(p->re), Lanes::broadcast(p->im)};
@@ -142,62 +102,68 @@ struct ComplexRows {
   }
 };
 
-template <class Rows>
+// V vectors of rows, C columns. V = 0 stands for less than a vector: the first call.rows rows of
+// one.
+template <class Rows, Size V, Size C>
 struct Tile {
   using Element = Rows::Element;
   using Call = TileCall<Element>;
+  static constexpr bool part = V == 0;
+  static constexpr Size vectors = part ? 1 : V;
   static constexpr Size width = Rows::width;
 
-  // V vectors of rows (of the last, if `part`, its first call.part rows), C columns.
-  template <Size V, Size C, bool part>
-  [[gnu::noinline]] static void run(const Call& call) {
-    Rows sum[V][C];
+  static void run(const Call& call) {
+    // The compiler must unroll every loop over `sum`, or it keeps the sums in memory.
+    Rows sum[vectors][C];
     for (Size c = 0; c < C; ++c) {
-      for (Size v = 0; v < V; ++v) {
-        sum[v][c] = call.sums == Sums::resume
-                        ? load<part>(call.p + c * call.ldp + v * width, call.part)
-                        : Rows::zero();
+      for (Size v = 0; v < vectors; ++v) {
+        sum[v][c] =
+            call.sums.start == Start::old ? load(p_at(call, v, c), call.rows) : Rows::zero();
       }
     }
-    add_products<V, C, part>(call, sum);
-    if (call.add_zero) [[unlikely]] {
+    add_products(call, sum);
+    if (call.sums.finish == Finish::plus_zero) [[unlikely]] {
       for (Size c = 0; c < C; ++c) {
-        for (Size v = 0; v < V; ++v) {
+        for (Size v = 0; v < vectors; ++v) {
           sum[v][c] = Rows::add(sum[v][c], Rows::zero());
         }
       }
     }
-    for (Size c = 0; c < C && call.sums == Sums::add_old; ++c) {
-      for (Size v = 0; v < V; ++v) {
-        sum[v][c] = Rows::add(sum[v][c], load<part>(call.p + c * call.ldp + v * width, call.part));
+    if (call.sums.finish == Finish::add_old) {
+      for (Size c = 0; c < C; ++c) {
+        for (Size v = 0; v < vectors; ++v) {
+          sum[v][c] = Rows::add(sum[v][c], load(p_at(call, v, c), call.rows));
+        }
       }
     }
     if constexpr (is_complex<Element>) {
       bool lost = false;
       for (Size c = 0; c < C; ++c) {
-        for (Size v = 0; v < V; ++v) {
+        for (Size v = 0; v < vectors; ++v) {
           lost |= sum[v][c].any_both_nan();
         }
       }
       if (lost) [[unlikely]] {
-        multiply_tile_in_order(call, part ? call.part : V * width, C);
+        multiply_tile_in_order(call, part ? call.rows : V * width, C);
         return;
       }
     }
     for (Size c = 0; c < C; ++c) {
-      for (Size v = 0; v < V; ++v) {
-        Element* p = call.p + c * call.ldp + v * width;
+      for (Size v = 0; v < vectors; ++v) {
         if constexpr (part) {
-          sum[v][c].store_part(p, call.part);
+          sum[v][c].store_part(p_at(call, v, c), call.rows);
         } else {
-          sum[v][c].store(p);
+          sum[v][c].store(p_at(call, v, c));
         }
       }
     }
   }
 
  private:
-  template <bool part>
+  KSOMD_INLINE static Element* p_at(const Call& call, Size v, Size c) {
+    return call.p.start + c * call.p.leading + v * width;
+  }
+
   KSOMD_INLINE static Rows load(const Element* p, [[maybe_unused]] Size rows) {
     if constexpr (part) {
       return Rows::load_part(p, rows);
@@ -206,37 +172,36 @@ struct Tile {
     }
   }
 
-  template <Size V, Size C, bool part>
-  KSOMD_INLINE static void add_products(const Call& call, Rows (&sum)[V][C]) {
-    const Size a_depth = call.a_depth;
-    const Size b_depth = call.b_depth;
-    const Size b_column = call.b_column;
-    const Size rows_in_part = call.part;
+  KSOMD_INLINE static void add_products(const Call& call, Rows (&sum)[vectors][C]) {
+    const Size a_step = call.a.depth_step;
+    const Size b_step = call.b.depth_step;
+    const Size b_column = call.b.column_step;
+    const Size row_count = call.rows;
     Size left = call.depth;
     for (Size s = 0; left != 0; ++s) {
-      const Element* a = call.a[s];
-      const Element* b = call.b[s];
-      const Size steps = min(left, call.segment);
+      const Element* a = call.a.piece[s];
+      const Element* b = call.b.piece[s];
+      const Size steps = min(left, call.piece_depth);
       left -= steps;
       if (s < C) {
-        prefetch_next<V>(call, s);
+        prefetch_next(call, s);
       }
 #pragma clang loop unroll_count(Rows::unroll)
       for (Size l = steps; l != 0; --l) {
         if constexpr (Rows::depth_ahead != 0) {
-          for (Size row = 0; row < V * width; row += 64 / sizeof(Element)) {
-            __builtin_prefetch(a + Rows::depth_ahead * a_depth + row);
+          for (Size row = 0; row < vectors * width; row += 64 / sizeof(Element)) {
+            __builtin_prefetch(a + Rows::depth_ahead * a_step + row);
           }
         }
         // The operand with fewer vectors stays in registers.
-        if constexpr (V < C) {
-          Rows rows[V];
-          for (Size v = 0; v < V; ++v) {
-            rows[v] = load<part>(a + v * width, rows_in_part);
+        if constexpr (vectors < C) {
+          Rows rows[vectors];
+          for (Size v = 0; v < vectors; ++v) {
+            rows[v] = load(a + v * width, row_count);
           }
           for (Size c = 0; c < C; ++c) {
             const Rows factor = Rows::broadcast(b + c * b_column);
-            for (Size v = 0; v < V; ++v) {
+            for (Size v = 0; v < vectors; ++v) {
               sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows[v], factor));
             }
           }
@@ -245,31 +210,30 @@ struct Tile {
           for (Size c = 0; c < C; ++c) {
             factor[c] = Rows::broadcast(b + c * b_column);
           }
-          for (Size v = 0; v < V; ++v) {
-            const Rows rows = load<part>(a + v * width, rows_in_part);
+          for (Size v = 0; v < vectors; ++v) {
+            const Rows rows = load(a + v * width, row_count);
             for (Size c = 0; c < C; ++c) {
               sum[v][c] = Rows::add(sum[v][c], Rows::multiply(rows, factor[c]));
             }
           }
         }
-        a += a_depth;
-        b += b_depth;
+        a += a_step;
+        b += b_step;
       }
     }
   }
 
-  // Asks, a column at a time, for what the next tile reads: with a leading dimension of some
+  // Prefetches, a column at a time, what the next tile reads: with a leading dimension of some
   // kilobytes its lines share few cache sets, and no hardware prefetcher follows such strides.
-  template <Size V>
   KSOMD_INLINE static void prefetch_next(const Call& call, Size column) {
     constexpr Size line = 64 / sizeof(Element);
-    const Element* p = call.p + call.p_ahead + column * call.ldp;
-    for (Size row = 0; row < V * width; row += line) {
+    const Element* p = p_at(call, 0, column) + call.p.ahead;
+    for (Size row = 0; row < vectors * width; row += line) {
       __builtin_prefetch(p + row, 1);
     }
-    __builtin_prefetch(p + V * width - 1, 1);
-    if (call.b_ahead != 0) {
-      const Element* b = call.b[0] + call.b_ahead + column * call.b_column;
+    __builtin_prefetch(p + vectors * width - 1, 1);
+    if (call.b.ahead != 0) {
+      const Element* b = call.b.piece[0] + call.b.ahead + column * call.b.column_step;
       for (Size l = 0; l < call.depth; l += line) {
         __builtin_prefetch(b + l);
       }

@@ -1,9 +1,9 @@
-// Vectors of 512 bits. The contract of the members stands in matmul/sse2.h.
+// Vectors of 512 bits. The contract of the members stands in matmul/kernel/sse2.h.
 #pragma once
 
 #include <immintrin.h>
 
-#include "matmul/element.h"
+#include "matmul/kernel/vector.h"
 
 namespace ksomd::matmul {
 
@@ -11,8 +11,6 @@ struct Avx512Shuffles {
   using Bits = __m512d;
   static constexpr Size parts = 4;
 
-  KSOMD_INLINE static Bits load(const void* p) { return _mm512_loadu_pd(p); }
-  KSOMD_INLINE static void store(void* p, Bits v) { _mm512_storeu_pd(p, v); }
   KSOMD_INLINE static Bits low32(Bits x, Bits y) {
     return _mm512_castps_pd(_mm512_unpacklo_ps(_mm512_castpd_ps(x), _mm512_castpd_ps(y)));
   }
@@ -41,41 +39,22 @@ struct Avx512Tiles {
   static constexpr int unroll = 1;
   static constexpr Size depth_ahead = 4;
   static constexpr Size columns_worth_packing = ~Size{0};
-  using Shuffles = Avx512Shuffles;
 };
 
 template <class T>
 struct Avx512;
 
 template <>
-struct Avx512<double> : Avx512Tiles {
-  using Real = double;
-  using Vector = __m512d;
-  static constexpr Size width = 8;
-
-  KSOMD_INLINE static Vector zero() { return _mm512_setzero_pd(); }
+struct Avx512<double> : Avx512Tiles, VectorOf<double, Avx512Shuffles> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm512_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) {
     return _mm512_castps_pd(_mm512_broadcast_f32x4(_mm_castpd_ps(_mm_loadu_pd(p))));
   }
-  KSOMD_INLINE static Vector load(const double* p) { return _mm512_loadu_pd(p); }
-  KSOMD_INLINE static void store(double* p, Vector v) { _mm512_storeu_pd(p, v); }
   KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
     return _mm512_mask_loadu_pd(rest, mask(filled), p);
   }
   KSOMD_INLINE static void store_part(double* p, Size filled, Vector v) {
     _mm512_mask_storeu_pd(p, mask(filled), v);
-  }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm512_add_pd(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm512_sub_pd(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm512_mul_pd(x, y); }
-  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
-    re = _mm512_unpacklo_pd(first, second);
-    im = _mm512_unpackhi_pd(first, second);
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm512_unpacklo_pd(re, im);
-    second = _mm512_unpackhi_pd(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return (_mm512_cmp_pd_mask(x, x, _CMP_UNORD_Q) & _mm512_cmp_pd_mask(y, y, _CMP_UNORD_Q)) != 0;
@@ -88,34 +67,20 @@ struct Avx512<double> : Avx512Tiles {
 };
 
 template <>
-struct Avx512<float> : Avx512Tiles {
-  using Real = float;
-  using Vector = __m512;
-  static constexpr Size width = 16;
-
-  KSOMD_INLINE static Vector zero() { return _mm512_setzero_ps(); }
+struct Avx512<float> : Avx512Tiles, VectorOf<float, Avx512Shuffles> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm512_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm512_castpd_ps(_mm512_broadcastsd_pd(_mm_load_sd(reinterpret_cast<const double*>(p))));
   }
-  KSOMD_INLINE static Vector load(const float* p) { return _mm512_loadu_ps(p); }
-  KSOMD_INLINE static void store(float* p, Vector v) { _mm512_storeu_ps(p, v); }
   KSOMD_INLINE static Vector load_part(const float* p, Size filled, Vector rest) {
     return _mm512_mask_loadu_ps(rest, mask(filled), p);
   }
   KSOMD_INLINE static void store_part(float* p, Size filled, Vector v) {
     _mm512_mask_storeu_ps(p, mask(filled), v);
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm512_add_ps(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm512_sub_ps(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm512_mul_ps(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm512_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm512_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm512_unpacklo_ps(re, im);
-    second = _mm512_unpackhi_ps(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return (_mm512_cmp_ps_mask(x, x, _CMP_UNORD_Q) & _mm512_cmp_ps_mask(y, y, _CMP_UNORD_Q)) != 0;

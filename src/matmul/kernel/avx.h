@@ -1,9 +1,9 @@
-// Vectors of 256 bits. The contract of the members stands in matmul/sse2.h.
+// Vectors of 256 bits. The contract of the members stands in matmul/kernel/sse2.h.
 #pragma once
 
 #include <immintrin.h>
 
-#include "matmul/element.h"
+#include "matmul/kernel/vector.h"
 
 namespace ksomd::matmul {
 
@@ -11,10 +11,6 @@ struct AvxShuffles {
   using Bits = __m256d;
   static constexpr Size parts = 2;
 
-  KSOMD_INLINE static Bits load(const void* p) {
-    return _mm256_loadu_pd(static_cast<const double*>(p));
-  }
-  KSOMD_INLINE static void store(void* p, Bits v) { _mm256_storeu_pd(static_cast<double*>(p), v); }
   KSOMD_INLINE static Bits low32(Bits x, Bits y) {
     return _mm256_castps_pd(_mm256_unpacklo_ps(_mm256_castpd_ps(x), _mm256_castpd_ps(y)));
   }
@@ -38,7 +34,6 @@ struct AvxTiles {
   static constexpr int unroll = 2;
   static constexpr Size depth_ahead = 4;
   static constexpr Size columns_worth_packing = ~Size{0};
-  using Shuffles = AvxShuffles;
 
   // Ones in the first `filled` of `width` lanes.
   template <Size width>
@@ -52,36 +47,18 @@ template <class T>
 struct Avx;
 
 template <>
-struct Avx<double> : AvxTiles {
-  using Real = double;
-  using Vector = __m256d;
-  static constexpr Size width = 4;
-
-  KSOMD_INLINE static Vector zero() { return _mm256_setzero_pd(); }
+struct Avx<double> : AvxTiles, VectorOf<double, AvxShuffles> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm256_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) {
     const __m128d pair = _mm_loadu_pd(p);
     return _mm256_insertf128_pd(_mm256_castpd128_pd256(pair), pair, 1);
   }
-  KSOMD_INLINE static Vector load(const double* p) { return _mm256_loadu_pd(p); }
-  KSOMD_INLINE static void store(double* p, Vector v) { _mm256_storeu_pd(p, v); }
   KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
     const __m256i lanes = mask<width>(filled);
     return _mm256_blendv_pd(rest, _mm256_maskload_pd(p, lanes), _mm256_castsi256_pd(lanes));
   }
   KSOMD_INLINE static void store_part(double* p, Size filled, Vector v) {
     _mm256_maskstore_pd(p, mask<width>(filled), v);
-  }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm256_add_pd(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm256_sub_pd(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm256_mul_pd(x, y); }
-  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
-    re = _mm256_unpacklo_pd(first, second);
-    im = _mm256_unpackhi_pd(first, second);
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm256_unpacklo_pd(re, im);
-    second = _mm256_unpackhi_pd(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm256_movemask_pd(_mm256_and_pd(_mm256_cmp_pd(x, x, _CMP_UNORD_Q),
@@ -90,18 +67,11 @@ struct Avx<double> : AvxTiles {
 };
 
 template <>
-struct Avx<float> : AvxTiles {
-  using Real = float;
-  using Vector = __m256;
-  static constexpr Size width = 8;
-
-  KSOMD_INLINE static Vector zero() { return _mm256_setzero_ps(); }
+struct Avx<float> : AvxTiles, VectorOf<float, AvxShuffles> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm256_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm256_castpd_ps(_mm256_broadcast_sd(reinterpret_cast<const double*>(p)));
   }
-  KSOMD_INLINE static Vector load(const float* p) { return _mm256_loadu_ps(p); }
-  KSOMD_INLINE static void store(float* p, Vector v) { _mm256_storeu_ps(p, v); }
   KSOMD_INLINE static Vector load_part(const float* p, Size filled, Vector rest) {
     const __m256i lanes = mask<width>(filled);
     return _mm256_blendv_ps(rest, _mm256_maskload_ps(p, lanes), _mm256_castsi256_ps(lanes));
@@ -109,16 +79,9 @@ struct Avx<float> : AvxTiles {
   KSOMD_INLINE static void store_part(float* p, Size filled, Vector v) {
     _mm256_maskstore_ps(p, mask<width>(filled), v);
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm256_add_ps(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm256_sub_ps(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm256_mul_ps(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm256_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm256_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm256_unpacklo_ps(re, im);
-    second = _mm256_unpackhi_ps(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm256_movemask_ps(_mm256_and_ps(_mm256_cmp_ps(x, x, _CMP_UNORD_Q),

@@ -3,7 +3,7 @@
 // What the kernel templates ask of the vectors of every instruction set, here and in the wider
 // ones:
 //   Real, Vector, width   element, vector, elements per vector
-//   Shuffles              see matmul/block_transpose.h
+//   Shuffles              see matmul/pack/transpose.h
 //   real, complex         shapes of the register tiles: vectors of rows, columns
 //   zero, broadcast, broadcast_pair
 //   load, store           at any alignment
@@ -18,7 +18,7 @@
 
 #include <emmintrin.h>
 
-#include "matmul/element.h"
+#include "matmul/kernel/vector.h"
 
 namespace ksomd::matmul {
 
@@ -26,10 +26,6 @@ struct Sse2Shuffles {
   using Bits = __m128d;
   static constexpr Size parts = 1;
 
-  KSOMD_INLINE static Bits load(const void* p) {
-    return _mm_loadu_pd(static_cast<const double*>(p));
-  }
-  KSOMD_INLINE static void store(void* p, Bits v) { _mm_storeu_pd(static_cast<double*>(p), v); }
   KSOMD_INLINE static Bits low32(Bits x, Bits y) {
     return _mm_castps_pd(_mm_unpacklo_ps(_mm_castpd_ps(x), _mm_castpd_ps(y)));
   }
@@ -49,23 +45,15 @@ struct Sse2Tiles {
   static constexpr int unroll = 2;
   static constexpr Size depth_ahead = 0;
   static constexpr Size columns_worth_packing = 24;
-  using Shuffles = Sse2Shuffles;
 };
 
 template <class T>
 struct Sse2;
 
 template <>
-struct Sse2<double> : Sse2Tiles {
-  using Real = double;
-  using Vector = __m128d;
-  static constexpr Size width = 2;
-
-  KSOMD_INLINE static Vector zero() { return _mm_setzero_pd(); }
+struct Sse2<double> : Sse2Tiles, VectorOf<double, Sse2Shuffles> {
   KSOMD_INLINE static Vector broadcast(double x) { return _mm_set1_pd(x); }
   KSOMD_INLINE static Vector broadcast_pair(const double* p) { return load(p); }
-  KSOMD_INLINE static Vector load(const double* p) { return _mm_loadu_pd(p); }
-  KSOMD_INLINE static void store(double* p, Vector v) { _mm_storeu_pd(p, v); }
   KSOMD_INLINE static Vector load_part(const double* p, Size filled, Vector rest) {
     return filled < width ? rest : load(p);
   }
@@ -76,35 +64,17 @@ struct Sse2<double> : Sse2Tiles {
       _mm_store_sd(p, v);
     }
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm_add_pd(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm_sub_pd(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm_mul_pd(x, y); }
-  KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
-    re = _mm_unpacklo_pd(first, second);
-    im = _mm_unpackhi_pd(first, second);
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm_unpacklo_pd(re, im);
-    second = _mm_unpackhi_pd(re, im);
-  }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm_movemask_pd(_mm_and_pd(_mm_cmpunord_pd(x, x), _mm_cmpunord_pd(y, y))) != 0;
   }
 };
 
 template <>
-struct Sse2<float> : Sse2Tiles {
-  using Real = float;
-  using Vector = __m128;
-  static constexpr Size width = 4;
-
-  KSOMD_INLINE static Vector zero() { return _mm_setzero_ps(); }
+struct Sse2<float> : Sse2Tiles, VectorOf<float, Sse2Shuffles> {
   KSOMD_INLINE static Vector broadcast(float x) { return _mm_set1_ps(x); }
   KSOMD_INLINE static Vector broadcast_pair(const float* p) {
     return _mm_castpd_ps(_mm_load1_pd(reinterpret_cast<const double*>(p)));
   }
-  KSOMD_INLINE static Vector load(const float* p) { return _mm_loadu_ps(p); }
-  KSOMD_INLINE static void store(float* p, Vector v) { _mm_storeu_ps(p, v); }
   KSOMD_INLINE static Vector load_part(const float* p, Size filled, Vector rest) {
     if (filled == width) {
       return load(p);
@@ -125,16 +95,9 @@ struct Sse2<float> : Sse2Tiles {
       _mm_store_ss(p + filled - 1, v);
     }
   }
-  KSOMD_INLINE static Vector add(Vector x, Vector y) { return _mm_add_ps(x, y); }
-  KSOMD_INLINE static Vector subtract(Vector x, Vector y) { return _mm_sub_ps(x, y); }
-  KSOMD_INLINE static Vector multiply(Vector x, Vector y) { return _mm_mul_ps(x, y); }
   KSOMD_INLINE static void split(Vector first, Vector second, Vector& re, Vector& im) {
     re = _mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0));
     im = _mm_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1));
-  }
-  KSOMD_INLINE static void join(Vector re, Vector im, Vector& first, Vector& second) {
-    first = _mm_unpacklo_ps(re, im);
-    second = _mm_unpackhi_ps(re, im);
   }
   KSOMD_INLINE static bool any_both_nan(Vector x, Vector y) {
     return _mm_movemask_ps(_mm_and_ps(_mm_cmpunord_ps(x, x), _mm_cmpunord_ps(y, y))) != 0;

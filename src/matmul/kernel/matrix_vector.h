@@ -5,20 +5,9 @@
 // as operands in that order.
 #pragma once
 
-#include "matmul/block_transpose.h"
-#include "matmul/blocking.h"
+#include "matmul/pack/transpose.h"
 
 namespace ksomd::matmul {
-
-using Stride = std::int64_t;
-
-struct MatrixVector {
-  const double* a;
-  const double* x;
-  double* y;
-  Size m, k;
-  Stride lda, incx;
-};
 
 // Whether y lies apart from the `count` runs of `run` elements that start `stride` apart.
 KSOMD_INLINE bool apart(const MatrixVector& z, const double* start, Size count, Size run,

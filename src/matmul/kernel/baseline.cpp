@@ -1,0 +1,9 @@
+// The kernels of the baseline instruction set.
+#include "matmul/kernel/instantiate.h"
+#include "matmul/kernel/sse2.h"
+
+namespace ksomd::matmul {
+
+constexpr Kernels baseline_kernels = kernels_with<Sse2>(/*packed_tiles=*/false);
+
+}  // namespace ksomd::matmul
