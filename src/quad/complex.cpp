@@ -15,18 +15,10 @@ template <class Operation>
 [[gnu::noinline]] quad128 call(quad128 a, quad128 b) {
   return apply<Operation>(a, b);
 }
-quad128 sum(quad128 a, quad128 b) {
-  return call<Sum>(a, b);
-}
-quad128 difference(quad128 a, quad128 b) {
-  return call<Difference>(a, b);
-}
-quad128 product(quad128 a, quad128 b) {
-  return call<Product>(a, b);
-}
-quad128 quotient(quad128 a, quad128 b) {
-  return call<Quotient>(a, b);
-}
+constexpr auto* sum = call<Sum>;
+constexpr auto* difference = call<Difference>;
+constexpr auto* product = call<Product>;
+constexpr auto* quotient = call<Quotient>;
 
 constexpr quad128 one = {0, std::uint64_t{bias} << 48};
 
