@@ -1,16 +1,17 @@
 // Division of integers of any length, in 64-bit digits.
 //
-// With n the divisor's digits and s the shift that sets its top bit, the dividend is shifted by s
-// on its way into the remainder's memory; the digit pushed out on top is a variable, the `head`.
-// Each step divides the n + 1 digits
+// Let n be the number of the divisor's digits, and s the shift that sets its top bit. The dividend
+// is shifted by s on its way into the remainder's memory. The digit pushed out on top is the
+// `head`, a variable. Each step divides the n + 1 digits
 //
 //     head  u[j+n-1] ... u[j+1] u[j]        by        v[n-1] ... v[0]
 //
 // where the invariant is (head, u[j+n-1], ..., u[j+1]) < v, and leaves the remainder in place, its
 // top digit the next head. Dividend and divisor are never written.
 //
-// An odd number of words is completed below by a word of zeros, in dividend and divisor alike: the
-// quotient stays, and that word of every remainder is zero, so no memory stands for it.
+// An odd number of words is extended at the low end by a word of zeros, in dividend and divisor
+// alike. The quotient stays the same, and that word of every remainder is zero, so it needs no
+// memory.
 //
 //     digit     2        1        0
 //     words  [4] [3]  [2] [1]  [0]  0
@@ -45,7 +46,7 @@ void store(std::uint32_t* words, std::uint32_t count, std::uint32_t j, Digit dig
   words[std::size_t{j} * 2] = static_cast<std::uint32_t>(digit >> 32);
 }
 
-// A digit of the quotient, which is completed above.
+// Stores a digit of the quotient. An odd number of words is extended at the high end.
 void store_quotient(std::uint32_t* words, std::uint32_t count, std::uint32_t j, Digit digit) {
   words[std::size_t{j} * 2] = static_cast<std::uint32_t>(digit);
   if (j * 2 + 1 < count) {
@@ -120,8 +121,8 @@ std::uint32_t significant_digits(const std::uint32_t* words, std::uint32_t count
   return count == 0 ? 0 : (count + below + 1) / 2;
 }
 
-// The quotient digit from the top three digits of the dividend and two of the divisor: right, or
-// one too large.
+// The quotient digit from the top three digits of the dividend and two of the divisor. It is right,
+// or one too large.
 Digit estimate(const DigitDivisor& top, Digit second, Digit head, Digit u1, Digit u0) {
   Digit quotient = ~Digit{0};
   Digit remainder = u1;
@@ -143,7 +144,7 @@ Digit estimate(const DigitDivisor& top, Digit second, Digit head, Digit u1, Digi
   return quotient;
 }
 
-// u[j ...] -= quotient * v, with the head on top; whether that went below zero.
+// u[j ...] -= quotient * v, with the head on top. Returns whether the result is negative.
 bool subtract_product(std::uint32_t* u, std::uint32_t words, std::uint32_t j, const Divisor& v,
                       Digit quotient, Digit head) {
   Digit carry = 0;
@@ -165,7 +166,7 @@ void add_back(std::uint32_t* u, std::uint32_t words, std::uint32_t j, const Divi
   }
 }
 
-// u = source << shift; the digit pushed out.
+// u = source << shift. Returns the digit pushed out.
 Digit shift_left(std::uint32_t* u, const std::uint32_t* source, std::uint32_t words,
                  std::uint32_t digits, unsigned shift) {
   Digit below = 0;

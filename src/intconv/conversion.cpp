@@ -1,5 +1,5 @@
-// The integer's two halves are converted as signed 32-bit numbers, moved to the range that they
-// stand for, scaled, and added. All but the addition is exact.
+// Converts the integer's two halves as signed 32-bit numbers, corrects each half that stands for an
+// unsigned number, scales, and adds. Everything but the addition is exact.
 #include "ksomd/conversion.h"
 
 #include <emmintrin.h>

@@ -1,6 +1,5 @@
-// The variants of the math routines, their slots, and what an error does to errno.
+// The variants of the math routines, and their slots.
 #include <array>
-#include <cerrno>
 
 #include "cpu/feature_table.h"
 #include "math/math.h"
@@ -42,27 +41,7 @@ constexpr auto copysignf_variants = variants_of(general::copysignf, vector::copy
 constexpr auto logb_variants = variants_of(general::logb, vector::logb);
 constexpr auto scalbn_variants = variants_of(general::scalbn, vector::scalbn);
 
-struct ErrorRow {
-  Error error;
-  int number;
-  bool only_for_zero;
-};
-
-constexpr ErrorRow errors[] = {
-    {Error::LogbOfZero, EDOM, false},        {Error::LogbfOfZero, EDOM, false},
-    {Error::ScalbnOverflow, ERANGE, false},  {Error::ScalbnUnderflow, ERANGE, true},
-    {Error::ScalbnfOverflow, ERANGE, false}, {Error::ScalbnfUnderflow, ERANGE, true},
-};
-
 }  // namespace
-
-void report(Error error, bool result_is_zero) {
-  for (const ErrorRow& row : errors) {
-    if (row.error == error && (result_is_zero || !row.only_for_zero)) {
-      errno = row.number;
-    }
-  }
-}
 
 std::span<const DispatchingEntry> dispatching_entries() {
   static constexpr DispatchingEntry entries[] = {

@@ -11,7 +11,8 @@ extern "C" {
 double __libkso_fabs(double x);
 float __libkso_fabsf(float x);
 
-// The larger; the other if one is a NaN, the first, quieted, if both are; the first if equal.
+// The larger, or the first if both are equal. If one is a NaN, the other; if both are, the first,
+// quieted.
 double __libkso_fmax(double x, double y);
 float __libkso_fmaxf(float x, float y);
 long double __libkso_fmaxl(long double x, long double y);
@@ -25,13 +26,13 @@ double __libkso_logb(double x);
 float __libkso_logbf(float x);
 long double __libkso_logbl(long double x);
 
-// x * 2^n, rounded once. ERANGE on overflow and on underflow to zero, as the table of errors says.
+// x * 2^n, rounded once. ERANGE on overflow and on underflow to zero.
 // The extended form leaves errno alone.
 double __libkso_scalbn(double x, std::int32_t n);
 float __libkso_scalbnf(float x, std::int32_t n);
 long double __libkso_scalbnl(long double x, std::int32_t n);
 
-// 1 or 0; isinf is -1 for -inf. By the bits: no flag is raised.
+// 1 or 0; isinf is -1 for -inf. They read the bits, and raise no flag.
 std::int32_t __libkso_isfinite(double x);
 std::int32_t __libkso_isfinitef(float x);
 std::int32_t __libkso_isfinitel(long double x);
@@ -45,19 +46,6 @@ std::int32_t __libkso_isinfl(long double x);
 }  // extern "C"
 
 namespace ksomd::math {
-
-// Codes of the errors that a function meets.
-enum class Error : std::uint16_t {
-  LogbOfZero = 151,
-  LogbfOfZero = 152,
-  ScalbnOverflow = 176,
-  ScalbnUnderflow = 177,
-  ScalbnfOverflow = 178,
-  ScalbnfUnderflow = 179
-};
-
-// Sets errno as the error asks.
-void report(Error error, bool result_is_zero);
 
 // The dispatched functions.
 std::span<const DispatchingEntry> dispatching_entries();

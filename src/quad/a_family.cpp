@@ -1,6 +1,5 @@
 // The members of the a_ family that are more than second names: conversions from short integers,
 // through the x87 unit, and to and from complex quads.
-#include "quad/format.h"
 #include "quad/to_quad.h"
 #include "second_names.h"
 
@@ -31,10 +30,10 @@ constexpr quad128 zero = {0, 0};
 }  // namespace
 
 void a_ctoq(quad128* r, std::int8_t x) {
-  integer_to_quad(r, extend(x));
+  *r = widen_integer(extend(x));
 }
 void a_stoq(quad128* r, std::int16_t x) {
-  integer_to_quad(r, extend(x));
+  *r = widen_integer(extend(x));
 }
 
 void a_ltoq(quad128* r, const extended80* x) {
@@ -80,8 +79,7 @@ void store_pair(Float* r, Float re, Float im) {
 template <class Float>
 void widen_pair(cquad128* r, const Float* x) {
   const Pair<Float> pair = *reinterpret_cast<const Pair<Float>*>(x);
-  widen<Float>(&r->re, pair.re);
-  widen<Float>(&r->im, pair.im);
+  *r = {widen(pair.re), widen(pair.im)};
 }
 
 }  // namespace
@@ -102,20 +100,16 @@ void a_qtocq(cquad128* r, const quad128* x) {
 }
 
 void a_dtocq(cquad128* r, double x) {
-  widen<double>(&r->re, x);
-  r->im = zero;
+  *r = {widen(x), zero};
 }
 void a_ftocq(cquad128* r, float x) {
-  widen<float>(&r->re, x);
-  r->im = zero;
+  *r = {widen(x), zero};
 }
 void a_itocq(cquad128* r, std::int32_t x) {
-  integer_to_quad(&r->re, x);
-  r->im = zero;
+  *r = {widen_integer(x), zero};
 }
 void a_jtocq(cquad128* r, std::int64_t x) {
-  integer_to_quad(&r->re, x);
-  r->im = zero;
+  *r = {widen_integer(x), zero};
 }
 void a_stocq(cquad128* r, std::int16_t x) {
   a_itocq(r, extend(x));

@@ -1,33 +1,24 @@
 // Complex arithmetic and comparisons, every step a quad operation. Results are stored last: they
 // may overlay operands.
-#include "quad/format.h"
+#include "quad/operation.h"
+#include "quad/product.h"
+#include "quad/quotient.h"
+#include "quad/sum.h"
 #include "second_names.h"
 
 using namespace ksomd::quad;
 
 namespace {
 
-using Operation = void(quad128*, const quad128*, const quad128*);
-
-template <Operation* operation>
-quad128 apply(const quad128& a, const quad128& b) {
-  quad128 result;
-  operation(&result, &a, &b);
-  return result;
+// One copy of each kernel for all routines here.
+template <class Operation>
+[[gnu::noinline]] quad128 call(quad128 a, quad128 b) {
+  return apply<Operation>(a, b);
 }
-
-quad128 sum(const quad128& a, const quad128& b) {
-  return apply<__addq>(a, b);
-}
-quad128 difference(const quad128& a, const quad128& b) {
-  return apply<__subq>(a, b);
-}
-quad128 product(const quad128& a, const quad128& b) {
-  return apply<__mulq>(a, b);
-}
-quad128 quotient(const quad128& a, const quad128& b) {
-  return apply<__divq>(a, b);
-}
+constexpr auto* sum = call<Sum>;
+constexpr auto* difference = call<Difference>;
+constexpr auto* product = call<Product>;
+constexpr auto* quotient = call<Quotient>;
 
 constexpr quad128 one = {0, std::uint64_t{bias} << 48};
 

@@ -9,10 +9,6 @@
 
 extern "C" {
 
-void quad_add_magnitudes_l(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.L");
-void quad_add_magnitudes_a(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.A");
-void quad_subtract_magnitudes_l(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.L");
-void quad_subtract_magnitudes_a(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.A");
 KSOMD_API void quad_multiply_l(quad128*, const quad128*, const quad128*) __asm__("__mulq.L");
 KSOMD_API void quad_multiply_a(quad128*, const quad128*, const quad128*) __asm__("__mulq.A");
 KSOMD_API void quad_divide_l(quad128*, const quad128*, const quad128*) __asm__("__divq.L");
@@ -22,20 +18,22 @@ KSOMD_API void quad_divide_a(quad128*, const quad128*, const quad128*) __asm__("
 
 namespace ksomd::quad {
 
-using BinaryRoutine = void(quad128*, const quad128*, const quad128*);
-using BinaryVariants = Variant<BinaryRoutine*>[2];
+// sign(a) * (|a| + |b|) and sign(a) * (|a| - |b|), on words of 64 bits and of 32.
+quad128 add_magnitudes_l(quad128 a, quad128 b) __asm__("__addq_mag.L");
+quad128 add_magnitudes_a(quad128 a, quad128 b) __asm__("__addq_mag.A");
+quad128 subtract_magnitudes_l(quad128 a, quad128 b) __asm__("__subq_mag.L");
+quad128 subtract_magnitudes_a(quad128 a, quad128 b) __asm__("__subq_mag.A");
 
 inline constexpr FeatureMask features_of_l =
     feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2", "SSE3");
 
-inline constexpr BinaryVariants add_variants = {{".L", features_of_l, quad_add_magnitudes_l},
-                                                {".A", {}, quad_add_magnitudes_a}};
-inline constexpr BinaryVariants subtract_variants = {
-    {".L", features_of_l, quad_subtract_magnitudes_l}, {".A", {}, quad_subtract_magnitudes_a}};
-inline constexpr BinaryVariants multiply_variants = {{".L", features_of_l, quad_multiply_l},
-                                                     {".A", {}, quad_multiply_a}};
-inline constexpr BinaryVariants divide_variants = {{".L", features_of_l, quad_divide_l},
-                                                   {".A", {}, quad_divide_a}};
+template <auto* l, auto* a>
+inline constexpr Variant<decltype(l)> variants[] = {{".L", features_of_l, l}, {".A", {}, a}};
+
+inline constexpr auto& add_variants = variants<add_magnitudes_l, add_magnitudes_a>;
+inline constexpr auto& subtract_variants = variants<subtract_magnitudes_l, subtract_magnitudes_a>;
+inline constexpr auto& multiply_variants = variants<quad_multiply_l, quad_multiply_a>;
+inline constexpr auto& divide_variants = variants<quad_divide_l, quad_divide_a>;
 
 // Whether the first variants suit the processor. False may only mean "not detected yet": then
 // call_variant() decides.
@@ -45,11 +43,11 @@ inline bool l_is_known() {
 
 // Calls the variant that suits the processor, which is detected first if nobody has. It is out of
 // line so that the usual way, through l_is_known(), holds no call of the detection.
-template <const BinaryVariants& variants>
-[[gnu::cold, gnu::noinline]] void call_variant(quad128* r, const quad128* a, const quad128* b) {
+template <const auto& variants, class... Arguments>
+[[gnu::cold, gnu::noinline]] auto call_variant(Arguments... arguments) {
   FeatureSet features;
   read_features(features);
-  choose(variants, features).choice(r, a, b);
+  return choose(variants, features).choice(arguments...);
 }
 
 // The arithmetic entry points.

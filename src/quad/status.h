@@ -1,19 +1,40 @@
-// What quad arithmetic needs of MXCSR: the rounding mode, and the status flags. Each exception is
-// raised by one double operation that raises just the wanted flags, and traps if they are unmasked.
+// What quad arithmetic needs of MXCSR: the rounding mode and the status flags. A double operation
+// raises each exception: it raises just the wanted flags, and traps if they are unmasked.
 #pragma once
 
 #include <emmintrin.h>
 
-#include <bit>
 #include <cstdint>
 #include <limits>
 
+#include "ksomd/quad.h"
+
 namespace ksomd::quad {
 
-enum class RoundingMode : std::uint32_t { NearestEven, Down, Up, TowardZero };
+// The modes by the numbers that callers of the conversions to integers give them. Only those
+// conversions round away from zero.
+enum class RoundingMode : std::uint32_t {
+  TowardZero = KSOMD_ROUND_TOWARD_ZERO,
+  NearestEven = KSOMD_ROUND_NEAREST_EVEN,
+  Down = KSOMD_ROUND_DOWN,
+  Up = KSOMD_ROUND_UP,
+  AwayFromZero
+};
 
+// The thread's mode. MXCSR counts from NearestEven to Up, and then TowardZero.
 inline RoundingMode rounding_mode() {
-  return static_cast<RoundingMode>(__builtin_ia32_stmxcsr() >> 13 & 3);
+  return static_cast<RoundingMode>(((__builtin_ia32_stmxcsr() >> 13) + 1) & 3);
+}
+
+// Whether a magnitude is rounded up that is odd or even and followed by fraction / 2^64. Raises
+// nothing.
+inline bool rounds_up(RoundingMode mode, std::uint64_t sign, bool odd, std::uint64_t fraction) {
+  constexpr std::uint64_t half = std::uint64_t{1} << 63;
+  if (mode == RoundingMode::NearestEven) {
+    return fraction > half || (fraction == half && odd);
+  }
+  const RoundingMode away = sign != 0 ? RoundingMode::Down : RoundingMode::Up;
+  return fraction != 0 && (mode == away || mode == RoundingMode::AwayFromZero);
 }
 
 namespace number {
@@ -22,8 +43,7 @@ inline constexpr double smallest_normal = 0x1p-1022;
 inline constexpr double largest = 0x1.fffffffffffffp+1023;
 }  // namespace number
 
-// A value as it is, which the compiler must have ready here as written: it would take sums apart,
-// moving what is known early behind what comes late.
+// Optimisation barrier: keeps the compiler from re-associating across this value.
 inline __m128i computed_here(__m128i value) {
   asm("" : "+x"(value));
   return value;
@@ -60,24 +80,23 @@ inline void raise_underflow_and_inexact() {
   multiply_for_flags(number::smallest_normal, number::smallest_normal);
 }
 
-// Without a branch, which a mixture of exact and inexact operands would mislead.
+// Has no branch: a mixture of exact and inexact operands would mispredict it.
 inline void raise_inexact_if(bool inexact) {
   static constexpr double addends[] = {0.0, number::smallest_normal};
   add_in_mode(number::one, addends[computed_here(std::uint64_t{inexact})]);
 }
 
-// round_quotient and round_in_mode let the processor round: a double addition does it in the
-// thread's mode, ties to even, and raises inexact exactly if it is due. `signed_word` has the sign
-// of the number in bit 63; number is its magnitude.
-
-// number / 2^position as an integer, for position = count - uncounted from 1 to 20, and
-// number < 2^32.
+// number / 2^position as an integer, for position = count - uncounted from 1 to 20 and
+// number < 2^32. Bit 63 of signed_word is the sign of the number; number is its magnitude.
 //
-// 2^(52 + position) has units of 2^position, and sums up to its double keep them:
+// The processor rounds: a double addition does it in the thread's mode, ties to even, and raises
+// inexact exactly if it is due.
+//
+// 2^(52 + position) has units of 2^position, and so have sums up to its double:
 //
 //   2^(52 + position) + (2^52 + number)  =  2^position (2^52 + 2^(52 - position) + the integer)
 //
-// which leaves the low half of the sum's significand to the integer.
+// The low half of the sum's significand is the integer.
 template <int uncounted>
 [[gnu::always_inline]] inline std::uint64_t round_quotient(std::uint64_t signed_word,
                                                            std::uint32_t number,
@@ -96,23 +115,6 @@ template <int uncounted>
   __m128d sum = _mm_castsi128_pd(large);
   asm volatile("addsd %1, %0" : "+x"(sum) : "x"(small));
   return static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_castpd_si128(sum)));
-}
-
-// number / 2^bits, which is below 2, as an integer: 0, 1 or 2. `sign` is 0 but for bit 63.
-//
-// With p = 2^(52 - bits), a double between p and 2 p has units of 2^-bits, so that the number goes
-// into the low bits of its significand as it is; and the sum with 2^52 - p has units of 1.
-//
-//   2^52 - p  =  2^51 (1 + (2^52 - 2p) / 2^52)
-template <int bits>
-std::uint64_t round_in_mode(std::uint64_t sign, std::uint64_t number) {
-  static_assert(bits >= 2 && bits <= 50);
-  constexpr std::uint64_t unit = std::uint64_t{1} << 52;
-  constexpr std::uint64_t p = (1023 + 52 - bits) * unit;
-  constexpr std::uint64_t rest = (1023 + 51) * unit + unit - (unit >> (bits - 1));
-  const double sum =
-      add_in_mode(std::bit_cast<double>(sign | p | number), std::bit_cast<double>(sign | rest));
-  return std::bit_cast<std::uint64_t>(sum) & 3;
 }
 
 }  // namespace ksomd::quad

@@ -9,6 +9,7 @@
 namespace ksomd::quad {
 
 __extension__ using Uint128 = unsigned __int128;
+__extension__ using Int128 = __int128;
 
 inline Uint128 make_uint128(std::uint64_t high, std::uint64_t low) {
   return static_cast<Uint128>(high) << 64 | low;
@@ -26,8 +27,8 @@ inline int leading_zeros(Uint128 value) {
   return high != 0 ? std::countl_zero(high) : 64 + std::countl_zero(low_word(value));
 }
 
-// The place of the highest bit that is set; value != 0. By the instruction itself: a compiler that
-// knows leading zeros only turns them about at every use.
+// The place of the highest bit that is set; value != 0. Written as the instruction, because the
+// compiler would compute the place from the number of leading zeros at every use.
 inline std::uint64_t highest_bit(std::uint64_t value) {
   std::uint64_t place;
   asm("bsrq %1, %0" : "=r"(place) : "r"(value) : "cc");
@@ -63,10 +64,6 @@ class Wide {
     return result;
   }
 
-  bool is_zero() const {
-    return std::all_of(words_, words_ + words, [](Word word) { return word == 0; });
-  }
-
   // this + other, or this - other (as the sum with the complement and a carry).
   Wide plus(const Wide& other, bool subtract) const {
     Wide result(0);
@@ -94,30 +91,6 @@ class Wide {
     }
     result.words_[0] |= static_cast<Word>(lost != 0 ? 1 : 0);
     return result;
-  }
-
-  // 0 <= distance <= 127
-  Wide shifted_left(int distance) const {
-    Wide result(0);
-    const int skip = distance / word_bits;
-    const int bits = distance % word_bits;
-    for (int i = 0; i + skip < words; ++i) {
-      const Double pair = static_cast<Double>(words_[i]) << bits;
-      result.words_[i + skip] |= static_cast<Word>(pair);
-      if (i + skip + 1 < words) {
-        result.words_[i + skip + 1] = static_cast<Word>(pair >> word_bits);
-      }
-    }
-    return result;
-  }
-
-  // Of a value other than 0.
-  int leading_zeros() const {
-    int i = words - 1;
-    while (i > 0 && words_[i] == 0) {
-      --i;
-    }
-    return (words - 1 - i) * word_bits + std::countl_zero(words_[i]);
   }
 
  private:

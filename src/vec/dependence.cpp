@@ -1,5 +1,7 @@
 // Whether ranges of addresses are disjoint.
+#include <algorithm>
 #include <cstdint>
+#include <utility>
 
 #include "ksomd/vector.h"
 
@@ -7,20 +9,8 @@ namespace {
 
 using Range = ksomd_range;
 
-// So few ranges are sorted in little time, whatever their order.
+// Up to this many ranges are sorted in little time, whatever their order.
 constexpr std::int32_t always_partitioned = 1000;
-
-void exchange(Range& a, Range& b) {
-  const Range saved = a;
-  a = b;
-  b = saved;
-}
-
-void reverse(Range* first, Range* last) {
-  for (; first < last; ++first, --last) {
-    exchange(*first, *last);
-  }
-}
 
 // The last record of the run from lo along which relation(r[i].start, r[i + 1].start) holds.
 template <class Relation>
@@ -31,8 +21,8 @@ Range* end_of_run(Range* lo, Range* hi, Relation relation) {
   return lo;
 }
 
-// The rest of sort_monotonic for an ascending order with equal starts, of which the partitioning
-// moves the last to the front. lo .. end is known to ascend.
+// The part of sort_monotonic for an ascending order with equal starts. Of equal starts the
+// partitioning would move the last to the front, so this does too. lo .. end is known to ascend.
 [[gnu::noinline]] bool sort_ascending(Range* lo, Range* end, Range* hi) {
   if (end_of_run(end, hi, [](auto a, auto b) { return a <= b; }) != hi) {
     return false;
@@ -41,19 +31,19 @@ Range* end_of_run(Range* lo, Range* hi, Relation relation) {
     Range& first = *r;
     Range last = first;
     for (++r; r <= hi && r->start == last.start; ++r) {
-      exchange(last, *r);
+      std::swap(last, *r);
     }
     first = last;
   }
   return true;
 }
 
-// Orders that the partitioning would take quadratic time for, and that it leaves in the second half
-// of a sorted array with one range appended:
+// Sorts the orders for which the partitioning would take quadratic time: ascending, descending, and
+// two ascending runs, which are what it leaves of a sorted array with one range appended:
 //
 //     4 5 6 7 8 9 | 1 2 3
 //
-// Distinct starts have one final order.
+// If it returns false, nothing has changed. Distinct starts have only one final order.
 [[gnu::always_inline]] inline bool sort_monotonic(Range* lo, Range* hi) {
   const auto ascends = [](auto a, auto b) { return a < b; };
   Range* const end = end_of_run(lo, hi, ascends);
@@ -64,19 +54,19 @@ Range* end_of_run(Range* lo, Range* hi, Relation relation) {
     return sort_ascending(lo, end, hi);
   }
   if (hi->start < lo->start && end_of_run(end + 1, hi, ascends) == hi) {
-    reverse(lo, end);
-    reverse(end + 1, hi);
-    reverse(lo, hi);
+    std::reverse(lo, end + 1);
+    std::reverse(end + 1, hi + 1);
+    std::reverse(lo, hi + 1);
     return true;
   }
   if (end_of_run(lo, hi, [](auto a, auto b) { return a > b; }) == hi) {
-    reverse(lo, hi);
+    std::reverse(lo, hi + 1);
     return true;
   }
   return false;
 }
 
-// Moves the record at `root` down a heap of `count` records, the highest start at its top.
+// Moves the record at `root` down a heap of `count` records, whose top has the highest start.
 void sift_down(Range* heap, std::size_t root, std::size_t count) {
   const Range moved = heap[root];
   for (std::size_t child; (child = 2 * root + 1) < count; root = child) {
@@ -97,7 +87,7 @@ void heap_sort(Range* lo, Range* hi) {
     sift_down(lo, root, count);
   }
   while (--count > 0) {
-    exchange(lo[0], lo[count]);
+    std::swap(lo[0], lo[count]);
     sift_down(lo, 0, count);
   }
 }
@@ -118,9 +108,9 @@ class Limit {
 };
 
 // Sorts lo .. hi by start. The order of equal starts is part of the contract: the last record is
-// the pivot, and lower ones are moved to the front one by one. Beyond the limit, which only few
-// orders reach, a heap takes over: distinct starts have one final order. Where a sorted order is
-// walked through, a loop across a cache line shows: hence the alignment.
+// the pivot, and lower ones are moved to the front one by one. Only few orders reach the limit,
+// beyond which a heap takes over; distinct starts have only one final order. The alignment keeps
+// the loop over a sorted order in one cache line, which shows in its time.
 template <class Limit>
 [[gnu::aligned(64)]] void sort(Range* lo, Range* hi, Limit& limit) {
   while (lo < hi && !sort_monotonic(lo, hi)) {
@@ -132,10 +122,10 @@ template <class Limit>
     Range* split = lo;
     for (Range* r = lo; r < hi; ++r) {
       if (r->start < pivot) {
-        exchange(*r, *split++);
+        std::swap(*r, *split++);
       }
     }
-    exchange(*split, *hi);
+    std::swap(*split, *hi);
     // The two parts are independent: recursion into the smaller one bounds the depth.
     if (split - lo < hi - split) {
       sort(lo, split - 1, limit);

@@ -1,5 +1,5 @@
-// Reductions into arrays: one fill and one fold for every allowed pair of a type and an operation,
-// chosen through a table.
+// Reductions into arrays. A table holds one fill and one fold for every allowed pair of a type and
+// an operation.
 #include "vec/reduction.h"
 
 #include <cstdlib>
@@ -10,7 +10,7 @@
 namespace ksomd::reduction {
 namespace {
 
-// Copies count elements, `stride` elements apart, side by side.
+// Copies count elements that lie `stride` elements apart; the copies lie side by side.
 using Gather = void (*)(void* destination, const char* source, std::int64_t stride,
                         std::uint64_t count);
 
@@ -94,7 +94,7 @@ const Type& type_or_abort(std::uint32_t code) {
   return types[code];
 }
 
-// A code that is no type's has no pairs.
+// Unused type codes have no pairs, and abort here.
 const Pair& pair_or_abort(const Type& type, std::int32_t operation) {
   const auto index = static_cast<std::uint32_t>(operation) - 1;
   if (index >= operations || type.pairs[index].fill == nullptr) {
@@ -103,8 +103,8 @@ const Pair& pair_or_abort(const Type& type, std::int32_t operation) {
   return type.pairs[index];
 }
 
-// Strided elements are gathered by the block and folded from there. A function of its own, lest
-// folds without a stride set its block up.
+// Gathers strided elements block by block, and folds each block. Separate, so that unstrided folds
+// do not pay for the 1 KiB buffer.
 [[gnu::noinline]] void fold_strided(const Type& element, const Pair& pair, void* destination,
                                     const void* source, std::int32_t stride, std::uint64_t count) {
   alignas(16) char block[1024];

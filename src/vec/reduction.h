@@ -5,7 +5,7 @@
 
 extern "C" {
 
-// As the exported fold, with the stride settled. Bad codes abort before the count is looked at.
+// The exported fold with a plain stride. Bad codes abort even if count is 0.
 void __orvex_reduction_combine_array(void* destination, const void* source, std::int32_t operation,
                                      std::uint32_t type, std::int32_t stride, std::uint64_t count);
 

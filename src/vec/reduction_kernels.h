@@ -17,8 +17,8 @@ void fill(void* array, std::uint64_t count) {
   }
 }
 
-// One element, in the lowest lane of a vector if it is of a floating-point type, so that every such
-// element gets the same instruction. No operation raises a flag for the zeros in the other lanes.
+// Combines one element. A floating-point element goes into the lowest lane of a vector, so that all
+// such elements get the same instruction. The zeros in the other lanes raise no flag.
 template <class T, class Operation>
 void fold_element(void* destination, const void* source, std::uint64_t i) {
   const T d = load<T>(destination, i);
@@ -30,7 +30,7 @@ void fold_element(void* destination, const void* source, std::uint64_t i) {
   }
 }
 
-// Arrays that no second-level cache holds are asked for a block ahead: processors do so by
+// Arrays too large for a second-level cache are prefetched one block ahead. Processors prefetch by
 // themselves, but not across the ends of pages.
 inline constexpr std::uint64_t far_bytes = 512 << 10;
 inline constexpr std::uint64_t block_bytes = 1024;
@@ -41,7 +41,7 @@ inline void prefetch_block(const char* destination, const char* source) {
   }
 }
 
-// The last vector is made before anything is stored, and overlaps the one before it:
+// The last vector overlaps the one before it, so it is computed before anything is stored:
 //
 //     | vector | vector | vector | vector | rest |
 //                                     |   last   |

@@ -35,8 +35,8 @@ using Lane = LaneOf<T>::Type;
 template <class T>
 inline constexpr bool is_vector = !std::is_same_v<T, Lane<T>>;
 
-// Of two NaNs the first operand's survives. A compiler takes the two operands of a sum or a product
-// for interchangeable, and would let the survivor depend on where an element lies.
+// Of two NaNs the first operand must survive. A compiler may swap the operands of a sum or a
+// product, and then the survivor would depend on an element's place in the array.
 inline Vector<float> add(Vector<float> d, Vector<float> s) {
   __asm__("addps %1, %0" : "+x"(d) : "x"(s));
   return d;
@@ -54,8 +54,8 @@ inline Vector<double> multiply(Vector<double> d, Vector<double> s) {
   return d;
 }
 
-// 32-bit products without shuffles, for which there is one port: the even lanes' and the odd lanes'
-// as 64-bit products, of which the low halves are put together.
+// 32-bit products without shuffles, which only one execution port takes. The even lanes and the odd
+// lanes are multiplied as 64-bit numbers, and the low halves of the products are put together.
 inline Vector<std::uint32_t> multiply(Vector<std::uint32_t> d, Vector<std::uint32_t> s) {
   using Wide = Vector<std::uint64_t>;
   const Wide a = __builtin_bit_cast(Wide, d);
@@ -80,7 +80,7 @@ template <class T, class Condition>
 T truth(Condition condition) {
   if constexpr (is_vector<T>) {
     using Bits = std::make_unsigned_t<std::remove_cvref_t<decltype(condition[0])>>;
-    // Known here: a conversion to float would be kept for its flags, in every round of a loop.
+    // A constant: a conversion at run time would be kept for its flags, in every round of a loop.
     constexpr Bits one = __builtin_bit_cast(Bits, Lane<T>{1});
     return __builtin_bit_cast(T,
                               __builtin_bit_cast(Vector<Bits>, condition) & (Vector<Bits>{} + one));
@@ -89,8 +89,8 @@ T truth(Condition condition) {
   }
 }
 
-// Combines integers, or vectors of them, as unsigned ones that wrap around; narrow ones in a type
-// wide enough that nothing is promoted to int.
+// Combines integers, or vectors of them, as unsigned numbers, which wrap around. Narrow integers
+// are widened to uint32_t first: otherwise they would be promoted to int, which does not wrap.
 template <class T, class Combine>
 T wrapped(T d, T s, Combine combine) {
   using Unsigned = std::make_unsigned_t<Lane<T>>;
@@ -180,7 +180,7 @@ struct Minimum : Rule<Identity::Highest, Types::AllButComplexQuad> {
   }
 };
 
-// Both operands are always looked at: flags do not depend on the first.
+// Both operands are always compared with 0, so that the flags do not depend on the first.
 struct LogicalAnd : Rule<Identity::One, Types::AllButQuads> {
   template <class T>
   static T apply(T d, T s) {
@@ -230,8 +230,8 @@ struct NotEqual : Rule<Identity::Zero, Types::AllButQuads> {
   }
 };
 
-// The baseline has no vector instruction for these on 64-bit integers; what stands in for one takes
-// longer than the elements one by one.
+// The baseline has no vector instruction for these on 64-bit integers. A sequence in place of one
+// takes longer than the elements one by one.
 template <class T, class Operation>
 inline constexpr bool one_by_one =
     is_integer<T> && sizeof(T) == 8 &&

@@ -27,7 +27,7 @@ inline constexpr bool is_complex = false;
 template <class T>
 inline constexpr bool is_complex<Complex<T>> = true;
 
-// Arrays have whatever alignment they have: their elements are read and written bytewise.
+// Arrays may have any alignment, so elements are read and written as bytes.
 template <class T>
 T load(const void* array, std::uint64_t index) {
   T element;
