@@ -45,9 +45,7 @@ inline bool l_is_known() {
 // line so that the usual way, through l_is_known(), holds no call of the detection.
 template <const auto& variants, class... Arguments>
 [[gnu::cold, gnu::noinline]] auto call_variant(Arguments... arguments) {
-  FeatureSet features;
-  read_features(features);
-  return choose(variants, features).choice(arguments...);
+  return choose(variants, {feature_word(), 0}).choice(arguments...);
 }
 
 // The arithmetic entry points.
