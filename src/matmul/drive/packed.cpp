@@ -96,16 +96,23 @@ void each_chunk(const Product<double>& x, Body body) {
   }
 }
 
-void multiply_tiles(const Product<double>& x, const Scratch& scratch, Size columns_per_pass) {
+// Complete groups of four rows and columns. Returns false, with nothing done, if there is no
+// scratch.
+bool multiply_tiles(const Product<double>& x, Size columns_per_pass) {
+  const Kernels& kernels = chosen_kernels();
   const Finish first = x.k % packed_tile == 0 ? Finish::store : Finish::plus_zero;
-  const bool packed_tiles = chosen_kernels().packed_tiles;
-  // One chunk, a few rows: the portable product sums in the same order, and packs less.
-  if (packed_tiles && x.k <= depth_chunk && x.m <= row_chunk) {
-    BlockedProduct(chosen_kernels().r8, x, {Start::zero, first}).run();
-    return;
+  // One chunk, a few rows: the portable product sums in the same order, packs less, and does
+  // without the scratch, which takes longer to get from some systems than small products take.
+  if (kernels.packed_tiles && x.k <= depth_chunk && x.m <= row_chunk) {
+    BlockedProduct(kernels.r8, x, {Start::zero, first}).run();
+    return true;
+  }
+  const Scratch scratch(columns_per_pass);
+  if (!scratch) {
+    return false;
   }
   const MultiplyChunk multiply_chunk =
-      packed_tiles ? multiply_chunk_in_panels : multiply_chunk_exported;
+      kernels.packed_tiles ? multiply_chunk_in_panels : multiply_chunk_exported;
   for (Size j = 0; j < x.n; j += columns_per_pass) {
     const Product<double> pass{
         x.a, x.b.from(0, j), x.p.from(0, j), x.m, min(x.n - j, columns_per_pass), x.k};
@@ -113,19 +120,17 @@ void multiply_tiles(const Product<double>& x, const Scratch& scratch, Size colum
       multiply_chunk(chunk, is_first ? first : Finish::add_old, scratch);
     });
   }
+  return true;
 }
 
 // x is large enough to be packed. Returns false, with nothing done, if there is no scratch.
 // Separate, so that small products do not pay for its frame.
 [[gnu::noinline]] bool multiply_packed(const Product<double>& x) {
-  const Size columns_per_pass = min(x.n, column_panel);
-  const Scratch scratch(columns_per_pass);
-  if (!scratch) {
-    return false;
-  }
   const Size rows = round_down(x.m, packed_tile);
   const Size columns = round_down(x.n, packed_tile);
-  multiply_tiles({x.a, x.b, x.p, rows, columns, x.k}, scratch, columns_per_pass);
+  if (!multiply_tiles({x.a, x.b, x.p, rows, columns, x.k}, min(x.n, column_panel))) {
+    return false;
+  }
   if (rows < x.m) {
     each_chunk({x.a.from(rows, 0), x.b, x.p.from(rows, 0), x.m - rows, columns, x.k},
                [](const Product<double>& chunk, bool is_first) {
