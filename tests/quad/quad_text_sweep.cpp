@@ -17,7 +17,7 @@ Value bits_of_text(const std::string& text) {
 }
 
 // The significant digits, as they stand.
-std::string figures(std::string text) {
+[[maybe_unused]] std::string figures(std::string text) {
   text.resize(std::min(text.find('e'), text.size()));
   std::erase(text, '.');
   text.erase(0, text.find_first_not_of("-0"));
