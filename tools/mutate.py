@@ -31,7 +31,7 @@ import time
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 TABLE = TOP / "tools/mutations.txt"
-PARTS = ["CMakeLists.txt", "CMakePresets.json", "cmake", "examples", "include", "src", "tests",
+PARTS = ["bench", "CMakeLists.txt", "CMakePresets.json", "cmake", "examples", "include", "src", "tests",
          "tools", "LICENSE", "README.md", "CONTRIBUTING.md"]
 # What a defect is tried with, whatever the defaults are. A defect may well leave a name unused.
 OPTIONS = ["-DCMAKE_BUILD_TYPE=Release", "-DKSOMD_OPTIMIZE=1", "-DKSOMD_TESTS=ON",

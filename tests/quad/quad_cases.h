@@ -17,7 +17,7 @@ __extension__ using Value =
 
 // Types have the letters that the names give them, and capital ones for pairs in memory:
 //   q quad   l 80 bits   d double   f float   j, k int64, uint64   i, u int32, uint32
-//   s int16   c int8   Q, D, F two quads, doubles, floats   m a rounding argument
+//   s int16   c int8   Q, D, F two quads, doubles, floats   m a rounding mode
 struct Type {
   char letter;
   bool is_pair() const { return letter < 'a'; }
@@ -43,7 +43,7 @@ struct Routine {
     return operation != ':' && (result == "Q" || arguments.size() == 4);
   }
 };
-const std::vector<Routine>& routines();
+extern const std::vector<Routine> routines;
 
 struct Format {
   int digits, lowest, largest;  // the exponents of the lowest and the highest bit
@@ -187,7 +187,7 @@ inline Value source(Random& random, char from, char to) {
 
 // ---- what ought to come of them -----------------------------------------------------------------
 // By the compiler's own quad type, whose run-time library rounds in all modes and raises flags, and
-// by MPFR.
+// by the C library's texts.
 
 #ifdef _WIN32
 constexpr bool has_judge = false;  // there is neither
@@ -195,8 +195,7 @@ constexpr bool has_judge = false;  // there is neither
 constexpr bool has_judge = true;
 #endif
 
-Effect expected(const Routine& routine, const Value (&operands)[4], std::uint64_t mode,
-                std::int32_t rounding);
+Effect expected(const Routine& routine, const Value (&operands)[4], std::uint64_t mode);
 
 // Of finite numbers: the text d.ddde+12 of so many digits, or the shortest, and the exact text of
 // the middle between a positive number and the next.

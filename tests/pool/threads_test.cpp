@@ -7,9 +7,13 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <numeric>
 #include <thread>
 
+#include "ksomd/pool.h"
 #include "pool/allocator.h"
+#include "support/entry.h"
+#include "support/single_step.h"
 #include "support/sweep.h"
 
 namespace ksomd::test {
@@ -27,33 +31,26 @@ class Conductor {
   // False if the bodies came to wait for each other.
   bool run(int preemptions, const Bodies& bodies) {
     preemptions_left_ = preemptions;
+    waits_left_ = 1000;
     position_ = 0;
     ready_.clear();
-    for (std::size_t i = 0; i < bodies.size(); ++i) {
-      Strand& strand = strands_[i];
-      strand.body = &bodies[i];
+    for (const auto& body : bodies) {
+      Strand& strand = strands_[ready_.size()];
+      strand.body = &body;
       getcontext(&strand.context);
-      strand.context.uc_stack.ss_sp = strand.stack.data();
-      strand.context.uc_stack.ss_size = strand.stack.size();
+      strand.context.uc_stack.ss_sp = strand.stack;
+      strand.context.uc_stack.ss_size = sizeof strand.stack;
       strand.context.uc_link = &home_;
-      makecontext(&strand.context, [] { (*active->running_->body)(); }, 0);
+      makecontext(&strand.context, [] { (*active->ready_[0]->body)(); }, 0);
       ready_.push_back(&strand);
     }
     active = this;
-    next_ = choose(ready_.size());
-    for (waits_ = 0; !ready_.empty() && waits_ < 1000;) {
-      running_ = ready_[next_];
-      ready_.erase(ready_.begin() + static_cast<std::ptrdiff_t>(next_));
-      done_ = true;
-      swapcontext(&home_, &running_->context);
-      if (!done_) {
-        ready_.push_back(running_);
-      } else if (!ready_.empty()) {
-        next_ = choose(ready_.size());
-      }
+    for (; !ready_.empty() && waits_left_ > 0; ready_.erase(ready_.begin())) {
+      std::swap(ready_[0], ready_[choose()]);
+      swapcontext(&home_, &ready_[0]->context);
     }
     active = nullptr;
-    return ready_.empty();
+    return waits_left_ > 0;
   }
 
   // Goes on to the next schedule in depth-first order; false after the last one.
@@ -66,47 +63,42 @@ class Conductor {
 
   // Before an access to shared memory.
   void step() {
-    if (const std::size_t n = preemptions_left_ > 0 ? choose(ready_.size() + 1) : 0; n > 0) {
+    if (const std::size_t next = preemptions_left_ > 0 ? choose() : 0; next > 0) {
       --preemptions_left_;
-      hand_over(n - 1);
+      hand_over(next);
     }
   }
 
-  // The running body cannot go on until another one has run: the one that has waited longest.
-  void wait() {
-    ++waits_;
-    hand_over(0);
-  }
+  // The running body cannot go on until another one has run.
+  void wait() { --waits_left_ > 0 ? hand_over(1) : static_cast<void>(setcontext(&home_)); }
 
  private:
   struct Strand {
-    ucontext_t context{};
-    std::vector<char> stack = std::vector<char>(std::size_t{64} * 1024);
-    const std::function<void()>* body = nullptr;
+    ucontext_t context;
+    char stack[64 * 1024];
+    const std::function<void()>* body;
   };
   struct Decision {
     std::size_t chosen, options;
   };
 
-  std::size_t choose(std::size_t options) {
+  std::size_t choose() {
     if (position_ == path_.size()) {
-      path_.push_back({0, options});
+      path_.push_back({0, ready_.size()});
     }
     return path_[position_++].chosen;
   }
-  void hand_over(std::size_t n) {
-    next_ = n;
-    done_ = false;
-    swapcontext(&running_->context, &home_);
+  void hand_over(std::size_t next) {
+    Strand* const running = ready_[0];
+    std::ranges::rotate(ready_, ready_.begin() + static_cast<std::ptrdiff_t>(next));
+    swapcontext(&running->context, &ready_[0]->context);
   }
 
   std::vector<Decision> path_;
-  std::size_t position_ = 0, next_ = 0;
-  int preemptions_left_ = 0, waits_ = 0;
-  bool done_ = false;
-  Strand strands_[3];
-  std::vector<Strand*> ready_;  // all that can run but the running one
-  Strand* running_ = nullptr;
+  std::size_t position_ = 0;
+  int preemptions_left_ = 0, waits_left_ = 0;
+  Strand strands_[3] = {};
+  std::vector<Strand*> ready_;  // the first one runs
   ucontext_t home_{};
 };
 
@@ -140,79 +132,68 @@ bool all_bytes(const void* block, std::size_t bytes, unsigned char value) {
   return first[0] == value && std::memcmp(first, first + 1, bytes - 1) == 0;
 }
 
-// What threads do: t takes a block, T one of another size and always of malloc's kind, a digit
-// frees the block of that number. A thread counts the blocks taken before it starts, then its own.
+// What threads do: t takes a zeroed block, T any block of another size, a digit frees the block of
+// that number. A thread counts the blocks taken before it starts, then its own.
 struct Scenario {
-  int preemptions, most_pools;
-  std::size_t pools_before;
+  int preemptions;
+  std::size_t most_pools, pools_before;
   const char* before = "";
   std::vector<const char*> threads;
 };
 
 class Stage {
  public:
-  Stage(const Scenario& scenario, Kind kind) {
+  explicit Stage(const Scenario& scenario) {
     World::used = 0;
+    std::size_t sizes[51] = {};
+    std::iota(sizes, sizes + 50, size);
+    allocator.set_sizes(sizes, Kind::Malloc);
+    allocator.set_sizes(sizes, Kind::Calloc);
     for (std::size_t i = 1; i <= scenario.pools_before; ++i) {
-      set_sizes({size + i, 0}, Kind::Malloc);
-      take(size + i, Kind::Malloc);
+      take(size + i);
     }
-    set_sizes({size, 2 * size, 0}, Kind::Malloc);
-    set_sizes({size, 0}, Kind::Calloc);
     std::vector<void*> blocks;
-    act(scenario.before, kind, blocks);
+    act(scenario.before, blocks);
     for (const char* const script : scenario.threads) {
-      bodies.emplace_back([=, this]() mutable { act(script, kind, blocks); });
+      bodies.emplace_back([=, this]() mutable { act(script, blocks); });
     }
   }
 
-  // With no call in progress: "" if everything is as it must be.
-  std::string_view verdict(int most_pools) const {
-    std::int64_t out = 0, pooled = 0;
-    int pools = 0;
-    for (const __i_pool_desc* p = allocator.newest_pool(); p != nullptr; p = p->next, ++pools) {
-      out += p->next_index - std::int64_t{p->freed};
-      pooled += std::count_if(held_.begin(), held_.end(), [p](const void* block) {
-        return p->base != nullptr && p->base <= block && block <= p->last;
-      });
+  // With no call in progress.
+  void check(std::size_t most_pools) const {
+    std::size_t out = 0, pools = 0;
+    for (const auto* pool = allocator.newest_pool(); pool != nullptr; pool = pool->next, ++pools) {
+      out += static_cast<std::uint32_t>(pool->next_index) - pool->freed;
     }
-    const char* const broken = allocator.broken_invariant();
-    return fault_ != nullptr    ? fault_
-           : out != pooled      ? "blocks held = next_index - freed"
-           : pools > most_pools ? "a pool too many"
-           : broken != nullptr  ? broken
-                                : "";
+    EXPECT_EQ(out, held_.size()) << "blocks held = next_index - freed";
+    EXPECT_LE(pools, most_pools);
+    EXPECT_STREQ(allocator.broken_invariant(), nullptr);
   }
 
   pool::Allocator<World> allocator{};
   Conductor::Bodies bodies;
 
  private:
-  void set_sizes(std::initializer_list<std::size_t> sizes, Kind kind) {
-    allocator.set_sizes(sizes.begin(), kind);
-  }
-  void* take(std::size_t bytes, Kind kind) {
-    void* const block =
-        kind == Kind::Malloc ? allocator.allocate(bytes) : allocator.allocate_zeroed(1, bytes);
-    fault_ = !held_.insert(block).second                           ? "block handed out twice"
-             : kind == Kind::Calloc && !all_bytes(block, bytes, 0) ? "block not zero"
-                                                                   : fault_;
+  void* take(std::size_t bytes) {
+    const bool zeroed = bytes == size;
+    void* const block = zeroed ? allocator.allocate_zeroed(1, bytes) : allocator.allocate(bytes);
+    EXPECT_TRUE(held_.insert(block).second) << "block handed out twice";
+    EXPECT_TRUE(!zeroed || all_bytes(block, bytes, 0)) << "block not zero";
     return std::memset(block, 0x77, bytes);
   }
-  void act(const char* script, Kind kind, std::vector<void*>& blocks) {
+  void act(const char* script, std::vector<void*>& blocks) {
     for (; *script != 0; ++script) {
       if (*script == 't' || *script == 'T') {
-        blocks.push_back(*script == 't' ? take(size, kind) : take(2 * size, Kind::Malloc));
+        blocks.push_back(take(*script == 't' ? size : size + 1));
       } else {
         void* const block = blocks[static_cast<std::size_t>(*script - '0')];
-        fault_ = all_bytes(block, size, 0x77) ? fault_ : "contents lost";
+        EXPECT_TRUE(all_bytes(block, size, 0x77)) << "contents lost";
         held_.erase(block);
         allocator.release(block);
       }
     }
   }
 
-  const char* fault_ = nullptr;
   std::set<const void*> held_;
 };
 
@@ -231,34 +212,34 @@ TEST(PoolInterleaving, EveryScheduleKeepsTheInvariants) {
       {2, 2, 0, "tt", {"0", "1", "tt"}},    // last two frees against allocations
       {3, 3, 0, "", {"tt01tt23", "t0"}},    // two lives of a region within a call
   };
-  for (const Kind kind : {Kind::Malloc, Kind::Calloc}) {
-    for (const Scenario& scenario : scenarios) {
-      Conductor conductor;
-      int count = 0;
-      do {
-        Stage stage(scenario, kind);
-        const int preemptions = scenario.preemptions + (full_length() ? 1 : 0);
-        ASSERT_EQ(conductor.run(preemptions, stage.bodies) ? stage.verdict(scenario.most_pools)
-                                                           : "they wait for each other",
-                  "")
-            << "row " << &scenario - scenarios << ", kind " << static_cast<int>(kind)
-            << ", schedule " << count;
-        ++count;
-      } while (conductor.advance());
-    }
+  for (const Scenario& scenario : scenarios) {
+    Conductor conductor;
+    int count = 0;
+    do {
+      Stage stage(scenario);
+      const bool ended = conductor.run(scenario.preemptions + full_length(), stage.bodies);
+      stage.check(scenario.most_pools);
+      ASSERT_TRUE(ended && !HasFailure())
+          << "row " << &scenario - scenarios << ", schedule " << count;
+      ++count;
+    } while (conductor.advance());
   }
 }
 
 // For the thread sanitizer, and for what a processor does to the order of accesses.
-TEST(PoolThreads, BlocksKeepTheirContents) {
-  Stage stage({}, Kind::Malloc);
+TEST(PoolThreads, BlocksKeepTheirContentsAndTheLockLetsOneIn) {
+  const auto fast_lock = entry<decltype(__fast_lock)>("__fast_lock");
+  const auto fast_unlock = entry<decltype(__fast_unlock)>("__fast_unlock");
+  constexpr int turns = sanitized ? 10'000 : 100'000;
+  Stage stage({});
   std::vector<std::thread> threads;
   std::atomic<int> lost = 0;
+  int words[] = {-1, 0, -1}, entered = 0, intruders = 0;
   for (unsigned char thread = 1; thread <= 6; ++thread) {
     threads.emplace_back([&, thread] {
       Random random(seed_of(thread));
       void* blocks[8] = {};
-      for (int i = 0; i < (sanitized ? 10'000 : 100'000); ++i) {
+      for (int i = 0; i < turns; ++i) {
         void*& block = blocks[random.below(8)];
         if (block == nullptr) {
           block = random.one_in(2) ? stage.allocator.allocate(size)
@@ -268,13 +249,37 @@ TEST(PoolThreads, BlocksKeepTheirContents) {
           lost += !all_bytes(block, size, thread);
           stage.allocator.release(std::exchange(block, nullptr));
         }
+        fast_lock(&words[1]);
+        intruders += __atomic_load_n(&words[1], __ATOMIC_RELAXED) != 1;
+        ++entered;
+        fast_unlock(&words[1]);
       }
       std::ranges::for_each(blocks, [&](void* block) { stage.allocator.release(block); });
     });
   }
-  std::ranges::for_each(threads, [](std::thread& thread) { thread.join(); });
-  EXPECT_EQ(lost, 0);
-  EXPECT_EQ(stage.verdict(50), "");
+  std::ranges::for_each(threads, &std::thread::join);
+  stage.check(50);
+  EXPECT_TRUE(lost == 0 && entered == 6 * turns && intruders == 0)
+      << lost << " blocks lost, " << entered << " turns inside, " << intruders << " intruders";
+  EXPECT_TRUE(words[0] == -1 && words[1] == 0 && words[2] == -1);
+}
+
+// Callers count on it: their earlier stores are visible before any of their later loads. An
+// exchange with memory orders them, and so does any instruction with a lock prefix.
+TEST(FastLock, UnlockIsAFullBarrier) {
+  if (!can_single_step()) {
+    GTEST_SKIP() << "this processor or emulator does not single-step";
+  }
+  static int lock = 1;
+  bool barrier = false;
+  single_step([](void*) { __fast_unlock(&lock); },
+              [](const std::uint8_t* next, void* found) {
+                const std::uint8_t* const opcode = (*next & 0xF0) == 0x40 ? next + 1 : next;
+                const bool exchange = *opcode == 0x87 && opcode[1] >> 6 != 3;
+                *static_cast<bool*>(found) |= exchange || *next == 0xF0;
+              },
+              &barrier);
+  EXPECT_TRUE(barrier && lock == 0);
 }
 
 }  // namespace
