@@ -66,15 +66,12 @@ extern "C" [[noreturn]] inline void library_exit(int status) __asm__("__wrap_exi
 }
 
 // What a call writes, and "(ends)" if it ends the process with status 1; it goes on all the same.
-template <class Call>
-std::string outcome(const Call& call) {
+inline std::string outcome(const std::function<void()>& call) {
   testing::internal::CaptureStdout();
   std::jmp_buf target;
   exit_target = &target;
   const bool ended = setjmp(target) != 0;
-  if (!ended) {
-    call();
-  }
+  ended ? void() : call();
   exit_target = nullptr;
   return testing::internal::GetCapturedStdout() + (ended ? "(ends)" : "");
 }
