@@ -45,12 +45,7 @@ inline void watch(const std::function<void()>& call,
 #ifdef _WIN32
   call();
 #else
-  std::pair both{&call, &observe};
-  using Both = decltype(both);
-  single_step(
-      [](void* pair) { (*static_cast<Both*>(pair)->first)(); },
-      [](const std::uint8_t* next, void* pair) { (*static_cast<Both*>(pair)->second)(next); },
-      &both);
+  single_step(call, observe);
 #endif
 }
 
