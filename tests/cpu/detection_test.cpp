@@ -93,22 +93,11 @@ bool is_present(const Feature& f, SyntheticProcessor& p, const std::string& disa
   return holds && f.report != "-" && (f.lower.empty() || !named);
 }
 
-// A processor of such words.
-SyntheticProcessor processor_of(const std::function<std::uint32_t()>& word) {
-  SyntheticProcessor p;
-  p.xcr0_low = word();
-  for (const auto& [leaf, subleaf] : leaves) {
-    p.at(leaf, subleaf) = {word(), word(), word(), word()};
-  }
-  p.set_vendor(genuine_vendor);
-  return p;
-}
-
 TEST(Detection, OfRandomProcessorsAndLists) {
   static Operand text(4096);  // the variable's value ends at a page that faults
   Random random(seed_of(1));
   for (int round = 0; round < (full_length() ? 200'000 : 4000); ++round) {
-    SyntheticProcessor p = processor_of([&random, density = random.below(6)] {
+    SyntheticProcessor p = SyntheticProcessor::of_words([&random, density = random.below(6)] {
       std::uint64_t word = 0;
       for (std::uint64_t i = 0; i < density; ++i) {
         word |= random.next();
@@ -158,7 +147,7 @@ TEST(Sets, ArePublishedGatedFirstAndWordZeroLast) {
   putenv(const_cast<char*>("ORVEX_ISA_DISABLE=avx2,amx-tile"));
   for (const bool gated : {false, true}) {
     for (const bool genuine : {false, true}) {
-      SyntheticProcessor p = processor_of([] { return ~0u; });
+      SyntheticProcessor p = SyntheticProcessor::of_words([] { return ~0u; });
       p.at(0).ebx ^= genuine ? 0 : 1;
       const Detection found = detect_features(p.processor(), "avx2,amx-tile", false);
       const auto& [low, high] = found.features;
@@ -292,9 +281,9 @@ TEST(Caches, OfRandomProcessorsAreGatheredByTheFirstUser) {
     const CacheInfo info = expected_caches(p, genuine && p.cpuid_exists);
     install(p.processor());
     const bool none = cache_size(0) + cache_size(4) + cache_size(~0u) == 0 && p.asked.empty();
-    const auto& [first, second, third] = info.level;
-    const bool same = cache_size(1) == first.size_kib && cache_size(2) == second.size_kib &&
-                      cache_size(3) == third.size_kib;
+    const bool same = cache_size(1) == info.level[0].size_kib &&
+                      cache_size(2) == info.level[1].size_kib &&
+                      cache_size(3) == info.level[2].size_kib;
     const CacheInfo found = process_caches();
     ASSERT_TRUE(none && same && std::memcmp(&found, &info, sizeof found) == 0 &&
                 p.times_asked(2) <= 4)

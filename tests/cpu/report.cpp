@@ -88,10 +88,11 @@ bool walked;
 std::uintptr_t caller;
 
 // A walk of the stack from inside detection must come back to the caller of this.
-[[gnu::noinline]] void call_from_here(Entry entry) {
+[[gnu::noinline]] bool is_walked(Entry entry) {
   caller = reinterpret_cast<std::uintptr_t>(__builtin_return_address(0));
   walked = false;
   entry();
+  return walked && misaligned == 0;
 }
 
 CpuidResult destroy_registers(const void*, std::uint32_t leaf, std::uint32_t subleaf) {
@@ -127,8 +128,7 @@ TEST(FillEntry, KeepsEveryRegisterAndAStackThatCanBeWalked) {
     EXPECT_EQ(static_cast<std::int32_t>(after.general[0]), 0) << "the result";
     after.general[0] = before.general[0];
     ASSERT_EQ(std::bit_cast<decltype(words)>(after), words) << "the words of a RegisterFile";
-    call_from_here(entry);
-    ASSERT_TRUE(walked && misaligned == 0);
+    ASSERT_TRUE(is_walked(entry));
   }
   install();
 }
