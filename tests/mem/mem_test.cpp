@@ -140,9 +140,9 @@ TEST(TuningValues, FollowTheProcessor) {
   for (const auto& row : rows) {
     SyntheticProcessor table;
     table.set_vendor(row.vendor);
-    table.reg(1, 0, 'd') = row.features;
-    table.reg(0x80000000, 0, 'a') = row.extended;
-    table.reg(l2_leaf, 0, 'c') = row.l2_register;
+    table.at(1).edx = row.features;
+    table.at(0x80000000).eax = row.extended;
+    table.at(l2_leaf).ecx = row.l2_register;
     const CacheInfo caches = caches_of(row.vendor == genuine_vendor, row.leaf, row.caches);
     EXPECT_EQ(text_of(mem::derive_tuning(table.processor(), caches)), text_of(row.expected))
         << "row " << &row - rows;
@@ -200,16 +200,14 @@ std::string asked(const SyntheticProcessor& from, const std::string& request) {
 }
 
 TEST(TuningValues, FollowARequestAndRefuseWhatIsNone) {
-  // Caches of 32 KiB, 1 MiB and 16 MiB, in the leaf that describes one in each subleaf.
+  // Caches of 32 KiB and 16 MiB, in the leaf that describes one in each subleaf.
   const auto with_caches = [](const char* vendor, std::uint32_t leaf) {
     SyntheticProcessor processor;
     processor.set_vendor(vendor, 0x10);
     processor.at(1).edx = sse2 | mmx;
     processor.at(0x80000000).eax = 0x80000020;
     processor.at(leaf, 0) = {1u << 5 | 1, 7u << 22 | 63, 63, 0};
-    processor.at(leaf, 1) = {1u << 5 | 2, 7u << 22 | 63, 63, 0};
-    processor.at(leaf, 2) = {2u << 5 | 3, 15u << 22 | 63, 1023, 0};
-    processor.at(leaf, 3) = {3u << 5 | 3, 15u << 22 | 63, 16383, 0};
+    processor.at(leaf, 1) = {3u << 5 | 3, 15u << 22 | 63, 16383, 0};
     return processor;
   };
   const SyntheticProcessor other = with_caches("SomebodyElse", 0x8000001D);

@@ -217,7 +217,8 @@ TEST_F(Method, StreamingStoresWriteWholeLinesPastTheCache) {
         (line == 64 ? __libkso_nontemporal_store_512 : __libkso_nontemporal_store_256)(context, n,
                                                                                        1);
       });
-      ASSERT_TRUE(last[NonTemporalStore] == (n < 4 * line ? 0 : n / line) && last[StoreFence] == 0)
+      ASSERT_TRUE(last[NonTemporalStore] == (n < 4 * line ? 0 : n / line) &&
+                  last[StoreFence] == 0 && last[ZeroUpper] == 1)
           << n << " bytes in lines of " << line;
     }
   }

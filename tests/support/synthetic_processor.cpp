@@ -37,18 +37,19 @@ int SyntheticProcessor::times_asked(std::uint32_t leaf, std::uint32_t subleaf) c
 
 std::string SyntheticProcessor::describe() const {
   std::ostringstream text;
+  text << std::hex << "p.xcr0_low = 0x" << xcr0_low << ';';
   const auto print = [&text](const CpuidResult& r) {
-    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << "}, ";
+    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << "}); ";
   };
-  text << std::hex << "p.xcr0_low = 0x" << xcr0_low << "; p.leaf_2 = {";
-  std::ranges::for_each(leaf_2, print);
-  text << "}; p.answers = {";
   for (const auto& [leaf, result] : answers) {
-    text << "{0x" << leaf << ", ";
+    text << " p.answers.emplace(0x" << leaf << ", CpuidResult";
     print(result);
-    text << "}, ";
   }
-  return text.str() + "};";
+  for (const CpuidResult& result : leaf_2) {
+    text << " p.leaf_2.push_back(";
+    print(result);
+  }
+  return text.str();
 }
 
 Processor SyntheticProcessor::processor() const {
