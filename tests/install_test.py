@@ -80,7 +80,7 @@ class Installation:
         documents = self.prefix / "share" / "doc" / "ksomd"
         for name in ("share/doc/ksomd/LICENSE", "include/ksomd/matmul.f90",
                      "include/ksomd/libksomd.def", "share/man/man1/ksomd-info.1"):
-            if (self.prefix / name).stat().st_size == 0:
+            if not (self.prefix / name).read_bytes():
                 sys.exit(f"{name} is empty")
         for page in (TOP / "README.md", *(TOP / "docs").rglob("*.md")):
             if page.exists() and not (documents / page.relative_to(TOP)).exists():
@@ -111,34 +111,32 @@ class Installation:
     def plain_clients(self):
         """With -lksomd alone, with what pkg-config says, with nothing shared, with the archive."""
         include, linked = f"-I{self.prefix}/include", [f"-L{self.libraries}", "-lksomd"]
-        module, both = f"-J{self.scratch}", ("client.c", "client.cpp")
-        with_package = self.pkg_config("--libs")
-        roads = [
-            ("linked", both, [include], linked),
-            ("pkgconfig", both, self.pkg_config("--cflags"), with_package),
-            ("standalone", both, ["-static", *self.pkg_config("--static", "--cflags")],
-             self.pkg_config("--static", "--libs")),
-            ("archive", both[:1], [include], [self.libraries / "libksomd.a"]),
-            ("linked", ["client.f90"], [module, self.prefix / "include/ksomd/matmul.f90"], linked),
-            ("pkgconfig", ["client.f90"], [module, *self.pkg_config("--variable=fortran_sources")],
-             with_package)]
-        commands = {"client.c": [[c] for c, _ in self.compilers],
-                    "client.cpp": [[cpp, "-std=c++20"] for _, cpp in self.compilers],
-                    "client.f90": [] if self.toolchain else [["gfortran"]]}
-        for road, sources, flags, libraries in roads:
-            for source in sources:
-                for command in commands[source]:
-                    self.client(f"{road}_{source}_{pathlib.Path(command[0]).name}", *command,
-                                *flags, SOURCES / source, *libraries)
+        static, with_package = self.pkg_config("--static", "--libs"), self.pkg_config("--libs")
+        roads = {"linked": ([include], linked),
+                 "pkgconfig": (self.pkg_config("--cflags"), with_package),
+                 "standalone": (["-static", *self.pkg_config("--static", "--cflags")], static),
+                 "archive": ([include], [self.libraries / "libksomd.a"])}
+        for road, (flags, libraries) in roads.items():
+            for c, cpp in self.compilers:
+                self.client(f"{road}_{pathlib.Path(c).name}", c, *flags, SOURCES / "client.c",
+                            *libraries)
+                if road != "archive":
+                    self.client(f"{road}_{pathlib.Path(cpp).name}", cpp, "-std=c++20", *flags,
+                                SOURCES / "client.cpp", *libraries)
+        modules = ([self.prefix / "include/ksomd/matmul.f90"], linked), (
+            self.pkg_config("--variable=fortran_sources"), with_package)
+        for sources, libraries in () if self.toolchain else modules:
+            self.client("fortran", "gfortran", f"-J{self.scratch}", *sources,
+                        SOURCES / "client.f90", *libraries)
 
     def small_client(self):
         """Who adds two quads gets what that takes, and no more."""
-        sizes = [self.client(f"sum{len(options)}", self.compilers[0][0], "-s",
-                             f"-I{self.prefix}/include", SOURCES / "sum.c", *options).stat().st_size
-                 for options in ([], ["-DWITH_SUM", self.libraries / "libksomd.a"])]
-        print(f"a sum of two quads: {sizes[1] - sizes[0]} bytes")
-        if not 0 < sizes[1] - sizes[0] < LARGEST_SUM:
-            sys.exit("too many, or none")
+        without, with_sum = (
+            self.client(f"sum{len(options)}", self.compilers[0][0], "-s",
+                        f"-I{self.prefix}/include", SOURCES / "sum.c", *options).stat().st_size
+            for options in ([], ["-DWITH_SUM", self.libraries / "libksomd.a"]))
+        if not 0 < with_sum - without < LARGEST_SUM:
+            sys.exit(f"a sum of two quads has {with_sum - without} bytes")
 
     def traced_client(self, tree):
         """A debug build keeps its variables when it gets a trace section."""

@@ -53,7 +53,7 @@ def code_of(path):
     """The text of a source file without its comments; None for any other file."""
     if path.suffix in (".c", ".cpp", ".h", ".hpp", ".S"):
         return without_comments(C_PIECES, path.read_text())
-    if path.suffix == ".f90":
+    if path.suffix.lower() == ".f90" or path.match("tests/matmul/*.inc"):
         return without_comments(FORTRAN_PIECES, path.read_text())
     if path.suffix == ".py":
         return without_comments(PYTHON_PIECES, without_docstrings(path.read_text()))

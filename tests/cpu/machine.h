@@ -45,12 +45,7 @@ inline void watch(const std::function<void()>& call,
 #ifdef _WIN32
   call();
 #else
-  std::pair both{&call, &observe};
-  using Both = decltype(both);
-  single_step(
-      [](void* pair) { (*static_cast<Both*>(pair)->first)(); },
-      [](const std::uint8_t* next, void* pair) { (*static_cast<Both*>(pair)->second)(next); },
-      &both);
+  single_step(call, observe);
 #endif
 }
 
@@ -66,15 +61,12 @@ extern "C" [[noreturn]] inline void library_exit(int status) __asm__("__wrap_exi
 }
 
 // What a call writes, and "(ends)" if it ends the process with status 1; it goes on all the same.
-template <class Call>
-std::string outcome(const Call& call) {
+inline std::string outcome(const std::function<void()>& call) {
   testing::internal::CaptureStdout();
   std::jmp_buf target;
   exit_target = &target;
   const bool ended = setjmp(target) != 0;
-  if (!ended) {
-    call();
-  }
+  ended ? void() : call();
   exit_target = nullptr;
   return testing::internal::GetCapturedStdout() + (ended ? "(ends)" : "");
 }

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <iostream>
 
 #include "cpu/isa_names.h"
 #include "cpu/machine.h"
@@ -60,10 +59,11 @@ KSOMD_CHILD(report) {
              __libkso_nontemporal_store_512);
   std::printf("caches: %u %u %u\n", __cacheSize(1), __cacheSize(2), __cacheSize(3));
   std::printf("core type: %u\n", __detect_cpu_core_type());
-  const mem::Tuning& t = __libkso_mem_tuning;
-  std::cout << "tuning: " << t.largest_cache_size << ' ' << t.copy_nt_threshold << ' ' << t.l1_size
-            << ' ' << t.l1_half << ' ' << t.l1_quarter << ' ' << t.rep_movsb_threshold << ' '
-            << t.avx512_nt_threshold << ' ' << t.rep_stosb_threshold << ' ' << t.mem_class << '\n';
+  std::printf("tuning:");
+  for (const mem::TuningField& field : mem::tuning_fields) {
+    std::printf(" %lld", static_cast<long long>(field.get(__libkso_mem_tuning)));
+  }
+  std::printf("\n");
   return 0;
 }
 
@@ -88,10 +88,11 @@ bool walked;
 std::uintptr_t caller;
 
 // A walk of the stack from inside detection must come back to the caller of this.
-[[gnu::noinline]] void call_from_here(Entry entry) {
+[[gnu::noinline]] bool is_walked(Entry entry) {
   caller = reinterpret_cast<std::uintptr_t>(__builtin_return_address(0));
   walked = false;
   entry();
+  return walked && misaligned == 0;
 }
 
 CpuidResult destroy_registers(const void*, std::uint32_t leaf, std::uint32_t subleaf) {
@@ -127,8 +128,7 @@ TEST(FillEntry, KeepsEveryRegisterAndAStackThatCanBeWalked) {
     EXPECT_EQ(static_cast<std::int32_t>(after.general[0]), 0) << "the result";
     after.general[0] = before.general[0];
     ASSERT_EQ(std::bit_cast<decltype(words)>(after), words) << "the words of a RegisterFile";
-    call_from_here(entry);
-    ASSERT_TRUE(walked && misaligned == 0);
+    ASSERT_TRUE(is_walked(entry));
   }
   install();
 }

@@ -1,5 +1,5 @@
-// Which variant a dispatching entry point takes, ranges whose size is out of the ordinary, and the
-// tuning values.
+// Which variant a dispatching entry point takes, and the tuning values: those that follow from the
+// processor, and those that are asked for.
 #include <algorithm>
 #include <atomic>
 #include <barrier>
@@ -21,12 +21,11 @@ using Context = __libkso_nt_context;
 
 struct DispatchingCase {
   void* slot;
-  std::uint64_t wide_level, narrow_level;
-  const char *wide, *narrow;
+  const char *wide, *narrow;              // the first two variants; the third is not exported
   void (*call)(Byte* to, Context* from);  // brings to `to` the 40 equal bytes behind the context
+  bool streams = std::string_view(wide).starts_with("__lib");
 
-  // Whether a call does what it should and leaves in the slot what the word asks for. The third
-  // variant is not exported.
+  // Whether a call does what it should and leaves in the slot what the word asks for.
   bool takes(std::uint64_t word) const {
     struct {
       Context context;
@@ -37,25 +36,25 @@ struct DispatchingCase {
     std::memset(from.chunk, 0xD5, sizeof from.chunk);
     call(to, &from.context);
     const void* const held = __atomic_load_n(static_cast<void* const*>(slot), __ATOMIC_RELAXED);
-    const bool is_wide = (wide_level & ~word) == 0, is_narrow = (narrow_level & ~word) == 0;
+    const bool is_wide = ((streams ? avx512_level : avx2_level) & ~word) == 0;
+    const bool is_narrow = !is_wide && ((streams ? avx2_level : baseline) & ~word) == 0;
     return std::memcmp(to, from.chunk, sizeof from.chunk) == 0 && to[40] == 0 && held != nullptr &&
-           (held == find_entry(wide)) == is_wide &&
-           (held == find_entry(narrow)) == (is_narrow && !is_wide);
+           (held == find_entry(wide)) == is_wide && (held == find_entry(narrow)) == is_narrow;
   }
 };
 
 const DispatchingCase cases[] = {
-    {&__orvex_fast_memcpy_slot, avx2_level, baseline, "__orvex_avx_rep_memcpy",
-     "__orvex_new_memcpy", [](Byte* to, Context* from) { _orvex_fast_memcpy(to, from + 1, 40); }},
-    {&__orvex_fast_memmove_slot, avx2_level, baseline, "__orvex_avx_memmove", "__orvex_new_memmove",
+    {&__orvex_fast_memcpy_slot, "__orvex_avx_rep_memcpy", "__orvex_new_memcpy",
+     [](Byte* to, Context* from) { _orvex_fast_memcpy(to, from + 1, 40); }},
+    {&__orvex_fast_memmove_slot, "__orvex_avx_memmove", "__orvex_new_memmove",
      [](Byte* to, Context* from) { _orvex_fast_memmove(to, from + 1, 40); }},
-    {&__orvex_fast_memset_slot, avx2_level, baseline, "__orvex_avx_rep_memset",
-     "__orvex_new_memset", [](Byte* to, Context*) { _orvex_fast_memset(to, 0xFD5, 40); }},
-    {&__libkso_nontemporal_store_slot, avx512_level, avx2_level, "__libkso_nontemporal_store_512",
+    {&__orvex_fast_memset_slot, "__orvex_avx_rep_memset", "__orvex_new_memset",
+     [](Byte* to, Context*) { _orvex_fast_memset(to, 0xFD5, 40); }},
+    {&__libkso_nontemporal_store_slot, "__libkso_nontemporal_store_512",
      "__libkso_nontemporal_store_256",
      [](Byte*, Context* from) { __libkso_nontemporal_store(from, 40, 1); }},
-    {&__libkso_nontemporal_store_dynamic_slot, avx512_level, avx2_level,
-     "__libkso_nontemporal_store_dynamic_512", "__libkso_nontemporal_store_dynamic_256",
+    {&__libkso_nontemporal_store_dynamic_slot, "__libkso_nontemporal_store_dynamic_512",
+     "__libkso_nontemporal_store_dynamic_256",
      [](Byte*, Context* from) { __libkso_nontemporal_store_dynamic(from, 40, 1, 0); }},
 };
 
@@ -101,19 +100,6 @@ TEST(Dispatch, RacingFirstCallsAgree) {
     }
     ASSERT_EQ(wrong.load(), 0);
   }
-  EXPECT_EQ(feature_word(), hardware);
-}
-
-// ---- sizes ---------------------------------------------------------------------------------------
-
-// Above the size of a vector a move onto itself touches nothing: the memory need not be there. No
-// more does a comparison.
-TEST(Ranges, MovesOntoThemselvesReturnAtOnce) {
-  const GuardedMemory memory(4096);
-  Byte* const end = memory.end();
-  for (std::size_t n = 32; has_features(needs_avx2) && n < 200'000; n += 1 + n / 40) {
-    ASSERT_TRUE(__orvex_avx_memmove(end, end, n) == end && _orvex_fast_memcmp(end, end, n) == 0);
-  }
 }
 
 // ---- tuning values ------------------------------------------------------------------------------
@@ -143,7 +129,6 @@ TEST(TuningValues, FollowTheProcessor) {
       {"GenuineOrvex", mmx, 0, 0, 22, {1, 3, 2}, known(3, 1, 1)},
       {"GenuineOrvex", sse2, 0, 0, 22, {~0u, 1, ~0u}, known(~0u, ~0u, 2)},
       {"GenuineOrvex", sse2, 0, 0, 22, {0, 1280, 30720}, usual(2)},
-      {"GenuineOrvex", mmx, 0, 0, 22, {0, 0, 0}, usual(1)},
       {"GenuineOrvex", ~(sse2 | mmx), 0, 0, 22, {0, 0, 0}, usual(0)},
       {"GenuineOrvex", sse2 | mmx, 0, 0, 0, {0, 9, 9}, usual(0)},
       {"AuthenticAMD", sse2 | mmx, l2_leaf, 512u << 16 | 0xFFFF, 0, {48, 9, 9}, usual(1, 512)},
@@ -155,51 +140,95 @@ TEST(TuningValues, FollowTheProcessor) {
   for (const auto& row : rows) {
     SyntheticProcessor table;
     table.set_vendor(row.vendor);
-    table.reg(1, 0, 'd') = row.features;
-    table.reg(0x80000000, 0, 'a') = row.extended;
-    table.reg(l2_leaf, 0, 'c') = row.l2_register;
+    table.at(1).edx = row.features;
+    table.at(0x80000000).eax = row.extended;
+    table.at(l2_leaf).ecx = row.l2_register;
     const CacheInfo caches = caches_of(row.vendor == genuine_vendor, row.leaf, row.caches);
-    EXPECT_EQ(values_of(mem::derive_tuning(table.processor(), caches)), values_of(row.expected))
+    EXPECT_EQ(text_of(mem::derive_tuning(table.processor(), caches)), text_of(row.expected))
         << "row " << &row - rows;
   }
-  EXPECT_EQ(values_of({}), values_of(usual(0)));
 }
 
 // Seen by a constructor of this program: the library's own has run before it. The tuning values of
 // many processors are the defaults; that the caches are gathered tells on all of them.
 const std::uint32_t gathered_at_construction = __libkso_cache_info.ready;
-const std::vector<std::uint64_t> tuning_at_construction = values_of(__libkso_mem_tuning);
+const std::string tuning_at_construction = text_of(__libkso_mem_tuning);
 TEST(TuningValues, AreReadyForConstructors) {
   EXPECT_EQ(gathered_at_construction, 1u);
   const CacheInfo caches = gather_caches(hardware_processor);
-  EXPECT_EQ(tuning_at_construction, values_of(mem::derive_tuning(hardware_processor, caches)));
+  EXPECT_EQ(tuning_at_construction, text_of(mem::derive_tuning(hardware_processor, caches)));
 }
 
 // The initialiser itself, on caches as a broken genuine processor reports them.
 KSOMD_CHILD(initialise_again) {
   __libkso_cache_info = caches_of(arguments[0] == "1", 4, {arguments[1] == "1" ? 48u : 0u, 9, 0});
-  __libkso_mem_tuning.l1_size = 77;
+  __libkso_mem_tuning = {.l1_size = 77, .rep_movsb_threshold = 77};
   __libkso_mem_tuning_init();
-  return __libkso_mem_tuning.l1_size == 77 ? 0 : __libkso_mem_tuning.l1_size == 16384 ? 7 : 6;
+  std::printf("%d %d", static_cast<int>(__libkso_mem_tuning.l1_size),
+              static_cast<int>(__libkso_mem_tuning.rep_movsb_threshold));
+  return 0;
 }
 
-TEST(TuningValues, DebugVariableEndsTheProcessWithoutALevelOneCache) {
+TEST(TuningValues, FollowTheEnvironment) {
   const std::string message = text_mode(
       "\nCache size is incorrectly reported as 0. Please engage your hardware and/or OS support to "
       "address the problem.\n\n");
   const struct {
-    const char *genuine, *l1, *variable;
-    int status;
-  } rows[] = {{"1", "", "1", 1},
-              {"1", "", "off", 1},
-              {"1", "", "", 7},
-              {"1", "1", "1", 6},
-              {"", "", "1", 7}};
-  for (const auto& [genuine, l1, variable, status] : rows) {
-    expect_exit(run_child("initialise_again", {genuine, l1}, {{"__ORVEX_LIBKSO_DEBUG", variable}}),
-                status, status == 1 ? message : "");
+    const char *genuine, *l1, *debug, *request;
+    std::string output;
+  } rows[] = {{"1", "", "off", "", message},
+              {"1", "", "", "rep_movsb_threshold=3K", "16384 3072"},
+              {"1", "1", "1", "", "49152 8192"},
+              {"", "", "1", "l1_size=5", "5 8192"}};
+  for (const auto& [genuine, l1, debug, request, output] : rows) {
+    const auto child = run_child("initialise_again", {genuine, l1},
+                                 {{"__ORVEX_LIBKSO_DEBUG", debug}, {"KSOMD_MEM_TUNING", request}});
+    expect_exit(child, output == message ? 1 : 0, output);
   }
-  expect_exit(run_child("initialise_again", {"1", ""}), 7, "");
+  expect_exit(run_child("initialise_again", {"1", ""}), 0, "16384 8192");
+}
+
+// The values that a request asks for, then what of it was refused.
+std::string asked(const SyntheticProcessor& from, const std::string& request) {
+  static std::string refused;
+  refused.clear();
+  const Processor processor = from.processor();
+  const mem::Tuning tuning = mem::requested_tuning(
+      {processor, gather_caches(processor), request.c_str()}, nullptr,
+      [](const char* item, std::size_t length) { refused += '|' + std::string(item, length); });
+  return text_of(tuning) + refused;
+}
+
+TEST(TuningValues, FollowARequestAndRefuseWhatIsNone) {
+  // Caches of 32 KiB and 16 MiB, in the leaf that describes one in each subleaf.
+  const auto with_caches = [](const char* vendor, std::uint32_t leaf) {
+    SyntheticProcessor processor;
+    processor.set_vendor(vendor, 0x10);
+    processor.at(1).edx = sse2 | mmx;
+    processor.at(0x80000000).eax = 0x80000020;
+    processor.at(leaf, 0) = {1u << 5 | 1, 7u << 22 | 63, 63, 0};
+    processor.at(leaf, 1) = {3u << 5 | 3, 15u << 22 | 63, 16383, 0};
+    return processor;
+  };
+  const SyntheticProcessor other = with_caches("SomebodyElse", 0x8000001D);
+  const std::string fixed = text_of(usual(0)), derived = text_of(known(16384, 32, 2));
+  EXPECT_EQ(asked(with_caches("GenuineOrvex", 4), ""), derived);
+  EXPECT_EQ(asked(with_caches("SomebodyElse", 4), "auto"), derived);
+  EXPECT_EQ(asked(with_caches("SomebodyElse", 5), "auto"), fixed);
+  EXPECT_EQ(asked(other, ""), fixed);
+  EXPECT_EQ(asked(other, "auto"), derived);
+  EXPECT_EQ(asked(other, "auto,largest_cache_size=3,l1_quarter=16K,mem_class=1"),
+            "3 8388608 32768 16384 16384 8192 196608 2048 1 ");
+  EXPECT_EQ(asked(other, "copy_nt_threshold=8M,,rep_stosb_threshold=2G,mem_class=2,l1_half=0"),
+            "131072 8388608 16384 0 4096 8192 65536 2147483648 2 ");
+  EXPECT_EQ(asked(other, "l1_size=18446744073709551615,l1_half=16777215G"),
+            "131072 65536 18446744073709551615 18014397435740160 4096 8192 65536 16384 0 ");
+  for (const std::string item :
+       {"Auto", "l1_size", "l1_size=", "l1_size=K", "l1_size=1k", "l1_size=1KB", "l1_size=-1",
+        "l1_size= 1", "l1_size=18446744073709551616", "l1_size=17179869184G", "l1=5", "=5", "=",
+        "mem_class=3", "L1_size=1"}) {
+    EXPECT_EQ(asked(other, item + ",mem_class=1"), text_of(usual(1)) + '|' + item);
+  }
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
-#include <utility>
 #include <vector>
 
 #include "mem/dispatch.h"
@@ -18,8 +16,8 @@
 namespace ksomd::test {
 
 using Byte = unsigned char;
-using mem::CopyRoutine;
-using mem::FillRoutine;
+// Copies and fills alike: the second argument is the address of a source, or a value.
+using AnyRoutine = void*(Byte*, std::uint64_t, std::size_t);
 
 inline constexpr FeatureMask needs_sse2{},
     needs_avx = feature_mask("AVX"), needs_avx2 = needs_avx | feature_mask("AVX2"),
@@ -36,13 +34,7 @@ struct Routine {
   FeatureMask needs;
   Upper upper;
   const char* second_name = name;
-  const void* address = find_entry(name);
-
-  bool available() const { return has_features(needs); }
-  template <class Function>
-  Function* as() const {
-    return reinterpret_cast<Function*>(reinterpret_cast<std::uintptr_t>(address));
-  }
+  AnyRoutine* address = entry<AnyRoutine>(name);
 };
 inline const Routine routines[] = {
     {"_orvex_fast_memcpy", Kind::Copy, needs_sse2, Upper::AsVariant},
@@ -67,16 +59,13 @@ inline const Routine routines[] = {
 
 // Memory between pages that fault, across `boundary` if that is free, and what it should hold.
 struct Range {
-  explicit Range(std::size_t size, std::uintptr_t boundary = 0) {
-    void* const address = boundary == 0 ? nullptr : reinterpret_cast<void*>(boundary - 65536);
-    memory = std::make_unique<GuardedMemory>(size, address);
-    memory = *memory ? std::move(memory) : std::make_unique<GuardedMemory>(size);
-    Random random(size);
-    std::generate(begin(), end(), [&] { return static_cast<Byte>(random.next()); });
+  explicit Range(std::size_t size, std::uintptr_t boundary = 0)
+      : memory(size, reinterpret_cast<void*>(boundary - (boundary == 0 ? 0 : 65536))) {
+    std::generate(begin(), end(), [random = Random(size)]() mutable { return random.next(); });
     expected.assign(begin(), end());
   }
-  Byte* begin() const { return memory->begin(); }
-  Byte* end() const { return memory->end(); }
+  Byte* begin() const { return memory.begin(); }
+  Byte* end() const { return memory.end(); }
   Byte* expected_at(const Byte* place) { return expected.data() + (place - begin()); }
   // A place for n bytes across the boundary if they are few, or less than a line from either end.
   Byte* place(Random& random, std::size_t n) const {
@@ -95,31 +84,31 @@ struct Range {
     return std::memcmp(from, expected_at(from), static_cast<std::size_t>(to - from)) == 0;
   }
 
-  std::unique_ptr<GuardedMemory> memory;
+  GuardedMemory memory;
   std::vector<Byte> expected;
 };
 
 // ---- tuning values ------------------------------------------------------------------------------
 
-inline std::vector<std::uint64_t> values_of(const mem::Tuning& tuning) {
-  static_assert(offsetof(mem::Tuning, mem_class) == 8 * sizeof(std::uint64_t));
-  std::vector<std::uint64_t> values(9, static_cast<std::uint64_t>(tuning.mem_class));
-  std::memcpy(values.data(), &tuning, offsetof(mem::Tuning, mem_class));
-  return values;
+inline std::string text_of(const mem::Tuning& tuning) {
+  std::string text;
+  for (const mem::TuningField& field : mem::tuning_fields) {
+    text += std::to_string(field.get(tuning)) + ' ';
+  }
+  return text;
 }
 
 // Each threshold at random: one below to one above what it takes to switch at `count`, or absurd.
 inline mem::Tuning random_tuning(Random& random, std::size_t count, std::int32_t mem_class) {
-  mem::Tuning tuning{.mem_class = mem_class};
-  std::uint64_t sizes[8];
-  for (std::uint64_t& size : sizes) {
-    size = random.one_in(6) ? random.one_of<std::uint64_t>({0, 1, 1u << 31, 1ull << 62, ~0ull})
-                            : count + random.below(3) - (count != 0 ? 1 : 0);
+  mem::Tuning tuning;
+  for (const mem::TuningField& field : mem::tuning_fields) {
+    const bool absurd = random.one_in(6);
+    field.set(tuning, absurd ? random.one_of<std::uint64_t>({0, 1, 1u << 31, 1ull << 62, ~0ull})
+                             : count + random.below(3) - (count != 0 ? 1 : 0));
   }
-  std::memcpy(static_cast<void*>(&tuning), sizes, sizeof sizes);
-  // Fractions of these count.
-  tuning.l1_size = tuning.l1_size * 16 / 15;
+  tuning.l1_size = tuning.l1_size * 16 / 15;  // fractions of these two count
   tuning.l1_half = tuning.l1_half * 4 / 3;
+  tuning.mem_class = mem_class;
   return tuning;
 }
 
@@ -136,30 +125,28 @@ struct Call {
   std::size_t n;
 
   bool copies() const { return routine.kind == Kind::Copy || routine.kind == Kind::Move; }
+  std::uint64_t second() const {
+    return copies() ? reinterpret_cast<std::uintptr_t>(s) : static_cast<std::uint64_t>(value);
+  }
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Call& c) {
   return out << c.routine.name << " of " << c.n << " bytes to " << c.d - c.target.begin()
              << " from " << c.s - c.source.begin() << (&c.target == &c.source ? " there" : "")
-             << ", value " << c.value << ", tuning "
-             << testing::PrintToString(values_of(__libkso_mem_tuning));
+             << ", value " << c.value << ", tuning " << text_of(__libkso_mem_tuning);
 }
 
 // Ways to run a routine; they add to `wrong` what is not as it should be.
-inline void* run_plainly(const Call& c, std::string&) {
-  return c.copies() ? c.routine.as<CopyRoutine>()(c.d, c.s, c.n)
-                    : c.routine.as<FillRoutine>()(c.d, c.value, c.n);
+[[clang::no_sanitize("function")]] inline void* run_plainly(const Call& c, std::string&) {
+  return c.routine.address(c.d, c.second(), c.n);
 }
 
 // Looks at the registers.
 inline void* run_watched(const Call& c, std::string& wrong) {
   const bool wide = has_features(needs_avx), keeps = c.routine.upper == Upper::Keep;
-  const VectorState width = wide ? VectorState::Ymm : VectorState::Xmm;
   RegisterFile before, after;
-  wrong +=
-      c.copies()
-          ? what_call_changes(width, before, after, c.routine.as<CopyRoutine>(), c.d, c.s, c.n)
-          : what_call_changes(width, before, after, c.routine.as<FillRoutine>(), c.d, c.value, c.n);
+  wrong += what_call_changes(wide ? VectorState::Ymm : VectorState::Xmm, before, after,
+                             c.routine.address, c.d, c.second(), c.n);
   // The routines that keep the upper halves use few registers at most.
   constexpr Byte zero[16] = {};
   for (int i = keeps ? 15 : 0; wide && c.routine.upper != Upper::AsVariant && i < 16; ++i) {
@@ -179,29 +166,9 @@ inline testing::AssertionResult runs_right(const Call& c,
     std::memset(c.target.expected_at(c.d), c.routine.kind == Kind::Zero ? 0 : c.value, c.n);
   }
   std::string wrong;
-  wrong += run(c, wrong) == c.d ? "" : "result ";
-  const bool held = c.target.holds(c.d, c.n) && c.source.holds(c.s, c.copies() ? c.n : 0);
-  wrong += held ? "" : "bytes ";
-  return (wrong.empty() ? testing::AssertionSuccess() : testing::AssertionFailure())
-         << c << ": wrong " << wrong;
+  const bool right = run(c, wrong) == c.d && c.target.holds(c.d, c.n) &&
+                     c.source.holds(c.s, c.copies() ? c.n : 0) && wrong.empty();
+  return testing::AssertionResult(right) << c << ": wrong result, bytes or " << wrong;
 }
-
-// ---- streaming stores ---------------------------------------------------------------------------
-
-// What a streaming store of one chunk does to its context.
-struct StreamedChunk {
-  std::uint64_t head_offset, pending = 0;  // afterwards
-  std::size_t lines = 0;                   // non-temporal stores
-
-  StreamedChunk(std::size_t line, const __libkso_nt_context& before, std::size_t n, bool final)
-      : head_offset(before.head_offset) {
-    if (n >= 4 * line) {
-      n += before.pending - (head_offset == 0 ? 0 : line - head_offset % line);
-      head_offset = 0;
-      lines = n / line;
-      pending = final ? 0 : n % line;
-    }
-  }
-};
 
 }  // namespace ksomd::test

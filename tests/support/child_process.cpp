@@ -34,8 +34,7 @@ constexpr const char* read_mode = "rb";
 constexpr const char *before_command = "\"", *after_command = "\"", *line_end = "\r\n";
 const std::map<int, Ending> endings = {{3, Ending::Abort},
                                        {EXCEPTION_BREAKPOINT, Ending::BreakpointTrap},
-                                       {EXCEPTION_ACCESS_VIOLATION, Ending::AccessViolation},
-                                       {EXCEPTION_ILLEGAL_INSTRUCTION, Ending::IllegalInstruction}};
+                                       {EXCEPTION_ACCESS_VIOLATION, Ending::AccessViolation}};
 
 void set_variable(const std::string& name, const char* value) {
   _putenv_s(name.c_str(), value != nullptr ? value : "");
@@ -51,8 +50,7 @@ constexpr const char* read_mode = "r";
 constexpr const char *before_command = "exec ", *after_command = "", *line_end = "\n";
 const std::map<int, Ending> endings = {{SIGABRT, Ending::Abort},
                                        {SIGTRAP, Ending::BreakpointTrap},
-                                       {SIGSEGV, Ending::AccessViolation},
-                                       {SIGILL, Ending::IllegalInstruction}};
+                                       {SIGSEGV, Ending::AccessViolation}};
 
 void set_variable(const std::string& name, const char* value) {
   value != nullptr ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());

@@ -24,7 +24,7 @@ struct ChildRegistration {
   static const ::ksomd::test::ChildRegistration register_child_##name(#name, child_##name); \
   static int child_##name([[maybe_unused]] const ::ksomd::test::Arguments& arguments)
 
-enum class Ending { Exit, Abort, BreakpointTrap, AccessViolation, IllegalInstruction, Other };
+enum class Ending { Exit, Abort, BreakpointTrap, AccessViolation, Other };
 
 struct ChildResult {
   Ending ending;

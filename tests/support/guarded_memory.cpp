@@ -40,8 +40,10 @@ void release(void* memory, std::size_t size) {
 }  // namespace
 
 GuardedMemory::GuardedMemory(std::size_t size, void* address) : size_((size + 4095) / 4096 * 4096) {
-  auto* const wish = static_cast<unsigned char*>(address);
-  void* const memory = reserve(wish == nullptr ? wish : wish - guard, size_ + 2 * guard);
+  const std::size_t whole = size_ + 2 * guard;
+  void* memory = address == nullptr ? address : static_cast<unsigned char*>(address) - guard;
+  memory = memory == nullptr ? memory : reserve(memory, whole);
+  memory = memory == nullptr ? reserve(nullptr, whole) : memory;
   auto* const first = static_cast<unsigned char*>(memory) + guard;
   first_ = memory != nullptr && open(first, size_) ? first : nullptr;
 }

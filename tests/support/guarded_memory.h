@@ -9,7 +9,7 @@ namespace ksomd::test {
 class GuardedMemory {
  public:
   // At least `size` bytes, rounded up to whole pages; at `address` (a multiple of 65536) if it is
-  // not null.
+  // not null and nothing else lies there.
   explicit GuardedMemory(std::size_t size, void* address = nullptr);
   ~GuardedMemory();
   GuardedMemory(const GuardedMemory&) = delete;

@@ -8,25 +8,24 @@ namespace {
 
 using enum InstructionKind;
 
-// The kinds by their opcode, 0x0F in front of those of the second map, and by bits of the ModRM
+// The kinds by their opcodes, 0x0F in front of those of the second map, and by bits of the ModRM
 // byte. Stores are told from register moves by that byte, too.
 constexpr struct {
-  int opcode;
-  std::uint8_t mask, modrm;
   InstructionKind kind;
+  int opcodes[7];
+  std::uint8_t mask = 0, modrm = 0;
 } kinds[] = {
-    {0xA4, 0, 0, StringMove},          {0xA5, 0, 0, StringMove},
-    {0xAA, 0, 0, StringFill},          {0xAB, 0, 0, StringFill},
-    {0x88, 0, 0, GeneralStore},        {0x89, 0, 0, GeneralStore},
-    {0xC6, 0, 0, GeneralStore},        {0xC7, 0, 0, GeneralStore},
-    {0x0F2B, 0, 0, NonTemporalStore},  {0x0FC3, 0, 0, NonTemporalStore},
-    {0x0FE7, 0, 0, NonTemporalStore},  {0x0F11, 0, 0, VectorStore},
-    {0x0F13, 0, 0, VectorStore},       {0x0F17, 0, 0, VectorStore},
-    {0x0F29, 0, 0, VectorStore},       {0x0F7E, 0, 0, VectorStore},
-    {0x0F7F, 0, 0, VectorStore},       {0x0FD6, 0, 0, VectorStore},
-    {0x0FAE, 0xFF, 0xF8, StoreFence},  {0x0FAE, 0xFF, 0xE8, LoadFence},
-    {0x0F18, 0x38, 0x00, PrefetchNta}, {0x0F18, 0x38, 0x08, PrefetchT0},
-    {0x0F18, 0x38, 0x10, PrefetchT1},  {0x0F77, 0, 0, ZeroUpper},
+    {StringMove, {0xA4, 0xA5}},
+    {StringFill, {0xAA, 0xAB}},
+    {GeneralStore, {0x88, 0x89, 0xC6, 0xC7}},
+    {NonTemporalStore, {0x0F2B, 0x0FC3, 0x0FE7}},
+    {VectorStore, {0x0F11, 0x0F13, 0x0F17, 0x0F29, 0x0F7E, 0x0F7F, 0x0FD6}},
+    {StoreFence, {0x0FAE}, 0xFF, 0xF8},
+    {LoadFence, {0x0FAE}, 0xFF, 0xE8},
+    {PrefetchNta, {0x0F18}, 0x38, 0x00},
+    {PrefetchT0, {0x0F18}, 0x38, 0x08},
+    {PrefetchT1, {0x0F18}, 0x38, 0x10},
+    {ZeroUpper, {0x0F77}},
 };
 
 InstructionKind classify(const std::uint8_t* code) {
@@ -47,7 +46,7 @@ InstructionKind classify(const std::uint8_t* code) {
   }
   const int opcode = (map == 1 ? 0x0F00 : map << 16) | code[0];
   for (const auto& row : kinds) {
-    if (row.opcode == opcode && (code[1] & row.mask) == row.modrm) {
+    if (std::ranges::count(row.opcodes, opcode) != 0 && (code[1] & row.mask) == row.modrm) {
       const bool stores = row.kind >= NonTemporalStore && row.kind <= GeneralStore;
       const bool to_register = code[1] >> 6 == 3 || (f3 && opcode == 0x0F7E);
       return stores && to_register ? Other : row.kind;

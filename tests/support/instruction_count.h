@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <utility>
 
 #include "support/single_step.h"
 
@@ -42,14 +41,9 @@ struct InstructionCount {
 // What body() executes.
 template <class Body>
 InstructionCount count_instructions(Body body) {
-  std::pair<Body&, InstructionCount> session{body, {}};
-  using Session = decltype(session);
-  single_step([](void* context) { static_cast<Session*>(context)->first(); },
-              [](const std::uint8_t* next, void* context) {
-                static_cast<Session*>(context)->second.add(next);
-              },
-              &session);
-  return session.second;
+  InstructionCount count;
+  single_step(body, [&count](const std::uint8_t* next) { count.add(next); });
+  return count;
 }
 
 }  // namespace ksomd::test

@@ -33,8 +33,7 @@ constexpr std::uint64_t trap_flag = 1u << 8;
 
 void single_step(void (*body)(void*), void (*observe)(const std::uint8_t*, void*), void* context) {
   session = {observe, context};
-  struct sigaction action = {};
-  struct sigaction before = {};
+  struct sigaction action = {}, before = {};
   action.sa_sigaction = on_trap;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGTRAP, &action, &before);
@@ -44,8 +43,7 @@ void single_step(void (*body)(void*), void (*observe)(const std::uint8_t*, void*
 
 bool can_single_step() {
   int steps = 0;
-  single_step([](void*) {}, [](const std::uint8_t*, void* count) { ++*static_cast<int*>(count); },
-              &steps);
+  single_step([] {}, [&steps](const std::uint8_t*) { ++steps; });
   return steps > 0;
 }
 

@@ -14,4 +14,17 @@ bool can_single_step();
 void single_step(void (*body)(void* context),
                  void (*observe)(const std::uint8_t* next, void* context), void* context);
 
+// The same with body() and observe(next).
+template <class Body, class Observe>
+void single_step(Body body, Observe observe) {
+  struct Both {
+    Body& body;
+    Observe& observe;
+  } both{body, observe};
+  single_step(
+      [](void* context) { static_cast<Both*>(context)->body(); },
+      [](const std::uint8_t* next, void* context) { static_cast<Both*>(context)->observe(next); },
+      &both);
+}
+
 }  // namespace ksomd::test

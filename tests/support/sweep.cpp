@@ -6,13 +6,14 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string_view>
 
 namespace ksomd::test {
 namespace {
 
-constexpr struct {
-  const char* name;
+constexpr struct Agreed {
+  std::string_view name;
   std::uint64_t digest;
 } agreed[] = {
 #include "digests.inc"
@@ -63,7 +64,7 @@ bool Sweep::proving() {
 
 Sweep::Sweep(const char* name) : name_(name) {}
 
-Sweep::Rounds Sweep::rounds(std::size_t shared, std::size_t proof) {
+std::size_t Sweep::start_loop(std::size_t shared, std::size_t proof) {
   std::uint64_t own = ++loops_;
   for (const char letter : name_) {
     own = own * 131 + static_cast<unsigned char>(letter);
@@ -71,7 +72,7 @@ Sweep::Rounds Sweep::rounds(std::size_t shared, std::size_t proof) {
   random = Random(seed_of(own));
   shared_ = shared;
   round_ = 0;
-  return {{this}, proving() ? proof * (full_length() ? full_factor : 1) : shared};
+  return !proving() ? shared : full_length() ? proof * full_factor : proof;
 }
 
 void Sweep::results(const void* data, std::size_t size) {
@@ -90,20 +91,14 @@ Sweep::~Sweep() {
     return;
   }
   if (const std::string file{variable("KSOMD_WRITE_DIGESTS")}; !file.empty()) {
-    if (std::FILE* const out = std::fopen(file.c_str(), "a"); out != nullptr) {
-      std::fprintf(out, "{\"%s\", 0x%016" PRIx64 "},\n", name_.c_str(), digest_);
-      std::fclose(out);
-    }
+    char row[100];
+    std::snprintf(row, sizeof row, "{\"%s\", 0x%016" PRIx64 "},\n", name_.c_str(), digest_);
+    std::ofstream(file, std::ios::app) << row;
     return;
   }
-  for (const auto& row : agreed) {
-    if (row.name == name_) {
-      EXPECT_EQ(row.digest, digest_)
-          << "the results of " << name_ << " differ from those that the host proved";
-      return;
-    }
-  }
-  ADD_FAILURE() << "no digest is agreed for " << name_ << ": run ./dev digests on the host";
+  const auto* const row = std::ranges::find(agreed, name_, &Agreed::name);
+  EXPECT_TRUE(row != std::end(agreed) && row->digest == digest_)
+      << "the results of " << name_ << " are not those that the host proved: see ./dev digests";
 }
 
 }  // namespace ksomd::test

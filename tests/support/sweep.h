@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <ranges>
 #include <string>
 
 #include "support/effort.h"
@@ -65,19 +66,10 @@ class Sweep {
 
   // The numbers of the rounds of a loop: `shared` of them on every target, `proof` where this
   // target proves. Each loop of a sweep starts from a seed of its own.
-  struct Rounds {
-    struct Iterator {
-      Sweep* sweep;
-      std::size_t operator*() const { return sweep->round_; }
-      void operator++() { ++sweep->round_; }
-      bool operator!=(std::size_t end) const { return sweep->round_ != end; }
-    };
-    Iterator first;
-    std::size_t count;
-    Iterator begin() const { return first; }
-    std::size_t end() const { return count; }
-  };
-  Rounds rounds(std::size_t shared, std::size_t proof);
+  auto rounds(std::size_t shared, std::size_t proof) {
+    return std::views::iota(std::size_t{0}, start_loop(shared, proof)) |
+           std::views::transform([this](std::size_t round) { return round_ = round; });
+  }
 
   // Whether results are to be judged by an oracle here.
   static bool proving();
@@ -91,6 +83,8 @@ class Sweep {
   void results(const void* data, std::size_t size);
 
  private:
+  std::size_t start_loop(std::size_t shared, std::size_t proof);
+
   std::string name_;
   std::uint64_t loops_ = 0;
   std::size_t round_ = 0;

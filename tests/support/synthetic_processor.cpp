@@ -19,23 +19,37 @@ void SyntheticProcessor::set_vendor(std::string_view name, std::uint32_t highest
   std::memcpy(&result.ecx, name.data() + 8, 4);
 }
 
+SyntheticProcessor SyntheticProcessor::of_words(const std::function<std::uint32_t()>& word) {
+  SyntheticProcessor p;
+  p.xcr0_low = word();
+  p.at(7, 1) = {word(), word(), word(), word()};
+  p.at(0x1E, 1) = {word(), word(), word(), word()};
+  for (const std::uint32_t leaf : {1u, 7u, 0x14u, 0x19u, 0x24u, 0x80000001u, 0x80000008u}) {
+    p.at(leaf) = {word(), word(), word(), word()};
+  }
+  p.set_vendor(genuine_vendor);
+  return p;
+}
+
 int SyntheticProcessor::times_asked(std::uint32_t leaf, std::uint32_t subleaf) const {
   return static_cast<int>(std::ranges::count(asked, std::uint64_t{leaf} << 32 | subleaf));
 }
 
 std::string SyntheticProcessor::describe() const {
   std::ostringstream text;
-  text << std::hex << "xcr0_low = 0x" << xcr0_low;
+  text << std::hex << "p.xcr0_low = 0x" << xcr0_low << ';';
   const auto print = [&text](const CpuidResult& r) {
-    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << '}';
+    text << "{0x" << r.eax << ", 0x" << r.ebx << ", 0x" << r.ecx << ", 0x" << r.edx << "}); ";
   };
   for (const auto& [leaf, result] : answers) {
-    text << "; at(0x" << (leaf >> 32) << ", " << (leaf & 0xFFFFFFFF) << ") = ";
+    text << " p.answers.emplace(0x" << leaf << ", CpuidResult";
     print(result);
   }
-  text << "; leaf_2 = {";
-  std::ranges::for_each(leaf_2, print);
-  return text.str() + "};";
+  for (const CpuidResult& result : leaf_2) {
+    text << " p.leaf_2.push_back(";
+    print(result);
+  }
+  return text.str();
 }
 
 Processor SyntheticProcessor::processor() const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -31,6 +32,8 @@ struct SyntheticProcessor {
     return reg(at(leaf, subleaf), name);
   }
   void set_vendor(std::string_view name, std::uint32_t highest_leaf = 0x24);
+  // A genuine one: in the leaves that tell features, and in XCR0, each word is what word() returns.
+  static SyntheticProcessor of_words(const std::function<std::uint32_t()>& word);
   int times_asked(std::uint32_t leaf, std::uint32_t subleaf = 0) const;
 
   std::string describe() const;  // in a form that can be pasted
