@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cpu/feature_table.h"
@@ -44,13 +45,8 @@ Complex operator*(Complex x, Complex y) {
     return z;
   }
   const unsigned flags = __builtin_ia32_stmxcsr();
-  const auto recovered = [&] {
-    if constexpr (sizeof x.re == 4) {
-      return __mulsc3(x.re, x.im, y.re, y.im);
-    } else {
-      return __muldc3(x.re, x.im, y.re, y.im);
-    }
-  }();
+  const auto recover = std::get<sizeof x.re / 8>(std::tuple(__mulsc3, __muldc3));
+  const auto recovered = recover(x.re, x.im, y.re, y.im);
   __builtin_ia32_ldmxcsr(flags);
   return {__real__ recovered, __imag__ recovered};
 }
@@ -300,17 +296,14 @@ struct Shape {
 Shape any_shape(Random& random, Size limit) {
   constexpr Size edges[] = {1,  3,  5,  8,  12,  16,  24,  32,  34, 38,
                             40, 48, 64, 96, 112, 128, 230, 256, 300};
-  for (;;) {
-    Size extents[3];
-    for (Size& extent : extents) {
-      extent = random.one_of(edges) - 1;
-      extent += random.below(3);
-    }
-    const auto [m, n, k] = extents;
-    if (m * n * k <= limit) {
-      return {m, n, k};
+  Size m = limit, n = limit, k = limit;
+  while (m * n * k > limit) {
+    for (Size* const extent : {&m, &n, &k}) {
+      *extent = random.one_of(edges) - 1;
+      *extent += random.below(3);
     }
   }
+  return {m, n, k};
 }
 constexpr Shape listed[] = {{5, 3, 7},      {33, 38, 38},   {34, 37, 38},    {34, 38, 37},
                             {34, 38, 38},   {37, 39, 113},  {0, 2, 3},       {3, 0, 2},

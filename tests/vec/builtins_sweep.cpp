@@ -165,9 +165,6 @@ T direction(T part) {
 }
 
 template <class T>
-constexpr T infinity = std::numeric_limits<T>::infinity();
-
-template <class T>
 using Complex = std::pair<T, T>;
 
 template <class T>
@@ -197,7 +194,7 @@ template <class T>
   };
   if (std::isnan(result.first) && std::isnan(result.second) && (first || second || overflow)) {
     result =
-        product(infinity<T>, boxed(a, first), boxed(b, first), boxed(c, second), boxed(d, second));
+        product(T(HUGE_VAL), boxed(a, first), boxed(b, first), boxed(c, second), boxed(d, second));
   }
 }
 
@@ -216,9 +213,9 @@ template <class T>
     return;
   }
   if (norm == 0 && (!std::isnan(a) || !std::isnan(b))) {
-    result = {std::copysign(infinity<T>, c) * a, std::copysign(infinity<T>, c) * b};
+    result = {std::copysign(T(HUGE_VAL), c) * a, std::copysign(T(HUGE_VAL), c) * b};
   } else if (first && std::isfinite(c) && std::isfinite(d)) {
-    result = conjugate_product(infinity<T>, direction(a), direction(b), c, d);
+    result = conjugate_product(T(HUGE_VAL), direction(a), direction(b), c, d);
   } else if (second && std::isfinite(a) && std::isfinite(b)) {
     result = conjugate_product(T{0}, a, b, direction(c), direction(d));
   }

@@ -70,9 +70,6 @@ TEST(ConstantCheck, MismatchesAreReportedAndAbort) {
 
 using namespace ksomd::math;
 
-template <class T>
-using Limits = std::numeric_limits<T>;
-
 ksomd_uint128 bits_of(auto x) {
   ksomd_uint128 bits = 0;
   std::memcpy(&bits, &x, std::min<std::size_t>(sizeof x, 10));
@@ -103,14 +100,14 @@ T define_scaling(T x, std::int32_t n) {
   if (bits_of(std::fabs(x)) == 0 || !std::isfinite(x)) {
     return x;
   }
+  using L = std::numeric_limits<T>;
   constexpr int range = sizeof(T) <= 8 ? 5'000 : 40'000;
   const long double wide = x;
   const auto result = static_cast<T>(std::scalbn(wide, std::clamp(n, -range, range)));
   const std::int64_t exponent = std::int64_t{std::ilogb(wide)} + n + 1;
-  const bool judged = exponent <= 2 - Limits<T>::max_exponent - Limits<T>::digits ||
-                      (std::fabs(wide) < Limits<T>::min() && n < 0);
-  const bool error =
-      exponent > Limits<T>::max_exponent || (judged && bits_of(std::fabs(result)) == 0);
+  const bool judged =
+      exponent <= 2 - L::max_exponent - L::digits || (std::fabs(wide) < L::min() && n < 0);
+  const bool error = exponent > L::max_exponent || (judged && bits_of(std::fabs(result)) == 0);
   errno = error && sizeof(T) <= 8 ? ERANGE : 0;
   return result;
 }
@@ -126,7 +123,7 @@ constexpr auto define_infinite = [](auto x) {
 // To each switch of the algorithm and to either side, or far.
 template <class T>
 int shift_of(Random& random, T x) {
-  using L = Limits<T>;
+  using L = std::numeric_limits<T>;
   const int least = L::min_exponent - L::digits, middle = least + L::digits / 2;
   const int far = random.one_of({0, 1, 65535, 65536, 65537, -65536, -65537, INT_MAX, INT_MIN});
   const int near = random.one_of({L::max_exponent, L::min_exponent, middle, least}) - 5 +
@@ -140,7 +137,7 @@ template <class T>
 void check(Sweep& sweep, auto... routines) {
   Random& random = sweep.random;
   const T x = any_number<T>(random, random.below(8)), other = any_number<T>(random, 2);
-  const T y = random.one_of({x, -x, other, other, Limits<T>::quiet_NaN()});
+  const T y = random.one_of({x, -x, other, other, std::numeric_limits<T>::quiet_NaN()});
   const int n = shift_of(random, x);
   const std::uint64_t mode = random.below(rounding_modes);
   const unsigned more = random.one_in(2) ? mxcsr::denormals_are_zero : 0;

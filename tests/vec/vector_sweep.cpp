@@ -258,16 +258,13 @@ constexpr std::uint64_t order_count = 9;
 std::uint64_t start_of(std::uint64_t order, std::size_t i, std::size_t n) {
   const std::size_t half = n / 2;
   const bool low = i < half;
-  const std::uint64_t up_and_down = low ? 2 * i : 2 * (n - i) - 1, twice = 2 * i - n / 2 * 2 + 1;
-  const std::uint64_t starts[order_count] = {i,
-                                             n - i,
-                                             (i + n / 3) % n,
-                                             (i + 1) % n,
-                                             up_and_down,
-                                             low ? 2 * i : twice,
-                                             i % 2 == 0 ? i : 2 * n - i,
-                                             i < n - 1 ? 2 * i : half * 2 + 1,
-                                             i * 999'983 % n};
+  const std::uint64_t turned = (i + n / 3) % n, first_last = (i + 1) % n, none = i * 999'983 % n,
+                      up_and_down = low ? 2 * i : 2 * (n - i) - 1,
+                      up_twice = low ? 2 * i : 2 * (i - half) + 1,
+                      from_both_ends = i % 2 == 0 ? i : 2 * n - i,
+                      appended = i < n - 1 ? 2 * i : half * 2 + 1;
+  const std::uint64_t starts[order_count] = {
+      i, n - i, turned, first_last, up_and_down, up_twice, from_both_ends, appended, none};
   return starts[order];
 }
 
