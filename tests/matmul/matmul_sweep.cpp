@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cpu/feature_table.h"
@@ -28,37 +29,26 @@ inline constexpr bool is_complex = !std::is_floating_point_v<Element>;
 template <class Element>
 using RealOf = std::conditional_t<sizeof(Element) / (1 + is_complex<Element>) == 4, float, double>;
 
-template <class Element>
-Element sum(Element x, Element y) {
-  if constexpr (is_complex<Element>) {
-    return {x.re + y.re, x.im + y.im};
-  } else {
-    return x + y;
-  }
+template <class Complex>
+  requires is_complex<Complex>
+Complex operator+(Complex x, Complex y) {
+  return {x.re + y.re, x.im + y.im};
 }
 
-// A complex product has the flags of the plain formula; where that gives no number, the builtin
-// recovers infinities and raises nothing.
-template <class Element>
-Element product(Element x, Element y) {
-  if constexpr (is_complex<Element>) {
-    Element z = {x.re * y.re - x.im * y.im, x.re * y.im + x.im * y.re};
-    if (z.re != z.re && z.im != z.im) {
-      const unsigned flags = __builtin_ia32_stmxcsr();
-      const auto recovered = [&] {
-        if constexpr (sizeof x.re == 4) {
-          return __mulsc3(x.re, x.im, y.re, y.im);
-        } else {
-          return __muldc3(x.re, x.im, y.re, y.im);
-        }
-      }();
-      z = {__real__ recovered, __imag__ recovered};
-      __builtin_ia32_ldmxcsr(flags);
-    }
+// The flags are those of the plain formula; where that gives no number, the builtin recovers
+// infinities and raises nothing.
+template <class Complex>
+  requires is_complex<Complex>
+Complex operator*(Complex x, Complex y) {
+  const Complex z = {x.re * y.re - x.im * y.im, x.re * y.im + x.im * y.re};
+  if (z.re == z.re || z.im == z.im) {
     return z;
-  } else {
-    return x * y;
   }
+  const unsigned flags = __builtin_ia32_stmxcsr();
+  const auto recover = std::get<sizeof x.re / 8>(std::tuple(__mulsc3, __muldc3));
+  const auto recovered = recover(x.re, x.im, y.re, y.im);
+  __builtin_ia32_ldmxcsr(flags);
+  return {__real__ recovered, __imag__ recovered};
 }
 
 // op(A) and op(B) are stored transposed where the flags say so. A vector is a matrix of one column.
@@ -80,7 +70,7 @@ struct Problem {
   // s and then the products of l .. l_end - 1.
   Element add(Element s, Size i, Size j, Size l, Size l_end) const {
     for (; l < l_end; ++l) {
-      s = sum(s, product(left(i, l), right(l, j)));
+      s = s + left(i, l) * right(l, j);
     }
     return s;
   }
@@ -102,7 +92,7 @@ void add_in_order(const Problem<Element>& x, Size block, Size group, bool apart)
           for (Size i = i0; i < std::min(x.m, i0 + block); ++i) {
             Element& p = x.p[i + j * x.ldp];
             const Element s = x.add(apart ? Element{} : p, i, j, l, l + step);
-            p = apart ? sum(p, s) : s;
+            p = apart ? p + s : s;
           }
           l += step;
         } while (l < l_end);
@@ -145,7 +135,7 @@ void tiles(const Problem<Element>& x, Size l, Size depth, bool add_old) {
     for (Size i = 0; i < x.m / 4 * 4; ++i) {
       Element& p = x.p[i + j * x.ldp];
       const Element s = x.add(Element{}, i, j, l, l + depth);
-      p = add_old ? sum(s, p) : depth % 4 != 0 ? sum(s, Element{}) : s;
+      p = add_old ? s + p : depth % 4 != 0 ? s + Element{} : s;
     }
   }
 }
@@ -188,27 +178,23 @@ void set_value(Random& random, Values kind, Element& element) {
   const std::uint64_t rarity = kind == Values::Specials ? 3 : kind == Values::Rare ? 200 : ~0ull;
   Real parts[1 + is_complex<Element>];
   for (Real& part : parts) {
+    part = static_cast<Real>(random.number());
     if (random.one_in(rarity)) {
-      part = random.one_of({Real{0}, Limits::denorm_min(), Limits::min(), Limits::max(),
-                            Limits::infinity(), Limits::quiet_NaN(), Real{1}, Limits::max() / 2});
-      part = random.one_in(2) ? part : -part;
-    } else {
-      const Real scale = kind != Values::Tiny ? Real{1}
-                         : random.one_in(4)   ? std::ldexp(Real{1}, Limits::min_exponent / 2)
-                                              : Real{0};
-      part = static_cast<Real>(random.number()) * scale;
+      part = std::copysign(
+          random.one_of({Real{0}, Limits::denorm_min(), Limits::min(), Limits::max(),
+                         Limits::infinity(), Limits::quiet_NaN(), Real{1}, Limits::max() / 2}),
+          part);
+    } else if (kind == Values::Tiny) {
+      part *= random.one_in(4) ? std::ldexp(Real{1}, Limits::min_exponent / 2) : Real{0};
     }
   }
   std::memcpy(&element, parts, sizeof parts);
 }
 
-Place any_place(Random& random) {
-  return random.one_of({Place::AtEnd, Place::AtStart});
-}
-
 template <class Element>
 Element* filled(Operand& operand, Random& random, Values kind, Size count) {
-  auto* const first = operand.place_values<Element>(count, any_place(random));
+  const Place place = random.one_of({Place::AtEnd, Place::AtStart});
+  auto* const first = operand.place_values<Element>(count, place);
   std::for_each_n(first, count, [&](Element& value) { set_value(random, kind, value); });
   return first;
 }
@@ -255,7 +241,7 @@ void multiply_tiles(const Problem<double>& x) {
                                              : "__orvex_dinnerz_roll_qwide")(
       &full[0], &full[1], adds ? &ignored : &padded, panels[0], panels[1], &ignored, x.p, &x.ldp,
       doubled);
-  EXPECT_TRUE(memory[0].intact() && memory[1].intact() && memory[2].intact());
+  EXPECT_TRUE(std::ranges::all_of(memory, &Operand::intact));
 }
 
 template <class E>
@@ -308,19 +294,17 @@ struct Shape {
 
 // Around every block and threshold of the contract and of the kernels.
 Shape any_shape(Random& random, Size limit) {
-  const auto edge = [&] {
-    const Size middle = random.one_of<Size>(
-        {1, 3, 5, 8, 12, 16, 24, 32, 34, 38, 40, 48, 64, 96, 112, 128, 230, 256, 300});
-    return middle + random.below(3) - 1;
-  };
-  for (;;) {
-    const Size m = edge(), n = edge(), k = edge();
-    if (m * n * k <= limit) {
-      return {m, n, k};
+  constexpr Size edges[] = {1,  3,  5,  8,  12,  16,  24,  32,  34, 38,
+                            40, 48, 64, 96, 112, 128, 230, 256, 300};
+  Size m = limit, n = limit, k = limit;
+  while (m * n * k > limit) {
+    for (Size* const extent : {&m, &n, &k}) {
+      *extent = random.one_of(edges) - 1;
+      *extent += random.below(3);
     }
   }
+  return {m, n, k};
 }
-constexpr Size shared_shapes = 10;
 constexpr Shape listed[] = {{5, 3, 7},      {33, 38, 38},   {34, 37, 38},    {34, 38, 37},
                             {34, 38, 38},   {37, 39, 113},  {0, 2, 3},       {3, 0, 2},
                             {2, 3, 0},      {17, 9, 130},   {264, 40, 224},  {263, 41, 230},
@@ -365,15 +349,11 @@ void compare(Sweep& sweep, const Path<Element>& path, Problem<Element> x) {
   }
   x.a = filled<Element>(operands[0], random, kind, counts[0]) + first[0];
   x.b = filled<Element>(operands[1], random, kind, counts[1]) + first[1];
-  auto* const memory = operands[2].place_values<Element>(count, any_place(random));
-  std::vector<Element> before(memory, memory + count);
-  for (Size i = 0; i < (overlap ? count : x.m * x.n); ++i) {
-    Element& p = before[overlap ? i : i % x.m + i / x.m * x.ldp];
-    set_value(random, kind, p);
-    if (!overlap && !reads_p) {
-      std::memset(&p, 0xFF, sizeof p);  // NaN
-    }
+  auto* const memory = filled<Element>(operands[2], random, kind, count);
+  if (!overlap && !reads_p) {
+    std::memset(memory, 0xFF, count * sizeof *memory);  // NaN
   }
+  const std::vector<Element> before(memory, memory + count);
   const auto within = [&](Element* base) {
     Problem<Element> y = x;
     y.a = overlap ? base + first[0] : x.a;
@@ -382,8 +362,8 @@ void compare(Sweep& sweep, const Path<Element>& path, Problem<Element> x) {
     return y;
   };
   const std::uint64_t mode = random.below(rounding_modes);
-  const unsigned denormal = random.one_of({mxcsr::denormals_are_zero, mxcsr::flush_to_zero});
-  const unsigned more = random.one_in(4) ? denormal : 0;
+  const unsigned more =
+      random.one_of({0u, 0u, 0u, 0u, 0u, 0u, mxcsr::denormals_are_zero, mxcsr::flush_to_zero});
   std::vector<Element> expected = before;
   const unsigned flags = raised_by(mode, [&] { path.reference(within(expected.data())); }, more);
   const std::string shown = bits_of(expected.data(), expected.size());
@@ -394,7 +374,7 @@ void compare(Sweep& sweep, const Path<Element>& path, Problem<Element> x) {
       const unsigned raised =
           raised_by(mode, [&] { call(path.name, path.call, within(memory)); }, more);
       EXPECT_TRUE(bits_of(memory, expected.size()) == shown && raised == flags &&
-                  operands[0].intact() && operands[1].intact() && operands[2].intact())
+                  std::ranges::all_of(operands, &Operand::intact))
           << path.name << ' ' << row.name << " m n k lda ldb ldp, where: "
           << testing::PrintToString(
                  std::vector{x.m, x.n, x.k, x.lda, x.ldb, x.ldp, first[0], first[1], first[2]})
@@ -415,7 +395,7 @@ template <class Element>
 void sweep_products(const std::string& code) {
   Sweep sweep(("matmul." + code).c_str());
   Random& random = sweep.random;
-  for (const auto round : sweep.rounds(shared_shapes, is_complex<Element> ? 50 : 200)) {
+  for (const auto round : sweep.rounds(10, is_complex<Element> ? 50 : 200)) {
     for (const std::string layout : {"n_n", "t_n", "n_t", "t_t"}) {
       const auto compare_with = [&](const Path<Element>& path, Shape shape) {
         const auto [m, n, k] = shape;

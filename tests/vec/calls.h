@@ -1,8 +1,8 @@
-// How the tests of this folder make their calls.
+// How the tests of this folder make their calls, and with which numbers.
 #pragma once
 
-#include <csetjmp>
-#include <csignal>
+#include <cmath>
+#include <limits>
 
 #include "support/entry.h"
 #include "support/sweep.h"
@@ -29,20 +29,21 @@ unsigned raised_by_both(std::uint64_t mode, Call call, unsigned more = 0) {
   return (sse | status) & mxcsr::ieee_flags;
 }
 
-inline std::jmp_buf before_abort;
-
-// Whether call() ends in abort(), which is left before it ends the process.
-template <class Call>
-bool aborts(Call call) {
-  static volatile bool aborted;
-  std::signal(SIGABRT, [](int /*signal*/) { std::longjmp(before_abort, 1); });
-  aborted = true;
-  if (setjmp(before_abort) == 0) {
-    call();
-    aborted = false;
-  }
-  std::signal(SIGABRT, SIG_DFL);
-  return aborted;
+// Of either sign: a special value (kind 0), a number about 1 (kind 1), or one about an end of the
+// range, its middle, or half-way between them. Fractions are at their ends, halves, or any.
+template <class T>
+T any_number(Random& random, std::uint64_t kind) {
+  using L = std::numeric_limits<T>;
+  const T any = static_cast<T>(random.next()) * T(0x1p-64), last = L::epsilon(), half = T(0.5);
+  const T fraction = random.one_of({T{0}, last, 1 - last, half, half + last, any, any, any});
+  const int least = L::min_exponent - L::digits, most = L::max_exponent;
+  const int edge = random.one_of({most, most / 2, 0, L::min_exponent / 2, L::min_exponent, least});
+  const int exponent = static_cast<int>(random.below(90)) - 45;
+  const T special = random.one_of({T{0}, L::infinity(), L::quiet_NaN(), L::signaling_NaN(),
+                                   L::max(), L::min(), L::denorm_min()});
+  const T number = std::ldexp(1 + fraction, kind == 1 ? exponent / 16 : edge + exponent);
+  const T result = kind == 0 ? special : number;
+  return random.one_in(2) ? result : -result;
 }
 
 }  // namespace ksomd::test
