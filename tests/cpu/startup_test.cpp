@@ -144,7 +144,9 @@ TEST(Reports, OfASetThatTheCheckFills) {
 }
 
 TEST(Reports, AFailedDispatchTraps) {
-  EXPECT_EQ(run_child("call", {"__orvex_cpu_dispatch_fail", "0"}).ending, Ending::BreakpointTrap);
+  constexpr const char* fail = "__orvex_cpu_dispatch_fail";
+  EXPECT_NE(find_entry(fail), nullptr);
+  EXPECT_EQ(run_child("call", {fail, "0"}).ending, Ending::BreakpointTrap);
 }
 
 // ---- MXCSR --------------------------------------------------------------------------------------

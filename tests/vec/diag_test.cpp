@@ -55,6 +55,7 @@ KSOMD_CHILD(check_constants) {
 }
 
 TEST(ConstantCheck, MismatchesAreReportedAndAbort) {
+  ASSERT_NE(KSOMD_ENTRY(_IPO_Check_CP), nullptr);
   for (std::size_t i = 0; i < std::size(rows); ++i) {
     const std::string report = rows[i].type > 5
                                    ? "Bad second argument\n"
