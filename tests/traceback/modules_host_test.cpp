@@ -21,12 +21,12 @@ TEST(PcInfo, IsThatOfTheImage) {
   const Image image;
   for (std::uint64_t pc = image.code() - 1; pc < image.code() + 34; ++pc) {
     for (const std::uint64_t bias : {std::uint64_t{0}, image.code(), image.code() + 1}) {
-      ksomd_pc_info info = {}, same = {};
-      get_pc_info_pie(&info, pc, bias != 0 ? &bias : nullptr, "ignored");
-      EXPECT_EQ(get_pc_info(&same, pc, bias, nullptr), 0u);
+      ksomd_pc_info info;
+      EXPECT_EQ(bias != 0 ? get_pc_info(&info, pc, bias, "ignored")
+                          : get_pc_info_pie(&info, pc, nullptr, nullptr),
+                0u);
       EXPECT_EQ(joined(info.routine, info.file, info.line),
                 reference_look_up({image.memory.begin() + 0x1000, 0x1000}, pc, bias));
-      EXPECT_EQ(std::memcmp(&info, &same, sizeof info), 0);
     }
   }
 }
@@ -92,7 +92,6 @@ TEST_F(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
   for (void (*change)(Elf64_Shdr&) : {+[](Elf64_Shdr& each) { each.sh_type = SHT_NOBITS; },
                                       +[](Elf64_Shdr& each) { each.sh_flags -= SHF_ALLOC; },
                                       +[](Elf64_Shdr& each) { ++each.sh_name; },
-                                      +[](Elf64_Shdr& each) { each.sh_addr = -4096ull; },
                                       +[](Elf64_Shdr& each) { each.sh_addr = 1ull << 40; },
                                       +[](Elf64_Shdr& each) { each.sh_size = 1ull << 40; }}) {
     const Elf64_Shdr good = *row;
