@@ -72,7 +72,7 @@ class LoadedLibrary : public testing::Test {
 };
 
 TEST_F(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
-  const auto& header = *reinterpret_cast<Elf64_Ehdr*>(file.data());
+  auto& header = *reinterpret_cast<Elf64_Ehdr*>(file.data());
   auto* row = reinterpret_cast<Elf64_Shdr*>(file.data() + header.e_shoff);
   const char* const names = file.data() + row[header.e_shstrndx].sh_offset;
   while (std::strcmp(names + row->sh_name, ".trace") != 0) {
@@ -84,28 +84,17 @@ TEST_F(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
     SectionPlace found;
     return find_native_section(base + at, ".trace", found.offset, found.size);
   };
-  const std::uint64_t size = file.size();
-  EXPECT_TRUE(finds(size) && !finds(size, 1));
+  EXPECT_TRUE(finds(file.size()) && !finds(file.size(), 1));
   const Bytes section = trace_section_of(address_of(base));
   EXPECT_EQ(address_of(section.data), address_of(base) + row->sh_addr);
   EXPECT_EQ(section.size, row->sh_size);
-  for (void (*change)(Elf64_Shdr&) : {+[](Elf64_Shdr& each) { each.sh_type = SHT_NOBITS; },
-                                      +[](Elf64_Shdr& each) { each.sh_flags -= SHF_ALLOC; },
-                                      +[](Elf64_Shdr& each) { ++each.sh_name; },
-                                      +[](Elf64_Shdr& each) { each.sh_addr = 1ull << 40; },
-                                      +[](Elf64_Shdr& each) { each.sh_size = 1ull << 40; }}) {
-    const Elf64_Shdr good = *row;
-    change(*row);
-    EXPECT_FALSE(finds(size)) << testing::PrintToString(*row);
-    *row = good;
-  }
   for (std::uint64_t cut = address_of(row + 1) - address_of(file.data()) - 1; cut > 50; cut -= 50) {
     EXPECT_FALSE(finds(cut)) << cut;
   }
-  for (std::size_t at = 0; at < sizeof header; ++at) {
-    ++file[at];
-    EXPECT_FALSE(finds(size)) << at;
-    --file[at];
+  for (Elf64_Xword* const changed : {&row->sh_addr, &row->sh_size, &header.e_entry}) {
+    *changed ^= 1ull << 40;
+    EXPECT_FALSE(finds(file.size())) << changed - &row->sh_addr;
+    *changed ^= 1ull << 40;
   }
 }
 

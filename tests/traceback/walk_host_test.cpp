@@ -10,18 +10,6 @@
 namespace ksomd::test {
 namespace {
 
-// Signal handlers run on a stack of their own.
-constexpr std::size_t stack_size = 1 << 16;
-void use_stack(char* place) {
-  const stack_t stack = {.ss_sp = place, .ss_flags = 0, .ss_size = stack_size};
-  sigaltstack(&stack, nullptr);
-}
-
-int overflow_stack(int depth) {
-  volatile char room[4096] = {};
-  return depth == 0 ? 0 : overflow_stack(depth + 1) + room[0];
-}
-
 // In a process of its own: the capture routine is looked up by the first walk that needs it.
 KSOMD_CHILD(walk_while_the_system_fails) {
   const CONTEXT wild = {};
@@ -60,9 +48,6 @@ KSOMD_CHILD(walk_while_the_system_fails) {
     EXPECT_EQ(module_of(own.Rip), "");
   }
   EXPECT_EQ(stack_balance.process_handles, 0);
-  static char handler_stack[stack_size];
-  use_stack(handler_stack);
-  EXPECT_FALSE(run_protected([](void*) { std::printf("%d", overflow_stack(1)); }, nullptr));
   return testing::Test::HasFailure() ? 1 : 0;
 }
 
@@ -86,20 +71,15 @@ routine interrupted_routine, "ud2; ret"
 )");
 
 // The second frame's caller is none: its stack pointer is its callee's.
-TEST(Walk, FollowsRegistersWhileTheStackShrinks) {
+TEST(Walk, EndsWhereTheStackDoesNotShrink) {
   std::uint64_t stack[] = {0, address_of(keeps) + 1, 0};
   CONTEXT context = {};
   context.Rsp = address_of(stack);
   context.Rbx = address_of(stack + 2);
   context.Rip = address_of(keeps);
-  context.Rdi = 1, context.Rsi = 2, context.Rdx = 3, context.Rcx = 4, context.Rbp = 5;
   Recorder recorder{.last = 3, .wish = -1};
   EXPECT_EQ(recorder.walk(&context), 0u);
-  ASSERT_EQ(recorder.frames.size(), 2u);
-  const STACKFRAME64& caller = recorder.frames[1];
-  EXPECT_TRUE(caller.AddrPC.Offset == stack[1] && caller.AddrStack.Offset == context.Rbx &&
-              caller.AddrFrame.Offset == 5);
-  EXPECT_TRUE(std::ranges::equal(caller.Params, Data{1, 2, 3, 4}));
+  EXPECT_EQ(recorder.frames.size(), 2u);
 }
 
 Recorder last_walk;
@@ -121,10 +101,10 @@ TEST(Walk, GoesThroughTheRoutineThatASignalInterrupted) {
   };
   action.sa_flags = SA_SIGINFO | SA_ONSTACK;
   sigaction(SIGILL, &action, &before);
-  char above[stack_size];  // the stack that is interrupted
+  char above[1 << 16];  // the handler's stack, above what it interrupts
+  const stack_t stack = {.ss_sp = above, .ss_flags = 0, .ss_size = sizeof above};
   stack_t no_stack;
-  sigaltstack(nullptr, &no_stack);
-  use_stack(above);
+  sigaltstack(&stack, &no_stack);
   for (const auto routine : {interrupted_routine, ends_in_a_call, interrupted_routine}) {
     routine();
     const auto& frames = last_walk.frames;
