@@ -73,15 +73,15 @@ using Outcome = std::pair<std::string, std::uint64_t>;
 Outcome outcome_of(const std::string& text, const std::string& error, std::uint64_t size,
                    const std::string& before) {
   const std::string notice = "\nStack trace buffer overflow; further frames not shown.\n";
-  const bool fits = size > 57 && (text.empty() || text.size() + 58 < size);
-  const std::string shown = text.empty() || size <= 58 ? before
-                            : fits                     ? text
-                                                       : text.substr(0, size - 59);
+  if (size <= 57) {
+    return {(before + notice).substr(0, size > 0 ? size - 1 : 0), 57};
+  }
+  if (!text.empty() && text.size() + 58 >= size) {
+    const std::string kept = size > 58 ? text.substr(0, size - 59) : before;
+    return {(kept + notice).substr(0, size - 1), size - 1};
+  }
   const std::uint64_t used = text.size() + (error.empty() ? 0 : error.size() + 1);
-  return {(shown + (fits ? error : notice)).substr(0, size > 0 ? size - 1 : 0),
-          fits         ? std::min(size, used)
-          : size <= 57 ? 57
-                       : size - 1};
+  return {((text.empty() ? before : text) + error).substr(0, size - 1), std::min(size, used)};
 }
 
 // Frames of the test's own, in place of the walker's; behind the last one the walk fails.

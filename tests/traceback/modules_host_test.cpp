@@ -66,6 +66,7 @@ class LoadedLibrary : public testing::Test {
 
   const std::string name = std::string(200, 'm') + std::to_string(getpid()) + ".so";
   const std::string path = testing::TempDir() + name;
+  const GuardedMemory pages{0x8000};  // listed behind the library
   std::string file;
   void* handle;
   char* base;
@@ -102,7 +103,6 @@ TEST_F(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
 TEST_F(LoadedLibrary, HasTheRegionsThatTheKernelLists) {
   EXPECT_EQ(module_of(address_of(base)), name);
   EXPECT_EQ(K32GetModuleFileNameExA(nullptr, base + 1, std::string(260, ' ').data(), 260), 0u);
-  const GuardedMemory pages(0x8000);
   for (int rights = 0; rights < 8; ++rights) {
     mprotect(pages.begin() + 4096 * rights, 4096, rights);
   }
