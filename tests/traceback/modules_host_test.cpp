@@ -48,8 +48,9 @@ TEST(PcInfo, IsNoneWhereTheSectionIsNotInTheImage) {
 }
 
 // The library of the traceback's test program, with holes between its segments. What is loaded is a
-// copy, whose long name makes long lines of the kernel's list.
-class LoadedLibrary : public testing::Test {
+// copy, whose long name makes long lines of the kernel's list, longer and shorter ones so that
+// their ends come at any place of a reader's buffer.
+class LoadedLibrary : public testing::TestWithParam<unsigned> {
  protected:
   LoadedLibrary() {
     const auto folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
@@ -64,7 +65,7 @@ class LoadedLibrary : public testing::Test {
   }
   ~LoadedLibrary() override { unlink(path.c_str()), dlclose(handle); }
 
-  const std::string name = std::string(200, 'm') + std::to_string(getpid()) + ".so";
+  const std::string name = std::string(GetParam(), 'm') + std::to_string(getpid()) + ".so";
   const std::string path = testing::TempDir() + name;
   const GuardedMemory pages{0x8000};  // listed behind the library
   std::string file;
@@ -72,7 +73,9 @@ class LoadedLibrary : public testing::Test {
   char* base;
 };
 
-TEST_F(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
+INSTANTIATE_TEST_SUITE_P(Names, LoadedLibrary, testing::Range(180u, 240u, 5u));
+
+TEST_P(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
   auto& header = *reinterpret_cast<Elf64_Ehdr*>(file.data());
   auto* row = reinterpret_cast<Elf64_Shdr*>(file.data() + header.e_shoff);
   const char* const names = file.data() + row[header.e_shstrndx].sh_offset;
@@ -100,7 +103,7 @@ TEST_F(LoadedLibrary, HasASectionIfTheFileIsStillTheSame) {
 }
 
 // The kernel's list is the oracle.
-TEST_F(LoadedLibrary, HasTheRegionsThatTheKernelLists) {
+TEST_P(LoadedLibrary, HasTheRegionsThatTheKernelLists) {
   EXPECT_EQ(module_of(address_of(base)), name);
   EXPECT_EQ(K32GetModuleFileNameExA(nullptr, base + 1, std::string(260, ' ').data(), 260), 0u);
   for (int rights = 0; rights < 8; ++rights) {
