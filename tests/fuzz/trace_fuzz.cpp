@@ -8,16 +8,12 @@ using namespace ksomd;
 using namespace ksomd::traceback;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 16) {
-    return 0;
-  }
-  const std::uint64_t pc = read_unsigned(data, 8);
-  const std::uint64_t bias = read_unsigned(data + 8, 8);
-  const Bytes image{data + 16, size - 16};
+  const Bytes image = Bytes{data, size}.from(16);
   SectionPlace place;
   if (find_pe_section(image, ".trace", place)) {
+    const std::uint64_t pc = read_unsigned(data, 8), bias = read_unsigned(data + 8, 8);
     const Bytes section = image.from(place.offset).first(place.size);
-    if (test::look_up(section, pc, bias) != test::Reference::find(section, pc, bias)) {
+    if (test::look_up(section, pc, bias) != test::reference_look_up(section, pc, bias)) {
       std::abort();
     }
   }

@@ -27,6 +27,11 @@ KSOMD_ENTRY(string_stack_signal)
 KSOMD_ENTRY(string_stack_signal_impl)
 #undef KSOMD_ENTRY
 
+#ifndef _WIN32
+// The calls of the system that a test makes fail, and what is open.
+using host::stack_balance, host::stack_faults, host::StackFaults;
+#endif
+
 template <class Object>
 std::uint64_t address_of(Object* object) {
   return reinterpret_cast<std::uint64_t>(object);
@@ -64,23 +69,22 @@ inline std::string module_of(std::uint64_t address) {
   return name;
 }
 
-// A PE image in memory, with headers on its first page and a trace section on its second one.
+// A PE image in memory, with headers on its first page and a trace section on its second one; the
+// headers may place the section elsewhere.
 struct Image {
-  Image() {
+  explicit Image(std::uint64_t place = 0x1000, std::uint64_t size = 0x1000) {
     const auto routine = [](std::uint64_t at, const std::string& file, const std::string& name) {
       return block(at, 16, {file}, routine_item(12, at, name) + Data{5, 42, 0, 7, 15});
     };
-    const Data trace = routine(code(), "dir\\file.f90", "routine") +
-                       routine(code() + 16, "next/" + std::string(300, 'f'), std::string(300, 'n'));
-    put(0, image_headers({".text", ".trace"}, 240));
-    put(size_at, number(trace.size(), 4) + number(4096, 4));
-    put(4096, trace);
+    std::ranges::copy(image_headers({{".text", 99, 99}, {".trace", size, place}}, 240),
+                      memory.begin());
+    std::ranges::copy(
+        routine(code(), "dir\\file.f90", "routine") +
+            routine(code() + 16, "next/" + std::string(300, 'f'), std::string(300, 'n')),
+        memory.begin() + 0x1000);
   }
-  void put(std::size_t at, const Data& data) { std::ranges::copy(data, memory.begin() + at); }
   [[nodiscard]] std::uint64_t code() const { return address_of(memory.begin()) + 0x2000; }
 
-  // Where the headers keep the trace section's size and, 4 bytes on, its place.
-  static constexpr std::size_t size_at = 0x48 + 24 + 240 + 40 + 8;
   GuardedMemory memory{0x3000};
 };
 

@@ -14,29 +14,12 @@ void check_chain(const Recorder& recorder, const std::string& skips) {
   for (std::size_t i = 0; i < frames.size(); ++i) {
     const STACKFRAME64& frame = frames[i];
     EXPECT_EQ(frame.AddrReturn.Offset, i + 1 < frames.size() ? frames[i + 1].AddrPC.Offset : 0);
-    EXPECT_EQ(getPC(&frame), frame.AddrPC.Offset);
     EXPECT_EQ(getRetAddr(&frame), frame.AddrReturn.Offset);
-    EXPECT_EQ(getFramePtr(&frame), 0u);
-    for (const ADDRESS64* each = &frame.AddrPC; each <= &frame.AddrStack; ++each) {
-      EXPECT_EQ(each->Mode, AddrModeFlat);
-    }
+    EXPECT_TRUE(getPC(&frame) == frame.AddrPC.Offset && getFramePtr(&frame) == 0);
+    EXPECT_TRUE(std::all_of(&frame.AddrPC, &frame.AddrStack + 1,
+                            [](const ADDRESS64& each) { return each.Mode == AddrModeFlat; }));
   }
   EXPECT_EQ(recorder.skips, skips + std::string(frames.size() - skips.size(), '0'));
-}
-
-std::uint64_t caller;
-
-// As if this were what a call through a bad pointer ran into, from where `context` stands.
-[[gnu::noinline, clang::disable_tail_calls]] std::uint32_t walk_wild_call(Recorder& recorder,
-                                                                          CONTEXT context,
-                                                                          std::uint64_t target) {
-  caller = address_of(__builtin_return_address(0));
-  context.Rip = target;
-  context.Rsp -= 8;
-  const CONTEXT before = context;
-  const std::uint32_t status = recorder.walk(&context);
-  EXPECT_EQ(std::memcmp(&before, &context, sizeof before), 0);
-  return status;
 }
 
 TEST(Walk, StartsInItsOwnRoutine) {
@@ -44,20 +27,33 @@ TEST(Walk, StartsInItsOwnRoutine) {
   EXPECT_EQ(recorder.walk(nullptr), 0u);
   EXPECT_STREQ(geterrorstring(), "No error");
   check_chain(recorder, "11");
-  const std::uint64_t routines[] = {address_of(trace_stack_impl), address_of(trace_stack)};
-  EXPECT_LT(recorder.frames[0].AddrPC.Offset - routines[0], 4096u);
-  EXPECT_LT(recorder.frames[1].AddrPC.Offset - routines[1], 4096u);
+  EXPECT_LT(recorder.frames[0].AddrPC.Offset - address_of(trace_stack_impl), 4096u);
+  EXPECT_LT(recorder.frames[1].AddrPC.Offset - address_of(trace_stack), 4096u);
+}
+
+// As if this were what a call through a bad pointer ran into, from where `context` stands: the
+// caller's address.
+[[gnu::noinline, clang::disable_tail_calls]] std::uint64_t walk_wild_call(Recorder& recorder,
+                                                                          CONTEXT context,
+                                                                          std::uint64_t target) {
+  context.Rip = target;
+  context.Rsp -= 8;
+  const CONTEXT before = context;
+  EXPECT_EQ(recorder.walk(&context), 0u);
+  EXPECT_EQ(std::memcmp(&before, &context, sizeof before), 0);
+  return address_of(__builtin_return_address(0));
 }
 
 TEST(Walk, StartsAtTheCallerWhereThereIsNoCode) {
+  static int no_code;
   CONTEXT context;
   RtlCaptureContext(&context);
   Recorder whole;
   EXPECT_EQ(whole.walk(&context), 0u);
   check_chain(whole, "");
-  for (const std::uint64_t target : {std::uint64_t{0}, address_of(&caller), UINT64_MAX}) {
+  for (const std::uint64_t target : {std::uint64_t{0}, address_of(&no_code), UINT64_MAX}) {
     Recorder recorder;
-    EXPECT_EQ(walk_wild_call(recorder, context, target), 0u);
+    const std::uint64_t caller = walk_wild_call(recorder, context, target);
     ASSERT_EQ(recorder.frames.size(), whole.frames.size());
     EXPECT_EQ(recorder.frames[0].AddrPC.Offset, caller);
     EXPECT_EQ(recorder.frames[1].AddrPC.Offset, whole.frames[1].AddrPC.Offset);
