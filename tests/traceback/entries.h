@@ -8,6 +8,9 @@
 #include "support/entry.h"
 #include "support/guarded_memory.h"
 #include "traceback/sample.h"
+#ifndef _WIN32
+#include "traceback/system_faults.h"
+#endif
 
 namespace ksomd::test {
 
@@ -26,11 +29,6 @@ KSOMD_ENTRY(get_pc_info_pie)
 KSOMD_ENTRY(string_stack_signal)
 KSOMD_ENTRY(string_stack_signal_impl)
 #undef KSOMD_ENTRY
-
-#ifndef _WIN32
-// The calls of the system that a test makes fail, and what is open.
-using host::stack_balance, host::stack_faults, host::StackFaults;
-#endif
 
 template <class Object>
 std::uint64_t address_of(Object* object) {

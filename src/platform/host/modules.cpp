@@ -9,8 +9,6 @@
 
 #include "platform/platform.h"
 
-using ksomd::host::stack_faults;
-
 namespace {
 
 constexpr std::uintptr_t page_size = 4096;
@@ -161,10 +159,6 @@ bool find_mapping(std::uintptr_t address, Mapping& mapping) {
 }  // namespace
 
 std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, std::size_t size) {
-  if (stack_faults.virtual_query != 0) {
-    SetLastError(stack_faults.virtual_query);
-    return 0;
-  }
   *region = {};
   // The loader's list of modules is asked first, because the kernel's list takes longer to read.
   Module module;
@@ -186,10 +180,6 @@ std::size_t VirtualQuery(const void* address, MEMORY_BASIC_INFORMATION* region, 
 
 DWORD K32GetModuleFileNameExA(HANDLE, HMODULE handle, char* path, DWORD size) {
   Module module;
-  if (stack_faults.module_file_name != 0) {
-    SetLastError(stack_faults.module_file_name);
-    return 0;
-  }
   if (!find_module(handle, module) || handle != reinterpret_cast<HMODULE>(module.first)) {
     return 0;
   }

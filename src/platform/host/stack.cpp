@@ -9,19 +9,12 @@
 
 namespace ksomd::host {
 
-StackFaults stack_faults;
-StackBalance stack_balance;
-
 namespace {
 
 thread_local DWORD last_error;
 
-bool fails(DWORD code) {
-  if (code != 0) {
-    last_error = code;
-  }
-  return code != 0;
-}
+// Its address is the one handle that there is.
+char process_handle;
 
 // A general register: in a CONTEXT, in libunwind, and in the system's own context, where libunwind
 // starts.
@@ -100,7 +93,7 @@ void SetLastError(DWORD code) {
 }
 
 HANDLE GetCurrentProcess() {
-  return &stack_balance.symbol_handlers;
+  return &process_handle;
 }
 
 HANDLE GetCurrentThread() {
@@ -112,30 +105,20 @@ DWORD GetCurrentProcessId() {
 }
 
 HANDLE OpenProcess(DWORD, BOOL, DWORD) {
-  if (fails(stack_faults.open_process)) {
-    return nullptr;
-  }
-  ++stack_balance.process_handles;
-  return &stack_balance.process_handles;
+  return &process_handle;
 }
 
 BOOL CloseHandle(HANDLE) {
-  --stack_balance.process_handles;
   return true;
 }
 
 BOOL GetModuleHandleExA(DWORD, const char*, HMODULE* module) {
-  *module = nullptr;
-  if (fails(stack_faults.get_module_handle)) {
-    return false;
-  }
-  *module = &stack_faults;
+  *module = &process_handle;
   return true;
 }
 
 FARPROC GetProcAddress(HMODULE, const char*) {
-  return fails(stack_faults.get_proc_address) ? nullptr
-                                              : reinterpret_cast<FARPROC>(RtlCaptureContext);
+  return reinterpret_cast<FARPROC>(RtlCaptureContext);
 }
 
 [[gnu::noinline]] void RtlCaptureContext(CONTEXT* context) {
@@ -149,26 +132,18 @@ FARPROC GetProcAddress(HMODULE, const char*) {
 }
 
 BOOL SymInitialize(HANDLE, const char*, BOOL) {
-  if (fails(stack_faults.sym_initialize)) {
-    return false;
-  }
   // The unwinder's cache is keyed by address alone. But one address may be the start of a routine
   // and also the return address of a call at the end of the routine before it.
   unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_NONE);
-  ++stack_balance.symbol_handlers;
   return true;
 }
 
 BOOL SymCleanup(HANDLE) {
-  --stack_balance.symbol_handlers;
   return true;
 }
 
 BOOL StackWalk64(DWORD, HANDLE, HANDLE, STACKFRAME64* frame, CONTEXT* context, void*, void*, void*,
                  void*) {
-  if (stack_faults.stack_walk != nullptr) {
-    return stack_faults.stack_walk(frame);
-  }
   DWORD64& progress = frame->Reserved[0];
   const bool moved = progress == not_started || step_to_caller(*context, progress);
   if (!moved || context->Rip == 0) {

@@ -143,24 +143,5 @@ struct Catalogue {
 };
 extern const Catalogue* catalogue;
 
-// Calls that a test makes fail: a call whose field is not 0 fails and sets this last-error value.
-struct StackFaults {
-  DWORD sym_initialize = 0;
-  DWORD get_module_handle = 0;
-  DWORD get_proc_address = 0;
-  DWORD virtual_query = 0;
-  DWORD open_process = 0;
-  DWORD module_file_name = 0;
-  // Called in place of StackWalk64 if it is not null.
-  BOOL (*stack_walk)(STACKFRAME64* frame) = nullptr;
-};
-extern StackFaults stack_faults;
-
-// The symbol handlers and process handles that are open: those started minus those closed.
-struct StackBalance {
-  int symbol_handlers, process_handles;
-};
-extern StackBalance stack_balance;
-
 }  // namespace host
 }  // namespace ksomd
