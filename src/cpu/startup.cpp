@@ -57,7 +57,7 @@ constexpr Level level_E{"E", set_I | feature_mask("MOVBE", "FMA", "BMI", "LZCNT"
 constexpr std::uint32_t default_flags = KSOMD_FLUSH_TO_ZERO | KSOMD_DENORMALS_ARE_ZERO;
 
 void verify(const Level& level, std::uint32_t flags) {
-  if (has_features(level.required)) {
+  if (level.required.all_in({feature_word(), 0})) {
     __orvex_set_fp_mode(level.known, flags);
   } else if (level.report != nullptr) {
     level.report(level.message);
