@@ -1,14 +1,12 @@
 #!/usr/bin/env python3
-"""Compares the exported interface with the one that was agreed on, in tests/abi:
-
-  exports.txt    the names that both products export, and which of them are data
-  libksomd.abi   the prototypes and types behind them, as the debug information of the Linux
-                 library gives them; abidiff tells what changed
+"""Compares the exported interface with the one that was agreed on, tests/abi/libksomd.abi: the names
+that both products export, and the prototypes and types behind them, as the debug information of the
+Linux library gives them. abidiff tells what changed.
 
 usage: check_interface.py [--update] ABI_BUILD_DIRECTORY [PRODUCT...]
 
 ABI_BUILD_DIRECTORY holds a libksomd.so with debug information; the PRODUCTs are shared objects of
-either target. With --update both files are written anew from that library: what the change means
+either target. With --update the file is written anew from that library: what the change means
 for programs that are linked already is for the one who commits it to judge.
 """
 
@@ -20,10 +18,7 @@ import tempfile
 
 from check_exports import elf_exports, pe_exports
 
-AGREED = pathlib.Path("tests/abi")
-NAMES, PROTOTYPES = AGREED / "exports.txt", AGREED / "libksomd.abi"
-HEADING = ("# Every exported name, in byte order; DATA after those that are not routines. "
-           "./dev abi --update writes it.\n")
+PROTOTYPES = pathlib.Path("tests/abi/libksomd.abi")
 # Nothing that depends on the machine or on where in a file a thing stands.
 ABIDW = ["abidw", "--headers-dir", "include/ksomd", "--drop-private-types",
          "--exported-interfaces-only", "--drop-undefined-syms", "--no-show-locs",
@@ -37,7 +32,8 @@ def name_lines(product):
 
 
 def agreed_lines():
-    return set(NAMES.read_text().splitlines()[1:])
+    symbols = re.findall(r"<elf-symbol name='([^']+)'(.*)/>", PROTOTYPES.read_text())
+    return {name + (" DATA" if "type='object-type'" in rest else "") for name, rest in symbols}
 
 
 def dump(library):
@@ -67,8 +63,6 @@ def check_prototypes(library):
 
 
 def update(library):
-    AGREED.mkdir(exist_ok=True)
-    NAMES.write_text(HEADING + "".join(f"{line}\n" for line in sorted(name_lines(library))))
     PROTOTYPES.write_text(dump(library))
 
 
