@@ -32,7 +32,7 @@ KSOMD_WRAP(BOOL, SymCleanup, "_Z10SymCleanupPv", HANDLE process) {
   return real_SymCleanup(process);
 }
 KSOMD_WRAP(HANDLE, OpenProcess, "_Z11OpenProcessjij", DWORD access, BOOL inherit, DWORD id) {
-  HANDLE const opened =
+  void* const opened =
       fails(stack_faults.open_process) ? nullptr : real_OpenProcess(access, inherit, id);
   stack_balance.process_handles += opened != nullptr;
   return opened;
