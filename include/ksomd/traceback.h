@@ -106,8 +106,9 @@ KSOMD_API uint32_t tbk_get_pc_info(struct ksomd_pc_info* info, uint64_t pc, uint
  *
  * Result: the number of characters of the dump, at most `size`. A dump that does not fit is
  * truncated, and ends with "Stack trace buffer overflow; further frames not shown." and a line
- * feed; a buffer of 57 bytes or less holds nothing but that notice. With a null buffer nothing is
- * written; the result is the size of a buffer that holds the whole dump. */
+ * feed; a buffer of 57 bytes or less holds nothing but that notice, and the result is then 57. With
+ * a null buffer nothing is written; the result is the size of a buffer that holds the whole dump.
+ */
 KSOMD_API uint64_t tbk_string_stack_signal_impl(const void* context, char* buffer, uint64_t size,
                                                 uint32_t brief, uint32_t direct, uint32_t skip);
 

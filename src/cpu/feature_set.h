@@ -46,7 +46,7 @@ extern "C" {
 // vendor-gated set, and also the general one if the vendor is "GenuineOrvex". The result is 0. Any
 // other result means that the name table and the detection disagree; then nothing was stored. Both
 // routines preserve every argument and scratch register, vector and mask registers at full width.
-// Only the result register and the flags change.
+// Only the result register and the flags change. They stand in register_preserving_init.S.
 KSOMD_PRESERVES_REGISTERS int __orvex_cpu_features_init(void);
 KSOMD_PRESERVES_REGISTERS int __orvex_cpu_features_init_vendor(void);
 
@@ -64,6 +64,7 @@ inline std::uint64_t load_feature_word(const std::uint64_t& word) {
 // Word 0 of the general set, which is filled first if it is empty. Every dispatching routine reads
 // the set this way. Once the set is filled, that costs one load and one compare.
 inline std::uint64_t feature_word() {
+  // A second round would mean that the detection stored nothing, which the tables rule out.
   std::uint64_t word = load_feature_word(__orvex_cpu_feature_indicator[0]);
   while (word == 0) [[unlikely]] {
     __orvex_cpu_features_init();

@@ -39,14 +39,14 @@ inline constexpr Size packed_min_rows = 34;
 inline constexpr Size packed_min_columns = 38;
 inline constexpr Size packed_min_depth = 38;
 
-inline constexpr Size column_panel = 2000;  // columns of P per pass
-inline constexpr Size depth_chunk = 112;    // depth of a packed block
-inline constexpr Size row_chunk = 260;      // rows of a packed block of op(A)
-inline constexpr Size packed_tile = 4;      // rows and columns of an exported tile kernel
+inline constexpr Size max_columns_per_pass = 2000;  // columns of P per pass
+inline constexpr Size depth_chunk = 112;            // depth of a packed block
+inline constexpr Size packed_rows = 260;            // rows of a packed block of op(A)
+inline constexpr Size exported_tile = 4;            // rows and columns of an exported tile kernel
 
 // The wide kernels pack columns of op(B) that are stored along the depth only if there are more
 // rows than these. Two blocks of op(A) read them as fast in place (measured).
-inline constexpr Size rows_as_is = 2 * row_chunk;
+inline constexpr Size most_rows_with_b_in_place = 2 * packed_rows;
 
 // The packed blocks of the exported routines have one panel per complete group of four rows of
 // op(A), or columns of op(B), without gaps; a panel has an entry of four values per depth index,
@@ -65,7 +65,7 @@ inline constexpr Size rows_as_is = 2 * row_chunk;
 // Their tile kernels copy a panel of op(B) with every value written twice in a row, so that one
 // aligned 16-byte load brings it into both lanes.
 constexpr Size padded_depth(Size depth) {
-  return round_up(depth, packed_tile);
+  return round_up(depth, exported_tile);
 }
 
 // Depth of the chunk of a packed product that comes first.
@@ -112,8 +112,8 @@ class ScratchLayout {
   }
 
  private:
-  static constexpr RegionSize a_{round_up(row_chunk * column_bytes, page), page, page};
-  static constexpr RegionSize doubled_{round_up(packed_tile * 2 * column_bytes, page), 128, 384};
+  static constexpr RegionSize a_{round_up(packed_rows * column_bytes, page), page, page};
+  static constexpr RegionSize doubled_{round_up(exported_tile * 2 * column_bytes, page), 128, 384};
   RegionSize b_;
 
   constexpr Size b_margin() const { return a_.end(0); }

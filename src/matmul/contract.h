@@ -180,7 +180,7 @@ struct ElementKernels {
   Size width;                                             // rows of a vector
   TileKernel<Element> tile[max_groups][max_vectors + 1];  // [column group][TileRows::vectors]
   PackPanel<Element> pack_adjacent;    // the members are adjacent in the stored operand
-  PackPanel<Element> pack_transposed;  // a member's values along the depth are
+  PackPanel<Element> pack_transposed;  // each member's values are
   Size piece_depth;                    // depth of a piece of op(A)
   Size depth_block;                    // depth of a cache block
   Size row_block;                      // rows of a block of op(A)
@@ -227,7 +227,7 @@ struct Kernels {
   ElementKernels<Complex<double>> c8;
   void (*matrix_vector[2])(const MatrixVector& z);  // by the layout of A
   // Whether the tile kernels serve packed products, too. Otherwise the exported ones do.
-  bool packed_tiles;
+  bool tiles_serve_packed;
 };
 
 [[gnu::visibility("hidden")]] extern const Kernels avx512_kernels;

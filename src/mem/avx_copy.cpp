@@ -1,3 +1,4 @@
+// __orvex_avx_rep_memcpy: the copy of the AVX2 level.
 #include "ksomd/memory.h"
 #include "mem/avx_blocks.h"
 
@@ -15,6 +16,7 @@ constexpr size_t stream_floor = 768;
   const auto* s = static_cast<const Byte*>(source);
   const Byte* const s_end = s + n;
   Byte* const d_end = d + n;
+  // One unaligned piece covers the head. What it stores behind the head is stored again below.
   const size_t head = distance_to_boundary(32, d);
   copy_piece<Piece32>(d, s);
   d += head, s += head, n -= head;

@@ -1,3 +1,4 @@
+// __orvex_avx_rep_memset: the fill of the AVX2 level.
 #include "ksomd/memory.h"
 #include "mem/avx_blocks.h"
 

@@ -1,3 +1,4 @@
+// __orvex_avx_memmove: the move of the AVX2 level.
 #include "ksomd/memory.h"
 #include "mem/avx_blocks.h"
 

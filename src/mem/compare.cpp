@@ -1,3 +1,4 @@
+// Comparisons.
 #include "ksomd/memory.h"
 #include "mem/blocks.h"
 

@@ -1,3 +1,4 @@
+// The dispatching entry points of copies, moves and fills.
 #include "mem/dispatch.h"
 
 #include <cstring>
@@ -9,6 +10,7 @@ ksomd::mem::FillRoutine* __orvex_fast_memset_slot;
 namespace ksomd::mem {
 namespace {
 
+// The last rows are reached only where a feature of every 64-bit processor was switched off.
 constexpr Variant<CopyRoutine*> memcpy_variants[] = {
     KSOMD_VARIANT(avx2_level, __orvex_avx_rep_memcpy),
     KSOMD_VARIANT(baseline_level, __orvex_new_memcpy),

@@ -39,7 +39,8 @@ extern "C" {
 [[gnu::visibility(
     "hidden")]] extern ksomd::mem::DynamicStreamRoutine* __libkso_nontemporal_store_dynamic_slot;
 
-// What an entry point does if its slot is empty: it fills the slot and forwards the call.
+// The resolvers by name: they fill the slot and forward the call. An entry point whose slot is
+// empty does the same.
 void* __orvex_fast_memcpy_resolve(void* destination, const void* source, size_t count);
 void* __orvex_fast_memmove_resolve(void* destination, const void* source, size_t count);
 void* __orvex_fast_memset_resolve(void* destination, int value, size_t count);

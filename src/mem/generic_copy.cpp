@@ -1,3 +1,4 @@
+// The copy and the move of the baseline.
 #include "ksomd/memory.h"
 #include "mem/blocks.h"
 #include "second_names.h"

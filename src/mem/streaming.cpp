@@ -1,3 +1,4 @@
+// The dispatching entry points of streaming stores.
 #include "mem/streaming.h"
 
 #include "mem/blocks.h"

@@ -1,3 +1,4 @@
+// The plain copy of a streaming store's chunk.
 #pragma once
 
 #include <cstddef>

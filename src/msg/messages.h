@@ -1,5 +1,6 @@
-// Numbered messages: their texts, their translation by a catalogue, and their output. The library
-// writes to standard output only. Nothing here is thread-safe: each routine that returns or writes
+// Numbered messages: their texts, their translation by a catalogue, and their output, which is
+// standard output. (An item of KSOMD_MEM_TUNING that is refused is no message; it is named on
+// standard error.) Nothing here is thread-safe: each routine that returns or writes
 // a formatted text has a static buffer.
 #pragma once
 

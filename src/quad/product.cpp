@@ -27,6 +27,8 @@ namespace ksomd::quad {
 
 using namespace ksomd::quad;
 
+// Both variants are the same code: the kernel needs baseline instructions only. Programs may name
+// either of them.
 void quad_multiply_l(quad128* r, const quad128* a, const quad128* b) {
   apply<Product>(r, a, b);
 }

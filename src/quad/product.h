@@ -8,9 +8,11 @@ namespace ksomd::quad {
 // a * b / 2^128 with its lowest bit set if anything is lost: four products of words,
 //
 //   a_high b_high        2^128
-//   a_high b_low         2^64     each sum of three words fits in two
+//   a_high b_low         2^64
 //   a_low b_high         2^64
 //   a_low b_low          1
+//
+// A product of two words plus two words fits in two words, so no sum overflows.
 [[gnu::always_inline]] inline Uint128 high_product(Uint128 a, Uint128 b) {
   const auto times = [](std::uint64_t x, std::uint64_t y) { return static_cast<Uint128>(x) * y; };
   const Uint128 low = times(low_word(a), low_word(b));
@@ -23,6 +25,8 @@ namespace ksomd::quad {
 struct Product {
   // Both are normal, and the sum of their exponents makes the result normal, rounded up or not.
   [[gnu::always_inline]] static bool is_common(quad128 a, quad128 b) {
+    // The exponent field of the result is the sum less bias, plus 1 if the product is 2 or more,
+    // and plus 1 if rounding carries.
     constexpr std::uint64_t lowest_sum = bias + 1;
     constexpr std::uint64_t highest_sum = bias + largest_exponent - 2;
     const std::uint64_t a_field = a.high << 1 >> 49;
@@ -33,10 +37,12 @@ struct Product {
 
   [[gnu::always_inline]] static quad128 common(quad128 a, quad128 b) {
     const Uint128 product = high_product(normal_significand(a), normal_significand(b));
-    const std::uint64_t carry = high_word(product) >> 63;
+    // The leading one of the product is at bit 127 if it is 2 or more, else at bit 126.
+    const std::uint64_t at_least_two = high_word(product) >> 63;
     return round_normal<1 - remainder_width>(
-        a.high ^ b.high, sign_and_exponent(a.high) + sign_and_exponent(b.high) - bias + carry,
-        product, carry);
+        a.high ^ b.high,
+        sign_and_exponent(a.high) + sign_and_exponent(b.high) - bias + at_least_two, product,
+        at_least_two);
   }
 
   static quad128 any(quad128 a, quad128 b);

@@ -36,6 +36,8 @@ namespace ksomd::quad {
 
 using namespace ksomd::quad;
 
+// Both variants are the same code: the kernel needs baseline instructions only. Programs may name
+// either of them.
 void quad_divide_l(quad128* r, const quad128* a, const quad128* b) {
   apply<Quotient>(r, a, b);
 }

@@ -84,6 +84,8 @@ inline std::uint64_t exponent(quad128 a) {
 // a + b if turn_b is 0, a - b if it is the sign bit.
 template <std::uint64_t turn_b>
 struct SumOrDifference {
+  // The processor is asked here and not in the entry: which variants there are depends on the
+  // signs.
   [[gnu::always_inline]] static bool is_common(quad128 a, quad128 b) {
     constexpr std::uint64_t range = highest_common_exponent - lowest_common_exponent;
     return exponent(a) - lowest_common_exponent <= range &&

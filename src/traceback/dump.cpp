@@ -1,3 +1,4 @@
+// Stack dumps: the text of each frame, in the caller's buffer.
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -142,9 +143,8 @@ std::int32_t format_frame(const void* record, void* user, std::int32_t skip) {
   if (frame.pc == 0) {
     return KSOMD_FRAME_STOP;
   }
-  std::uint64_t bias;
-  tbk_getModuleName(frame.pc, frame.module, sizeof frame.module, &bias);
-  tbk_get_pc_info_pie(&frame.info, frame.pc, &bias, frame.module);
+  tbk_getModuleName(frame.pc, frame.module, sizeof frame.module, nullptr);
+  tbk_get_pc_info_pie(&frame.info, frame.pc, nullptr, frame.module);
   const bool fits =
       dump.detailed ? write_detailed_entry(dump, *static_cast<const STACKFRAME64*>(record), frame)
                     : write_table_entry(dump, frame);
@@ -179,6 +179,7 @@ using namespace ksomd::traceback;
     append(buffer, size, overflow_notice);
     return notice_size;
   }
+  // Frames leave room for the notice and one byte more.
   DumpState dump = {.buffer = buffer,
                     .capacity = buffer != nullptr ? size - notice_size - 1 : 0,
                     .used = 0,
@@ -190,8 +191,9 @@ using namespace ksomd::traceback;
     if (buffer != nullptr) {
       append(buffer, size, reason);
     }
-    dump.used += std::strlen(reason) + 1;
+    dump.used += std::strlen(reason) + 1;  // its terminator counts
   }
+  // The smallest size whose capacity holds the text and a terminator.
   if (buffer == nullptr) {
     return dump.used + notice_size + 2;
   }

@@ -11,7 +11,6 @@ namespace {
 
 constexpr std::size_t longest_part = 255;
 constexpr DWORD query_and_read = PROCESS_QUERY_INFORMATION | PROCESS_VM_READ;
-static_assert(query_and_read == 0x410);
 
 // The full path of the module that holds an address.
 bool module_path(std::uint64_t address, char* path, DWORD size) {

@@ -1,3 +1,4 @@
+// The exported look-up of an address.
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>

@@ -4,7 +4,7 @@ namespace ksomd::traceback {
 namespace {
 
 constexpr std::size_t header_size = 26;
-constexpr std::uint64_t block_tag = 10 | 2 << 8;  // tag, version (two bytes), zero
+constexpr std::uint64_t block_tag = 10 | 2 << 8;  // the first four bytes of a header
 
 enum class Kind : std::uint8_t {
   Invalid,
@@ -122,7 +122,8 @@ bool decode_routine(Bytes rest, std::uint64_t pc, std::uint64_t adjustment, std:
   const std::size_t length = read_unsigned(rest.data + 2, 2);
   const std::uint64_t address = read_unsigned(rest.data + 4, static_cast<unsigned>(size) - 4);
   const Bytes name = rest.from(size).first(length);
-  size += length > 0 ? length : 1;
+  size += length > 0 ? length : 1;  // an empty name still takes a byte
+  // The address is compared as it is recorded, before the adjustment.
   if (size > rest.size || address > pc) {
     return false;
   }

@@ -2,6 +2,8 @@
 //
 //   section   block, zero bytes, block, ...        one block a routine, in no particular order
 //   block     header, source-file names, items     the items are a program for a small decoder
+//   header    tag 10 (1 byte), version 2 (2), zero (1), length of the block (4), start address (8),
+//             number of source files (4), length of the code (4), not read (2)
 //
 // The decoder keeps an address and a line; items move them forward. An item that moves the address
 // describes the code bytes after the old address up to and including the new one.

@@ -1,3 +1,4 @@
+// Walks a stack and hands each frame to a callback.
 #include <cstring>
 
 #include "ksomd/traceback.h"

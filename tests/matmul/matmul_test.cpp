@@ -103,7 +103,7 @@ TEST(MatmulScratch, IsTakenByPackedProductsAlone) {
     for (const auto& shape : shapes) {
       const auto [m, n, k] = shape;
       for (const auto* row : {std::end(matmul::kernel_variants) - 1, &best(saved)}) {
-        const bool in_place = row->choice->packed_tiles && k <= 112 && m <= 260;
+        const bool in_place = row->choice->tiles_serve_packed && k <= 112 && m <= 260;
         const bool packs = m >= 34 && n >= 38 && k >= 38 && !in_place;
         const std::size_t size = packs ? std::min<Size>(n, 2000) * 896 + 258816 : 0;
         SCOPED_TRACE(testing::Message() << name << ' ' << m << ' ' << n << ' ' << k << row->name);

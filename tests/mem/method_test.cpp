@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "mem/routines.h"
-#include "mem/vector.h"
+#include "mem/timed_copy.h"
 #include "support/effort.h"
 #include "support/instruction_count.h"
 

@@ -7,7 +7,8 @@
 
 namespace ksomd::matmul {
 
-// An operand of a tile in one piece.
+// Splits an operand that is contiguous along the depth into pieces: piece s starts
+// s * piece_depth steps after `start`.
 template <class Element>
 void set_pieces(const TileCall<Element>& call, const Element* (&pieces)[max_pieces],
                 const Element* start, Size depth_step) {

@@ -42,8 +42,8 @@ void multiply_chunk_exported(const Product<double>& x, Finish finish, const Scra
   constexpr Size unused = 0;
   const Size depth = padded_depth(x.k);
   pack_b(x.k, x.n, x.b.start, x.b.leading, scratch.b());
-  for (Size i = 0; i < x.m; i += row_chunk) {
-    const Size rows = min(row_chunk, x.m - i);
+  for (Size i = 0; i < x.m; i += packed_rows) {
+    const Size rows = min(packed_rows, x.m - i);
     pack_a(rows, x.k, x.a.at(i, 0), x.a.leading, scratch.a());
     tiles(&rows, &x.n, &depth, scratch.a(), scratch.b(), &unused, x.p.at(i, 0), &x.p.leading,
           scratch.doubled());
@@ -54,8 +54,8 @@ void multiply_chunk_exported(const Product<double>& x, Finish finish, const Scra
 // padding: Finish::plus_zero has the effect that the products of the padding have.
 void multiply_chunk_in_panels(const Product<double>& x, Finish finish, const Scratch& scratch) {
   const ElementKernels<double>& kernels = chosen_kernels().r8;
-  const bool packs_b = x.b.layout == Layout::t || x.m > rows_as_is;
-  const Size row_block = round_down(row_chunk, kernels.rows());
+  const bool packs_b = x.b.layout == Layout::t || x.m > most_rows_with_b_in_place;
+  const Size row_block = round_down(packed_rows, kernels.rows());
   if (packs_b) {
     for (Size j = 0; j < x.n;) {
       const Size columns = kernels.next_columns(x.n - j).count;
@@ -100,10 +100,10 @@ void each_chunk(const Product<double>& x, Body body) {
 // scratch.
 bool multiply_tiles(const Product<double>& x, Size columns_per_pass) {
   const Kernels& kernels = chosen_kernels();
-  const Finish first = x.k % packed_tile == 0 ? Finish::store : Finish::plus_zero;
+  const Finish first = x.k % exported_tile == 0 ? Finish::store : Finish::plus_zero;
   // One chunk, a few rows: the portable product sums in the same order, packs less, and does
   // without the scratch, which takes longer to get from some systems than small products take.
-  if (kernels.packed_tiles && x.k <= depth_chunk && x.m <= row_chunk) {
+  if (kernels.tiles_serve_packed && x.k <= depth_chunk && x.m <= packed_rows) {
     BlockedProduct(kernels.r8, x, {Start::zero, first}).run();
     return true;
   }
@@ -112,7 +112,7 @@ bool multiply_tiles(const Product<double>& x, Size columns_per_pass) {
     return false;
   }
   const MultiplyChunk multiply_chunk =
-      kernels.packed_tiles ? multiply_chunk_in_panels : multiply_chunk_exported;
+      kernels.tiles_serve_packed ? multiply_chunk_in_panels : multiply_chunk_exported;
   for (Size j = 0; j < x.n; j += columns_per_pass) {
     const Product<double> pass{
         x.a, x.b.from(0, j), x.p.from(0, j), x.m, min(x.n - j, columns_per_pass), x.k};
@@ -126,9 +126,9 @@ bool multiply_tiles(const Product<double>& x, Size columns_per_pass) {
 // x is large enough to be packed. Returns false, with nothing done, if there is no scratch.
 // Separate, so that small products do not pay for its frame.
 [[gnu::noinline]] bool multiply_packed(const Product<double>& x) {
-  const Size rows = round_down(x.m, packed_tile);
-  const Size columns = round_down(x.n, packed_tile);
-  if (!multiply_tiles({x.a, x.b, x.p, rows, columns, x.k}, min(x.n, column_panel))) {
+  const Size rows = round_down(x.m, exported_tile);
+  const Size columns = round_down(x.n, exported_tile);
+  if (!multiply_tiles({x.a, x.b, x.p, rows, columns, x.k}, min(x.n, max_columns_per_pass))) {
     return false;
   }
   if (rows < x.m) {

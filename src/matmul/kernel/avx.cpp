@@ -5,6 +5,6 @@
 
 namespace ksomd::matmul {
 
-constexpr Kernels avx_kernels = kernels_with<Avx>(/*packed_tiles=*/true);
+constexpr Kernels avx_kernels = kernels_with<Avx>(/*tiles_serve_packed=*/true);
 
 }  // namespace ksomd::matmul

@@ -5,6 +5,6 @@
 
 namespace ksomd::matmul {
 
-constexpr Kernels avx512_kernels = kernels_with<Avx512>(/*packed_tiles=*/true);
+constexpr Kernels avx512_kernels = kernels_with<Avx512>(/*tiles_serve_packed=*/true);
 
 }  // namespace ksomd::matmul

@@ -4,6 +4,6 @@
 
 namespace ksomd::matmul {
 
-constexpr Kernels baseline_kernels = kernels_with<Sse2>(/*packed_tiles=*/false);
+constexpr Kernels baseline_kernels = kernels_with<Sse2>(/*tiles_serve_packed=*/false);
 
 }  // namespace ksomd::matmul

@@ -22,10 +22,10 @@ void double_values(const double* panel, Size values, double* doubled) {
 
 // Adds the products of one depth index to the sums: rows 0, 1 in [c][0], rows 2, 3 in [c][1].
 [[gnu::always_inline]] inline void add_products(const double* a, const double* doubled,
-                                                __m128d (&sum)[packed_tile][2]) {
+                                                __m128d (&sum)[exported_tile][2]) {
   const __m128d rows01 = _mm_load_pd(a);
   const __m128d rows23 = _mm_load_pd(a + 2);
-  for (Size c = 0; c < packed_tile; ++c) {
+  for (Size c = 0; c < exported_tile; ++c) {
     const __m128d factor = _mm_load_pd(doubled + 2 * c);
     sum[c][0] = _mm_add_pd(sum[c][0], _mm_mul_pd(rows01, factor));
     sum[c][1] = _mm_add_pd(sum[c][1], _mm_mul_pd(rows23, factor));
@@ -42,8 +42,8 @@ struct AddOld {
 
 template <class Store, Size unrolled>
 void multiply_tile(Size depth, const double* a, const double* doubled, double* p, Size ldp) {
-  __m128d sum[packed_tile][2];
-  for (Size c = 0; c < packed_tile; ++c) {
+  __m128d sum[exported_tile][2];
+  for (Size c = 0; c < exported_tile; ++c) {
     _mm_prefetch(reinterpret_cast<const char*>(p + c * ldp), _MM_HINT_NTA);
     sum[c][0] = sum[c][1] = _mm_setzero_pd();
   }
@@ -51,11 +51,11 @@ void multiply_tile(Size depth, const double* a, const double* doubled, double* p
 #pragma clang loop unroll(full)
     for (Size step = 0; step < unrolled; ++step) {
       add_products(a, doubled, sum);
-      a += packed_tile;
-      doubled += 2 * packed_tile;
+      a += exported_tile;
+      doubled += 2 * exported_tile;
     }
   }
-  for (Size c = 0; c < packed_tile; ++c) {
+  for (Size c = 0; c < exported_tile; ++c) {
     double* column = p + c * ldp;
     _mm_storeu_pd(column, Store::result(sum[c][0], column));
     _mm_storeu_pd(column + 2, Store::result(sum[c][1], column + 2));
@@ -65,9 +65,9 @@ void multiply_tile(Size depth, const double* a, const double* doubled, double* p
 template <class Store, Size unrolled>
 void multiply_block(Size m, Size n, Size depth, const double* a, const double* b, double* p,
                     Size ldp, double* doubled) {
-  for (Size j = 0; j < n; j += packed_tile) {
-    double_values(b + j * depth, packed_tile * depth, doubled);
-    for (Size i = 0; i < m; i += packed_tile) {
+  for (Size j = 0; j < n; j += exported_tile) {
+    double_values(b + j * depth, exported_tile * depth, doubled);
+    for (Size i = 0; i < m; i += exported_tile) {
       multiply_tile<Store, unrolled>(depth, a + i * depth, doubled, p + i + j * ldp, ldp);
     }
   }

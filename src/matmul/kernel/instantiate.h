@@ -54,14 +54,14 @@ consteval auto kernels_of() {
 }
 
 template <template <class> class Lanes>
-consteval Kernels kernels_with(bool packed_tiles) {
+consteval Kernels kernels_with(bool tiles_serve_packed) {
   return {kernels_of<RealRows<Lanes<float>>>(),
           kernels_of<RealRows<Lanes<double>>>(),
           kernels_of<ComplexRows<Lanes<float>>>(),
           kernels_of<ComplexRows<Lanes<double>>>(),
           {MatrixVectorKernel<Lanes<double>, Layout::n>::multiply,
            MatrixVectorKernel<Lanes<double>, Layout::t>::multiply},
-          packed_tiles};
+          tiles_serve_packed};
 }
 
 }  // namespace ksomd::matmul

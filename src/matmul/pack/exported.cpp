@@ -6,12 +6,12 @@ namespace {
 
 // x is a block of op(A), or of op(B) transposed: members by depth.
 void pack_groups(const Operand<double>& x, Size members, Size depth, double* panel) {
-  for (Size first = 0; first + packed_tile <= members; first += packed_tile) {
-    baseline_kernels.r8.pack(x.from(first, 0), packed_tile, depth, panel, packed_tile);
-    for (Size l = depth * packed_tile; l < padded_depth(depth) * packed_tile; ++l) {
+  for (Size first = 0; first + exported_tile <= members; first += exported_tile) {
+    baseline_kernels.r8.pack(x.from(first, 0), exported_tile, depth, panel, exported_tile);
+    for (Size l = depth * exported_tile; l < padded_depth(depth) * exported_tile; ++l) {
       panel[l] = 0;
     }
-    panel += padded_depth(depth) * packed_tile;
+    panel += padded_depth(depth) * exported_tile;
   }
 }
 

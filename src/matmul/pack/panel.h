@@ -28,7 +28,7 @@ struct Panel {
     }
   }
 
-  // A member's values along the depth are.
+  // The values of a member along the depth are adjacent in the stored operand.
   static void pack_transposed(const Element* source, Size leading, Size members, Size depth,
                               Element* panel, Size panel_leading) {
     if (members >= side && depth >= side) {

@@ -1,3 +1,4 @@
+// Regions of memory, the paths of modules, and the sections of ELF images.
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>

@@ -1,3 +1,4 @@
+// Handles, the last error, the capture of registers and the walk, by libunwind.
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
 #include <ucontext.h>

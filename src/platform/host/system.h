@@ -121,16 +121,6 @@ BOOL StackWalk64(DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* fra
 
 namespace ksomd {
 
-// Runs body(argument). Returns false if this thread got SIGSEGV, SIGBUS, SIGFPE, SIGILL or SIGTRAP
-// in it. The previous handlers are in place again when this returns. Calls may nest, but only one
-// thread at a time may be in one.
-bool run_protected(void (*body)(void*), void* argument);
-
-// Finds a loaded section by name in the ELF image that starts at `image`. `offset` counts from the
-// image's start. The section table is read from the image's file, because it is not loaded.
-bool find_native_section(const void* image, const char* name, std::uint64_t& offset,
-                         std::uint64_t& size);
-
 namespace host {
 
 // A message catalogue that a test supplies before the first message is asked for.

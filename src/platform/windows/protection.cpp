@@ -23,4 +23,9 @@ bool run_protected(void (*body)(void*), void* argument) {
   }
 }
 
+// Images are PE.
+bool find_native_section(const void*, const char*, std::uint64_t&, std::uint64_t&) {
+  return false;
+}
+
 }  // namespace ksomd

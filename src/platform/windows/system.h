@@ -7,19 +7,3 @@
 #define PSAPI_VERSION 2
 #include <imagehlp.h>
 #include <psapi.h>
-
-#include <cstdint>
-
-namespace ksomd {
-
-// Runs body(argument). Returns false if the body raised an exception that it did not handle. The
-// handler is removed before this returns.
-bool run_protected(void (*body)(void*), void* argument);
-
-// Finds a section of an image in the system's native format, if that is not PE. On Windows it is
-// PE, so there is nothing to find.
-inline bool find_native_section(const void*, const char*, std::uint64_t&, std::uint64_t&) {
-  return false;
-}
-
-}  // namespace ksomd

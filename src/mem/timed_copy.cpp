@@ -1,4 +1,4 @@
-#include "mem/vector.h"
+#include "mem/timed_copy.h"
 
 #include "ksomd/memory.h"
 #include "mem/blocks.h"
