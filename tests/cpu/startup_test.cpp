@@ -195,8 +195,11 @@ TEST(Mode, OfEveryEntryOnThisProcessor) {
     const std::uint32_t gained = gained_mode(check.known, effective, supported);
     SCOPED_TRACE(check.name + " flags " + std::to_string(flags));
     if ((gained & ~supported) != 0) {
-      const ChildResult child = run_child("call", {check.name, std::to_string(flags)});
-      EXPECT_EQ(child.ending, Ending::AccessViolation);  // the mode is beyond this processor
+      // The mode is beyond this processor; a sanitizer would make a report of the fault.
+      if (!sanitized) {
+        const ChildResult child = run_child("call", {check.name, std::to_string(flags)});
+        EXPECT_EQ(child.ending, Ending::AccessViolation);
+      }
     } else if (check.sets_mode || check.message == 0) {
       std::uint32_t after = 0;
       int probes = 0, watched = 0;

@@ -50,7 +50,9 @@ void* __wrap_malloc(std::size_t size) {
 }
 void __wrap_free(void* block) {
   const volatile std::size_t nothing = 0;
-  open_requests -= watching && block != nullptr;
+  if (watching && block != nullptr) {
+    --open_requests;
+  }
   [[maybe_unused]] void* const none =
       watching || block == nullptr ? nullptr : std::realloc(block, nothing);
 }

@@ -40,7 +40,7 @@ const void* find_entry(std::string_view name) {
   static const bool shared = std::getenv("KSOMD_TEST_SHARED") != nullptr;
   for (Entry& entry : exported_entries) {
     if (entry.name == name) {
-      entry.asked = true;
+      __atomic_store_n(&entry.asked, true, __ATOMIC_RELAXED);
       if (const void* found = shared ? find_exported(entry.name) : entry.address) {
         return found;
       }

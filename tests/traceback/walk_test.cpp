@@ -31,11 +31,12 @@ TEST(Walk, StartsInItsOwnRoutine) {
   EXPECT_LT(recorder.frames[1].AddrPC.Offset - address_of(trace_stack), 4096u);
 }
 
-// As if this were what a call through a bad pointer ran into, from where `context` stands: the
+// As if this were what a call through a bad pointer ran into, from where `start` stands: the
 // caller's address.
 [[gnu::noinline, clang::disable_tail_calls]] std::uint64_t walk_wild_call(Recorder& recorder,
-                                                                          CONTEXT context,
+                                                                          const CONTEXT& start,
                                                                           std::uint64_t target) {
+  CONTEXT context = start;
   context.Rip = target;
   context.Rsp -= 8;
   const CONTEXT before = context;
