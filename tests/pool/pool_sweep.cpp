@@ -227,5 +227,13 @@ TEST(PoolSweep, AlignedBlocksStandRightAboveTheirLink) {
   release(nullptr);
 }
 
+TEST(LockSweep, MarksTheWord) {
+  int word = 0;
+  entry<void(int*)>("__fast_lock")(&word);
+  EXPECT_NE(word, 0);
+  entry<void(int*)>("__fast_unlock")(&word);
+  EXPECT_EQ(word, 0);
+}
+
 }  // namespace
 }  // namespace ksomd::test
