@@ -12,7 +12,10 @@ namespace ksomd::matmul {
 
 // The kernels in use, and their slot, which is null until the first product.
 [[gnu::visibility("hidden")]] extern const Kernels* kernels_slot;
-const Kernels& chosen_kernels();
+inline const Kernels& chosen_kernels() {
+  const Kernels* const kernels = load_slot(kernels_slot);
+  return kernels != nullptr ? *kernels : *fill_slot(kernels_slot, kernel_variants);
+}
 
 // P's old values: cleared, or what the products are added to.
 enum class Old { cleared, added };

@@ -1,25 +1,13 @@
-// The portable products, the matrix-vector products, and the choice of the instruction set.
+// The portable products and the matrix-vector products. Portable is their contract: P may overlap
+// the operands, and no memory is needed. The kernels are those of the processor.
 #include <cstring>
 
-#include "cpu/feature_table.h"
 #include "matmul/drive/blocked.h"
 #include "matmul/drive/kernels.h"
 #include "matmul/reference/in_order.h"
 #include "second_names.h"
 
 namespace ksomd::matmul {
-
-constexpr Variant<const Kernels*> kernel_variants[] = {
-    {"avx512", feature_mask("AVX", "AVX512F"), &avx512_kernels},
-    {"avx", feature_mask("AVX"), &avx_kernels},
-    {"baseline", {}, &baseline_kernels},
-};
-const Kernels* kernels_slot;
-
-const Kernels& chosen_kernels() {
-  const Kernels* const kernels = load_slot(kernels_slot);
-  return kernels != nullptr ? *kernels : *fill_slot(kernels_slot, kernel_variants);
-}
 
 namespace {
 
@@ -91,7 +79,6 @@ void multiply_portable(const Product<double>& x, Old old) {
 
 }  // namespace ksomd::matmul
 
-using namespace ksomd;
 using namespace ksomd::matmul;
 
 #define KSOMD_DEFINE(code, element, letter_a, letter_b)                                           \
@@ -132,24 +119,4 @@ void MATMUL_v_nt_pst(const double* a, const double* x, double* y, Size m, Size k
 void MATMUL_v_tt_pst(const double* a, const double* x, double* y, Size k, Size m, Stride lda,
                      Stride incx) {
   multiply_vector(Layout::t, {a, x, y, m, k, lda, incx});
-}
-
-std::span<const DispatchingEntry> ksomd::matmul::kernel_entries() {
-#define KSOMD_DEFINE(code, element, a, b) \
-  dispatching_entry<kernel_variants>("_MATMUL_" #code "_" #a "_" #b "_pst_General"),
-#define KSOMD_DEFINE_PACKED(code, element, a, b) \
-  dispatching_entry<kernel_variants>("_MATMUL_" #code "_" #a "_" #b "_QWide"),
-  // clang-format off
-  static constexpr DispatchingEntry entries[] = {
-      KSOMD_MATMUL_EACH(KSOMD_DEFINE)
-      KSOMD_MATMUL_EACH_R8(KSOMD_DEFINE_PACKED)
-      dispatching_entry<kernel_variants>("MATMUL_v_nn_pst"),
-      dispatching_entry<kernel_variants>("MATMUL_v_tn_pst"),
-      dispatching_entry<kernel_variants>("MATMUL_v_nt_pst"),
-      dispatching_entry<kernel_variants>("MATMUL_v_tt_pst"),
-  };
-  // clang-format on
-#undef KSOMD_DEFINE
-#undef KSOMD_DEFINE_PACKED
-  return entries;
 }
