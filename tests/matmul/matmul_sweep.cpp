@@ -45,7 +45,7 @@ Complex operator*(Complex x, Complex y) {
     return z;
   }
   const unsigned flags = __builtin_ia32_stmxcsr();
-  const auto recover = std::get<sizeof x.re / 8>(std::tuple(__mulsc3, __muldc3));
+  const auto recover = std::get<sizeof x.re / 8>(std::tuple(&__mulsc3, &__muldc3));
   const auto recovered = recover(x.re, x.im, y.re, y.im);
   __builtin_ia32_ldmxcsr(flags);
   return {__real__ recovered, __imag__ recovered};

@@ -114,11 +114,13 @@ TEST_P(LoadedLibrary, HasTheRegionsThatTheKernelLists) {
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
     SCOPED_TRACE(line);
-    std::string allowed, path;
+    std::string allowed, module_path;
     std::istringstream fields(line);
-    (fields >> std::hex >> first).ignore() >> end >> allowed >> path >> path >> path >> path;
-    const bool module = path.starts_with("/") && allowed[3] == 'p', executable = allowed[2] == 'x';
-    const std::uint64_t module_base = modules.emplace(path, first).first->second;
+    (fields >> std::hex >> first).ignore() >> end >> allowed >> module_path >> module_path >>
+        module_path >> module_path;
+    const bool module = module_path.starts_with("/") && allowed[3] == 'p',
+               executable = allowed[2] == 'x';
+    const std::uint64_t module_base = modules.emplace(module_path, first).first->second;
     MEMORY_BASIC_INFORMATION region;
     for (const std::uint64_t address : {first, end - 1}) {
       VirtualQuery(reinterpret_cast<void*>(address), &region, sizeof region);
@@ -126,7 +128,8 @@ TEST_P(LoadedLibrary, HasTheRegionsThatTheKernelLists) {
       EXPECT_EQ(is_code(address), executable);
       EXPECT_LT(address - address_of(region.BaseAddress), region.RegionSize);
       // Some modules are loaded by a shorter name.
-      const std::string found = module_of(address), last = path.substr(path.rfind('/') + 1);
+      const std::string found = module_of(address),
+                        last = module_path.substr(module_path.rfind('/') + 1);
       EXPECT_TRUE(!module || (address_of(region.AllocationBase) == module_base && !found.empty() &&
                               last.starts_with(found)));
     }
