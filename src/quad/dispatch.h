@@ -9,6 +9,12 @@
 
 extern "C" {
 
+// By address: sign(a) * (|a| + |b|) and sign(a) * (|a| - |b|), on words of 64 bits and of 32.
+void quad_add_magnitudes_l(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.L");
+void quad_add_magnitudes_a(quad128*, const quad128*, const quad128*) __asm__("__addq_mag.A");
+void quad_subtract_magnitudes_l(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.L");
+void quad_subtract_magnitudes_a(quad128*, const quad128*, const quad128*) __asm__("__subq_mag.A");
+
 KSOMD_API void quad_multiply_l(quad128*, const quad128*, const quad128*) __asm__("__mulq.L");
 KSOMD_API void quad_multiply_a(quad128*, const quad128*, const quad128*) __asm__("__mulq.A");
 KSOMD_API void quad_divide_l(quad128*, const quad128*, const quad128*) __asm__("__divq.L");
@@ -18,11 +24,11 @@ KSOMD_API void quad_divide_a(quad128*, const quad128*, const quad128*) __asm__("
 
 namespace ksomd::quad {
 
-// sign(a) * (|a| + |b|) and sign(a) * (|a| - |b|), on words of 64 bits and of 32.
-quad128 add_magnitudes_l(quad128 a, quad128 b) __asm__("__addq_mag.L");
-quad128 add_magnitudes_a(quad128 a, quad128 b) __asm__("__addq_mag.A");
-quad128 subtract_magnitudes_l(quad128 a, quad128 b) __asm__("__subq_mag.L");
-quad128 subtract_magnitudes_a(quad128 a, quad128 b) __asm__("__subq_mag.A");
+// The sums and differences of magnitudes by value.
+quad128 add_magnitudes_l(quad128 a, quad128 b);
+quad128 add_magnitudes_a(quad128 a, quad128 b);
+quad128 subtract_magnitudes_l(quad128 a, quad128 b);
+quad128 subtract_magnitudes_a(quad128 a, quad128 b);
 
 inline constexpr FeatureMask features_of_l =
     feature_mask("X87", "CMOV", "MMX", "SSE", "SSE2", "SSE3");

@@ -71,6 +71,19 @@ quad128 subtract_magnitudes_a(quad128 a, quad128 b) {
 
 using namespace ksomd::quad;
 
+void quad_add_magnitudes_l(quad128* r, const quad128* a, const quad128* b) {
+  *r = add_magnitudes_l(*a, *b);
+}
+void quad_add_magnitudes_a(quad128* r, const quad128* a, const quad128* b) {
+  *r = add_magnitudes_a(*a, *b);
+}
+void quad_subtract_magnitudes_l(quad128* r, const quad128* a, const quad128* b) {
+  *r = subtract_magnitudes_l(*a, *b);
+}
+void quad_subtract_magnitudes_a(quad128* r, const quad128* a, const quad128* b) {
+  *r = subtract_magnitudes_a(*a, *b);
+}
+
 void __addq(quad128* r, const quad128* a, const quad128* b) {
   apply<Sum>(r, a, b);
 }

@@ -33,6 +33,36 @@ TEST(QuadCall, KeepsTheCalleesRegisters) {
   }
 }
 
+// A magnitude's sum or difference is the sum with a number of the first operand's sign, or of the
+// other sign: by address, in place, with the same flags.
+TEST(QuadMagnitudes, AreTheSumsOfNumbersWithTheirSigns) {
+  using BinaryRoutine = void(quad128*, const quad128*, const quad128*);
+  auto* const add = entry<BinaryRoutine>("__addq");
+  Random random(seed_of(3));
+  for (int i = 0; i < 20'000; ++i) {
+    const Value a = any_number(random), b = partner(random, a);
+    const std::uint64_t mode = random.below(rounding_modes);
+    constexpr Value sign = Value{1} << 127;
+    const auto sum = [&](BinaryRoutine* routine, Value second) {
+      Value r = a;
+      const unsigned flags = raised_by(mode, [&] {
+        routine(reinterpret_cast<quad128*>(&r), reinterpret_cast<quad128*>(&r),
+                reinterpret_cast<quad128*>(&second));
+      });
+      return std::pair{r, flags};
+    };
+    if ((b & ~sign) <= Value{0x7FFF} << 112) {
+      const Value alike = (b & ~sign) | (a & sign);
+      const auto added = sum(add, alike), subtracted = sum(add, alike ^ sign);
+      EXPECT_TRUE(sum(quad_add_magnitudes_l, b) == added && sum(quad_add_magnitudes_a, b) == added)
+          << paste({a, b}) << mode;
+      EXPECT_TRUE(sum(quad_subtract_magnitudes_l, b) == subtracted &&
+                  sum(quad_subtract_magnitudes_a, b) == subtracted)
+          << paste({a, b}) << mode;
+    }
+  }
+}
+
 TEST(QuadDispatch, NeedsAllFeaturesOfTheFasterVariant) {
   constexpr std::uint64_t needed = 0xEE;  // X87, CMOV, MMX, SSE, SSE2, SSE3
   for (const DispatchingEntry& entry : ksomd::quad::dispatching_entries()) {
