@@ -55,6 +55,8 @@ consteval auto kernels_of() {
 
 template <template <class> class Lanes>
 consteval Kernels kernels_with(bool tiles_serve_packed) {
+  // A chunk of a packed product fits the pieces of one tile's operand.
+  static_assert(kernels_of<RealRows<Lanes<double>>>().piece_depth * max_pieces >= depth_chunk);
   return {kernels_of<RealRows<Lanes<float>>>(),
           kernels_of<RealRows<Lanes<double>>>(),
           kernels_of<ComplexRows<Lanes<float>>>(),
